@@ -1,0 +1,105 @@
+// Device-domain white choke of one strip, 3000 x 1024 source pixels on 7200 x 6144 dots, in one thread. "art"
+// is a design as shops send them: a photo with a soft edge and holes, discs, hard-edged lettering, hair
+// lines. In "grain" the bare parts of the photo carry camera noise around the least value that counts as
+// colour: outline everywhere.
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <cstdlib>
+#include <vector>
+
+#include <benchmark/benchmark.h>
+
+#include "screen/device_choke.h"
+
+namespace nvo {
+namespace {
+
+constexpr std::uint32_t kWidth = 3000, kRows = 1024;
+
+std::uint32_t hash(std::uint32_t x, std::uint32_t y, std::uint32_t seed) {
+  std::uint32_t h = x * 0x9E3779B1u ^ y * 0x85EBCA77u ^ seed * 0xC2B2AE3Du;
+  h = (h ^ h >> 15) * 0x2C1B3C6Du;
+  h = (h ^ h >> 12) * 0x297A2D39u;
+  return h ^ h >> 15;
+}
+
+/// Smooth noise, 0..1, on a lattice of `cell` pixels.
+double smooth_noise(std::uint32_t x, std::uint32_t y, std::uint32_t cell, std::uint32_t seed) {
+  const auto corner = [&](std::uint32_t dx, std::uint32_t dy) {
+    return static_cast<double>(hash(x / cell + dx, y / cell + dy, seed) & 255) / 255.0;
+  };
+  const auto ease = [&](std::uint32_t v) {
+    const double t = static_cast<double>(v % cell) / cell;
+    return t * t * (3.0 - 2.0 * t);
+  };
+  const double top = std::lerp(corner(0, 0), corner(1, 0), ease(x));
+  return std::lerp(top, std::lerp(corner(0, 1), corner(1, 1), ease(x)), ease(y));
+}
+
+struct Art {
+  std::vector<std::uint8_t> coverage, white, light;
+};
+
+Art make_art(bool grain) {
+  Art art;
+  for (auto* plane : {&art.coverage, &art.white, &art.light}) plane->resize(std::size_t{kWidth} * kRows);
+  for (std::uint32_t y = 0; y < kRows; ++y) {
+    for (std::uint32_t x = 0; x < kWidth; ++x) {
+      const double across = std::abs(2.0 * x / kWidth - 1.0), down = std::abs(2.0 * y / kRows - 1.0);
+      const double rim = std::pow(across, 3) + std::pow(down, 3) + 0.3 * (smooth_noise(x, y, 128, 50) - 0.5);
+      double alpha = std::clamp((0.9 - rim) * 40.0, 0.0, 1.0);
+      if (hash(x / 64, y / 64, 60) % 29 == 0 && smooth_noise(x, y, 16, 61) < 0.43) alpha = 0.0;
+      double ink = 2.0 * (smooth_noise(x, y, 256, 1) + 0.3 * smooth_noise(x, y, 32, 2) - 0.35);
+      const bool letter = y % 96 > 30 && x % 48 > 10 && (hash(x % 48 / 8, y % 96 / 12, x / 48) & 1u) != 0;
+      if (letter && across < 0.6) ink = 1.0;
+      for (std::uint32_t line = 0; line < 3; ++line) {
+        const std::uint32_t at = 8 + line * 10;
+        if ((x >= at && x <= at + line) || (y >= at && y <= at + line)) ink = alpha = 1.0;
+      }
+      int value = static_cast<int>(std::clamp(ink, 0.0, 1.0) * 255.0);
+      if (grain) value += static_cast<int>(hash(x, y, 99) % 7) - 3;
+      const auto index = std::size_t{y} * kWidth + x;
+      art.coverage[index] = static_cast<std::uint8_t>(std::clamp(value, grain ? 0 : 4, 255) * alpha);
+      art.white[index] = static_cast<std::uint8_t>(alpha * 255.0);
+      art.light[index] = value < 30 ? 255 : 0;
+    }
+  }
+  return art;
+}
+
+void prepare_choke(benchmark::State& state, bool adaptive, bool grain, float amount) {
+  const Art art = make_art(grain);
+  DeviceChokeInput input;
+  input.coverage = art.coverage.data();
+  input.src_w = kWidth;
+  input.strip_rows = input.total_src_rows = kRows;
+  DeviceChokeParams params;
+  params.amount_px_at_300dpi = amount;
+  params.adaptive = adaptive;
+  if (adaptive) {
+    input.support_plane = art.white.data();
+    input.light_mask = art.light.data();
+  }
+  std::size_t ring = 0;
+  double dots = 0.0;
+  for (auto _ : state) {
+    const ChokeContext context = prepare_device_choke(input, params);
+    ring = context.ring.size();
+    dots = static_cast<double>(context.width) * context.height;
+    benchmark::DoNotOptimize(ring);
+  }
+  const auto rate = benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert;
+  state.counters["s/dot"] = benchmark::Counter(dots, rate);
+  state.counters["ring_dots"] = static_cast<double>(ring);
+}
+
+BENCHMARK_CAPTURE(prepare_choke, adaptive_art, true, false, 1.5f)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(prepare_choke, adaptive_art_widest, true, false, 2.5f)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(prepare_choke, adaptive_grain, true, true, 1.5f)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(prepare_choke, production_art, false, false, 1.5f)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(prepare_choke, production_art_widest, false, false, 2.5f)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(prepare_choke, production_grain, false, true, 1.5f)->Unit(benchmark::kMillisecond);
+
+}  // namespace
+}  // namespace nvo

@@ -1,0 +1,21 @@
+# Sourced by the scripts beside it; leaves the shell at the repository root.
+# shellcheck shell=bash
+cd "$(dirname "${BASH_SOURCE[0]}")/.." || exit
+
+# quietly COMMAND...: shows the command's output only if it fails, and passes its exit code on.
+quietly() {
+  local log status=0
+  log=$(mktemp)
+  "$@" >"$log" 2>&1 || status=$?
+  if ((status != 0)); then
+    cat "$log" >&2
+    echo "Failed ($status): $*" >&2
+  fi
+  rm -f "$log"
+  return "$status"
+}
+
+# configure PRESET [CMAKE_OPTION...]: into build/PRESET, through ccache where it is installed.
+configure() {
+  quietly cmake --preset "$1" -DCMAKE_CXX_COMPILER_LAUNCHER="$(command -v ccache || true)" "${@:2}"
+}

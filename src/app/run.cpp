@@ -1,0 +1,68 @@
+#include "app/run.h"
+
+#include <cstdio>
+#include <exception>
+
+#include "app/job_driver.h"
+#include "app/output_path.h"
+#include "config/job_settings.h"
+#include "config/rip_settings.h"
+#include "core/log.h"
+
+namespace nvo {
+namespace {
+
+void print_line(std::FILE* stream, const std::string& text) {
+  std::fputs((text + "\n").c_str(), stream);
+  std::fflush(stream);
+}
+
+/// The settings that a job works with carry the job's own mode and sheet.
+void adopt_job_values(RipSettings& rip_settings, const JobSettings& job) {
+  rip_settings.print_mode_id =
+      job.print_mode.id.empty() ? default_print_mode(job.head()).id : job.print_mode.id;
+  rip_settings.nesting_gap_in = job.repeated_file_gap_in;
+  rip_settings.sheet_width_in = job.sheet_width_in;
+  rip_settings.max_length_in = job.max_length_in;
+}
+
+int run_guarded(const std::string& input_path, const std::string& explicit_output) {
+  RipSettings rip_settings = load_rip_settings();
+  const JobSettings job = load_job_settings(rip_settings);
+
+  std::string output_path;
+  std::string error;
+  bool parent_created = false;
+  if (!resolve_output_path(input_path, explicit_output, rip_settings, job, output_path, error,
+                           parent_created)) {
+    print_line(stderr, "Output path error: " + (error.empty() ? "cannot prepare output path" : error));
+    return kExitFailed;
+  }
+  if (parent_created) {
+    const std::string text = "Output path info: explicit output parent directory created.";
+    print_line(stdout, text);
+    log_info(text);
+  }
+  log_info("NVO RIP CLI");
+  log_info("Input:  ", input_path);
+  log_info("Output: ", output_path);
+
+  adopt_job_values(rip_settings, job);
+  run_job(input_path, output_path, rip_settings, job.icc, 0.0f, 0.0f, JobCallbacks(), &job, 0.0f);
+  log_info("Done: ", output_path);
+  return kExitDone;
+}
+
+}  // namespace
+
+int run(const std::string& input_path, const std::string& output_path) {
+  Logger::instance().set_level(LogLevel::info);
+  try {
+    return run_guarded(input_path, output_path);
+  } catch (const std::exception& e) {
+    log_error("Fatal: ", e.what());
+    return kExitFailed;
+  }
+}
+
+}  // namespace nvo

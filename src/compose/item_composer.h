@@ -1,0 +1,81 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "compose/color_conversion.h"
+#include "compose/compositor_config.h"
+#include "compose/compositor_counters.h"
+#include "compose/item_caches.h"
+#include "compose/item_raster.h"
+#include "compose/lease_pool.h"
+#include "compose/strip_buffer.h"
+#include "plan/rip_job_options.h"
+
+namespace nvo {
+
+/// Paints one placed image into a strip, in one of three ways with equal results: from the few source rows that the
+/// strip needs (large files), from a raster of the whole item that all strips and copies share, or straight from the
+/// loaded image. Any thread may compose; items that run at the same time must not overlap in one strip.
+class ItemComposer {
+ public:
+  explicit ItemComposer(const StripCompositorConfig& config) : config_(config) {}
+
+  /// Not during composition.
+  void set_icc_settings(const IccSettings& settings);
+  void clear_caches() { caches_.clear(); }
+
+  /// An item that cannot be read is logged and left out. A null worker uses the shared converters, and may spread rows
+  /// over threads.
+  void compose_item(const LayoutItem& item, StripBuffer& strip, WorkerIcc* worker);
+
+  CounterBook& counters() { return counters_; }
+  const CounterBook& counters() const { return counters_; }
+  LeasePool<WorkerIcc>& worker_icc() { return worker_icc_; }
+
+ private:
+  /// One item on one strip.
+  struct Job {
+    const LayoutItem& item;
+    StripBuffer& strip;
+    WorkerIcc* worker;
+    ItemPlacement placement;
+    IndexRange rows;  ///< of the item, that the strip shows
+    ContentSignature signature;
+  };
+  /// What all three ways compute from an item's metadata before the first pixel.
+  struct Plan {
+    ItemGrid grid;
+    ItemTraits traits;
+    RowColor color;
+  };
+
+  std::shared_ptr<SharedSource> open_source(const Job& job);
+  bool compose_from_source(const Job& job, SharedSource& source);
+  bool read_source_rows(const Job& job, RasterSource& source, const IndexRange& rows,
+                        std::vector<std::uint8_t>& buffer);
+  void compose_from_image(const Job& job);
+  std::shared_ptr<const LoadedImage> load_item(const Job& job);
+  std::string raster_key(const Job& job) const;
+  std::shared_ptr<const PreparedItemRaster> prepare_item_raster(const Job& job, const std::string& key,
+                                                                const LoadedImage& image);
+  void compose_direct(const Job& job, const LoadedImage& image);
+
+  Plan make_plan(const Job& job, const ImageMeta& meta);
+  RowColor start_color(const ImageMeta& meta, bool is_rgb, WorkerIcc* worker);
+  bool classify_white_coverage(const Job& job, const LoadedImage* image, RasterSource* source);
+  std::uint64_t raster_onto_strip(const Job& job, const Plan& plan, const SourceView& view);
+  std::uint64_t raster_rows(const Plan& plan, const SourceView& view, const ColumnMap& columns,
+                            const IndexRange& rows, const PixelTarget& target);
+
+  const StripCompositorConfig config_;
+  ColorConversion conversion_;
+  ItemCaches caches_;
+  CounterBook counters_;
+  LeasePool<WorkerIcc> worker_icc_;
+  LeasePool<std::vector<std::uint8_t>> row_buffers_;
+};
+
+}  // namespace nvo

@@ -1,0 +1,56 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <mutex>
+#include <vector>
+
+#include "compose/compositor_config.h"
+#include "compose/compositor_counters.h"
+#include "compose/item_composer.h"
+#include "compose/strip_buffer.h"
+#include "config/icc_settings.h"
+#include "plan/rip_job_options.h"
+
+namespace nvo {
+
+/// Turns the placed sheet into strips: the full sheet width by some rows, on the source grid. Set layout, colour and
+/// profiling first; from then on `compose_strip` may run on several threads at once.
+class StripCompositor {
+ public:
+  explicit StripCompositor(const StripCompositorConfig& config) : config_(config), composer_(config) {}
+
+  /// Copies the layout and forgets what was cached of an earlier one.
+  void set_layout(const SheetLayout& layout);
+  /// Forgets all converters, so that a profile that failed is tried again.
+  void set_icc_settings(const IccSettings& settings);
+  void set_profiling(bool enabled) { composer_.counters().set_profiling(enabled); }
+  void reset_counters() { composer_.counters().reset(); }
+  CompositorCounters read_counters() const { return composer_.counters().read(); }
+
+  /// Rows `y` .. `y + height - 1` of the sheet; height 0 stands for the configured one. Later items cover earlier
+  /// ones without blending. An item that cannot be read is logged and left out; running out of memory throws. The
+  /// memory of `spent`, a strip that nobody needs any longer, is used again.
+  StripBuffer compose_strip(std::uint32_t y, std::uint32_t height, StripBuffer spent = {});
+
+ private:
+  struct IndexEntry {
+    std::size_t position;  ///< in the layout's items
+    float top_in, bottom_in;
+  };
+
+  StripBuffer blank_strip(std::uint32_t y, std::uint32_t height, StripBuffer spent) const;
+  std::vector<const LayoutItem*> select_items(std::uint32_t y, std::uint32_t height) const;
+  void compose_sequentially(const std::vector<const LayoutItem*>& items, StripBuffer& strip);
+  void compose_in_parallel(const std::vector<const LayoutItem*>& items, std::uint32_t threads, StripBuffer& strip);
+  void compose_item(const LayoutItem& item, StripBuffer& strip, WorkerIcc* worker);
+  void finish_white(StripBuffer& strip);
+
+  const StripCompositorConfig config_;
+  SheetLayout layout_;
+  std::vector<IndexEntry> item_index_;  ///< by top edge
+  ItemComposer composer_;
+  std::mutex compose_mutex_;  ///< one strip at a time spreads its items over threads
+};
+
+}  // namespace nvo

@@ -1,0 +1,347 @@
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstdint>
+#include <exception>
+#include <limits>
+#include <span>
+#include <string>
+#include <string_view>
+#include <variant>
+
+#include <nlohmann/json.hpp>
+
+#include "config/job_settings.h"
+#include "config/settings_paths.h"
+#include "core/file_io.h"
+#include "core/log.h"
+#include "core/text.h"
+
+namespace nvo {
+namespace {
+
+using nlohmann::json;
+
+constexpr std::uint64_t kMaxFileBytes = 1048576;
+constexpr float kNoLimit = std::numeric_limits<float>::max();
+constexpr float kLeastLengthIn = 0.01f;
+constexpr float kMaxChokeAmount = 2.5f;
+constexpr std::int32_t kMinWidthDots = 1, kMaxWidthDots = 16;
+constexpr float kMaxLightness = 100.0f;
+constexpr float kDefaultLightness = 85.0f;
+
+// ---- Tokens ----
+
+/// One spelling of a value, as it is compared.
+template <class Value>
+struct Token {
+  std::string_view token;
+  Value value;
+};
+
+constexpr Token<PrintHead> kHeadTokens[] = {
+    {"i3200", PrintHead::i3200}, {"i1600", PrintHead::i1600}, {"xp600", PrintHead::xp600}};
+
+constexpr Token<SheetPlacementMode> kPlacementTokens[] = {
+    {"left", SheetPlacementMode::align_left},          {"alignleft", SheetPlacementMode::align_left},
+    {"center", SheetPlacementMode::align_center},      {"centre", SheetPlacementMode::align_center},
+    {"aligncenter", SheetPlacementMode::align_center}, {"aligncentre", SheetPlacementMode::align_center},
+    {"right", SheetPlacementMode::align_right},        {"alignright", SheetPlacementMode::align_right}};
+
+constexpr Token<ResamplingMode> kResamplingTokens[] = {
+    {"smooth", ResamplingMode::smooth},         {"bilinear", ResamplingMode::smooth},
+    {"area", ResamplingMode::smooth},           {"box", ResamplingMode::smooth},
+    {"soft", ResamplingMode::smooth},           {"hard", ResamplingMode::hard},
+    {"nearest", ResamplingMode::hard},          {"nearestneighbor", ResamplingMode::hard},
+    {"nearestneighbour", ResamplingMode::hard}, {"edge", ResamplingMode::hard},
+    {"hardedge", ResamplingMode::hard}};
+
+constexpr Token<std::uint32_t> kChannelTokens[] = {
+    {"c", kChannelC},      {"cyan", kChannelC},      {"m", kChannelM},     {"magenta", kChannelM},
+    {"y", kChannelY},      {"yellow", kChannelY},    {"k", kChannelK},     {"key", kChannelK},
+    {"black", kChannelK},  {"w", kChannelW},         {"white", kChannelW}, {"off", kChannelOff},
+    {"none", kChannelOff}, {"disabled", kChannelOff}};
+
+constexpr WhiteChokeSetting kDistanceMask = WhiteChokeSetting::legacy_same_grid_distance_mask;
+constexpr Token<WhiteChokeSetting> kChokeTokens[] = {
+    {"baseline", WhiteChokeSetting::baseline},
+    {"distancemask", kDistanceMask},
+    {"distmask", kDistanceMask},
+    {"samegrid", kDistanceMask},
+    {"experimental", kDistanceMask},
+    {"distancemaskexperimental", kDistanceMask},
+    {"experimentaldistancemask", kDistanceMask},
+    {"samegriddistancemask", kDistanceMask},
+    {"distancemasksamegrid", kDistanceMask},
+    {"distancemaskexperimentalsamegrid", kDistanceMask},
+    {"production", WhiteChokeSetting::production},
+    {"prod", WhiteChokeSetting::production},
+    {"default", WhiteChokeSetting::production},
+    {"device", WhiteChokeSetting::production},
+    {"devicedomain", WhiteChokeSetting::production},
+    {"devicedomainchoke", WhiteChokeSetting::production},
+    {"devicedomainexperimental", WhiteChokeSetting::production},
+    {"deviceexperimental", WhiteChokeSetting::production},
+    {"ripdomain", WhiteChokeSetting::production},
+    {"ripdomainexperimental", WhiteChokeSetting::production},
+    {"adaptive", WhiteChokeSetting::adaptive},
+    {"adaptivewhite", WhiteChokeSetting::adaptive},
+    {"adaptivechoke", WhiteChokeSetting::adaptive},
+    {"adaptivewhitechoke", WhiteChokeSetting::adaptive}};
+
+/// What an unknown token becomes, and how the warning calls it.
+template <class Value>
+struct Fallback {
+  Value value;
+  const char* name;
+};
+
+template <class Value>
+Value parse_token(std::span<const Token<Value>> tokens, const std::string& key, const std::string& text,
+                  Fallback<Value> fallback) {
+  const std::string token = normalize_token(text);
+  for (const Token<Value>& row : tokens)
+    if (row.token == token) return row.value;
+  log_warn("JobSettings: unknown ", key, " token '", text, "'; using ", fallback.name);
+  return fallback.value;
+}
+
+// ---- Keys: what each takes and where it goes ----
+
+struct Flag {
+  bool JobSettings::*field;
+};
+
+/// A number cut to a range.
+struct Amount {
+  float JobSettings::*field;
+  float low;
+  float high = kNoLimit;
+};
+
+struct Resampling {
+  ResamplingMode JobSettings::*field;
+  Fallback<ResamplingMode> fallback;
+};
+
+/// A key with rules of its own. `key` is its name in the file.
+struct Special {
+  void (*apply)(const json& value, const char* key, JobSettings& job);
+};
+
+struct KeyRow {
+  const char* key;
+  std::variant<Flag, Amount, Resampling, Special> rule;
+};
+
+void apply_device_board(const json& value, const char*, JobSettings& job) {
+  if (value.is_string() && normalize_token(value.get<std::string>()) == "hoson")
+    job.device_board = DeviceBoard::hoson;
+}
+
+void apply_print_head(const json& value, const char* key, JobSettings& job) {
+  if (!value.is_string()) return;
+  job.print_head =
+      parse_token<PrintHead>(kHeadTokens, key, value.get<std::string>(), {PrintHead::i3200, "i3200"});
+}
+
+void apply_print_mode_id(const json& value, const char*, JobSettings& job) {
+  if (!value.is_string()) return;
+  const auto& id = value.get_ref<const std::string&>();
+  if (const PrintMode* mode = find_print_mode(job.head(), id))
+    job.print_mode = *mode;
+  else if (const PrintMode* legacy = find_legacy_print_mode(id))
+    job.print_mode = resolve_print_mode(job.head(), *legacy);
+}
+
+void apply_channel_map(const json& value, const char* key, JobSettings& job) {
+  if (!value.is_array()) {
+    job.output_channel_map = default_channel_map(job.head());
+    return;
+  }
+  std::vector<std::uint32_t> slots;
+  for (std::size_t i = 0; i < value.size(); ++i) {
+    const std::string label = std::string(key) + "[" + std::to_string(i) + "]";
+    slots.push_back(
+        parse_token<std::uint32_t>(kChannelTokens, label, value[i].get<std::string>(), {kChannelOff, "Off"}));
+  }
+  job.output_channel_map = normalize_channel_map(job.head(), slots);
+}
+
+void apply_placement(const json& value, const char* key, JobSettings& job) {
+  if (!value.is_string()) return;
+  job.sheet_placement_mode = parse_token<SheetPlacementMode>(
+      kPlacementTokens, key, value.get<std::string>(), {SheetPlacementMode::align_center, "AlignCenter"});
+}
+
+void apply_icc(const json& value, const char*, JobSettings& job) {
+  if (value.is_object()) parse_icc_settings(value, job.icc, nullptr);
+}
+
+constexpr std::string_view kInkBudget = "InkBudget";
+
+void apply_legacy_white_mode(const json& value, const char*, JobSettings&) {
+  if (!value.is_string()) return;
+  const auto& name = value.get_ref<const std::string&>();
+  if (name == "SourceCoverage") return;
+  if (name != "SolidUnderbase" && name != kInkBudget) {
+    log_warn("JobSettings: unknown legacy white_generation_mode '", name, "' ignored; using SourceCoverage.");
+    return;
+  }
+  log_warn("JobSettings: legacy white_generation_mode '", name, "' migrated to SourceCoverage");
+  if (name == kInkBudget) log_warn("JobSettings: legacy InkBudget maps to white_ink_limit_enabled.");
+}
+
+void apply_choke_algorithm(const json& value, const char* key, JobSettings& job) {
+  if (!value.is_string()) return;
+  job.white_choke_algorithm = parse_token<WhiteChokeSetting>(kChokeTokens, key, value.get<std::string>(),
+                                                             {WhiteChokeSetting::production, "production"});
+}
+
+void apply_min_width(const json& value, const char*, JobSettings& job) {
+  if (!value.is_number()) return;
+  const double width = value.get<double>();
+  if (!std::isfinite(width)) return;
+  job.white_choke_adaptive_min_width_dots = static_cast<std::int32_t>(
+      std::clamp(std::round(width), static_cast<double>(kMinWidthDots), static_cast<double>(kMaxWidthDots)));
+}
+
+constexpr Fallback<ResamplingMode> kSmooth{ResamplingMode::smooth, "smooth"};
+constexpr Fallback<ResamplingMode> kHard{ResamplingMode::hard, "hard"};
+
+// The order is that in which keys take effect: of two keys for one field the later one wins.
+constexpr KeyRow kKeys[] = {
+    {"device_board", Special{apply_device_board}},
+    {"print_head", Special{apply_print_head}},
+    {"print_mode_id", Special{apply_print_mode_id}},
+    {"output_channel_map", Special{apply_channel_map}},
+    {"nesting_gap_in", Amount{&JobSettings::repeated_file_gap_in, 0.0f}},
+    {"repeated_file_gap_in", Amount{&JobSettings::repeated_file_gap_in, 0.0f}},
+    {"sheet_width_in", Amount{&JobSettings::sheet_width_in, kLeastLengthIn}},
+    {"max_length_in", Amount{&JobSettings::max_length_in, kLeastLengthIn}},
+    {"sheet_margin_left_in", Amount{&JobSettings::sheet_margin_left_in, 0.0f}},
+    {"sheet_margin_right_in", Amount{&JobSettings::sheet_margin_right_in, 0.0f}},
+    {"sheet_margin_top_in", Amount{&JobSettings::sheet_margin_top_in, 0.0f}},
+    {"sheet_margin_bottom_in", Amount{&JobSettings::sheet_margin_bottom_in, 0.0f}},
+    {"sheet_placement_mode", Special{apply_placement}},
+    {"icc", Special{apply_icc}},
+    {"white_generation_mode", Special{apply_legacy_white_mode}},
+    {"white_choke_enabled", Flag{&JobSettings::white_choke_enabled}},
+    {"use_color_expansion_over_white", Flag{&JobSettings::white_choke_enabled}},
+    {"white_choke_amount_px_at_300dpi",
+     Amount{&JobSettings::white_choke_amount_px_at_300dpi, 0.0f, kMaxChokeAmount}},
+    {"expansion_amount_px_at_300dpi",
+     Amount{&JobSettings::white_choke_amount_px_at_300dpi, 0.0f, kMaxChokeAmount}},
+    {"white_choke_algorithm", Special{apply_choke_algorithm}},
+    {"white_choke_strategy", Special{apply_choke_algorithm}},
+    {"white_choke_adaptive_min_width_dots", Special{apply_min_width}},
+    {"adaptive_white_choke_min_width_dots", Special{apply_min_width}},
+    {"white_choke_adaptive_protect_light_enabled",
+     Flag{&JobSettings::white_choke_adaptive_protect_light_enabled}},
+    {"adaptive_white_choke_protect_light_enabled",
+     Flag{&JobSettings::white_choke_adaptive_protect_light_enabled}},
+    {"white_choke_adaptive_lightness_threshold",
+     Amount{&JobSettings::white_choke_adaptive_lightness_threshold, 0.0f, kMaxLightness}},
+    {"adaptive_white_choke_lightness_threshold",
+     Amount{&JobSettings::white_choke_adaptive_lightness_threshold, 0.0f, kMaxLightness}},
+    {"color_resampling_mode", Resampling{&JobSettings::color_resampling_mode, kSmooth}},
+    {"color_resampling", Resampling{&JobSettings::color_resampling_mode, kSmooth}},
+    {"color_resampling_linear_light", Flag{&JobSettings::color_resampling_linear_light}},
+    {"white_resampling_mode", Resampling{&JobSettings::white_resampling_mode, kHard}},
+    {"white_resampling", Resampling{&JobSettings::white_resampling_mode, kHard}},
+    {"white_ink_limit_enabled", Flag{&JobSettings::white_ink_limit_enabled}},
+    {"total_ink_budget_pct", Amount{&JobSettings::total_ink_budget_pct, 0.0f}},
+    {"max_white_pct", Amount{&JobSettings::max_white_pct, 0.0f}},
+    {"min_white_pct", Amount{&JobSettings::min_white_pct, 0.0f}},
+};
+
+void apply(const Flag& rule, const json& value, const char*, JobSettings& job) {
+  if (value.is_boolean()) job.*rule.field = value.get<bool>();
+}
+
+void apply(const Amount& rule, const json& value, const char*, JobSettings& job) {
+  if (!value.is_number()) return;
+  const double number = value.get<double>();
+  if (!std::isfinite(number)) return;
+  job.*rule.field =
+      static_cast<float>(std::clamp(number, static_cast<double>(rule.low), static_cast<double>(rule.high)));
+}
+
+void apply(const Resampling& rule, const json& value, const char* key, JobSettings& job) {
+  if (value.is_string())
+    job.*rule.field =
+        parse_token<ResamplingMode>(kResamplingTokens, key, value.get<std::string>(), rule.fallback);
+}
+
+void apply(const Special& rule, const json& value, const char* key, JobSettings& job) {
+  rule.apply(value, key, job);
+}
+
+void apply_keys(const json& document, JobSettings& job) {
+  if (!document.is_object()) return;
+  for (const KeyRow& row : kKeys) {
+    const auto found = document.find(row.key);
+    if (found != document.end())
+      std::visit([&](const auto& rule) { apply(rule, *found, row.key, job); }, row.rule);
+  }
+  // An old file's InkBudget stands above the newer key.
+  const auto legacy = document.find("white_generation_mode");
+  if (legacy != document.end() && legacy->is_string() && legacy->get_ref<const std::string&>() == kInkBudget)
+    job.white_ink_limit_enabled = true;
+}
+
+void normalize(JobSettings& job) {
+  job.min_white_pct = std::min(job.min_white_pct, job.max_white_pct);
+  job.print_mode = resolve_print_mode(job.head(), job.print_mode);
+  job.output_channel_map = normalize_channel_map(job.head(), job.output_channel_map);
+  job.white_generation_mode = WhiteGenerationMode::source_coverage;
+  if (job.white_choke_algorithm != WhiteChokeSetting::adaptive)
+    job.white_choke_algorithm = WhiteChokeSetting::production;
+  job.white_choke_adaptive_min_width_dots =
+      std::clamp(job.white_choke_adaptive_min_width_dots, kMinWidthDots, kMaxWidthDots);
+  float& threshold = job.white_choke_adaptive_lightness_threshold;
+  threshold = std::isnan(threshold) ? kDefaultLightness : std::clamp(threshold, 0.0f, kMaxLightness);
+}
+
+JobSettings read_job(const RipSettings& rip_settings, const std::string& path) {
+  JobSettings job = default_job_settings(rip_settings, load_icc_settings());
+  json document;
+  std::string error;
+  bool missing = false;
+  if (!read_json_bounded(path, kMaxFileBytes, document, &error, &missing)) {
+    if (!missing) log_error("JobSettings: falling back to defaults for '", path, "': ", error);
+    return job;
+  }
+  if (!document.is_object() || !document.contains("output_channel_map"))
+    job.output_channel_map.clear();  // the default map of whichever head the file ends with
+  apply_keys(document, job);
+  normalize(job);
+  return job;
+}
+
+}  // namespace
+
+std::string job_settings_path() {
+  constexpr std::string_view kMainName = "settings.json";
+  std::string path = settings_path();
+  const auto at = path.find(kMainName);
+  return at == std::string::npos ? path + ".job_settings.json"
+                                 : path.replace(at, kMainName.size(), "job_settings.json");
+}
+
+JobSettings load_job_settings(const RipSettings& rip_settings) {
+  return load_job_settings(rip_settings, job_settings_path());
+}
+
+JobSettings load_job_settings(const RipSettings& rip_settings, const std::string& path) {
+  try {
+    return read_job(rip_settings, path);
+  } catch (const std::exception& e) {
+    log_error("JobSettings: parse failed for '", path, "': ", e.what());
+  } catch (...) {
+    log_error("JobSettings: parse failed for '", path, "': unknown error");
+  }
+  return default_job_settings(rip_settings, load_icc_settings());
+}
+
+}  // namespace nvo

@@ -1,0 +1,42 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include <nlohmann/json_fwd.hpp>
+
+#include "core/platform/file.h"
+
+namespace nvo {
+
+/// The open temporary file of one atomic write. Closes itself; deleting the file is the writer's job.
+struct TempFile {
+  std::string path;
+  platform::File handle;
+  platform::TemporaryName name;
+};
+
+// None of these functions throws for file problems: they return false and, where `error` is not null, say
+// why. Paths are UTF-8.
+
+/// Reads a whole file of at most `max_bytes` bytes (0 means no cap) into `out`. The size is tested before any
+/// byte is read. A file that is not there sets `missing` and leaves `error` empty.
+bool read_file_bounded(const std::string& path, std::uint64_t max_bytes, std::string& out, std::string* error,
+                       bool* missing);
+
+/// `read_file_bounded` and a JSON parse; `json` is null on failure.
+bool read_json_bounded(const std::string& path, std::uint64_t max_bytes, nlohmann::json& json,
+                       std::string* error, bool* missing);
+
+/// All or nothing: afterwards `path` is the complete new file, or, on failure, what it was before. Makes the
+/// parent folder with its ancestors when it is not there.
+bool write_file_atomic(const std::string& path, std::string_view content, std::string* error);
+
+/// A new file beside `target`, under a name that no other process or thread takes.
+TempFile create_unique_temp(const std::string& target, std::string* error);
+
+/// Moves `temp` over `target` in one step; waits out another process that has the target open for a moment.
+bool atomic_replace(const std::string& temp, const std::string& target, std::string* error);
+
+}  // namespace nvo

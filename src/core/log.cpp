@@ -1,0 +1,69 @@
+#include "core/log.h"
+
+#include <cstdio>
+#include <ctime>
+
+#include "core/platform/clock.h"
+
+namespace nvo {
+namespace {
+
+const char* level_name(LogLevel level) {
+  switch (level) {
+    case LogLevel::debug:
+      return "DEBUG";
+    case LogLevel::info:
+      return "INFO ";
+    case LogLevel::warn:
+      return "WARN ";
+    case LogLevel::error:
+      return "ERROR";
+  }
+  return "?????";
+}
+
+std::string format_line(LogLevel level, const std::string& text) {
+  const std::tm now = platform::local_time(std::time(nullptr));
+  char stamp[16];
+  const auto length = std::strftime(stamp, sizeof stamp, "%H:%M:%S", &now);
+  std::string line(stamp, length);
+  line.append(" [").append(level_name(level)).append("] ").append(text);
+  return line;
+}
+
+}  // namespace
+
+Logger& Logger::instance() {
+  static Logger logger;
+  return logger;
+}
+
+int Logger::add_sink(Sink sink) {
+  const std::lock_guard lock(sink_mutex_);
+  sinks_.emplace_back(next_sink_id_, std::move(sink));
+  return next_sink_id_++;
+}
+
+void Logger::remove_sink(int id) {
+  const std::lock_guard lock(sink_mutex_);
+  std::erase_if(sinks_, [id](const auto& entry) { return entry.first == id; });
+}
+
+void Logger::emit(LogLevel level, const std::string& text) {
+  const std::string line = format_line(level, text);
+  std::vector<Sink> sinks;
+  {
+    const std::lock_guard lock(sink_mutex_);
+    sinks.reserve(sinks_.size());
+    for (const auto& entry : sinks_) sinks.push_back(entry.second);
+  }
+  for (const Sink& sink : sinks) sink(level, line);
+  if (!sinks.empty()) return;
+
+  const std::lock_guard lock(console_mutex_);
+  std::fwrite(line.data(), 1, line.size(), stdout);
+  std::fputc('\n', stdout);
+  std::fflush(stdout);
+}
+
+}  // namespace nvo

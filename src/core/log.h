@@ -1,0 +1,69 @@
+#pragma once
+
+#include <atomic>
+#include <functional>
+#include <mutex>
+#include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace nvo {
+
+enum class LogLevel : int { debug = 0, info = 1, warn = 2, error = 3 };
+
+/// The process-wide log. A line is the local time, the level in a field of five characters between brackets
+/// and the text, as in `14:03:22 [INFO ] Done: out.prt`. Lines go to the registered sinks, or to standard
+/// output when there are none. Any thread may log; sinks run on the logging thread, outside all locks.
+class Logger {
+ public:
+  using Sink = std::function<void(LogLevel, const std::string&)>;
+
+  static Logger& instance();
+
+  /// Lines below `level` are dropped before their pieces are formatted.
+  void set_level(LogLevel level) { minimum_level_.store(level, std::memory_order_relaxed); }
+  LogLevel level() const { return minimum_level_.load(std::memory_order_relaxed); }
+
+  /// Streams the pieces (texts, numbers, paths) in order into one line.
+  template <class... Pieces>
+  void log(LogLevel level, const Pieces&... pieces) {
+    if (level < minimum_level_.load(std::memory_order_relaxed)) return;
+    std::ostringstream text;
+    (text << ... << pieces);
+    emit(level, text.str());
+  }
+
+  /// Returns an id for `remove_sink`. While a sink is registered nothing is written to standard output.
+  int add_sink(Sink sink);
+  void remove_sink(int id);
+
+ private:
+  Logger() = default;
+  void emit(LogLevel level, const std::string& text);
+
+  std::atomic<LogLevel> minimum_level_{LogLevel::info};
+  std::mutex sink_mutex_;
+  std::vector<std::pair<int, Sink>> sinks_;
+  int next_sink_id_ = 1;
+  std::mutex console_mutex_;
+};
+
+template <class... Pieces>
+void log_debug(const Pieces&... pieces) {
+  Logger::instance().log(LogLevel::debug, pieces...);
+}
+template <class... Pieces>
+void log_info(const Pieces&... pieces) {
+  Logger::instance().log(LogLevel::info, pieces...);
+}
+template <class... Pieces>
+void log_warn(const Pieces&... pieces) {
+  Logger::instance().log(LogLevel::warn, pieces...);
+}
+template <class... Pieces>
+void log_error(const Pieces&... pieces) {
+  Logger::instance().log(LogLevel::error, pieces...);
+}
+
+}  // namespace nvo

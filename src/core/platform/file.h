@@ -1,0 +1,70 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+namespace nvo::platform {
+
+/// The system's text for an error code of this header's functions.
+std::string error_text(int code);
+bool means_already_exists(int code);
+/// True where another process holds the file for a moment and a later try may succeed.
+bool is_transient(int code);
+
+/// A file open for writing. Every function reports failure through the returned code: 0, or the system's
+/// error. Closes itself when destroyed. Not for several threads at once.
+class File {
+ public:
+  File() = default;
+  File(File&& other) noexcept;
+  File& operator=(File&& other) noexcept;
+  ~File();
+
+  /// Creates a file that does not exist yet; the error is "already exists" where it does.
+  int create_exclusive(const std::string& path);
+
+  bool is_open() const { return descriptor_ >= 0; }
+
+  /// Writes up to `size` bytes; `written` tells how many.
+  int write_some(const void* data, std::size_t size, std::size_t& written);
+  /// Writes all bytes, in as many calls as the system wants.
+  int write_all(const void* data, std::size_t size);
+  /// Lets the system start to carry what was written to the disk, without waiting: a later `flush` of a
+  /// large file is short then. No promise; failures show at `flush`.
+  void start_write_back() noexcept;
+  /// Sends what was written on to the disk.
+  int flush();
+  int close();
+
+ private:
+  int descriptor_ = -1;
+};
+
+/// Moves `from` over `to` in one step and makes the change durable. `to` is the old or the new file, never a
+/// part.
+int replace_file(const std::string& from, const std::string& to);
+
+/// Removes a file; nobody asks whether it was there.
+void remove_file(const std::string& path) noexcept;
+
+/// Names a file that has to go if the process is ended by a signal. Set it once the file exists; `release`
+/// it, or let it go out of scope, when the file has been moved or removed.
+class TemporaryName {
+ public:
+  TemporaryName() = default;
+  explicit TemporaryName(const std::string& path);
+  TemporaryName(TemporaryName&& other) noexcept;
+  TemporaryName& operator=(TemporaryName&& other) noexcept;
+  ~TemporaryName();
+  void release() noexcept;
+
+ private:
+  int slot_ = -1;
+};
+
+/// From here on a termination request (INT, TERM, HUP, QUIT) removes all live `TemporaryName` files before
+/// the process ends by that signal, and a closed standard output no longer ends it. Called once by `main`.
+void install_termination_cleanup();
+
+}  // namespace nvo::platform

@@ -1,0 +1,23 @@
+#pragma once
+
+#include <filesystem>
+#include <string>
+#include <string_view>
+
+namespace nvo::platform {
+
+/// Texts are UTF-8 in memory; these two are the only place where they meet the file system's own form.
+std::filesystem::path to_path(std::string_view utf8);
+std::string to_utf8(const std::filesystem::path& path);
+
+/// Folder of the running executable; empty when the system cannot tell.
+std::filesystem::path executable_directory();
+
+/// The per-user application data folder. On failure `folder` is empty and `error` holds the system's code.
+struct UserFolder {
+  std::filesystem::path folder;
+  int error = 0;
+};
+UserFolder user_config_directory();
+
+}  // namespace nvo::platform

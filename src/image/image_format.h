@@ -1,0 +1,33 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <string>
+#include <string_view>
+
+#include "image/image_types.h"
+#include "image/raster_source.h"
+
+namespace nvo {
+
+/// What a file says of its size. A resolution that it does not state is 0.
+struct ImageExtent {
+  std::uint32_t width = 0, height = 0;  ///< pixels
+  float dpi_x = 0.0f, dpi_y = 0.0f;     ///< dots per inch
+};
+
+/// One family of files that this program reads. The functions throw when a file cannot be read.
+struct ImageFormat {
+  ImageSourceKind kind;
+  std::span<const std::string_view> extensions;  ///< lower case, without the dot
+  float default_dpi;                             ///< for files that state no resolution
+  ImageExtent (*probe)(const std::string& path);
+  LoadedImage (*load)(const std::string& path);
+  std::shared_ptr<RasterSource> (*open_source)(const std::string& path);
+};
+
+/// The format that reads files of this extension (lower case, without the dot), or null.
+const ImageFormat* find_image_format(std::string_view extension);
+
+}  // namespace nvo

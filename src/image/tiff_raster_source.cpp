@@ -1,0 +1,110 @@
+#include "image/tiff_raster_source.h"
+
+#include <exception>
+#include <stdexcept>
+#include <utility>
+#include <vector>
+
+#include "core/log.h"
+#include "image/banded_raster_source.h"
+#include "image/tiff_image.h"
+#include "image/tiff_reader.h"
+
+namespace nvo {
+namespace {
+
+class TiffRasterSource final : public BandedRasterSource {
+ public:
+  TiffRasterSource(const std::string& path, TiffReader reader, TiffMeta tiff)
+      : BandedRasterSource(describe_tiff(path, tiff)), tiff_(std::move(tiff)), reader_(std::move(reader)) {}
+
+  bool supports_row_reads() const override { return true; }
+
+  std::string read_strategy() const override {
+    return fallback_ ? "fallback full-image decode (" + fallback_reason_ + ")" : "native TIFF partial rows";
+  }
+
+ private:
+  bool read_band(std::uint32_t y, std::uint32_t rows, std::vector<std::uint8_t>& out,
+                 std::string& error) override {
+    if (!fallback_ && read_native(y, rows, out)) return true;
+    if (!decode_full_image(error)) return false;
+    const auto* first = full_image_.data() + y * row_bytes();
+    out.assign(first, first + rows * row_bytes());
+    return true;
+  }
+
+  bool read_native(std::uint32_t y, std::uint32_t rows, std::vector<std::uint8_t>& out) {
+    try {
+      read_presented(y, rows, out);
+      return true;
+    } catch (const std::exception& failure) {
+      fall_back(failure.what());
+    } catch (...) {
+      fall_back("unknown error");
+    }
+    return false;
+  }
+
+  /// Rows in the form that the metadata describes.
+  void read_presented(std::uint32_t y, std::uint32_t rows, std::vector<std::uint8_t>& out) {
+    if (!tiff_.is_gray) {
+      reader_.read_rows(y, rows, out);
+      return;
+    }
+    reader_.read_rows(y, rows, gray_band_);
+    const std::size_t pixels = std::size_t{tiff_.width} * rows;
+    if (gray_band_.size() != pixels * tiff_.samples_per_pixel)
+      throw std::runtime_error("RasterSource(TIFF): grayscale row buffer size mismatch");
+    out.resize(pixels * meta_.channel_count);
+    widen_gray(tiff_, gray_band_.data(), pixels, out.data());
+  }
+
+  void fall_back(const std::string& reason) {
+    fallback_ = true;
+    fallback_reason_ = "native row read failed: " + reason;
+    log_warn("RasterSource(TIFF): ", fallback_reason_, "; switching to full-load fallback for ", meta_.path);
+  }
+
+  bool decode_full_image(std::string& error) {
+    if (!full_image_.empty()) return true;
+    std::vector<std::uint8_t> image;
+    try {
+      read_presented(0, tiff_.height, image);
+    } catch (const std::exception& failure) {
+      error = failure.what();
+      return false;
+    } catch (...) {
+      error = "unknown TIFF decode error";
+      return false;
+    }
+    if (image.empty()) {
+      error = "TIFF full decode produced empty image";
+      return false;
+    }
+    full_image_ = std::move(image);
+    ++stats_.full_decodes;
+    // From here on only the image itself is needed.
+    reader_.close();
+    std::vector<std::uint8_t>().swap(gray_band_);
+    return true;
+  }
+
+  TiffMeta tiff_;
+  TiffReader reader_;
+  std::vector<std::uint8_t> gray_band_;   // as the file has it; its memory serves all reads
+  std::vector<std::uint8_t> full_image_;  // empty until a band read has failed
+  bool fallback_ = false;
+  std::string fallback_reason_;
+};
+
+}  // namespace
+
+std::shared_ptr<RasterSource> open_tiff_source(const std::string& path) {
+  TiffReader reader;
+  reader.open(path);
+  TiffMeta tiff = reader.read_meta();
+  return std::make_shared<TiffRasterSource>(path, std::move(reader), std::move(tiff));
+}
+
+}  // namespace nvo

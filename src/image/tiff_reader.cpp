@@ -1,0 +1,395 @@
+#include "image/tiff_reader.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <optional>
+#include <stdexcept>
+#include <string_view>
+#include <utility>
+
+#include <tiffio.h>
+
+#include "core/checked.h"
+#include "core/log.h"
+#include "image/tiff_errors.h"
+#include "image/tiff_tags.h"
+
+namespace nvo {
+namespace {
+
+constexpr std::size_t kMessageBytes = 512;
+
+/// A tile row that a neighbouring band may need too stays decoded if it is no larger than this.
+constexpr std::uint64_t kMaxKeptTileRowBytes = 64 << 20;
+
+/// Logs one of libtiff's messages; 1 tells libtiff that nothing is left to print. No exception may cross the
+/// C library, and a line that cannot be logged is no reason to fail a read.
+int log_message(LogLevel level, const char* format, va_list arguments) noexcept {
+  char text[kMessageBytes];
+  static_cast<void>(std::vsnprintf(text, sizeof text, format, arguments));
+  try {
+    Logger::instance().log(level, "libtiff: ", text);
+  } catch (...) {
+  }
+  return 1;
+}
+
+int on_warning(TIFF*, void*, const char*, const char* format, va_list arguments) {
+  return log_message(LogLevel::warn, format, arguments);
+}
+
+int on_error(TIFF*, void*, const char*, const char* format, va_list arguments) {
+  return log_message(LogLevel::error, format, arguments);
+}
+
+/// libtiff's process-wide handlers print to the console. They see only what the handlers of a file do not:
+/// messages of files opened without options.
+void silence_default_handlers() {
+  static const bool done = [] {
+    TIFFSetWarningHandler(nullptr);
+    TIFFSetErrorHandler(nullptr);
+    return true;
+  }();
+  static_cast<void>(done);
+}
+
+struct TiffCloser {
+  void operator()(TIFF* tiff) const { TIFFClose(tiff); }
+};
+using TiffHandle = std::unique_ptr<TIFF, TiffCloser>;
+
+TiffHandle open_file(const std::string& path) {
+  silence_default_handlers();
+  TIFFOpenOptions* options = TIFFOpenOptionsAlloc();
+  if (options) {
+    TIFFOpenOptionsSetWarningHandlerExtR(options, on_warning, nullptr);
+    TIFFOpenOptionsSetErrorHandlerExtR(options, on_error, nullptr);
+  }
+  TiffHandle tiff(TIFFOpenExt(path.c_str(), "r", options));
+  TIFFOpenOptionsFree(options);
+  return tiff;
+}
+
+/// The rows that a read asks for, and where they go. `out` grows only as rows arrive, so a header that
+/// promises more than the file holds costs no memory before the read fails.
+class Band {
+ public:
+  Band(std::uint32_t first, std::uint32_t count, std::uint64_t row_bytes, std::vector<std::uint8_t>& out)
+      : first_(first), end_(std::uint64_t{first} + count), row_bytes_(row_bytes), out_(out) {
+    const auto bytes = tiff_product(count, row_bytes, "TIFF row buffer size");
+    if (out.capacity() < bytes) {
+      std::vector<std::uint8_t>().swap(out);  // its content is not worth copying
+      out.reserve(bytes);
+    }
+    if (out.size() > bytes) out.resize(bytes);
+  }
+
+  std::uint64_t first() const { return first_; }
+  std::uint64_t end() const { return end_; }
+  std::uint64_t row_bytes() const { return row_bytes_; }
+
+  /// Where rows `from` .. `to - 1` of the image belong.
+  std::uint8_t* rows(std::uint64_t from, std::uint64_t to) {
+    const auto end = (to - first_) * row_bytes_;
+    if (out_.size() < end) out_.resize(end);
+    return out_.data() + (from - first_) * row_bytes_;
+  }
+
+ private:
+  std::uint64_t first_, end_, row_bytes_;
+  std::vector<std::uint8_t>& out_;
+};
+
+/// Image rows `from` .. `to - 1`.
+struct RowRange {
+  std::uint64_t from, to;
+};
+
+struct Free {
+  void operator()(void* memory) const { std::free(memory); }
+};
+
+/// A buffer that libtiff decodes into. It starts as zeros, since for a damaged piece libtiff may report
+/// success without having written all of it, and the pixels must be the same in every run. The zeros are the
+/// system's own for a large buffer: pages that no decoder writes cost no memory.
+class DecodeBuffer {
+ public:
+  std::uint8_t* require(std::uint64_t bytes, std::string_view name) {
+    if (bytes > size_) {
+      bytes_.reset();
+      size_ = 0;
+      bytes_.reset(static_cast<std::uint8_t*>(std::calloc(bytes, 1)));
+      if (!bytes_) fail_tiff("not enough memory for a ", name, " buffer of ", bytes, " bytes");
+      size_ = bytes;
+      log_debug("TiffReader: ", name, " buffer of ", bytes, " bytes");
+    }
+    return bytes_.get();
+  }
+
+  std::uint8_t* data() const { return bytes_.get(); }
+
+ private:
+  std::unique_ptr<std::uint8_t, Free> bytes_;
+  std::uint64_t size_ = 0;
+};
+
+/// A strip, or a whole row of tiles, that stays decoded for the next read.
+struct DecodedRows {
+  DecodeBuffer buffer;
+  std::optional<std::uint64_t> first_row;
+  std::uint64_t rows = 0;  ///< whole rows that `buffer` holds
+
+  bool hold(const RowRange& range) const {
+    return first_row && *first_row <= range.from && range.to <= *first_row + rows;
+  }
+
+  void copy(const RowRange& range, Band& band) const {
+    const auto row_bytes = band.row_bytes();
+    std::memcpy(band.rows(range.from, range.to), buffer.data() + (range.from - *first_row) * row_bytes,
+                (range.to - range.from) * row_bytes);
+  }
+};
+
+/// The pieces of an image, of `height` rows each, that stay decoded. The sheet is walked upwards in bands
+/// that overlap by a few rows, so the next band needs the first piece of this one once more, and the second
+/// where the overlap reaches into it; a walk downwards needs the last.
+class KeptPieces {
+ public:
+  /// Delivers to `band` what the kept pieces hold of it. This goes before any decoding, because the buffers
+  /// of kept pieces are reused for new ones.
+  void deliver(Band& band, std::uint64_t height, std::uint64_t image_height) {
+    delivered_ = {};
+    for (std::size_t i = 0; i < pieces_.size(); ++i) {
+      DecodedRows& piece = pieces_[i];
+      if (!piece.first_row || *piece.first_row >= band.end() || *piece.first_row + height <= band.first())
+        continue;
+      const RowRange wanted = wanted_rows(*piece.first_row, height, image_height, band);
+      if (!piece.hold(wanted)) continue;
+      piece.copy(wanted, band);
+      delivered_[i] = piece.first_row;
+    }
+  }
+
+  bool delivered(std::uint64_t first_row) const {
+    return std::ranges::find(delivered_, std::optional(first_row)) != delivered_.end();
+  }
+
+  /// The buffer for the band's piece number `number`, marked as holding nothing.
+  DecodedRows& place_for(std::uint64_t number) {
+    DecodedRows& piece = pieces_[std::min<std::uint64_t>(number, pieces_.size() - 1)];
+    piece.first_row.reset();
+    return piece;
+  }
+
+  static RowRange wanted_rows(std::uint64_t first_row, std::uint64_t height, std::uint64_t image_height,
+                              const Band& band) {
+    return {std::max(first_row, band.first()), std::min({band.end(), image_height, first_row + height})};
+  }
+
+ private:
+  std::array<DecodedRows, 3> pieces_;
+  std::array<std::optional<std::uint64_t>, 3> delivered_;
+};
+
+std::uint32_t tile_position(std::uint64_t position, std::string_view axis) {
+  if (position > kMaxU32) fail_tiff("tile ", axis, " offset overflow");
+  return static_cast<std::uint32_t>(position);
+}
+
+struct TileGrid {
+  TileGrid(TIFF* tiff, const TiffMeta& meta) : image_width(meta.width), pixel_bytes(meta.samples_per_pixel) {
+    tile_width = tiff_tag_or<std::uint32_t>(tiff, TIFFTAG_TILEWIDTH, 0);
+    tile_length = tiff_tag_or<std::uint32_t>(tiff, TIFFTAG_TILELENGTH, 0);
+    if (tile_width == 0 || tile_length == 0) fail_tiff("invalid tile dimensions in TIFF");
+    const auto size = TIFFTileSize(tiff);
+    if (size <= 0) fail_tiff("invalid tile size reported by libtiff");
+    tile_bytes = static_cast<std::uint64_t>(size);
+    tile_row_bytes = tiff_product(tile_width, pixel_bytes, "TIFF row bytes");
+  }
+
+  std::uint64_t image_width, pixel_bytes;
+  std::uint64_t tile_width = 0, tile_length = 0;  ///< pixels
+  std::uint64_t tile_bytes = 0, tile_row_bytes = 0;
+};
+
+void invert_gray(const TiffMeta& meta, std::uint32_t rows, std::vector<std::uint8_t>& samples) {
+  const auto pixels = tiff_product(meta.width, rows, "TIFF grayscale row pixel count");
+  const auto bytes = tiff_product(pixels, meta.samples_per_pixel, "TIFF grayscale row byte count");
+  if (samples.size() < bytes) fail_tiff("grayscale row buffer is shorter than expected");
+  const std::size_t step = meta.samples_per_pixel;
+  for (std::size_t i = 0; i < bytes; i += step) samples[i] = static_cast<std::uint8_t>(~samples[i]);
+}
+
+}  // namespace
+
+struct TiffReader::Impl {
+  TiffHandle tiff;
+  KeptPieces kept;
+  DecodeBuffer tile;
+
+  TiffMeta read_meta() const;
+  void read_rows(const TiffMeta& meta, std::uint32_t y, std::uint32_t rows, std::vector<std::uint8_t>& out);
+
+ private:
+  void read_strips(const TiffMeta& meta, Band& band);
+  void read_tiles(const TiffMeta& meta, Band& band);
+  std::uint32_t rows_per_strip(std::uint32_t image_height) const;
+  void decode_strip(std::uint32_t strip, std::uint64_t strip_bytes, const RowRange& wanted,
+                    std::uint64_t first_row, std::uint64_t row_bytes, DecodedRows& piece);
+  template <class RowTarget>
+  void decode_tile_row(const TileGrid& grid, std::uint64_t first_row, const RowRange& wanted,
+                       const RowTarget& target);
+};
+
+TiffMeta TiffReader::Impl::read_meta() const {
+  if (!tiff) throw std::logic_error("TiffReader::read_meta called before open()");
+  return read_tiff_tags(tiff.get());
+}
+
+void TiffReader::Impl::read_rows(const TiffMeta& meta, std::uint32_t y, std::uint32_t rows,
+                                 std::vector<std::uint8_t>& out) {
+  if (rows == 0) {
+    out.clear();
+    return;
+  }
+  if (y >= meta.height || rows > meta.height - y) fail_tiff("row-range request is out of bounds");
+
+  Band band(y, rows, tiff_product(meta.width, meta.samples_per_pixel, "TIFF row bytes"), out);
+  if (TIFFIsTiled(tiff.get()))
+    read_tiles(meta, band);
+  else
+    read_strips(meta, band);
+  if (meta.is_gray && meta.min_is_white) invert_gray(meta, rows, out);
+}
+
+std::uint32_t TiffReader::Impl::rows_per_strip(std::uint32_t image_height) const {
+  const auto rows = tiff_tag_or<std::uint32_t>(tiff.get(), TIFFTAG_ROWSPERSTRIP, 0);
+  if (rows != 0) return rows;
+  return TIFFNumberOfStrips(tiff.get()) == 1 ? image_height : 1;
+}
+
+void TiffReader::Impl::read_strips(const TiffMeta& meta, Band& band) {
+  log_debug("TiffReader: partial stripped read y=", band.first(), " rows=", band.end() - band.first());
+  const auto strip_bytes = TIFFStripSize(tiff.get());
+  if (strip_bytes <= 0) fail_tiff("invalid strip size reported by libtiff");
+  const std::uint64_t strip_rows = rows_per_strip(meta.height);
+
+  kept.deliver(band, strip_rows, meta.height);
+  const auto first_strip = band.first() / strip_rows;
+  for (auto strip = first_strip; strip <= (band.end() - 1) / strip_rows; ++strip) {
+    const auto first_row = strip * strip_rows;
+    if (kept.delivered(first_row)) continue;
+    const RowRange wanted = KeptPieces::wanted_rows(first_row, strip_rows, meta.height, band);
+    DecodedRows& piece = kept.place_for(strip - first_strip);
+    decode_strip(static_cast<std::uint32_t>(strip), static_cast<std::uint64_t>(strip_bytes), wanted,
+                 first_row, band.row_bytes(), piece);
+    piece.copy(wanted, band);
+  }
+}
+
+/// Decodes a whole strip into `piece` and makes sure that the rows wanted are in it.
+void TiffReader::Impl::decode_strip(std::uint32_t strip, std::uint64_t strip_bytes, const RowRange& wanted,
+                                    std::uint64_t first_row, std::uint64_t row_bytes, DecodedRows& piece) {
+  std::uint8_t* buffer = piece.buffer.require(strip_bytes, "strip");
+  const auto decoded = TIFFReadEncodedStrip(tiff.get(), strip, buffer, static_cast<tmsize_t>(strip_bytes));
+  if (decoded < 0) fail_tiff("error reading strip ", strip);
+
+  const auto last_offset = tiff_product(wanted.to - 1 - first_row, row_bytes, "TIFF strip row offset");
+  const auto needed = tiff_sum(last_offset, row_bytes, "TIFF strip row end");
+  if (needed > static_cast<std::uint64_t>(decoded))
+    fail_tiff("truncated strip ", strip, " (not enough bytes for requested rows)");
+  piece.first_row = first_row;
+  piece.rows = static_cast<std::uint64_t>(decoded) / row_bytes;
+}
+
+void TiffReader::Impl::read_tiles(const TiffMeta& meta, Band& band) {
+  log_debug("TiffReader: partial tiled read y=", band.first(), " rows=", band.end() - band.first());
+  const TileGrid grid(tiff.get(), meta);
+  tile.require(grid.tile_bytes, "tile");
+
+  kept.deliver(band, grid.tile_length, meta.height);
+  const auto first_tile_row = band.first() - band.first() % grid.tile_length;
+  for (auto first_row = first_tile_row; first_row < band.end(); first_row += grid.tile_length) {
+    if (kept.delivered(first_row)) continue;
+    const RowRange wanted = KeptPieces::wanted_rows(first_row, grid.tile_length, meta.height, band);
+    const RowRange whole{first_row, std::min<std::uint64_t>(first_row + grid.tile_length, meta.height)};
+    const auto whole_bytes = checked_product(whole.to - whole.from, band.row_bytes());
+    const auto number = (first_row - first_tile_row) / grid.tile_length;
+    const bool partly_wanted = wanted.from != whole.from || wanted.to != whole.to;
+
+    if ((partly_wanted || number == 1) && whole_bytes && *whole_bytes <= kMaxKeptTileRowBytes) {
+      DecodedRows& piece = kept.place_for(number);
+      std::uint8_t* rows = piece.buffer.require(*whole_bytes, "tile row");
+      decode_tile_row(grid, first_row, whole,
+                      [&](std::uint64_t row) { return rows + (row - first_row) * band.row_bytes(); });
+      piece.first_row = first_row;
+      piece.rows = whole.to - whole.from;
+      piece.copy(wanted, band);
+    } else {
+      decode_tile_row(grid, first_row, wanted, [&](std::uint64_t row) { return band.rows(row, row + 1); });
+    }
+  }
+}
+
+/// Decodes the tiles that begin at `first_row` one by one and copies each one's wanted rows to `target(row)`.
+template <class RowTarget>
+void TiffReader::Impl::decode_tile_row(const TileGrid& grid, std::uint64_t first_row, const RowRange& wanted,
+                                       const RowTarget& target) {
+  const auto tile_y = tile_position(first_row, "row");
+  for (std::uint64_t column = 0; column < grid.image_width; column += grid.tile_width) {
+    const auto tile_x = tile_position(column, "column");
+    const auto decoded = TIFFReadTile(tiff.get(), tile.data(), tile_x, tile_y, 0, 0);
+    if (decoded < 0) fail_tiff("error reading tile at ", tile_x, ",", tile_y);
+
+    const auto columns = std::min(grid.image_width - column, grid.tile_width);
+    const auto copy_bytes = tiff_product(columns, grid.pixel_bytes, "TIFF tile copy bytes");
+    for (auto row = wanted.from; row < wanted.to; ++row) {
+      const auto offset = tiff_product(row - first_row, grid.tile_row_bytes, "TIFF tile row offset");
+      if (tiff_sum(offset, copy_bytes, "TIFF tile row end") > static_cast<std::uint64_t>(decoded))
+        fail_tiff("truncated tile at ", tile_x, ",", tile_y);
+      std::memcpy(target(row) + column * grid.pixel_bytes, tile.data() + offset, copy_bytes);
+    }
+  }
+}
+
+TiffReader::TiffReader() : impl_(std::make_unique<Impl>()) {}
+TiffReader::~TiffReader() = default;
+TiffReader::TiffReader(TiffReader&&) noexcept = default;
+TiffReader& TiffReader::operator=(TiffReader&&) noexcept = default;
+
+void TiffReader::open(const std::string& path) {
+  close();
+  impl_->tiff = open_file(path);
+  if (!impl_->tiff) fail_tiff("cannot open '", path, "'");
+}
+
+TiffMeta TiffReader::read_meta() {
+  return impl_->read_meta();
+}
+
+std::vector<std::uint8_t> TiffReader::read_image() {
+  const TiffMeta meta = impl_->read_meta();
+  std::vector<std::uint8_t> samples;
+  impl_->read_rows(meta, 0, meta.height, samples);
+  return samples;
+}
+
+std::vector<std::uint8_t> TiffReader::read_rows(std::uint32_t y, std::uint32_t rows) {
+  std::vector<std::uint8_t> samples;
+  read_rows(y, rows, samples);
+  return samples;
+}
+
+void TiffReader::read_rows(std::uint32_t y, std::uint32_t rows, std::vector<std::uint8_t>& out) {
+  impl_->read_rows(impl_->read_meta(), y, rows, out);
+}
+
+void TiffReader::close() {
+  *impl_ = Impl{};
+}
+
+}  // namespace nvo

@@ -1,0 +1,21 @@
+#pragma once
+
+#include <cstdint>
+
+#include <tiffio.h>
+
+#include "image/tiff_reader.h"
+
+namespace nvo {
+
+/// Value of a tag that holds one number, or `fallback` where the file lacks it.
+template <class Value>
+Value tiff_tag_or(TIFF* tiff, std::uint32_t tag, Value fallback) {
+  Value value = fallback;
+  return TIFFGetField(tiff, tag, &value) == 1 ? value : fallback;
+}
+
+/// Reads and logs the tags of an open file; throws where the program cannot process such a file.
+TiffMeta read_tiff_tags(TIFF* tiff);
+
+}  // namespace nvo

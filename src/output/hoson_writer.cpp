@@ -1,0 +1,258 @@
+#include "output/hoson_writer.h"
+
+#include <cstring>
+#include <optional>
+#include <stdexcept>
+#include <utility>
+
+#include "core/log.h"
+#include "core/platform/clock.h"
+#include "core/scoped_timer.h"
+#include "core/text.h"
+#include "output/writer_threads.h"
+#include "plan/performance.h"
+#include "plan/thread_pool.h"
+
+namespace nvo {
+namespace {
+
+constexpr int kMaxTemporaryNames = 100;
+constexpr std::size_t kInkMaps = 4;  // C, M, Y and K always come; white may be missing
+
+std::string temporary_path_for(const std::string& path, int attempt) {
+  return path + ".nvo_tmp_" + std::to_string(platform::process_id()) + "_" +
+         std::to_string(platform::monotonic_nanoseconds()) + "_" + std::to_string(attempt);
+}
+
+bool is_usable_path(const std::string& path) {
+  return is_valid_utf8(path) && path.find('\0') == std::string::npos;
+}
+
+bool has_ink_maps(const std::vector<DropMap>& dropmaps) {
+  return dropmaps.size() >= kInkMaps && !dropmaps.front().empty();
+}
+
+/// The map that a slot with this channel code prints, or null for a blank slot.
+const DropMap* find_source(const std::vector<DropMap>& dropmaps, std::uint32_t code) {
+  constexpr std::size_t second_white = kChannelW + 1;
+  const auto present = [&](std::size_t index) {
+    return index < dropmaps.size() && !dropmaps[index].empty() ? &dropmaps[index] : nullptr;
+  };
+  if (code > kChannelW) return nullptr;
+  const DropMap* source = present(code);
+  return source || code != kChannelW ? source : present(second_white);
+}
+
+struct SlotSource {
+  const DropMap* map = nullptr;  ///< null for a blank slot
+  std::size_t first_use = 0;     ///< the first slot that prints the same map
+};
+
+std::vector<SlotSource> find_slot_sources(const std::vector<DropMap>& dropmaps,
+                                          const std::vector<std::uint32_t>& channel_map) {
+  std::vector<SlotSource> slots(channel_map.size());
+  for (std::size_t i = 0; i < slots.size(); ++i) {
+    slots[i].map = find_source(dropmaps, channel_map[i]);
+    while (slots[slots[i].first_use].map != slots[i].map) ++slots[i].first_use;
+  }
+  return slots;
+}
+
+/// Writes every byte of the cycle: the buffer holds an earlier strip.
+void pack_row_cycle(const std::vector<SlotSource>& slots, std::uint32_t row, std::uint32_t width,
+                    std::uint32_t stride, std::uint8_t* cycle) {
+  const std::uint32_t packed = prt_packed_bytes(width);
+  for (std::size_t i = 0; i < slots.size(); ++i) {
+    std::uint8_t* out = cycle + i * stride;
+    if (!slots[i].map) {
+      std::memset(out, 0, stride);
+    } else if (slots[i].first_use != i) {
+      std::memcpy(out, cycle + slots[i].first_use * stride, stride);
+    } else {
+      pack_row(slots[i].map->data.data() + std::size_t{row} * width, width, out);
+      std::memset(out + packed, 0, stride - packed);
+    }
+  }
+}
+
+}  // namespace
+
+void HosonWriter::begin_stream_write(const std::string& path, std::uint32_t width, std::uint32_t height) {
+  if (open_) throw std::runtime_error("HosonWriter::begin_stream_write: stream is already open");
+  if (width == 0 || height == 0)
+    throw std::invalid_argument("HosonWriter::begin_stream_write: invalid device size");
+  layout_ = prt_row_layout(options_.head, width);
+  width_ = width;
+  height_ = height;
+  create_temporary(path);
+  try {
+    const auto header = encode_prt_header(make_prt_header(options_.head, options_.print_mode, width, height));
+    write_bytes(header.data(), header.size(), "header field");
+    path_ = path;
+  } catch (...) {
+    abort();
+    throw;
+  }
+  next_row_ = height - 1;
+  open_ = true;
+}
+
+void HosonWriter::create_temporary(const std::string& path) {
+  const int attempts = is_usable_path(path) ? kMaxTemporaryNames : 0;
+  for (int attempt = 0; attempt < attempts; ++attempt) {
+    std::string candidate = temporary_path_for(path, attempt);
+    if (file_.create_exclusive(candidate) != 0) continue;
+    temporary_path_ = std::move(candidate);
+    temporary_name_ = platform::TemporaryName(temporary_path_);
+    return;
+  }
+  throw std::runtime_error("HosonWriter::begin_stream_write: cannot open output file: " + path);
+}
+
+void HosonWriter::write_dropmaps_strip(const std::vector<DropMap>& dropmaps, std::uint32_t y) {
+  if (!open_) throw std::runtime_error("HosonWriter::write_dropmaps_strip: stream is not open");
+  try {
+    check_strip(dropmaps, y);
+    if (dropmaps.front().height != 0) write_strip(dropmaps);
+  } catch (...) {
+    abort();
+    throw;
+  }
+}
+
+void HosonWriter::check_strip(const std::vector<DropMap>& dropmaps, std::uint32_t y) const {
+  // A strip without rows has no data either; it says that it is one by its width.
+  const bool without_rows = !dropmaps.empty() && dropmaps.front().height == 0 && dropmaps.front().width != 0;
+  if (dropmaps.size() < kInkMaps || (dropmaps.front().empty() && !without_rows))
+    throw std::invalid_argument(
+        "HosonWriter::write_dropmaps_strip: need at least 4 non-empty dropmaps (CMYK)");
+  const DropMap& first = dropmaps.front();
+  if (first.width != width_) throw std::runtime_error("HosonWriter::write_dropmaps_strip: width mismatch");
+  if (without_rows) return;
+  if (y >= height_ || first.height > height_ - y)
+    throw std::runtime_error("HosonWriter::write_dropmaps_strip: strip is out of device bounds");
+  for (const DropMap& map : dropmaps) {
+    if (map.empty()) continue;
+    const bool same_size = map.width == first.width && map.height == first.height;
+    if (!same_size || map.data.size() < std::uint64_t{map.width} * map.height)
+      throw std::runtime_error("HosonWriter::write_dropmaps_strip: inconsistent strip dropmap sizes");
+  }
+  if (std::uint64_t{y} + first.height - 1 != next_row_)
+    throw std::runtime_error(
+        "HosonWriter::write_dropmaps_strip: strips must be written in descending image-row order");
+}
+
+void HosonWriter::write_strip(const std::vector<DropMap>& dropmaps) {
+  HosonWriterCounters strip;
+  strip.rows = dropmaps.front().height;
+  strip.bytes = strip.rows * layout_.cycle_len;
+  reserve_strip_buffer(strip.bytes);
+  strip.pack_ns = pack_strip(dropmaps);
+  {
+    std::optional<ScopedTimer> timer;
+    if (timing_) timer.emplace(strip.file_ns);
+    write_bytes(strip_buffer_.get(), strip.bytes, "strip row cycles");
+    file_.start_write_back();
+  }
+  next_row_ -= strip.rows;
+
+  const std::lock_guard lock(counters_mutex_);
+  counters_.rows += strip.rows;
+  counters_.bytes += strip.bytes;
+  counters_.pack_ns += strip.pack_ns;
+  counters_.file_ns += strip.file_ns;
+}
+
+std::uint64_t HosonWriter::pack_strip(const std::vector<DropMap>& dropmaps) {
+  const std::vector<SlotSource> slots =
+      find_slot_sources(dropmaps, normalize_channel_map(options_.head, options_.output_channel_map));
+  const std::uint32_t rows = dropmaps.front().height;
+  const std::uint32_t workers =
+      writer_threads(rows, layout_.cycle_len, hardware_threads(), WriterThreadEnv::snapshot());
+
+  std::vector<std::uint64_t> worker_ns(workers);
+  parallel_ranges(rows, workers, [&](std::size_t begin, std::size_t end, std::size_t worker) {
+    std::optional<ScopedTimer> timer;
+    if (timing_) timer.emplace(worker_ns[worker]);
+    for (std::size_t r = begin; r < end; ++r)
+      pack_row_cycle(slots, rows - 1 - static_cast<std::uint32_t>(r), width_, layout_.stride,
+                     strip_buffer_.get() + r * layout_.cycle_len);
+  });
+  std::uint64_t total = 0;
+  for (const std::uint64_t ns : worker_ns) total += ns;
+  return total;
+}
+
+void HosonWriter::reserve_strip_buffer(std::size_t size) {
+  if (size <= strip_buffer_size_) return;
+  strip_buffer_.reset();
+  strip_buffer_size_ = 0;
+  strip_buffer_ = std::make_unique_for_overwrite<std::uint8_t[]>(size);
+  strip_buffer_size_ = size;
+}
+
+void HosonWriter::write_bytes(const void* data, std::size_t size, const char* label) {
+  if (!file_.is_open() || !data)
+    throw std::runtime_error(std::string("write_dropmaps: invalid write for ") + label);
+  if (file_.write_all(data, size) != 0)
+    throw std::runtime_error(std::string("write_dropmaps: failed to write ") + label);
+}
+
+void HosonWriter::end_stream_write() {
+  if (!open_) return;
+  const auto fail = [this](const std::string& what) {
+    abort();
+    throw std::runtime_error("HosonWriter::end_stream_write: " + what);
+  };
+  const std::string path = path_;
+  if (next_row_ != kAllRowsWritten) fail("stream finished before all rows were written");
+  if (file_.flush() != 0) fail("flush/commit failed: " + path);
+  if (file_.close() != 0) fail("close failed: " + path);
+  if (platform::replace_file(temporary_path_, path) != 0) fail("atomic replace failed: " + path);
+  reset();
+}
+
+void HosonWriter::abort() noexcept {
+  file_.close();
+  if (!temporary_path_.empty()) platform::remove_file(temporary_path_);
+  reset();
+}
+
+void HosonWriter::reset() noexcept {
+  temporary_name_.release();
+  temporary_path_.clear();
+  path_.clear();
+  next_row_ = kAllRowsWritten;
+  open_ = false;
+}
+
+void HosonWriter::write_dropmaps(const std::vector<DropMap>& dropmaps, const std::string& path) {
+  if (!has_ink_maps(dropmaps))
+    throw std::invalid_argument("write_dropmaps: need at least 4 non-empty dropmaps (CMYK)");
+  const DropMap& first = dropmaps.front();
+  const PrtRowLayout layout = prt_row_layout(options_.head, first.width);
+  const std::uint64_t size = std::uint64_t{layout.cycle_len} * first.height + kPrtHeaderSize;
+  log_info("write_dropmaps: ", first.width, "x", first.height, " stride=", layout.stride,
+           " cycle=", layout.cycle_len, " size=~", size >> 20, "MB -> ", path);
+  try {
+    begin_stream_write(path, first.width, first.height);
+    write_dropmaps_strip(dropmaps, 0);
+    end_stream_write();
+  } catch (...) {
+    abort();
+    throw;
+  }
+  log_info("write_dropmaps: done -> ", path);
+}
+
+HosonWriterCounters HosonWriter::counters() const {
+  const std::lock_guard lock(counters_mutex_);
+  return counters_;
+}
+
+void HosonWriter::reset_counters() {
+  const std::lock_guard lock(counters_mutex_);
+  counters_ = {};
+}
+
+}  // namespace nvo

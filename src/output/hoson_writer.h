@@ -1,0 +1,95 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <limits>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "config/print_modes.h"
+#include "core/platform/file.h"
+#include "output/prt_format.h"
+#include "screen/drop_map.h"
+
+namespace nvo {
+
+struct HosonWriterOptions {
+  HeadConfig head;
+  PrintMode print_mode;  ///< stands for a row of the head's catalog; the header names that row's numbers
+  std::vector<std::uint32_t> output_channel_map;  ///< laid over the head's default; may be shorter or longer
+};
+
+/// Totals of all strips since the last reset. The durations grow only while timing is on.
+struct HosonWriterCounters {
+  std::uint64_t rows = 0, bytes = 0;
+  std::uint64_t pack_ns = 0;  ///< summed over the packing threads
+  std::uint64_t file_ns = 0;
+};
+
+/// Writes a print file (see prt_format.h) as a stream of strips from the bottom of the sheet to its top. The
+/// file takes its name only when it is whole and on the disk; an unfinished stream leaves the old file and no
+/// temporary one. Any failure ends the stream; a writer without a stream can begin another. For one thread,
+/// but the counters may be read by any.
+class HosonWriter {
+ public:
+  explicit HosonWriter(HosonWriterOptions options) : options_(std::move(options)) {}
+  ~HosonWriter() { abort(); }
+  HosonWriter(const HosonWriter&) = delete;
+  HosonWriter& operator=(const HosonWriter&) = delete;
+
+  /// Opens a stream of `width` x `height` dots for the target `path` (UTF-8). Throws `invalid_argument` for a
+  /// size of 0, `overflow_error` where a row cycle exceeds 32 bits, `runtime_error` for file problems.
+  void begin_stream_write(const std::string& path, std::uint32_t width, std::uint32_t height);
+
+  /// Writes one strip: drop maps in the order C, M, Y, K, W, at least the first four, `y` the device row of
+  /// the strip's top row. An empty map leaves its slots blank. Strips come in descending order without gaps;
+  /// one of no rows is passed over. Throws `invalid_argument` for too few maps, `runtime_error` otherwise.
+  void write_dropmaps_strip(const std::vector<DropMap>& dropmaps, std::uint32_t y);
+
+  /// Flushes the file and moves it over the target. Without a stream it does nothing.
+  void end_stream_write();
+
+  /// A whole file in one call.
+  void write_dropmaps(const std::vector<DropMap>& dropmaps, const std::string& path);
+
+  void set_timing(bool enabled) { timing_ = enabled; }
+  HosonWriterCounters counters() const;
+  void reset_counters();
+
+ private:
+  static constexpr std::uint64_t kAllRowsWritten =
+      std::numeric_limits<std::uint64_t>::max();  ///< behind row 0
+
+  void create_temporary(const std::string& path);
+  void check_strip(const std::vector<DropMap>& dropmaps, std::uint32_t y) const;
+  void write_strip(const std::vector<DropMap>& dropmaps);
+  /// Fills the strip buffer; returns the packing time, summed over the workers, or 0 without timing.
+  std::uint64_t pack_strip(const std::vector<DropMap>& dropmaps);
+  void write_bytes(const void* data, std::size_t size, const char* label);
+  void reserve_strip_buffer(std::size_t size);
+  void abort() noexcept;
+  void reset() noexcept;
+
+  HosonWriterOptions options_;
+  platform::File file_;
+  std::string path_;
+  std::string temporary_path_;
+  platform::TemporaryName temporary_name_;
+  std::uint32_t width_ = 0;
+  std::uint32_t height_ = 0;
+  PrtRowLayout layout_;
+  std::uint64_t next_row_ = kAllRowsWritten;  ///< the device row that the next strip ends with
+  bool open_ = false;
+
+  std::unique_ptr<std::uint8_t[]> strip_buffer_;
+  std::size_t strip_buffer_size_ = 0;
+
+  bool timing_ = false;
+  mutable std::mutex counters_mutex_;
+  HosonWriterCounters counters_;
+};
+
+}  // namespace nvo

@@ -1,0 +1,12 @@
+#include <array>
+
+#include "output/pack_kernels.h"
+
+namespace nvo {
+
+std::span<const PackVariant> pack_variants() {
+  static constexpr std::array<PackVariant, 1> all = {{{"portable", pack_row_portable}}};
+  return all;
+}
+
+}  // namespace nvo

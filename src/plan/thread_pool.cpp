@@ -1,0 +1,67 @@
+#include "plan/thread_pool.h"
+
+#include <algorithm>
+#include <exception>
+
+namespace nvo {
+
+ThreadPool::ThreadPool(std::size_t thread_count) {
+  if (thread_count == 0) thread_count = std::max(1u, std::thread::hardware_concurrency());
+  workers_.reserve(thread_count);
+  for (std::size_t i = 0; i < thread_count; ++i) workers_.emplace_back([state = state_] { work(state); });
+}
+
+ThreadPool::~ThreadPool() {
+  try {
+    shutdown(false);
+  } catch (...) {  // a destructor has nobody to tell
+  }
+}
+
+void ThreadPool::work(const std::shared_ptr<State>& state) {
+  std::unique_lock lock(state->mutex);
+  for (;;) {
+    state->wake.wait(lock, [&] { return state->stopping || !state->queue.empty(); });
+    if (state->queue.empty()) return;
+    auto task = std::move(state->queue.front());
+    state->queue.pop_front();
+    lock.unlock();
+    task();
+    task = nullptr;
+    lock.lock();
+  }
+}
+
+void ThreadPool::shutdown(bool discard_pending) {
+  {
+    const std::lock_guard lock(state_->mutex);
+    if (discard_pending) state_->queue.clear();
+    state_->stopping = true;
+  }
+  state_->wake.notify_all();
+  for (std::thread& worker : workers_)
+    if (worker.joinable()) worker.join();
+}
+
+void parallel_ranges(std::size_t count, std::size_t workers,
+                     const std::function<void(std::size_t, std::size_t, std::size_t)>& body) {
+  workers = std::clamp<std::size_t>(workers, 1, std::max<std::size_t>(count, 1));
+  std::vector<std::exception_ptr> errors(workers);
+  const auto run = [&](std::size_t worker) {
+    try {
+      body(worker * count / workers, (worker + 1) * count / workers, worker);
+    } catch (...) {
+      errors[worker] = std::current_exception();
+    }
+  };
+  {
+    std::vector<std::jthread> threads;
+    threads.reserve(workers - 1);
+    for (std::size_t worker = 1; worker < workers; ++worker) threads.emplace_back(run, worker);
+    run(0);
+  }
+  for (const std::exception_ptr& error : errors)
+    if (error) std::rethrow_exception(error);
+}
+
+}  // namespace nvo

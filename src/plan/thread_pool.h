@@ -1,0 +1,66 @@
+#pragma once
+
+#include <condition_variable>
+#include <cstddef>
+#include <deque>
+#include <functional>
+#include <future>
+#include <memory>
+#include <mutex>
+#include <stdexcept>
+#include <thread>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+namespace nvo {
+
+/// A fixed set of workers over one first-in-first-out queue. Tasks queued before `shutdown(false)` all run.
+class ThreadPool {
+ public:
+  /// 0 workers means the hardware thread count, or 1 if that is unknown.
+  explicit ThreadPool(std::size_t thread_count);
+  ~ThreadPool();
+  ThreadPool(const ThreadPool&) = delete;
+  ThreadPool& operator=(const ThreadPool&) = delete;
+
+  /// Queues `task(scratch_index)`; its result or exception arrives through the future. Throws after
+  /// `shutdown`.
+  template <class Task>
+  auto submit(Task task, std::size_t scratch_index) -> std::future<std::invoke_result_t<Task&, std::size_t>> {
+    using Result = std::invoke_result_t<Task&, std::size_t>;
+    auto packaged = std::make_shared<std::packaged_task<Result()>>(
+        [work = std::move(task), scratch_index]() mutable { return work(scratch_index); });
+    auto result = packaged->get_future();
+    {
+      const std::lock_guard lock(state_->mutex);
+      if (state_->stopping) throw std::runtime_error("ThreadPool stopped");
+      state_->queue.emplace_back([packaged] { (*packaged)(); });
+    }
+    state_->wake.notify_one();
+    return result;
+  }
+
+  /// Ends the workers and joins them, after the queue is drained or, with `discard_pending`, thrown away.
+  void shutdown(bool discard_pending);
+
+ private:
+  struct State {
+    std::mutex mutex;
+    std::condition_variable wake;
+    std::deque<std::function<void()>> queue;
+    bool stopping = false;
+  };
+  static void work(const std::shared_ptr<State>& state);
+
+  std::shared_ptr<State> state_ = std::make_shared<State>();
+  std::vector<std::thread> workers_;
+};
+
+/// Splits `count` items into `workers` contiguous ranges, item t x count / workers up to the next such bound,
+/// and runs `body(begin, end, worker)` on each, the first on the calling thread. The first exception, in
+/// worker order, is rethrown after all have ended.
+void parallel_ranges(std::size_t count, std::size_t workers,
+                     const std::function<void(std::size_t begin, std::size_t end, std::size_t worker)>& body);
+
+}  // namespace nvo

@@ -1,0 +1,111 @@
+#include <algorithm>
+#include <array>
+#include <future>
+#include <utility>
+
+#include "core/scoped_timer.h"
+#include "rip/sheet_run.h"
+
+namespace nvo {
+namespace {
+
+/// The whole sheet on the source grid.
+struct SheetPlanes {
+  std::vector<std::vector<std::uint8_t>> planes;
+  std::vector<std::uint8_t> explicit_white;
+};
+
+SheetPlanes compose_sheet(SheetRun& run) {
+  const std::size_t width = run.src_w;
+  const std::size_t pixels = width * run.src_h;
+  SheetPlanes sheet;
+  sheet.planes.assign(kChannelCount, std::vector<std::uint8_t>(pixels));
+  sheet.explicit_white.resize(pixels);
+
+  for (std::uint32_t strip = 0; strip < run.strips; ++strip) {
+    run.throw_if_cancelled();
+    const std::uint32_t y = strip * run.options.strip_h_px;
+    const std::uint32_t rows = std::min(run.src_h - y, run.options.strip_h_px);
+    run.report(static_cast<int>(strip), static_cast<int>(run.strips),
+               static_cast<float>(strip) / static_cast<float>(run.strips) * 45.0f,
+               "Compositing strip " + std::to_string(strip + 1) + "/" + std::to_string(run.strips));
+    StripBuffer band;
+    {
+      const ScopedTimer timer(run.profile.compose);
+      band = run.compositor.compose_strip(y, rows);
+    }
+    ++run.profile.compose_calls;
+    run.profile.source_strip_pixels += width * rows;
+
+    const ScopedTimer timer(run.profile.full_buffer_copy);
+    const std::size_t offset = width * y;
+    const std::size_t bytes = width * rows;
+    const std::size_t channels = std::min<std::size_t>(band.planes.size(), kChannelCount);
+    for (std::size_t channel = 0; channel < channels; ++channel)
+      std::copy_n(band.planes[channel].begin(), std::min(bytes, band.planes[channel].size()),
+                  sheet.planes[channel].begin() + static_cast<std::ptrdiff_t>(offset));
+    if (band.explicit_white.size() >= bytes)
+      std::copy_n(band.explicit_white.begin(), bytes,
+                  sheet.explicit_white.begin() + static_cast<std::ptrdiff_t>(offset));
+  }
+  return sheet;
+}
+
+std::vector<DropMap> rip_sheet(SheetRun& run, const SheetPlanes& sheet, const ChokePlanes& choke_planes,
+                               const ChokeContext& context) {
+  const std::uint8_t* coverage = choke_planes.coverage.empty() ? nullptr : choke_planes.coverage.data();
+  std::vector<DropMap> dropmaps(kChannelCount);
+  const auto rip_channel = [&](std::uint32_t channel, std::size_t scratch) {
+    const ScopedTimer timer(run.profile.rip_ch[channel]);
+    dropmaps[channel] =
+        run.engine.process(sheet.planes[channel].data(), run.src_w, run.src_h,
+                           static_cast<std::int32_t>(channel), channel < kChannelW ? coverage : nullptr,
+                           nullptr, coverage ? &context : nullptr, &run.scratch[scratch]);
+  };
+
+  constexpr int kStages = static_cast<int>(kChannelCount);
+  if (run.pool) {
+    run.throw_if_cancelled();
+    run.report(0, kStages, 45.0f, "Ripping channels");
+    std::array<std::future<void>, kChannelCount> pending;
+    for (std::uint32_t channel = 0; channel < kChannelCount; ++channel)
+      pending[channel] = run.pool->submit(
+          [&rip_channel, channel](std::size_t scratch) { rip_channel(channel, scratch); }, channel);
+    for (const auto& task : pending) task.wait();  // the tasks refer to this frame: none may outlive it
+    for (auto& task : pending) task.get();
+  } else {
+    for (std::uint32_t channel = 0; channel < kChannelCount; ++channel) {
+      run.throw_if_cancelled();
+      run.report(static_cast<int>(channel), kStages,
+                 static_cast<float>(channel) / static_cast<float>(kStages) * 45.0f + 45.0f,
+                 "Ripping channel " + std::to_string(channel + 1) + "/5");
+      rip_channel(channel, channel);
+    }
+  }
+  return dropmaps;
+}
+
+}  // namespace
+
+void run_full_buffer(SheetRun& run) {
+  const SheetPlanes sheet = compose_sheet(run);
+  const ChokePlanes choke_planes = make_choke_planes(sheet.planes, sheet.explicit_white.size(), run.choke,
+                                                     run.profile.occupancy, run.profile.occupancy);
+  ChokeContext context;
+  if (!choke_planes.coverage.empty()) {
+    const ScopedTimer timer(run.profile.choke_context);
+    context = run.engine.prepare_device_white(
+        choke_planes.coverage.data(), run.src_w, run.src_h, 0, run.src_h, sheet.explicit_white.data(),
+        run.choke.adaptive ? sheet.planes[kChannelW].data() : nullptr,
+        choke_planes.light.empty() ? nullptr : choke_planes.light.data());
+  }
+  const std::vector<DropMap> dropmaps = rip_sheet(run, sheet, choke_planes, context);
+  for (const DropMap& map : dropmaps) run.profile.device_channel_pixels += map.data.size();
+
+  run.report(static_cast<int>(run.strips), static_cast<int>(run.strips), 95.0f,
+             "Writing " + std::string(print_extension(run.options.head())));
+  const ScopedTimer timer(run.profile.writer);
+  run.writer.write_dropmaps(dropmaps, run.output_path);
+}
+
+}  // namespace nvo

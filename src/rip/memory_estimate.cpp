@@ -1,0 +1,73 @@
+#include "rip/memory_estimate.h"
+
+#include <sstream>
+#include <stdexcept>
+#include <string>
+
+#include "core/checked.h"
+
+namespace nvo {
+namespace {
+
+constexpr std::uint64_t kFullBufferCap = 2147483648;
+constexpr double kMebibyte = 1048576.0;
+constexpr std::uint64_t kChannels = 5;
+
+[[noreturn]] void fail_size(const char* label) {
+  throw std::runtime_error(std::string("StreamRip: ") + label + " size overflow");
+}
+
+std::uint64_t times(std::uint64_t a, std::uint64_t b, const char* label) {
+  const auto product = checked_product(a, b);
+  if (!product) fail_size(label);
+  return *product;
+}
+
+std::uint64_t plus(std::uint64_t a, std::uint64_t b, const char* label) {
+  const auto sum = checked_sum(a, b);
+  if (!sum) fail_size(label);
+  return *sum;
+}
+
+std::uint64_t source_planes(const FullBufferNeeds& needs) {
+  if (!needs.device_choke) return 6;
+  return needs.light_protection ? 8 : 7;
+}
+
+// Filtered copies of the sheet: one for each way of sampling in parallel, or a single one that is used in
+// turn.
+std::uint64_t density_contexts(const FullBufferNeeds& needs) {
+  if (needs.parallel_channels) return (needs.color_hard ? 0u : 4u) + (needs.white_hard ? 0u : 1u);
+  return needs.color_hard && needs.white_hard ? 0 : 1;
+}
+
+}  // namespace
+
+std::uint64_t full_buffer_bytes(const FullBufferNeeds& needs) {
+  const std::uint64_t source_px = times(needs.src_w, needs.src_h, "full-buffer source pixel");
+  const std::uint64_t device_px = times(needs.dev_w, needs.dev_h, "full-buffer device pixel");
+  const std::uint64_t source_bytes = times(source_px, source_planes(needs), "full-buffer source buffer");
+  const std::uint64_t device_bytes = times(device_px, kChannels, "full-buffer device dropmap");
+  const std::uint64_t main = plus(source_bytes, device_bytes, "full-buffer memory estimate");
+  const std::uint64_t horizontal = times(needs.src_h, needs.dev_w, "full-buffer horizontal density");
+  const std::uint64_t workers = needs.parallel_channels ? kChannels : 1;
+
+  constexpr const char* kScratch = "full-buffer scratch estimate";
+  std::uint64_t scratch = plus(
+      0, times(horizontal, density_contexts(needs), "full-buffer horizontal density contexts"), kScratch);
+  if (needs.device_choke)
+    scratch = plus(scratch, times(device_px, workers, "full-buffer density-device contexts"), kScratch);
+  scratch = plus(scratch, times(needs.dev_w, workers, "full-buffer density-row contexts"), kScratch);
+  return plus(main, times(scratch, sizeof(float), "full-buffer scratch byte"), "full-buffer memory estimate");
+}
+
+void require_full_buffer_fits(const FullBufferNeeds& needs) {
+  const std::uint64_t estimate = full_buffer_bytes(needs);
+  if (estimate <= kFullBufferCap) return;
+  std::ostringstream text;
+  text << "StreamRip full-buffer memory cap exceeded: estimate " << static_cast<double>(estimate) / kMebibyte
+       << " MiB > cap " << static_cast<double>(kFullBufferCap) / kMebibyte << " MiB";
+  throw std::runtime_error(text.str());
+}
+
+}  // namespace nvo

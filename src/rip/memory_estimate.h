@@ -1,0 +1,24 @@
+#pragma once
+
+#include <cstdint>
+
+namespace nvo {
+
+/// What the full-buffer path would hold at once.
+struct FullBufferNeeds {
+  std::uint32_t src_w = 0, src_h = 0;
+  std::uint32_t dev_w = 0, dev_h = 0;
+  bool device_choke = false;
+  bool light_protection = false;
+  bool parallel_channels = false;
+  bool color_hard = false;
+  bool white_hard = false;
+};
+
+/// Bytes of all its buffers. Throws "StreamRip: … size overflow" where 64 bits don't hold them.
+std::uint64_t full_buffer_bytes(const FullBufferNeeds& needs);
+
+/// Throws when the estimate exceeds 2 GiB, naming both sizes.
+void require_full_buffer_fits(const FullBufferNeeds& needs);
+
+}  // namespace nvo

@@ -1,0 +1,68 @@
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "compose/strip_compositor.h"
+#include "output/hoson_writer.h"
+#include "plan/rip_job_options.h"
+#include "plan/thread_pool.h"
+#include "rip/coverage_planes.h"
+#include "rip/run_profile.h"
+#include "rip/stream_rip.h"
+#include "screen/rip_engine.h"
+
+namespace nvo {
+
+/// The white choke as a run uses it, derived once from the options.
+struct ChokePlan {
+  bool device_choke = false;  ///< the device-domain choke is active
+  bool adaptive = false;
+  std::int32_t min_width_dots = 1;
+  bool protect_light = false;
+  float lightness_threshold = 85.0f;
+  float runtime_radius_px = 0.0f;  ///< source pixels
+  std::optional<LightProtection> light;
+};
+
+/// Everything that the two paths of a run share, owned by `StreamRip::run` for its span.
+struct SheetRun {
+  const StreamRip& job;
+  const RipJobOptions& options;
+  const std::string& output_path;
+  PrintMode mode;
+  ChokePlan choke;
+  std::uint32_t src_w = 0, src_h = 0;  ///< source pixels
+  std::uint32_t dev_w = 0, dev_h = 0;  ///< device dots
+  std::uint32_t strips = 0;
+  StripCompositor& compositor;
+  RipEngine& engine;
+  HosonWriter& writer;
+  ThreadPool* pool = nullptr;  ///< null when the channels run one after another
+  std::array<RipEngine::ProcessScratch, kChannelCount> scratch{};
+  StreamRipProfile profile;
+
+  void report(int stage, int stage_count, float percent, std::string message) const;
+  void throw_if_cancelled() const;
+};
+
+/// Composed planes of a band of the sheet and what the white choke derives from them.
+struct ChokePlanes {
+  std::vector<std::uint8_t> coverage;  ///< empty unless the device-domain choke is active
+  std::vector<std::uint8_t> light;     ///< empty unless light areas are protected
+};
+
+/// Fills the planes for `pixels` pixels; both stay zero where the composed planes are too few or too short.
+/// The two durations, in nanoseconds, are added up.
+ChokePlanes make_choke_planes(const std::vector<std::vector<std::uint8_t>>& planes, std::size_t pixels,
+                              const ChokePlan& choke, std::uint64_t& coverage_ns, std::uint64_t& light_ns);
+
+/// Strip by strip from the bottom of the sheet to its top.
+void run_streaming(SheetRun& run);
+/// The whole sheet at once.
+void run_full_buffer(SheetRun& run);
+
+}  // namespace nvo

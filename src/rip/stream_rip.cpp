@@ -1,0 +1,318 @@
+#include "rip/stream_rip.h"
+
+#include <algorithm>
+#include <cmath>
+#include <memory>
+#include <utility>
+
+#include "core/env_override.h"
+#include "core/log.h"
+#include "core/platform/environment.h"
+#include "core/scoped_timer.h"
+#include "core/text.h"
+#include "image/image_meta_probe.h"
+#include "plan/performance.h"
+#include "plan/sheet_geometry.h"
+#include "rip/memory_estimate.h"
+#include "rip/sheet_run.h"
+
+namespace nvo {
+namespace {
+
+constexpr const char* kStrategyOverride = "NVO_WHITE_CHOKE_STRATEGY_DEBUG_OVERRIDE";
+constexpr std::int32_t kMinWidthLow = 1, kMinWidthHigh = 16;
+constexpr float kLightnessHigh = 100.0f;
+constexpr float kChokeReferenceDpi = 300.0f;
+
+const char* name_of(bool value) {
+  return value ? "true" : "false";
+}
+const char* name_of(ResamplingMode mode) {
+  return mode == ResamplingMode::hard ? "hard" : "smooth";
+}
+
+bool is_override_set(const char* name) {
+  const std::string word = ascii_lower(platform::environment(name).value_or(""));
+  return word == "1" || word == "true" || word == "on" || word == "yes";
+}
+
+PrintMode checked_print_mode(const RipJobOptions& options) {
+  const PrintMode mode = effective_print_mode(options.head(), options.print_mode,
+                                              {options.x_dpi, options.y_dpi, options.passes});
+  if (options.src_dpi == 0 || mode.x_dpi == 0 || mode.y_dpi == 0)
+    throw std::invalid_argument("StreamRip: src_dpi/x_dpi/y_dpi must be > 0");
+  if (options.strip_h_px == 0) throw std::invalid_argument("StreamRip: strip_h_px must be > 0");
+  return mode;
+}
+
+ChokePlan plan_choke(const RipJobOptions& options) {
+  const bool by_algorithm = options.white_choke_algorithm == WhiteChokeSetting::adaptive;
+  const bool wanted = options.white_choke_enabled && options.white_choke_amount_px_at_300dpi > 0.0f;
+  ChokePlan plan;
+  plan.device_choke = wanted;
+  plan.adaptive = by_algorithm || options.adaptive_white_choke;
+  plan.min_width_dots = std::clamp(by_algorithm ? options.white_choke_adaptive_min_width_dots
+                                                : options.adaptive_white_choke_min_width_dots,
+                                   kMinWidthLow, kMinWidthHigh);
+  plan.protect_light = plan.adaptive && (by_algorithm ? options.white_choke_adaptive_protect_light_enabled
+                                                      : options.adaptive_white_choke_protect_light);
+  plan.lightness_threshold = std::clamp(by_algorithm ? options.white_choke_adaptive_lightness_threshold
+                                                     : options.adaptive_white_choke_lightness_threshold,
+                                        0.0f, kLightnessHigh);
+  if (plan.protect_light) plan.light.emplace(plan.lightness_threshold);
+  if (wanted)
+    plan.runtime_radius_px =
+        static_cast<float>(options.src_dpi) / kChokeReferenceDpi * options.white_choke_amount_px_at_300dpi;
+  return plan;
+}
+
+void log_plan(const RipJobOptions& options, const ChokePlan& choke) {
+  log_info("White choke: enabled=", name_of(options.white_choke_enabled), ", strategy=production",
+           ", rip_algorithm=", choke.adaptive ? "adaptive" : "production", ", requested_strategy=production",
+           ", debug_env_override=false", ", amount_px@300=", options.white_choke_amount_px_at_300dpi,
+           ", runtime_radius_px=", choke.runtime_radius_px, ", min_width_dots=", choke.min_width_dots,
+           ", light_protection=", name_of(choke.protect_light),
+           ", lightness_threshold=", choke.lightness_threshold,
+           ", insertion_stage=rip_pre_threshold_device_domain");
+  log_info("Resampling: color=", name_of(options.color_resampling_mode),
+           ", color_linear_light=", name_of(options.color_resampling_linear_light),
+           ", white=", name_of(options.white_resampling_mode));
+}
+
+SamplingMode sampling_of(ResamplingMode mode) {
+  return mode == ResamplingMode::hard ? SamplingMode::hard : SamplingMode::smooth;
+}
+
+RipEngineParams engine_params(const RipJobOptions& options, const PrintMode& mode, const ChokePlan& choke,
+                              const RipSettings& rip_settings) {
+  RipEngineParams params;
+  params.src_dpi = options.src_dpi;
+  params.x_dpi = mode.x_dpi;
+  params.y_dpi = mode.y_dpi;
+  params.n_channels = static_cast<std::int32_t>(kChannelCount);
+  params.white_choke_enabled = options.white_choke_enabled;
+  params.white_choke_amount_px_at_300dpi = options.white_choke_amount_px_at_300dpi;
+  params.white_choke_strategy = WhiteChokeStrategy::production;
+  params.white_choke_algorithm =
+      choke.adaptive ? DeviceChokeAlgorithm::adaptive : DeviceChokeAlgorithm::production;
+  params.white_choke_adaptive_min_width_dots = static_cast<std::uint32_t>(choke.min_width_dots);
+  params.white_choke_adaptive_protect_light_enabled = choke.protect_light;
+  params.white_choke_adaptive_lightness_threshold = choke.lightness_threshold;
+  params.color_resampling = sampling_of(options.color_resampling_mode);
+  params.white_resampling = sampling_of(options.white_resampling_mode);
+  params.performance = options.performance;
+  params.performance_env = RipPerformanceEnv::snapshot();
+  params.cache_dir = options.cache_dir;
+  params.linear_lut = channel_curves(rip_settings);
+  return params;
+}
+
+StripCompositorConfig compositor_config(const RipJobOptions& options, SheetSize size) {
+  StripCompositorConfig config;
+  config.sheet_width_in = size.width_in;
+  config.sheet_height_in = size.height_in;
+  config.src_dpi = options.src_dpi;
+  config.strip_h_px = options.strip_h_px;
+  config.channel_count = kChannelCount;
+  config.white_generation_mode = static_cast<std::uint32_t>(options.white_generation_mode);
+  config.source_grid_choke_enabled = false;  // white is choked on the device grid
+  config.white_choke_amount_px_at_300dpi = options.white_choke_amount_px_at_300dpi;
+  config.white_choke_strategy = WhiteChokeStrategy::production;
+  config.color_resampling_mode = options.color_resampling_mode;
+  config.color_resampling_linear_light = options.color_resampling_linear_light;
+  config.white_resampling_mode = options.white_resampling_mode;
+  config.white_ink_limit_enabled = options.white_ink_limit_enabled;
+  config.total_ink_budget_pct = options.total_ink_budget_pct;
+  config.max_white_pct = options.max_white_pct;
+  config.min_white_pct = options.min_white_pct;
+  return config;
+}
+
+const IccSettings& effective_icc(const RipJobOptions& options) {
+  const IccSettings& job = options.job_icc;
+  const bool job_sets_any = job.enabled || !job.input_rgb_profile.empty() ||
+                            !job.input_cmyk_profile.empty() || !job.output_profile.empty();
+  return job_sets_any ? job : options.icc;
+}
+
+// A strip whose drop maps could not be held is refused before anything is read or allocated for it.
+void require_strip_fits(const RipJobOptions& options, const PrintMode& mode, std::uint32_t src_h,
+                        std::uint32_t dev_w) {
+  const std::uint32_t rows = std::min(options.strip_h_px, src_h);
+  checked_drop_map_bytes(dev_w, device_row(rows, src_h, options.src_dpi, mode.y_dpi));
+}
+
+void log_streaming(std::uint32_t src_dpi, std::uint32_t y_dpi) {
+  if (y_dpi % src_dpi == 0)
+    log_info("StreamRip: streaming mode enabled (strip compose -> rip -> write)");
+  else
+    log_info("StreamRip: streaming mode enabled with fractional Y scale (", src_dpi, "->", y_dpi,
+             ", strip compose + halo -> rip -> write)");
+}
+
+}  // namespace
+
+void SheetRun::report(int stage, int stage_count, float percent, std::string message) const {
+  if (job.progress) job.progress({stage, stage_count, percent, std::move(message)});
+}
+
+void SheetRun::throw_if_cancelled() const {
+  if (!job.cancel || !job.cancel()) return;
+  log_info("StreamRip: cancelled.");
+  throw RipCancelledError("RIP cancelled");
+}
+
+ChokePlanes make_choke_planes(const std::vector<std::vector<std::uint8_t>>& planes, std::size_t pixels,
+                              const ChokePlan& choke, std::uint64_t& coverage_ns, std::uint64_t& light_ns) {
+  ChokePlanes result;
+  if (!choke.device_choke) return result;
+  result.coverage.resize(pixels);
+  if (choke.light) result.light.resize(pixels);
+  const auto is_short = [&](std::size_t channel) { return planes[channel].size() < pixels; };
+  if (planes.size() < 4 || is_short(0) || is_short(1) || is_short(2) || is_short(3)) return result;
+
+  const ColourPlanes inks{planes[0].data(), planes[1].data(), planes[2].data(), planes[3].data(), pixels};
+  {
+    const ScopedTimer timer(coverage_ns);
+    colour_coverage(inks, result.coverage.data());
+  }
+  if (choke.light) {
+    const ScopedTimer timer(light_ns);
+    choke.light->protect(inks, result.light.data());
+  }
+  return result;
+}
+
+void StreamRip::rip_single(const std::string& input_path, const std::string& output_path,
+                           const RipSettings& rip_settings, float width_in, float height_in) const {
+  const ImageProbeInfo image = probe_image(input_path);
+  if (image.width == 0 || image.height == 0)
+    throw std::runtime_error("StreamRip::rip_single: empty source image");
+  const float reference = static_cast<float>(options.src_dpi);
+  const float dpi_x = normalize_resolution(image.dpi_x, reference);
+  const float dpi_y = normalize_resolution(image.dpi_y > 0.0f ? image.dpi_y : dpi_x, reference);
+  if (!(dpi_x > 0.0f) || !(dpi_y > 0.0f))
+    throw std::runtime_error("StreamRip::rip_single: invalid source DPI");
+
+  float w = static_cast<float>(image.width) / dpi_x;
+  float h = static_cast<float>(image.height) / dpi_y;
+  const bool width_given = std::isfinite(width_in) && width_in > 0.0f;
+  const bool height_given = std::isfinite(height_in) && height_in > 0.0f;
+  if (width_given && height_given) {
+    w = width_in;
+    h = height_in;
+  } else if (width_given) {
+    h *= width_in / w;
+    w = width_in;
+  } else if (height_given) {
+    w *= height_in / h;
+    h = height_in;
+  }
+
+  LayoutItem item;
+  item.id = item.name = "single";
+  item.path = input_path;
+  item.width_in = w;
+  item.height_in = h;
+  run({{std::move(item)}, h}, output_path, rip_settings);
+}
+
+void StreamRip::run(SheetLayout sheet, const std::string& output_path,
+                    const RipSettings& rip_settings) const {
+  const std::uint64_t start = platform::monotonic_nanoseconds();
+  const bool profiling = profile_enabled();
+  const PrintMode mode = checked_print_mode(options);
+  const ChokePlan choke = plan_choke(options);
+  if (is_override_set(kStrategyOverride)) warn_ignored_override(kStrategyOverride);
+  log_plan(options, choke);
+
+  const PlacedSize placed = place_items(sheet, options);
+  const float pad_in = choke_canvas_pad_in(options);
+  if (pad_in > 0.0f) {
+    pad_canvas(sheet, pad_in);
+    log_info("StreamRip: white choke canvas pad applied: ", pad_in, " in");
+  }
+  const SheetSize size = sheet_size(sheet, placed, pad_in, options.sheet_width_in);
+  if (!(size.width_in > 0.0f)) {
+    log_warn("StreamRip: empty sheet width, nothing to rip");
+    return;
+  }
+  const std::uint32_t src_w = source_pixels(size.width_in, options.src_dpi, "sheet width");
+  const std::uint32_t src_h = source_pixels(size.height_in, options.src_dpi, "sheet height");
+  if (src_h == 0) {
+    log_warn("StreamRip: empty sheet, nothing to rip");
+    return;
+  }
+  const std::uint32_t dev_w = device_pixels(src_w, options.src_dpi, mode.x_dpi, "width");
+  const std::uint32_t dev_h = device_pixels(src_h, options.src_dpi, mode.y_dpi, "height");
+  const std::uint32_t strips = strip_count(src_h, options.strip_h_px);
+  log_info("source-driven layout dpi selected: ", options.src_dpi);
+  log_info("StreamRip: ", src_w, "x", src_h, " px @ ", options.src_dpi, " dpi   ", output_path);
+  log_info("StreamRip: physical ", size.width_in, "x", size.height_in, " in -> dev ", dev_w, "x", dev_h,
+           " @ ", mode.x_dpi, "x", mode.y_dpi, " dpi, ", mode.passes, "pass");
+  log_info("StreamRip: ", strips, " strips x ", options.strip_h_px, " px");
+
+  const std::uint32_t hw = hardware_threads();
+  const RipPerformanceEnv env = RipPerformanceEnv::snapshot();
+  const RipPerformance performance = normalize_performance(options.performance, hw);
+  const bool parallel_channels =
+      use_parallel_channels(options.parallel_channels_auto, std::uint64_t{dev_w} * dev_h,
+                            options.parallel_channels_min_pixels, hw, env, performance);
+  const std::uint32_t threads = channel_threads(hw, performance);
+  if (parallel_channels) log_info("StreamRip: parallel channel RIP enabled, threads=", threads);
+  const bool streaming = mode.y_dpi >= options.src_dpi;
+  if (streaming) {
+    require_strip_fits(options, mode, src_h, dev_w);
+  } else {
+    require_full_buffer_fits({src_w, src_h, dev_w, dev_h, choke.device_choke, choke.protect_light,
+                              parallel_channels, options.color_resampling_mode == ResamplingMode::hard,
+                              options.white_resampling_mode == ResamplingMode::hard});
+  }
+
+  RipEngineParams params = engine_params(options, mode, choke, rip_settings);
+  params.performance = performance;
+  params.performance_env = env;
+  StripCompositor compositor(compositor_config(options, size));
+  compositor.set_layout(sheet);
+  compositor.set_icc_settings(effective_icc(options));
+  compositor.set_profiling(profiling);
+  compositor.reset_counters();
+  RipEngine engine(std::move(params));
+  HosonWriter writer({options.head(), mode, options.output_channel_map});
+  writer.set_timing(profiling);
+  std::unique_ptr<ThreadPool> pool;
+  if (parallel_channels) {
+    pool = std::make_unique<ThreadPool>(threads);
+    engine.ensure_column_taps(src_w, dev_w);
+  }
+
+  SheetRun run{*this, options, output_path, mode,   choke,  src_w,      src_h, dev_w,
+               dev_h, strips,  compositor,  engine, writer, pool.get(), {},    {}};
+  run.profile.streaming = streaming;
+  run.profile.parallel_channels = parallel_channels;
+  if (streaming) {
+    log_streaming(options.src_dpi, mode.y_dpi);
+    run_streaming(run);
+  } else {
+    log_warn("StreamRip: Y scale ", options.src_dpi, "->", mode.y_dpi,
+             ") is using compatibility full-buffer path");
+    run_full_buffer(run);
+  }
+  run.report(static_cast<int>(strips), static_cast<int>(strips), 100.0f, "Done");
+
+  if (profiling) {
+    StreamRipProfile& profile = run.profile;
+    profile.src_width_px = src_w;
+    profile.src_height_px = src_h;
+    profile.dev_width_px = dev_w;
+    profile.dev_height_px = dev_h;
+    profile.strip_count = strips;
+    profile.compositor = compositor.read_counters();
+    profile.writer_counters = writer.counters();
+    profile.total = platform::monotonic_nanoseconds() - start;
+    report_profile(profile, output_path);
+  }
+  log_info("StreamRip: complete.");
+}
+
+}  // namespace nvo

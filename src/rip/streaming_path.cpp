@@ -1,0 +1,215 @@
+#include <algorithm>
+#include <array>
+#include <future>
+#include <utility>
+
+#include "core/log.h"
+#include "core/scoped_timer.h"
+#include "plan/sheet_geometry.h"
+#include "rip/sheet_run.h"
+
+namespace nvo {
+namespace {
+
+/// The outcome of one strip.
+struct StreamingStripResult {
+  std::uint32_t src_y = 0, src_rows = 0;
+  std::uint32_t dev_y = 0;
+  std::uint64_t source_strip_pixels = 0;  ///< source width x composed rows, halo included
+  std::uint64_t compose = 0, colour_coverage = 0, light_protection = 0, device_choke = 0;  ///< nanoseconds
+  std::array<std::uint64_t, kChannelCount> rip_ch{};                                       ///< nanoseconds
+  std::vector<DropMap> dropmaps;                                                           ///< C, M, Y, K, W
+};
+
+struct ChannelRipResult {
+  DropMap drops;
+  std::uint64_t duration = 0;  ///< nanoseconds
+};
+
+/// Where a strip lies on both grids, and the halo around it.
+struct StripPlace {
+  std::uint32_t src_y = 0, src_rows = 0;  ///< the strip's own source rows
+  std::uint32_t first = 0, rows = 0;      ///< source rows with the halo
+  std::uint32_t dev_y = 0, dev_rows = 0;  ///< device rows that the strip delivers
+  std::uint32_t crop_top = 0;             ///< device rows of the upper halo
+
+  bool has_halo() const { return first != src_y || rows != src_rows; }
+};
+
+StripPlace place_strip(const SheetRun& run, std::uint32_t strip, std::uint32_t halo) {
+  const auto to_device = [&](std::uint32_t source_row) {
+    return device_row(source_row, run.src_h, run.options.src_dpi, run.mode.y_dpi);
+  };
+  StripPlace place;
+  place.src_y = strip * run.options.strip_h_px;
+  place.src_rows = std::min(run.src_h - place.src_y, run.options.strip_h_px);
+  const std::uint32_t end = place.src_y + place.src_rows;
+  place.first = place.src_y > halo ? place.src_y - halo : 0;
+  const std::uint32_t last =
+      static_cast<std::uint32_t>(std::min<std::uint64_t>(std::uint64_t{end} + halo, run.src_h));
+  place.rows = last - place.first;
+  place.dev_y = to_device(place.src_y);
+  place.dev_rows = to_device(end) - place.dev_y;
+  place.crop_top = place.dev_y - to_device(place.first);
+  return place;
+}
+
+/// Cuts the device rows of the halo off a map, in place.
+void crop_drop_map(DropMap& map, std::uint32_t top, std::uint32_t rows) {
+  if (top > map.height || rows > map.height - top)
+    throw std::runtime_error("StreamRip: invalid DropMap crop rows");
+  const std::size_t width = map.width;
+  map.data.resize(width * (std::size_t{top} + rows));
+  map.data.erase(map.data.begin(), map.data.begin() + static_cast<std::ptrdiff_t>(width * top));
+  map.height = rows;
+}
+
+class StripTask {
+ public:
+  StripTask(SheetRun& run, std::uint32_t halo) : run_(run), halo_(halo) {}
+
+  StreamingStripResult rip_strip(std::uint32_t strip) {
+    const StripPlace place = place_strip(run_, strip, halo_);
+    log_debug("StreamRip: strip ", run_.strips - strip, "/", run_.strips, " src_y=", place.src_y,
+              " h=", place.src_rows, place.has_halo() ? " with halo" : "");
+    StreamingStripResult result;
+    result.src_y = place.src_y;
+    result.src_rows = place.src_rows;
+    result.dev_y = place.dev_y;
+    const std::size_t pixels = std::size_t{run_.src_w} * place.rows;
+    result.source_strip_pixels = pixels;
+
+    StripBuffer strip_buffer;
+    {
+      const ScopedTimer timer(result.compose);
+      strip_buffer = run_.compositor.compose_strip(place.first, place.rows);
+    }
+    const ChokePlanes choke_planes = make_choke_planes(strip_buffer.planes, pixels, run_.choke,
+                                                       result.colour_coverage, result.light_protection);
+    ChokeContext context;
+    if (!choke_planes.coverage.empty()) {
+      const ScopedTimer timer(result.device_choke);
+      context = prepare_choke(place, strip_buffer, choke_planes);
+    }
+    rip_channels(place, strip_buffer, choke_planes, context, result);
+    return result;
+  }
+
+ private:
+  ChokeContext prepare_choke(const StripPlace& place, const StripBuffer& strip, const ChokePlanes& planes) {
+    const std::size_t pixels = planes.coverage.size();
+    const auto if_whole = [&](const std::vector<std::uint8_t>& plane) {
+      return plane.size() >= pixels ? plane.data() : nullptr;
+    };
+    const bool has_white = run_.choke.adaptive && strip.planes.size() > kChannelW;
+    return run_.engine.prepare_device_white(planes.coverage.data(), run_.src_w, place.rows, place.first,
+                                            run_.src_h, if_whole(strip.explicit_white),
+                                            has_white ? if_whole(strip.planes[kChannelW]) : nullptr,
+                                            planes.light.empty() ? nullptr : planes.light.data());
+  }
+
+  const std::uint8_t* channel_plane(const StripBuffer& strip, std::uint32_t channel, std::size_t pixels) {
+    if (channel < strip.planes.size() && !strip.planes[channel].empty()) return strip.planes[channel].data();
+    if (zeros_.size() < pixels) zeros_.resize(pixels);
+    return zeros_.data();
+  }
+
+  void rip_channels(const StripPlace& place, const StripBuffer& strip, const ChokePlanes& choke_planes,
+                    const ChokeContext& context, StreamingStripResult& result) {
+    const std::size_t pixels = std::size_t{run_.src_w} * place.rows;
+    std::array<const std::uint8_t*, kChannelCount> planes{};
+    for (std::uint32_t channel = 0; channel < kChannelCount; ++channel)
+      planes[channel] = channel_plane(strip, channel, pixels);
+    const std::uint8_t* coverage = choke_planes.coverage.empty() ? nullptr : choke_planes.coverage.data();
+
+    const auto rip_channel = [&](std::uint32_t channel, std::size_t scratch) {
+      const std::uint64_t start = platform::monotonic_nanoseconds();
+      ChannelRipResult channel_result;
+      run_.engine.process_strip(channel_result.drops, planes[channel], run_.src_w, place.rows, place.first,
+                                run_.src_h, static_cast<std::int32_t>(channel),
+                                channel < kChannelW ? coverage : nullptr, nullptr,
+                                coverage ? &context : nullptr, &run_.scratch[scratch]);
+      if (place.has_halo()) crop_drop_map(channel_result.drops, place.crop_top, place.dev_rows);
+      channel_result.duration = platform::monotonic_nanoseconds() - start;
+      return channel_result;
+    };
+
+    result.dropmaps.resize(kChannelCount);
+    const auto keep = [&](std::uint32_t channel, ChannelRipResult&& channel_result) {
+      result.dropmaps[channel] = std::move(channel_result.drops);
+      result.rip_ch[channel] = channel_result.duration;
+    };
+    if (run_.pool) {
+      std::array<std::future<ChannelRipResult>, kChannelCount> pending;
+      for (std::uint32_t channel = 0; channel < kChannelCount; ++channel)
+        pending[channel] = run_.pool->submit(
+            [&rip_channel, channel](std::size_t scratch) { return rip_channel(channel, scratch); }, channel);
+      for (const auto& task : pending) task.wait();  // the tasks refer to this frame: none may outlive it
+      for (std::uint32_t channel = 0; channel < kChannelCount; ++channel)
+        keep(channel, pending[channel].get());
+    } else {
+      for (std::uint32_t channel = 0; channel < kChannelCount; ++channel)
+        keep(channel, rip_channel(channel, channel));
+    }
+  }
+
+  SheetRun& run_;
+  std::uint32_t halo_;
+  std::vector<std::uint8_t> zeros_;  ///< stands for a plane that the compositor did not give
+};
+
+void add_to_profile(const StreamingStripResult& result, StreamRipProfile& profile) {
+  profile.source_strip_pixels += result.source_strip_pixels;
+  profile.compose += result.compose;
+  profile.occupancy += result.colour_coverage + result.light_protection;
+  profile.choke_context += result.device_choke;
+  for (std::size_t channel = 0; channel < kChannelCount; ++channel) {
+    profile.rip_ch[channel] += result.rip_ch[channel];
+    profile.device_channel_pixels += result.dropmaps[channel].data.size();
+  }
+  ++profile.compose_calls;
+}
+
+}  // namespace
+
+void run_streaming(SheetRun& run) {
+  const RipJobOptions& options = run.options;
+  run.writer.begin_stream_write(run.output_path, run.dev_w, run.dev_h);
+  const std::uint32_t halo =
+      halo_rows({options.src_dpi, run.mode.y_dpi,
+                 options.color_resampling_mode == ResamplingMode::hard &&
+                     options.white_resampling_mode == ResamplingMode::hard,
+                 run.choke.device_choke, options.white_choke_amount_px_at_300dpi, run.choke.min_width_dots});
+
+  StripTask task(run, halo);
+  const auto start_strip = [&](std::uint32_t strip) {
+    run.throw_if_cancelled();
+    const std::uint32_t stage = run.strips - 1 - strip;
+    run.report(static_cast<int>(stage), static_cast<int>(run.strips),
+               static_cast<float>(stage) / static_cast<float>(run.strips) * 95.0f,
+               "Streaming strip " + std::to_string(run.strips - strip) + "/" + std::to_string(run.strips));
+    return std::async(std::launch::async, [&task, strip] { return task.rip_strip(strip); });
+  };
+
+  // One strip is composed and screened while the one below it is written.
+  std::uint64_t rows_written = 0;
+  std::future<StreamingStripResult> next = start_strip(run.strips - 1);
+  for (std::uint32_t remaining = run.strips; remaining > 0; --remaining) {
+    const StreamingStripResult result = next.get();
+    if (remaining > 1) next = start_strip(remaining - 2);
+    {
+      const ScopedTimer timer(run.profile.writer);
+      run.writer.write_dropmaps_strip(result.dropmaps, result.dev_y);
+    }
+    rows_written += result.dropmaps[0].height;
+    add_to_profile(result, run.profile);
+  }
+  if (rows_written != run.dev_h) throw std::runtime_error("StreamRip: streamed row count mismatch");
+
+  run.report(static_cast<int>(run.strips), static_cast<int>(run.strips), 97.0f,
+             "Finalizing " + std::string(print_extension(options.head())));
+  const ScopedTimer timer(run.profile.finalize);
+  run.writer.end_stream_write();
+}
+
+}  // namespace nvo

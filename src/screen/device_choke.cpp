@@ -1,0 +1,126 @@
+#include "screen/device_choke.h"
+
+#include <algorithm>
+#include <numeric>
+#include <optional>
+#include <span>
+#include <utility>
+#include <vector>
+
+#include "plan/thread_pool.h"
+#include "screen/bit_morphology.h"
+#include "screen/choke_offsets.h"
+#include "screen/choke_ring.h"
+#include "screen/choke_sampling.h"
+#include "screen/choke_white.h"
+#include "screen/device_grid.h"
+
+namespace nvo {
+namespace {
+
+constexpr float kAmountDpi = 300.0f;  ///< amounts are in pixels at this resolution
+
+/// Radius and settings of a context.
+void describe(const DeviceChokeParams& params, bool adaptive, ChokeContext& context) {
+  const float amount = params.amount_px_at_300dpi;
+  context.radius_in = amount > 0.0f ? amount / kAmountDpi : 0.0f;
+  context.radius_px_x = static_cast<float>(params.x_dpi) * context.radius_in;
+  context.radius_px_y = static_cast<float>(params.y_dpi) * context.radius_in;
+  context.adaptive = adaptive;
+  if (!adaptive) return;
+  context.min_width_dots = std::max(params.min_width_dots, 1u);
+  context.protect_light = params.protect_light;
+  if (context.protect_light)
+    context.lightness_threshold = std::clamp(params.lightness_threshold, 0.0f, 100.0f);
+}
+
+/// The outline of a set of offsets. Its rows are unbroken, as distance grows with the columns.
+OffsetShape shape_of(std::span<const ChokeOffset> offsets) {
+  OffsetShape shape;
+  for (const ChokeOffset& offset : offsets) {
+    if (offset.dx < 0 || offset.dy < 0) continue;
+    const auto dx = static_cast<std::uint32_t>(offset.dx), dy = static_cast<std::uint32_t>(offset.dy);
+    if (shape.half_width.size() <= dy) shape.half_width.resize(dy + 1);
+    shape.half_width[dy] = std::max(shape.half_width[dy], dx);
+  }
+  return shape;
+}
+
+/// Fills `keep`, `grown` and the ring of a context whose other masks are there.
+class StripChoke {
+ public:
+  StripChoke(ChokeContext& context, const ChokeRowMap& row_map, std::vector<ChokeOffset> offsets)
+      : context_(context), row_map_(row_map), offsets_(std::move(offsets)), disc_(shape_of(offsets_)) {}
+
+  void run(std::uint32_t threads) {
+    const std::size_t rows = context_.height;
+    if (context_.adaptive) context_.keep = BitPlane(context_.width, context_.height);
+    context_.grown = context_.colour_core;
+    context_.ring_rows.assign(rows + 1, 0);
+    std::vector<std::vector<RingDot>> rings(std::clamp<std::size_t>(threads, 1, rows));
+    parallel_ranges(rows, rings.size(), [&](std::size_t begin, std::size_t end, std::size_t worker) {
+      rings[worker] = choke_rows(begin, end);
+    });
+    join(rings);
+  }
+
+ private:
+  /// Returns the ring dots of rows `begin` up to `end` and writes the count of each row behind its place.
+  std::vector<RingDot> choke_rows(std::size_t begin, std::size_t end) {
+    std::optional<WhiteChoke> white;
+    if (context_.adaptive) white.emplace(context_, row_map_.first_equal, disc_, begin, end, context_.keep);
+    ColourRing colour(context_, offsets_, disc_);
+    std::vector<RingDot> ring;
+    for (std::size_t y = begin; y < end; ++y) {
+      const std::size_t before = ring.size();
+      const std::uint64_t* halo = white ? white->halo_row(y) : nullptr;
+      if (!white || halo != nullptr) colour.grow_row(y, halo, context_.grown.row(y), ring);
+      context_.ring_rows[y + 1] = ring.size() - before;
+    }
+    return ring;
+  }
+
+  void join(std::vector<std::vector<RingDot>>& rings) {
+    std::partial_sum(context_.ring_rows.begin(), context_.ring_rows.end(), context_.ring_rows.begin());
+    context_.ring = std::move(rings.front());
+    context_.ring.reserve(context_.ring_rows.back());
+    for (std::size_t worker = 1; worker < rings.size(); ++worker) {
+      context_.ring.insert(context_.ring.end(), rings[worker].begin(), rings[worker].end());
+      rings[worker] = {};
+    }
+    if (context_.ring.empty()) context_.ring_rows.clear();
+  }
+
+  ChokeContext& context_;
+  const ChokeRowMap& row_map_;
+  std::vector<ChokeOffset> offsets_;
+  OffsetShape disc_;
+};
+
+}  // namespace
+
+ChokeContext prepare_device_choke(const DeviceChokeInput& input, const DeviceChokeParams& params) {
+  ChokeContext context;
+  if (input.coverage == nullptr || input.src_w == 0 || input.strip_rows == 0 || input.total_src_rows == 0)
+    return context;
+  const DeviceScale scale(params.src_dpi, params.x_dpi, params.y_dpi);
+  const std::uint32_t dev_h = device_extent(input.total_src_rows, scale.y);
+  const DeviceRows rows = device_rows_of_strip(input.strip_src_y, input.strip_rows, scale.y, dev_h);
+  context.width = device_extent(input.src_w, scale.x);
+  context.height = rows.end - rows.first;
+  if (context.height == 0) return context;
+
+  describe(params, params.adaptive && input.support_plane != nullptr, context);
+  const ChokeRowMap row_map(input, dev_h, rows);
+  sample_choke_masks(input, row_map, params.threads, context);
+  if (context.radius_in > 0.0f) {
+    StripChoke(context, row_map, choke_offsets(params.x_dpi, params.y_dpi, context.radius_in))
+        .run(params.threads);
+  } else {
+    context.keep = context.support;
+    context.grown = context.colour_core;
+  }
+  return context;
+}
+
+}  // namespace nvo

@@ -1,0 +1,13 @@
+#include "screen/kernels/screening_kernels.h"
+
+namespace nvo {
+
+const ScreeningKernels* kernels_for(InstructionSet set) {
+  return set == InstructionSet::scalar ? &kScalarKernels : nullptr;
+}
+
+const ScreeningKernels& best_kernels() {
+  return kScalarKernels;
+}
+
+}  // namespace nvo

@@ -1,0 +1,38 @@
+#include "screen/kernels/scalar_steps.h"
+#include "screen/kernels/screening_kernels.h"
+
+namespace nvo {
+namespace {
+
+void filter_columns(const float* pixels, const ColumnTapsView& taps, float* out) {
+  scalar_steps::filter_columns(pixels, taps, out, 0);
+}
+
+void add_scaled_row(const float* row, float weight, float* sum, std::size_t count) {
+  scalar_steps::add_scaled_row(row, weight, sum, count, 0);
+}
+
+void encode_row(const float* inks, std::size_t count, std::uint8_t* base, std::uint8_t* threshold) {
+  scalar_steps::encode_row(inks, count, base, threshold, 0);
+}
+
+void spread_codes(const std::uint8_t* base_in, const std::uint8_t* threshold_in, const std::int32_t* column,
+                  std::size_t count, std::uint8_t* base, std::uint8_t* threshold) {
+  scalar_steps::spread_codes(base_in, threshold_in, column, count, base, threshold, 0);
+}
+
+void screen_row(const std::uint8_t* base, const std::uint8_t* threshold, const std::uint8_t* mask,
+                std::size_t count, std::uint8_t* dots) {
+  scalar_steps::screen_row(base, threshold, mask, count, dots, 0);
+}
+
+void keep_dots(const std::uint64_t* kept, std::size_t count, std::uint8_t* dots) {
+  scalar_steps::keep_dots(kept, count, dots, 0);
+}
+
+}  // namespace
+
+const ScreeningKernels kScalarKernels = {InstructionSet::scalar, filter_columns, add_scaled_row, encode_row,
+                                         spread_codes,           screen_row,     keep_dots};
+
+}  // namespace nvo

@@ -1,0 +1,127 @@
+// Compiled alone with -msse4.1.
+#include <smmintrin.h>
+
+#include "screen/kernels/scalar_steps.h"
+#include "screen/kernels/screening_kernels.h"
+
+namespace nvo {
+namespace {
+
+constexpr std::size_t kBytes = 16;  ///< of a register
+constexpr std::size_t kFloats = 4;
+
+__m128i load(const void* from) {
+  return _mm_loadu_si128(static_cast<const __m128i*>(from));
+}
+void store(void* to, __m128i value) {
+  _mm_storeu_si128(static_cast<__m128i*>(to), value);
+}
+
+void filter_columns(const float* pixels, const ColumnTapsView& taps, float* out) {
+  std::size_t x = 0;
+  for (; x + kFloats <= taps.columns; x += kFloats) {
+    const std::int32_t* start = taps.start + x;
+    __m128 sum = _mm_setzero_ps();
+    for (std::size_t k = 0; k < taps.taps; ++k) {
+      const float* pixel = pixels + k;
+      const __m128 inks = _mm_setr_ps(pixel[start[0]], pixel[start[1]], pixel[start[2]], pixel[start[3]]);
+      sum = _mm_add_ps(sum, _mm_mul_ps(inks, _mm_loadu_ps(taps.weights + k * taps.columns + x)));
+    }
+    sum = _mm_min_ps(_mm_max_ps(sum, _mm_setzero_ps()), _mm_set1_ps(kMaxMaskByte));
+    _mm_storeu_ps(out + x, sum);
+  }
+  scalar_steps::filter_columns(pixels, taps, out, x);
+}
+
+void add_scaled_row(const float* row, float weight, float* sum, std::size_t count) {
+  const __m128 factor = _mm_set1_ps(weight);
+  std::size_t x = 0;
+  for (; x + kFloats <= count; x += kFloats)
+    _mm_storeu_ps(sum + x, _mm_add_ps(_mm_loadu_ps(sum + x), _mm_mul_ps(_mm_loadu_ps(row + x), factor)));
+  scalar_steps::add_scaled_row(row, weight, sum, count, x);
+}
+
+struct Codes {
+  __m128i base, threshold;  ///< four or sixteen, by context
+};
+
+Codes encode_four(const float* inks) {
+  const __m128 levels =
+      _mm_min_ps(_mm_div_ps(_mm_loadu_ps(inks), _mm_set1_ps(kInkPerLevel)), _mm_set1_ps(kMaxLevel));
+  const __m128i base = _mm_cvttps_epi32(levels);
+  const __m128 fraction = _mm_sub_ps(levels, _mm_cvtepi32_ps(base));
+  const __m128i nearest = _mm_cvtps_epi32(_mm_mul_ps(fraction, _mm_set1_ps(kMaxMaskByte)));
+  const __m128 k = _mm_cvtepi32_ps(nearest);
+  const __m128 edge =
+      _mm_add_ps(_mm_mul_ps(k, _mm_set1_ps(kMaskStepHigh)), _mm_mul_ps(k, _mm_set1_ps(kMaskStepLow)));
+  const __m128i passes = _mm_castps_si128(_mm_cmpgt_ps(fraction, edge));  // -1 where true
+  return {base, _mm_sub_epi32(nearest, passes)};
+}
+
+void encode_row(const float* inks, std::size_t count, std::uint8_t* base, std::uint8_t* threshold) {
+  std::size_t x = 0;
+  for (; x + kBytes <= count; x += kBytes) {
+    const Codes a = encode_four(inks + x), b = encode_four(inks + x + 4);
+    const Codes c = encode_four(inks + x + 8), d = encode_four(inks + x + 12);
+    store(base + x, _mm_packus_epi16(_mm_packs_epi32(a.base, b.base), _mm_packs_epi32(c.base, d.base)));
+    store(threshold + x, _mm_packus_epi16(_mm_packs_epi32(a.threshold, b.threshold),
+                                          _mm_packs_epi32(c.threshold, d.threshold)));
+  }
+  scalar_steps::encode_row(inks, count, base, threshold, x);
+}
+
+void spread_codes(const std::uint8_t* base_in, const std::uint8_t* threshold_in, const std::int32_t* column,
+                  std::size_t count, std::uint8_t* base, std::uint8_t* threshold) {
+  std::size_t x = 0;
+  for (; x + kBytes <= count; x += kBytes) {
+    const std::int32_t first = column[x];
+    if (column[x + kBytes - 1] - first >= static_cast<std::int32_t>(kBytes)) break;  // left to the plain loop
+    const __m128i origin = _mm_set1_epi32(first);
+    const __m128i a = _mm_sub_epi32(load(column + x), origin),
+                  b = _mm_sub_epi32(load(column + x + 4), origin);
+    const __m128i c = _mm_sub_epi32(load(column + x + 8), origin),
+                  d = _mm_sub_epi32(load(column + x + 12), origin);
+    const __m128i pick = _mm_packus_epi16(_mm_packs_epi32(a, b), _mm_packs_epi32(c, d));
+    store(base + x, _mm_shuffle_epi8(load(base_in + first), pick));
+    store(threshold + x, _mm_shuffle_epi8(load(threshold_in + first), pick));
+  }
+  scalar_steps::spread_codes(base_in, threshold_in, column, count, base, threshold, x);
+}
+
+void screen_row(const std::uint8_t* base, const std::uint8_t* threshold, const std::uint8_t* mask,
+                std::size_t count, std::uint8_t* dots) {
+  const __m128i one = _mm_set1_epi8(1);
+  std::size_t x = 0;
+  for (; x + kBytes <= count; x += kBytes) {
+    // The saturated difference is above 0 exactly where the mask is below the threshold.
+    const __m128i above = _mm_subs_epu8(load(threshold + x), load(mask + x));
+    store(dots + x, _mm_add_epi8(load(base + x), _mm_min_epu8(above, one)));
+  }
+  scalar_steps::screen_row(base, threshold, mask, count, dots, x);
+}
+
+/// 0xff for each of the low 16 bits that is set.
+__m128i bytes_of_bits(std::uint64_t bits) {
+  const __m128i byte_of_dot = _mm_setr_epi8(0, 0, 0, 0, 0, 0, 0, 0, 1, 1, 1, 1, 1, 1, 1, 1);
+  const __m128i bit_of_dot = _mm_set1_epi64x(static_cast<long long>(0x8040201008040201u));
+  const __m128i spread = _mm_shuffle_epi8(_mm_cvtsi32_si128(static_cast<int>(bits & 0xffff)), byte_of_dot);
+  return _mm_cmpeq_epi8(_mm_and_si128(spread, bit_of_dot), bit_of_dot);
+}
+
+void keep_dots(const std::uint64_t* kept, std::size_t count, std::uint8_t* dots) {
+  std::size_t x = 0;
+  for (; x + 64 <= count; x += 64) {
+    const std::uint64_t bits = kept[x / 64];
+    if (bits == ~std::uint64_t{0}) continue;
+    for (std::size_t i = 0; i < 64; i += kBytes)
+      store(dots + x + i, _mm_and_si128(load(dots + x + i), bytes_of_bits(bits >> i)));
+  }
+  scalar_steps::keep_dots(kept, count, dots, x);
+}
+
+}  // namespace
+
+const ScreeningKernels kSse41Kernels = {InstructionSet::sse41, filter_columns, add_scaled_row, encode_row,
+                                        spread_codes,          screen_row,     keep_dots};
+
+}  // namespace nvo

@@ -1,0 +1,217 @@
+#include "screen/mask_cache.h"
+
+#include <algorithm>
+#include <array>
+#include <bit>
+#include <cmath>
+#include <cstring>
+#include <fstream>
+#include <stdexcept>
+#include <system_error>
+#include <utility>
+
+#include "core/checked.h"
+#include "core/fnv1a.h"
+#include "core/log.h"
+#include "core/platform/clock.h"
+#include "core/platform/file.h"
+#include "core/platform/paths.h"
+#include "screen/mask_generator.h"
+
+namespace nvo {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr std::uint32_t kMaxDimension = 0x7FFFFFFF;
+constexpr std::uint64_t kMaxSetBytes = 0x20000000;
+constexpr std::uint64_t kMinTilePixels = 2;
+constexpr const char* kFolderName = "bn_cache";
+
+// The cache file: a little-endian header and the masks.
+constexpr std::size_t kHeaderSize = 56;
+constexpr std::array<char, 4> kMagic = {'B', 'M', 'S', 'K'};
+constexpr std::uint32_t kFormatVersion = 5;
+constexpr std::size_t kParamsEnd =
+    28;  // behind magic, format version, tile size, count, sigma and set version
+constexpr std::size_t kHashOffset = 48;
+using Header = std::array<std::uint8_t, kHeaderSize>;
+
+void check(const MaskParams& p) {
+  if (p.tile_w == 0 || p.tile_h == 0 || p.n_masks == 0)
+    throw std::invalid_argument("MaskCache: tile_w/tile_h/n_masks must be > 0");
+  if (p.tile_w > kMaxDimension || p.tile_h > kMaxDimension || p.n_masks > kMaxDimension)
+    throw std::invalid_argument("MaskCache: dimensions exceed supported range");
+  if (!mask_set_bytes(p)) throw std::invalid_argument("MaskCache: requested cache is too large");
+  if (std::uint64_t{p.tile_w} * p.tile_h < kMinTilePixels)
+    throw std::invalid_argument("MaskCache: tile must contain at least two pixels");
+  if (!std::isfinite(p.sigma) || !(p.sigma > 0.0f) || p.sigma > kMaxMaskSigma)
+    throw std::invalid_argument("MaskCache: sigma must be finite and within supported range");
+}
+
+std::string file_name(const MaskParams& p) {
+  const auto sigma_tenths = static_cast<int>(p.sigma * 10.0f);
+  return "bnmask_v" + std::to_string(p.version) + "_" + std::to_string(p.tile_w) + "x" +
+         std::to_string(p.tile_h) + "_m" + std::to_string(p.n_masks) + "_sg" + std::to_string(sigma_tenths) +
+         ".bin";
+}
+
+fs::path made_absolute(const fs::path& path) {
+  std::error_code error;
+  fs::path absolute = fs::absolute(path, error);
+  return error ? path : absolute;
+}
+
+template <class T>
+void put_little_endian(std::uint8_t* out, T value) {
+  for (std::size_t i = 0; i < sizeof value; ++i) out[i] = static_cast<std::uint8_t>(value >> (8 * i));
+}
+
+template <class T>
+T get_little_endian(const std::uint8_t* in) {
+  T value = 0;
+  for (std::size_t i = 0; i < sizeof value; ++i) value |= static_cast<T>(T{in[i]} << (8 * i));
+  return value;
+}
+
+Header make_header(const MaskParams& params, std::uint64_t hash) {
+  Header header{};
+  std::memcpy(header.data(), kMagic.data(), kMagic.size());
+  std::size_t offset = kMagic.size();
+  for (const std::uint32_t field : {kFormatVersion, params.tile_w, params.tile_h, params.n_masks,
+                                    std::bit_cast<std::uint32_t>(params.sigma), params.version}) {
+    put_little_endian(header.data() + offset, field);
+    offset += sizeof field;
+  }
+  put_little_endian(header.data() + kHashOffset, hash);
+  return header;
+}
+
+bool read_exactly(std::ifstream& file, std::uint8_t* out, std::size_t size) {
+  file.read(reinterpret_cast<char*>(out), static_cast<std::streamsize>(size));
+  return static_cast<std::size_t>(file.gcount()) == size;
+}
+
+/// The masks of a cache file that was made from exactly these parameters, or nothing.
+std::optional<std::vector<std::uint8_t>> load_masks(const fs::path& path, const MaskParams& params) {
+  std::error_code error;
+  if (!fs::is_regular_file(path, error)) return std::nullopt;  // to open a pipe would wait for its writer
+  std::ifstream file(path, std::ios::binary);
+  Header header{};
+  if (!file || !read_exactly(file, header.data(), header.size())) return std::nullopt;
+
+  // Sigma is neither zero nor NaN, so equal bytes are equal values.
+  const Header expected = make_header(params, 0);
+  if (!std::equal(expected.begin(), expected.begin() + kParamsEnd, header.begin())) {
+    log_info("MaskCache: params mismatch, regenerating.");
+    return std::nullopt;
+  }
+  const auto size = mask_set_bytes(params);
+  if (!size) {
+    log_warn("MaskCache: params exceed supported cache size, regenerating.");
+    return std::nullopt;
+  }
+  std::vector<std::uint8_t> masks(*size);
+  if (!read_exactly(file, masks.data(), masks.size())) return std::nullopt;
+  if (fnv1a(masks.data(), masks.size()) != get_little_endian<std::uint64_t>(header.data() + kHashOffset)) {
+    log_warn("MaskCache: CRC mismatch, regenerating.");
+    return std::nullopt;
+  }
+  log_info("MaskCache: loaded from ", platform::to_utf8(path));
+  return masks;
+}
+
+/// Writes header and masks to a temporary file beside `path` and moves it there.
+bool write_cache_file(const std::string& path, const Header& header, const std::vector<std::uint8_t>& masks) {
+  const std::string temporary = path + ".tmp." + std::to_string(platform::process_id()) + "." +
+                                std::to_string(platform::monotonic_nanoseconds());
+  platform::File file;
+  if (file.create_exclusive(temporary) != 0) return false;
+  const platform::TemporaryName name(temporary);
+  const bool written = file.write_all(header.data(), header.size()) == 0 &&
+                       file.write_all(masks.data(), masks.size()) == 0 && file.flush() == 0 &&
+                       file.close() == 0;
+  if (written && platform::replace_file(temporary, path) == 0) return true;
+  file.close();
+  platform::remove_file(temporary);
+  return false;
+}
+
+bool save_masks(const fs::path& folder, const MaskParams& params, const std::vector<std::uint8_t>& masks) {
+  std::error_code error;
+  fs::create_directories(folder, error);
+  if (error) {
+    log_warn("MaskCache: cannot create cache dir ", platform::to_utf8(folder), " (", error.message(), ")");
+  }
+  const auto size = mask_set_bytes(params);
+  if (!size || *size > masks.size()) return false;
+
+  const std::string path = platform::to_utf8(folder / file_name(params));
+  const bool saved = write_cache_file(path, make_header(params, fnv1a(masks.data(), masks.size())), masks);
+  if (saved) {
+    log_info("MaskCache: saved to ", path);
+  } else {
+    log_warn("MaskCache: could not save to ", path);
+  }
+  return saved;
+}
+
+/// `value` modulo `size`, in 0 to size - 1 for negative values too.
+std::size_t wrapped(std::int64_t value, std::uint32_t size) {
+  if (std::has_single_bit(size)) return static_cast<std::size_t>(value) & (size - 1);
+  const std::int64_t rest = value % static_cast<std::int64_t>(size);
+  return static_cast<std::size_t>(rest < 0 ? rest + size : rest);
+}
+
+}  // namespace
+
+std::optional<std::uint64_t> mask_set_bytes(const MaskParams& params) {
+  const auto bytes = checked_product(std::uint64_t{params.tile_w} * params.tile_h, params.n_masks);
+  return bytes && *bytes <= kMaxSetBytes ? bytes : std::nullopt;
+}
+
+std::vector<fs::path> mask_cache_folders(const std::string& cache_dir) {
+  if (!cache_dir.empty()) return {made_absolute(platform::to_path(cache_dir))};
+
+  // A relative name stands in for a folder that the system cannot tell, and so means the current folder.
+  std::vector<fs::path> folders = {made_absolute(platform::executable_directory() / kFolderName)};
+  fs::path user = platform::user_config_directory().folder;
+  if (!user.empty()) user /= "NVO_RIP";
+  user = made_absolute(user / kFolderName);
+  if (user != folders.front()) folders.push_back(std::move(user));
+  return folders;
+}
+
+MaskCache::MaskCache(const MaskParams& params, const std::string& cache_dir)
+    : MaskCache(params, mask_cache_folders(cache_dir)) {}
+
+MaskCache::MaskCache(const MaskParams& params, const std::vector<fs::path>& folders) : params_(params) {
+  check(params);
+  for (const fs::path& folder : folders) {
+    if (auto masks = load_masks(folder / file_name(params), params)) {
+      bytes_ = std::move(*masks);
+      valid_ = true;
+      return;
+    }
+  }
+  bytes_ = generate_all_masks(params);
+  valid_ = true;
+  for (const fs::path& folder : folders)
+    if (save_masks(folder, params, bytes_)) return;
+  log_warn("MaskCache: could not save (not critical)");
+}
+
+std::uint8_t MaskCache::at(std::int32_t channel, std::int64_t x, std::int64_t y) const {
+  if (!valid_) return 0;
+  const std::size_t mask = wrapped(channel, params_.n_masks);
+  return bytes_[(mask * params_.tile_h + wrapped(y, params_.tile_h)) * params_.tile_w +
+                wrapped(x, params_.tile_w)];
+}
+
+const std::uint8_t* MaskCache::row(std::uint32_t channel, std::uint64_t y) const {
+  if (!valid_) return nullptr;
+  const std::size_t mask = channel % params_.n_masks;
+  return bytes_.data() + (mask * params_.tile_h + y % params_.tile_h) * params_.tile_w;
+}
+
+}  // namespace nvo

@@ -1,0 +1,402 @@
+#include "screen/rip_engine.h"
+
+#include <algorithm>
+#include <cmath>
+#include <stdexcept>
+#include <utility>
+
+#include "core/log.h"
+#include "plan/thread_pool.h"
+#include "screen/device_choke.h"
+#include "screen/row_screener.h"
+
+namespace nvo {
+namespace {
+
+constexpr std::size_t kCurveEntries = 256;
+constexpr float kMaxInk = 255.0f;
+constexpr std::int32_t kFirstWhiteChannel = 4;
+constexpr std::size_t kProgressRows = 2000;
+
+struct DefaultCurve {
+  float gain, gamma;
+};
+constexpr DefaultCurve kDefaultCurves[] = {{220.0f, 1.2f}, {220.0f, 1.2f}, {190.0f, 1.4f}, {150.0f, 1.5f}};
+
+std::vector<float> default_curve(const DefaultCurve& shape) {
+  std::vector<float> curve(kCurveEntries);
+  for (std::size_t i = 0; i < kCurveEntries; ++i)
+    curve[i] = std::pow(static_cast<float>(i) / kMaxInk, shape.gamma) * shape.gain;
+  return curve;
+}
+
+std::vector<float> identity_curve() {
+  std::vector<float> curve(kCurveEntries);
+  for (std::size_t i = 0; i < kCurveEntries; ++i) curve[i] = static_cast<float>(i);
+  return curve;
+}
+
+void mend_curve(std::vector<float>& curve, std::size_t channel) {
+  if (curve.size() != kCurveEntries) {
+    log_warn("RipEngine: linear_lut channel ", channel, " has ", curve.size(),
+             " values; replacing with identity 256-entry LUT");
+    curve = identity_curve();
+    return;
+  }
+  for (float& ink : curve) ink = std::isfinite(ink) ? std::clamp(ink, 0.0f, kMaxInk) : 0.0f;
+}
+
+RipEngineParams checked(RipEngineParams params) {
+  if (params.src_dpi == 0 || params.x_dpi == 0 || params.y_dpi == 0)
+    throw std::invalid_argument("RipEngine: src_dpi/x_dpi/y_dpi must be > 0");
+  if (params.n_channels <= 0) throw std::invalid_argument("RipEngine: n_channels must be > 0");
+  auto& curves = params.linear_lut;
+  if (curves.empty())
+    for (const DefaultCurve& shape : kDefaultCurves) curves.push_back(default_curve(shape));
+  const auto channels = static_cast<std::size_t>(params.n_channels);
+  while (curves.size() < channels) curves.push_back(identity_curve());
+  for (std::size_t channel = 0; channel < channels; ++channel) mend_curve(curves[channel], channel);
+  return params;
+}
+
+/// Every channel gets a mask of its own.
+MaskParams mask_params(const RipEngineParams& params) {
+  return {params.tile_w, params.tile_h,
+          std::max(params.n_masks, static_cast<std::uint32_t>(params.n_channels)), params.sigma,
+          params.version};
+}
+
+bool covers(const BitPlane& plane, std::uint32_t width, std::uint32_t height) {
+  return plane.width == width && plane.height == height;
+}
+
+void clear_outside(const BitPlane& kept, std::vector<float>& plane) {
+  for (std::size_t y = 0; y < kept.height; ++y)
+    for (std::size_t x = 0; x < kept.width; ++x)
+      if (!kept.test(x, y)) plane[y * kept.width + x] = 0.0f;
+}
+
+/// Dot after dot in place: a source that comes before its ring dot is read as it was left.
+void choke_colour_plane(const ChokeContext& choke, std::vector<float>& plane) {
+  const std::size_t width = choke.width;
+  for (std::size_t y = 0; y < choke.height; ++y) {
+    auto ring = choke.ring_of_row(y);
+    for (std::size_t x = 0; x < width; ++x) {
+      while (!ring.empty() && ring.front().x < x) ring = ring.subspan(1);
+      if (choke.grown.test(x, y) && choke.colour_core.test(x, y)) continue;
+      float ink = 0.0f;
+      if (choke.grown.test(x, y) && !ring.empty() && ring.front().x == x) {
+        const RingDot& dot = ring.front();
+        if (dot.source_x < width && dot.source_y < choke.height)
+          ink = plane[dot.source_y * width + dot.source_x];
+      }
+      plane[y * width + x] = ink;
+    }
+  }
+}
+
+const ScreeningKernels& chosen_kernels(const std::optional<InstructionSet>& set) {
+  const ScreeningKernels* kernels = set ? kernels_for(*set) : nullptr;
+  return kernels != nullptr ? *kernels : best_kernels();
+}
+
+}  // namespace
+
+/// One call of `process` or `process_strip`.
+struct RipEngine::PlaneJob {
+  bool whole_plane = false;  ///< `process`: sequential, tells its progress
+  const std::uint8_t* src = nullptr;
+  std::uint32_t src_w = 0, strip_rows = 0, strip_src_y = 0, total_src_rows = 0;
+  std::int32_t channel = 0;
+  const std::uint8_t* coverage = nullptr;
+  PreThresholdCapture* capture = nullptr;
+  const ChokeContext* choke = nullptr;
+  ProcessScratch* scratch = nullptr;
+  bool white = false, hard = false;
+  std::uint32_t dev_w = 0, dev_h = 0;  ///< of the whole plane
+  DeviceRows dev_rows{};               ///< of this call
+
+  std::uint32_t height() const { return dev_rows.end - dev_rows.first; }
+  /// White on its own nearest path, for which no choke is announced.
+  bool white_special() const { return white && hard; }
+};
+
+/// The masks that a call applies before the threshold, if any: those it was given or those it computed
+/// itself.
+class RipEngine::AppliedChoke {
+ public:
+  AppliedChoke() = default;
+  explicit AppliedChoke(const ChokeContext* given) : given_(given) {}
+  explicit AppliedChoke(ChokeContext own) : own_(std::move(own)) {}
+
+  const ChokeContext* context() const { return own_ ? &*own_ : given_; }
+
+ private:
+  const ChokeContext* given_ = nullptr;
+  std::optional<ChokeContext> own_;
+};
+
+RipEngine::RipEngine(RipEngineParams params)
+    : params_(checked(std::move(params))),
+      masks_(mask_params(params_), params_.cache_dir),
+      no_mask_(params_.tile_w),
+      kernels_(&chosen_kernels(params_.instruction_set)),
+      scale_(params_.src_dpi, params_.x_dpi, params_.y_dpi) {}
+
+void RipEngine::ensure_column_taps(std::uint32_t src_w, std::uint32_t dev_w) {
+  if (taps_.src_w != src_w || taps_.dev_w != dev_w) taps_ = build_column_taps(src_w, dev_w, scale_.x);
+}
+
+DropMap RipEngine::process(const std::uint8_t* src, std::uint32_t src_w, std::uint32_t src_h,
+                           std::int32_t channel, const std::uint8_t* coverage_plane,
+                           PreThresholdCapture* capture, const ChokeContext* choke, ProcessScratch* scratch) {
+  if (src == nullptr || src_w == 0 || src_h == 0)
+    throw std::invalid_argument("RipEngine::process: invalid source buffer");
+  if (channel < 0 || channel >= params_.n_channels)
+    throw std::invalid_argument("RipEngine::process: channel out of range");
+  PlaneJob job{.whole_plane = true,
+               .src = src,
+               .src_w = src_w,
+               .strip_rows = src_h,
+               .strip_src_y = 0,
+               .total_src_rows = src_h,
+               .channel = channel,
+               .coverage = coverage_plane,
+               .capture = capture,
+               .choke = choke,
+               .scratch = scratch};
+  place(job);
+  job.dev_rows = {0, job.dev_h};
+  log_info("RipEngine ch=", channel, " src=", src_w, "x", src_h, " dev=", job.dev_w, "x", job.dev_h);
+  DropMap out;
+  screen(job, out);
+  log_info("RipEngine ch=", channel, " done.");
+  return out;
+}
+
+void RipEngine::process_strip(DropMap& out, const std::uint8_t* src, std::uint32_t src_w,
+                              std::uint32_t strip_rows, std::uint32_t strip_src_y,
+                              std::uint32_t total_src_rows, std::int32_t channel,
+                              const std::uint8_t* coverage_plane, PreThresholdCapture* capture,
+                              const ChokeContext* choke, ProcessScratch* scratch) {
+  if (src == nullptr || src_w == 0 || strip_rows == 0 || total_src_rows == 0)
+    throw std::invalid_argument("RipEngine::process_strip: invalid source strip");
+  if (channel < 0 || channel >= params_.n_channels)
+    throw std::invalid_argument("RipEngine::process_strip: channel out of range");
+  if (strip_src_y >= total_src_rows || strip_rows > total_src_rows - strip_src_y)
+    throw std::invalid_argument("RipEngine::process_strip: strip source bounds are invalid");
+  PlaneJob job{.whole_plane = false,
+               .src = src,
+               .src_w = src_w,
+               .strip_rows = strip_rows,
+               .strip_src_y = strip_src_y,
+               .total_src_rows = total_src_rows,
+               .channel = channel,
+               .coverage = coverage_plane,
+               .capture = capture,
+               .choke = choke,
+               .scratch = scratch};
+  place(job);
+  job.dev_rows = device_rows_of_strip(strip_src_y, strip_rows, scale_.y, job.dev_h);
+  if (job.height() == 0) {
+    resize_drop_map(out, job.dev_w, 0);
+    return;
+  }
+  screen(job, out);
+}
+
+ChokeContext RipEngine::prepare_device_white(const std::uint8_t* coverage, std::uint32_t src_w,
+                                             std::uint32_t strip_rows, std::uint32_t strip_src_y,
+                                             std::uint32_t total_src_rows, const std::uint8_t* exempt_mask,
+                                             const std::uint8_t* support_plane,
+                                             const std::uint8_t* light_mask) const {
+  const DeviceChokeInput input{.coverage = coverage,
+                               .exempt_mask = exempt_mask,
+                               .support_plane = support_plane,
+                               .light_mask = light_mask,
+                               .src_w = src_w,
+                               .strip_rows = strip_rows,
+                               .strip_src_y = strip_src_y,
+                               .total_src_rows = total_src_rows};
+  const DeviceRows rows =
+      device_rows_of_strip(strip_src_y, strip_rows, scale_.y, device_extent(total_src_rows, scale_.y));
+  const DeviceChokeParams params{
+      .src_dpi = params_.src_dpi,
+      .x_dpi = params_.x_dpi,
+      .y_dpi = params_.y_dpi,
+      .amount_px_at_300dpi = params_.white_choke_amount_px_at_300dpi,
+      .adaptive = params_.white_choke_algorithm == DeviceChokeAlgorithm::adaptive,
+      .min_width_dots = params_.white_choke_adaptive_min_width_dots,
+      .protect_light = params_.white_choke_adaptive_protect_light_enabled,
+      .lightness_threshold = params_.white_choke_adaptive_lightness_threshold,
+      .threads = row_threads(rows.end - rows.first, device_extent(src_w, scale_.x), hardware_threads(),
+                             params_.performance_env, params_.performance)};
+  return prepare_device_choke(input, params);
+}
+
+/// Fills in what follows from the engine's parameters: the kind of sampling and the size of the device grid.
+void RipEngine::place(PlaneJob& job) const {
+  job.white = params_.n_channels > kFirstWhiteChannel && job.channel >= kFirstWhiteChannel;
+  job.hard = (job.white ? params_.white_resampling : params_.color_resampling) == SamplingMode::hard;
+  job.dev_w = device_extent(job.src_w, scale_.x);
+  job.dev_h = device_extent(job.total_src_rows, scale_.y);
+}
+
+bool RipEngine::colour_choke_active(const PlaneJob& job) const {
+  return !job.white && choke_amount_given() &&
+         (params_.white_choke_algorithm == DeviceChokeAlgorithm::adaptive ||
+          params_.white_choke_strategy == WhiteChokeStrategy::production) &&
+         job.coverage != nullptr;
+}
+
+bool RipEngine::white_choke_active(const PlaneJob& job) const {
+  return job.white && choke_amount_given() &&
+         params_.white_choke_algorithm == DeviceChokeAlgorithm::adaptive && job.choke != nullptr &&
+         job.choke->adaptive && covers(job.choke->keep, job.choke->width, job.choke->height);
+}
+
+bool RipEngine::choke_amount_given() const {
+  return params_.white_choke_enabled && params_.white_choke_amount_px_at_300dpi > 0.0f;
+}
+
+/// A context of another size than the result belongs to another strip and is left aside without a word.
+RipEngine::AppliedChoke RipEngine::select_choke(const PlaneJob& job) const {
+  const auto fits = [&](const ChokeContext& choke) {
+    return choke.width == job.dev_w && choke.height == job.height();
+  };
+  const auto fits_colour = [&](const ChokeContext& choke) {
+    return fits(choke) && covers(choke.grown, job.dev_w, job.height()) &&
+           covers(choke.colour_core, job.dev_w, job.height());
+  };
+  if (white_choke_active(job)) return fits(*job.choke) ? AppliedChoke(job.choke) : AppliedChoke();
+  if (!colour_choke_active(job)) return {};
+  if (job.choke != nullptr) return fits_colour(*job.choke) ? AppliedChoke(job.choke) : AppliedChoke();
+  ChokeContext own = prepare_device_white(job.coverage, job.src_w, job.strip_rows, job.strip_src_y,
+                                          job.total_src_rows, nullptr, nullptr, nullptr);
+  return fits_colour(own) ? AppliedChoke(std::move(own)) : AppliedChoke();
+}
+
+void RipEngine::log_choke(const PlaneJob& job, const ChokeContext& choke) const {
+  const float amount = params_.white_choke_amount_px_at_300dpi;
+  if (job.whole_plane && job.white) {
+    log_info("RipEngine ch=", job.channel, " applying adaptive white choke pre-threshold",
+             " amount_px@300=", amount, " radius_in=", choke.radius_in,
+             " min_width_dots=", choke.min_width_dots);
+  } else if (job.whole_plane) {
+    log_info("RipEngine ch=", job.channel, " applying device-domain choke pre-threshold",
+             " amount_px@300=", amount, " radius_in=", choke.radius_in, " radius_px_x=", choke.radius_px_x,
+             " radius_px_y=", choke.radius_px_y);
+  } else if (job.white) {
+    log_debug("RipEngine strip ch=", job.channel, " adaptive white choke pre-threshold",
+              " amount_px@300=", amount, " radius_px_x=", choke.radius_px_x,
+              " radius_px_y=", choke.radius_px_y, " min_width_dots=", choke.min_width_dots);
+  } else {
+    log_debug("RipEngine strip ch=", job.channel, " device-domain choke pre-threshold",
+              " amount_px@300=", amount, " radius_px_x=", choke.radius_px_x,
+              " radius_px_y=", choke.radius_px_y);
+  }
+}
+
+void RipEngine::screen(const PlaneJob& job, DropMap& out) {
+  const bool out_is_zero = resize_drop_map(out, job.dev_w, job.height()) == DropMapContents::zero;
+  // A strip that samples by nearest pixel leaves the table to the channels that run beside it.
+  if (job.whole_plane || !job.hard) ensure_column_taps(job.src_w, job.dev_w);
+  if (job.white_special())
+    Logger::instance().log(job.whole_plane ? LogLevel::info : LogLevel::debug,
+                           job.whole_plane ? "RipEngine ch=" : "RipEngine strip ch=", job.channel,
+                           " using white-special nearest-like sampling path");
+
+  ProcessScratch local;
+  ProcessScratch& scratch = job.scratch != nullptr ? *job.scratch : local;
+  const AppliedChoke applied = select_choke(job);
+  const ChokeContext* choke = applied.context();
+  if (choke != nullptr && !job.white_special()) log_choke(job, *choke);
+  const StripScreening strip = screening_of(job, choke, scratch.rows);
+
+  const std::size_t workers = row_workers(job);
+  if (scratch.workers.size() < workers) scratch.workers.resize(workers);
+  if (job.capture != nullptr) {
+    screen_captured(job, strip, scratch.workers[0], out);
+    return;
+  }
+  parallel_ranges(job.height(), workers, [&](std::size_t begin, std::size_t end, std::size_t worker) {
+    RowScreener screener(strip, scratch.workers[worker]);
+    for (std::size_t y = begin; y < end; ++y) {
+      screener.screen(y, out_is_zero, out.data.data() + y * job.dev_w);
+      log_progress(job, y);
+    }
+  });
+}
+
+std::size_t RipEngine::row_workers(const PlaneJob& job) const {
+  if (job.whole_plane || job.capture != nullptr) return 1;
+  return row_threads(job.height(), job.dev_w, hardware_threads(), params_.performance_env,
+                     params_.performance);
+}
+
+StripScreening RipEngine::screening_of(const PlaneJob& job, const ChokeContext* choke,
+                                       std::vector<RowSpan>& spans) const {
+  StripScreening strip{.sampling = {},
+                       .masks = &masks_,
+                       .no_mask = no_mask_,
+                       .channel = static_cast<std::uint32_t>(job.channel),
+                       .first_device_row = job.dev_rows.first,
+                       .colour_choke = job.white ? nullptr : choke,
+                       .white_choke = job.white ? choke : nullptr};
+  StripSampling& sampling = strip.sampling;
+  sampling.kernels = kernels_;
+  sampling.pixels = job.src;
+  sampling.src_w = job.src_w;
+  sampling.dev_w = job.dev_w;
+  sampling.rows = &spans;
+  set_curve(sampling, params_.linear_lut[strip.channel].data());
+  spans.resize(job.height());
+  if (job.hard) {
+    nearest_row_spans(spans, job.dev_rows.first, job.dev_h, job.total_src_rows, job.strip_src_y,
+                      job.strip_rows);
+    set_nearest_columns(sampling);
+  } else {
+    area_row_spans(spans, job.dev_rows.first, scale_.y, job.strip_src_y, job.strip_rows);
+    sampling.taps = &taps_;
+  }
+  return strip;
+}
+
+/// The diagnostic form of the same: the whole plane of values is sampled and choked before it is screened.
+void RipEngine::screen_captured(const PlaneJob& job, const StripScreening& strip, RowBuffers& buffers,
+                                DropMap& out) const {
+  const std::size_t width = job.dev_w, height = job.height();
+  std::vector<float> plane(width * height);
+  RowSampler sampler(strip.sampling, buffers);
+  for (std::size_t y = 0; y < height; ++y) sampler.inks(y, plane.data() + y * width);
+  if (strip.white_choke != nullptr) clear_outside(strip.white_choke->keep, plane);
+  if (strip.colour_choke != nullptr) choke_colour_plane(*strip.colour_choke, plane);
+
+  const ChokeContext* choke = job.white ? strip.white_choke : strip.colour_choke;
+  PreThresholdCapture& capture = *job.capture;
+  capture = {};
+  capture.width = job.dev_w;
+  capture.height = job.height();
+  capture.device_choke_used = choke != nullptr;
+  capture.algorithm = choke == nullptr ? "rip_pre_threshold_standard"
+                      : job.white      ? "rip_pre_threshold_device_domain_adaptive_white"
+                                       : "rip_pre_threshold_device_domain";
+  if (choke != nullptr) capture.choke = *choke;
+  capture.values.resize(plane.size());
+  std::transform(plane.begin(), plane.end(), capture.values.begin(),
+                 [](float ink) { return static_cast<std::uint8_t>(std::clamp(ink, 0.0f, kMaxInk) + 0.5f); });
+
+  for (std::size_t y = 0; y < height; ++y) {
+    kernels_->encode_row(plane.data() + y * width, width, buffers.base.data(), buffers.threshold.data());
+    screen_codes(strip, {false, buffers.base.data(), buffers.threshold.data()}, mask_row(strip, y),
+                 out.data.data() + y * width);
+    log_progress(job, y);
+  }
+}
+
+void RipEngine::log_progress(const PlaneJob& job, std::size_t y) const {
+  if (job.whole_plane && y % kProgressRows == kProgressRows - 1)
+    log_debug("  ch=", job.channel, " row ", y + 1, "/", job.dev_h);
+}
+
+}  // namespace nvo

@@ -1,0 +1,137 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "config/job_settings.h"
+#include "plan/performance.h"
+#include "screen/choke_context.h"
+#include "screen/column_taps.h"
+#include "screen/device_grid.h"
+#include "screen/drop_map.h"
+#include "screen/kernels/screening_kernels.h"
+#include "screen/mask_cache.h"
+#include "screen/row_sampler.h"
+
+namespace nvo {
+
+struct StripScreening;
+
+enum class DeviceChokeAlgorithm : std::uint8_t { production = 0, adaptive = 1 };
+enum class SamplingMode : std::int32_t { smooth = 0, hard = 1 };
+
+struct RipEngineParams {
+  std::uint32_t src_dpi = 300;  ///< source grid, both axes
+  std::uint32_t x_dpi = 720;    ///< device grid across the head
+  std::uint32_t y_dpi = 1800;   ///< device grid along the feed
+  std::int32_t n_channels = 6;
+  /// Per channel 256 ink values (0..255); empty selects the built-in curves.
+  std::vector<std::vector<float>> linear_lut;
+  std::uint32_t tile_w = 1024, tile_h = 1024;
+  std::uint32_t n_masks = 6;
+  float sigma = 1.5f;
+  std::uint32_t version = 5;
+  std::string cache_dir;
+  bool white_choke_enabled = false;
+  float white_choke_amount_px_at_300dpi = 0.0f;
+  WhiteChokeStrategy white_choke_strategy = WhiteChokeStrategy::baseline;
+  DeviceChokeAlgorithm white_choke_algorithm = DeviceChokeAlgorithm::production;
+  std::uint32_t white_choke_adaptive_min_width_dots = 3;
+  bool white_choke_adaptive_protect_light_enabled = true;
+  float white_choke_adaptive_lightness_threshold = 85.0f;
+  SamplingMode color_resampling = SamplingMode::smooth;
+  SamplingMode white_resampling = SamplingMode::hard;
+  RipPerformance performance;
+  RipPerformanceEnv performance_env;
+  /// The kernels to screen with; nothing selects the machine's best. The drops are the same with all of them.
+  std::optional<InstructionSet> instruction_set;
+};
+
+/// Turns 8-bit ink planes on the source grid into drop levels on the device grid: resampling, ink curve,
+/// white choke and screening against a blue-noise mask. Channels are 0 C, 1 M, 2 Y, 3 K, 4 W; with five
+/// channels or more all from 4 on are white. One engine serves a job; `process` and `process_strip` may run
+/// at once for different channels and strips after `ensure_column_taps` was called for their widths.
+class RipEngine {
+ public:
+  /// Buffers that a caller's worker keeps from call to call; their contents mean nothing between calls.
+  struct ProcessScratch {
+    std::vector<RowSpan> rows;        ///< source rows of each device row
+    std::vector<RowBuffers> workers;  ///< one a row worker
+  };
+
+  /// What thresholding saw, for diagnosis.
+  struct PreThresholdCapture {
+    std::uint32_t width = 0, height = 0;  ///< device dots
+    bool device_choke_used = false;       ///< choke masks were applied, to colour or to white
+    std::string algorithm;
+    ChokeContext choke;                ///< the context that was applied; empty if none was
+    std::vector<std::uint8_t> values;  ///< value before the threshold, clamped and rounded to a byte
+  };
+
+  /// Checks the parameters, mends the curves and loads or generates the masks. Throws `invalid_argument` for
+  /// zero resolutions or channels and for bad mask parameters.
+  explicit RipEngine(RipEngineParams params);
+
+  /// As given, with one curve of 256 values in 0..255 for every channel.
+  const RipEngineParams& params() const { return params_; }
+  const MaskCache& masks() const { return masks_; }
+
+  /// Rebuilds the table of column taps unless it is already for exactly these widths. Not to be called while
+  /// another thread screens.
+  void ensure_column_taps(std::uint32_t src_w, std::uint32_t dev_w);
+
+  /// Screens a whole plane of `src_w` x `src_h` bytes on the calling thread. `coverage_plane` is the colour
+  /// coverage on the same grid, null for white; `capture`, `choke` and `scratch` may be null. Throws
+  /// `invalid_argument` for an empty plane or a channel out of range, `length_error` for a plane that no
+  /// `DropMap` holds.
+  DropMap process(const std::uint8_t* src, std::uint32_t src_w, std::uint32_t src_h, std::int32_t channel,
+                  const std::uint8_t* coverage_plane, PreThresholdCapture* capture, const ChokeContext* choke,
+                  ProcessScratch* scratch);
+
+  /// Screens source rows `strip_src_y` .. `strip_src_y + strip_rows - 1` of a plane of `total_src_rows` rows
+  /// into the device rows that belong to them; adjacent strips meet without gap or overlap. Device rows are
+  /// divided among threads; the drops do not depend on their number. The memory of `out` is reused where it
+  /// is large enough. Throws as `process`, and for a strip outside the plane; `out` is then as it was.
+  void process_strip(DropMap& out, const std::uint8_t* src, std::uint32_t src_w, std::uint32_t strip_rows,
+                     std::uint32_t strip_src_y, std::uint32_t total_src_rows, std::int32_t channel,
+                     const std::uint8_t* coverage_plane, PreThresholdCapture* capture,
+                     const ChokeContext* choke, ProcessScratch* scratch);
+
+  /// The white choke of a strip, from planes of `src_w` x `strip_rows` bytes on the source grid: colour
+  /// coverage, explicit white (may be null), the composed white (null unless adaptive) and the light areas
+  /// (may be null).
+  ChokeContext prepare_device_white(const std::uint8_t* coverage, std::uint32_t src_w,
+                                    std::uint32_t strip_rows, std::uint32_t strip_src_y,
+                                    std::uint32_t total_src_rows, const std::uint8_t* exempt_mask,
+                                    const std::uint8_t* support_plane, const std::uint8_t* light_mask) const;
+
+ private:
+  struct PlaneJob;
+  class AppliedChoke;
+
+  void place(PlaneJob& job) const;
+  void screen(const PlaneJob& job, DropMap& out);
+  bool choke_amount_given() const;
+  bool colour_choke_active(const PlaneJob& job) const;
+  bool white_choke_active(const PlaneJob& job) const;
+  AppliedChoke select_choke(const PlaneJob& job) const;
+  void log_choke(const PlaneJob& job, const ChokeContext& choke) const;
+  StripScreening screening_of(const PlaneJob& job, const ChokeContext* choke,
+                              std::vector<RowSpan>& spans) const;
+  std::size_t row_workers(const PlaneJob& job) const;
+  void screen_captured(const PlaneJob& job, const StripScreening& strip, RowBuffers& buffers,
+                       DropMap& out) const;
+  void log_progress(const PlaneJob& job, std::size_t y) const;
+
+  RipEngineParams params_;
+  MaskCache masks_;
+  std::vector<std::uint8_t> no_mask_;  ///< the tile row used where no valid mask is held
+  const ScreeningKernels* kernels_ = nullptr;
+  DeviceScale scale_;
+  ColumnTaps taps_;
+};
+
+}  // namespace nvo

@@ -1,0 +1,54 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <vector>
+
+#include "screen/choke_context.h"
+#include "screen/mask_cache.h"
+#include "screen/row_sampler.h"
+
+namespace nvo {
+
+/// All that decides the dots of one channel of a strip; shared by its row workers, read-only.
+struct StripScreening {
+  StripSampling sampling;
+  const MaskCache* masks = nullptr;
+  std::span<const std::uint8_t> no_mask;  ///< a tile row, used where `masks` holds none
+  std::uint32_t channel = 0;
+  std::uint32_t first_device_row = 0;          ///< of the strip on the whole plane
+  const ChokeContext* colour_choke = nullptr;  ///< of the strip's size, or null
+  const ChokeContext* white_choke = nullptr;  ///< the same for a white channel; at most one of the two is set
+};
+
+/// The rows of one worker from codes to dots: mask, choke, ring. A row's ingredients (codes, mask row, kept
+/// dots, ring dots) are separate steps, so that dots can be written in another form than one byte each.
+class RowScreener {
+ public:
+  RowScreener(const StripScreening& strip, RowBuffers& buffers);
+
+  /// Writes the drop levels of device row `y`, counted from the strip's first; rows ascend. `dots_are_zero`
+  /// says that the row's memory already is.
+  void screen(std::size_t y, bool dots_are_zero, std::uint8_t* dots);
+
+ private:
+  const std::uint64_t* kept_dots(std::size_t y);
+  void add_ring(std::size_t y, const std::uint8_t* mask, std::uint8_t* dots);
+
+  const StripScreening& strip_;
+  RowBuffers& buffers_;
+  RowSampler rows_;
+  std::optional<DotSampler> ring_;  ///< with a colour choke
+};
+
+/// The mask tile row of device row `y` of the strip. It repeats from the top of the plane, not of the strip,
+/// so the screen runs on across strips.
+const std::uint8_t* mask_row(const StripScreening& strip, std::size_t y);
+
+/// Levels of a row of codes under a mask tile row, which repeats along it.
+void screen_codes(const StripScreening& strip, const CodeRow& codes, const std::uint8_t* mask,
+                  std::uint8_t* dots);
+
+}  // namespace nvo

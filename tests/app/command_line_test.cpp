@@ -1,0 +1,173 @@
+#include <csignal>
+#include <filesystem>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "support/child_process.h"
+#include "support/print_file.h"
+#include "support/temp_dir.h"
+#include "support/tiff_file.h"
+
+namespace nvo {
+namespace {
+
+struct Outcome {
+  int code = 0;
+  std::string out, err;
+};
+
+/// A folder with inputs in which the real program runs.
+class CommandLine : public testing::Test {
+ protected:
+  std::vector<std::string> command(std::vector<std::string> arguments) const {
+    arguments.insert(arguments.begin(), NVO_RIP_PROGRAM);
+    return arguments;
+  }
+  std::map<std::string, std::string> environment() const {
+    return {{"XDG_CONFIG_HOME", dir.file("config")}, {"TZ", "UTC"}};
+  }
+  Outcome rip(std::vector<std::string> arguments) const {
+    test::ChildProcess child(command(std::move(arguments)), environment());
+    const int code = child.wait();
+    return {code, child.out(), child.err()};
+  }
+  std::string art(const std::string& name, std::uint32_t width, std::uint32_t height) const {
+    test::TiffFile tiff;
+    tiff.width = width, tiff.height = height;
+    tiff.samples = 5;
+    tiff.extra_samples = {EXTRASAMPLE_UNSPECIFIED};
+    tiff.pixel = [](std::uint32_t x, std::uint32_t y, std::uint8_t* ink) {
+      ink[0] = static_cast<std::uint8_t>(x), ink[1] = static_cast<std::uint8_t>(y);
+      ink[2] = static_cast<std::uint8_t>(x * y), ink[3] = 0, ink[4] = static_cast<std::uint8_t>(x / 2);
+    };
+    tiff.write(dir.file(name));
+    return dir.file(name);
+  }
+  std::vector<std::string> names() const {
+    auto found = dir.names();
+    std::erase(found, "config");
+    return found;
+  }
+
+  test::TempDir dir;
+};
+
+TEST_F(CommandLine, ArgumentsAreReadInTheirOrder) {
+  const std::string version =
+      "{\"version\":\"0.1.7\",\"build_id\":\"1071\",\"channel\":\"stable\",\"platform\":\"windows\",\"arch\":"
+      "\"x64\"}\n";
+  struct Case {
+    std::vector<std::string> arguments;
+    int code;
+    std::string out, err;
+  };
+  const std::vector<Case> cases = {
+      {{},
+       1,
+       "NVO RIP CLI   Hoson i3200\n\nUsage: nvo_rip <input_image> [output.prt|output.prn]\n\n"
+       "For nesting: use nvo_rip_gui.exe\n",
+       ""},
+      {{"--print-app-version-json"}, 0, version, ""},
+      {{"--print-app-version-json", "extra"}, 0, version, ""},
+      {{""}, 1, "", "Invalid input path encoding.\n"},
+      {{"bad\xff.tif"}, 1, "", "Invalid input path encoding.\n"},
+      {{"a.tif", ""}, 1, "", "Invalid output path encoding.\n"},
+      {{"a.tif", "\xC0\xAF"}, 1, "", "Invalid output path encoding.\n"},
+  };
+  for (const Case& c : cases) {
+    const Outcome outcome = rip(c.arguments);
+    EXPECT_EQ(outcome.code, c.code);
+    EXPECT_EQ(outcome.out, c.out);
+    EXPECT_EQ(outcome.err, c.err);
+  }
+  EXPECT_EQ(rip({dir.file("--PRINT-APP-VERSION-JSON")}).code, 2) << "taken as an input";
+}
+
+TEST_F(CommandLine, AGoodJobLeavesOneWholeFileTheSameEveryTime) {
+  const std::string input = art("My Art.tif", 60, 40);
+  const Outcome first = rip({input});
+  EXPECT_EQ(first.code, 0) << first.out;
+  EXPECT_NE(first.out.find("[INFO ] NVO RIP CLI\n"), std::string::npos);
+  EXPECT_NE(first.out.find("[INFO ] Input:  " + input + "\n"), std::string::npos);
+  EXPECT_NE(first.out.find("[INFO ] Done: " + dir.file("My_Art.prt") + "\n"), std::string::npos);
+  const std::string bytes = test::read_all(dir.file("My_Art.prt"));
+  EXPECT_TRUE(test::PrintFile(bytes).is_whole);
+  EXPECT_EQ(rip({input}).code, 0) << "a derived target is replaced";
+  EXPECT_EQ(test::read_all(dir.file("My_Art.prt")), bytes);
+
+  const Outcome placed = rip({input, dir.file("new/dir/o.prt"), "ignored", "arguments"});
+  EXPECT_EQ(placed.code, 0);
+  EXPECT_EQ(placed.out.rfind("Output path info: explicit output parent directory created.\n", 0), 0u);
+  EXPECT_EQ(test::read_all(dir.file("new/dir/o.prt")), bytes);
+  EXPECT_EQ(rip({input, dir.file("--print-app-version-json")}).code, 0) << "an output path like any other";
+}
+
+TEST_F(CommandLine, FailuresHaveTheirTextAndCodeAndLeaveNothing) {
+  const std::string good = art("good.tif", 40, 600);
+  const std::string bytes = test::read_all(good);
+  test::write_all(dir.file("cut.tif"), bytes.substr(0, bytes.size() / 2));
+  test::write_all(dir.file("empty.tif"), "");
+  test::write_all(dir.file("text.xyz"), "x");
+  test::write_all(dir.file("there.prt"), "older");
+  std::filesystem::create_directory(dir.file("folder.tif"));
+  {
+    TIFF* deep = TIFFOpen(dir.file("deep.tif").c_str(), "w");
+    TIFFSetField(deep, TIFFTAG_IMAGEWIDTH, 1), TIFFSetField(deep, TIFFTAG_IMAGELENGTH, 1);
+    TIFFSetField(deep, TIFFTAG_BITSPERSAMPLE, 16), TIFFSetField(deep, TIFFTAG_SAMPLESPERPIXEL, 1);
+    TIFFSetField(deep, TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_MINISBLACK);
+    std::uint16_t pixel = 7;
+    TIFFWriteScanline(deep, &pixel, 0, 0);
+    TIFFClose(deep);
+  }
+  const auto before = names();
+  struct Case {
+    std::vector<std::string> arguments;
+    std::string out, err;
+  };
+  const std::vector<Case> cases = {
+      {{dir.file("none.tif")}, "[ERROR] Fatal: TiffReader: cannot open '" + dir.file("none.tif") + "'", ""},
+      {{dir.file("folder.tif")},
+       "[ERROR] Fatal: TiffReader: cannot open '" + dir.file("folder.tif") + "'",
+       ""},
+      {{dir.file("empty.tif")}, "[ERROR] Fatal: TiffReader: cannot open '" + dir.file("empty.tif") + "'", ""},
+      {{dir.file("cut.tif")}, "[ERROR] Fatal: TiffReader: cannot open '" + dir.file("cut.tif") + "'", ""},
+      {{dir.file("deep.tif")},
+       "[ERROR] Fatal: TiffReader: unsupported TIFF bits-per-sample=16. Only 8-bit TIFF is supported.",
+       ""},
+      {{dir.file("text.xyz")},
+       "[ERROR] Fatal: ImageMetaProbe: unsupported image extension: " + dir.file("text.xyz"),
+       ""},
+      {{good, dir.file("there.prt")}, "", "Output path error: Explicit output target already exists.\n"},
+      {{good, dir.file("there.prt/o.prt")},
+       "",
+       "Output path error: Explicit output parent path is not a directory.\n"},
+      {{good, "/proc/nowhere.prt"},
+       "[ERROR] Fatal: HosonWriter::begin_stream_write: cannot open output file: /proc/nowhere.prt",
+       ""},
+  };
+  for (const Case& c : cases) {
+    const Outcome outcome = rip(c.arguments);
+    EXPECT_EQ(outcome.code, 2) << c.arguments.back();
+    EXPECT_NE(outcome.out.find(c.out), std::string::npos) << outcome.out;
+    EXPECT_EQ(outcome.err, c.err);
+    EXPECT_EQ(names(), before) << c.arguments.back();
+  }
+  EXPECT_EQ(test::read_all(dir.file("there.prt")), "older");
+}
+
+TEST_F(CommandLine, TerminationInTheMiddleKeepsTheOldFileAndNoOther) {
+  const std::string input = art("long.tif", 1200, 6000);
+  test::write_all(dir.file("long.prt"), "older");
+  for (const int number : {SIGINT, SIGTERM}) {
+    test::ChildProcess child(command({input}), environment());
+    while (names().size() < 3) std::this_thread::yield();  // until the temporary file stands
+    ::kill(child.id(), number);
+    EXPECT_EQ(child.wait(), -number);
+    EXPECT_EQ(names(), (std::vector<std::string>{"long.prt", "long.tif"}));
+    EXPECT_EQ(test::read_all(dir.file("long.prt")), "older");
+  }
+}
+
+}  // namespace
+}  // namespace nvo

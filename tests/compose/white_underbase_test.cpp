@@ -1,0 +1,146 @@
+#include "compose/white_underbase.h"
+
+#include <limits>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "support/log_capture.h"
+
+namespace nvo {
+namespace {
+
+using testing::ElementsAre;
+using Bytes = std::vector<std::uint8_t>;
+
+struct Pixel {
+  std::uint8_t c, m, y, k, w;
+  std::uint8_t explicit_white = 0;
+};
+
+StripBuffer strip_of(const std::vector<Pixel>& pixels) {
+  StripBuffer strip;
+  strip.width = static_cast<std::uint32_t>(pixels.size());
+  strip.height = 1;
+  strip.planes.resize(5);
+  for (const Pixel& p : pixels) {
+    const std::uint8_t values[] = {p.c, p.m, p.y, p.k, p.w};
+    for (std::size_t i = 0; i < 5; ++i) strip.planes[i].push_back(values[i]);
+    strip.explicit_white.push_back(p.explicit_white);
+  }
+  return strip;
+}
+
+Bytes limited(const std::vector<Pixel>& pixels, float budget = 300, float max_white = 400,
+              float min_white = 10) {
+  StripBuffer strip = strip_of(pixels);
+  apply_white_underbase(strip, 300, {0, false, 0, {}, true, budget, max_white, min_white});
+  return strip.planes[4];
+}
+
+TEST(WhiteUnderbase, LimitsWhiteByTheInkOfThePixel) {
+  EXPECT_THAT(limited({{0, 0, 0, 0, 255}, {255, 255, 255, 255, 255}, {0, 0, 0, 0, 128}}),
+              ElementsAre(191, 6, 128));
+  // Opaque: ink alone tells what is printed. With transparency coverage tells it too.
+  EXPECT_THAT(limited({{2, 2, 2, 2, 255}, {0, 3, 0, 0, 255}, {0, 0, 0, 255, 255}}), ElementsAre(0, 191, 128));
+  EXPECT_THAT(limited({{2, 0, 0, 0, 255}, {0, 0, 0, 0, 0}, {9, 0, 0, 0, 0}}), ElementsAre(191, 0, 0));
+  EXPECT_THAT(limited({{255, 255, 255, 255, 200, 255}, {9, 0, 0, 0, 7, 1}}), ElementsAre(200, 7));
+  EXPECT_THAT(limited({{9, 0, 0, 0, 255}, {9, 0, 0, 0, 7, 255}}, 300, 0), ElementsAre(0, 7));
+  EXPECT_THAT(limited({{9, 0, 0, 0, 255}}, 0, 400, 0), ElementsAre(0));
+  EXPECT_THAT(limited({{255, 255, 255, 255, 255}, {0, 0, 0, 0, 77}}, 900), ElementsAre(255, 77));
+  EXPECT_THAT(limited({{3, 0, 0, 0, 255}}, 300, 100, 250), ElementsAre(255));
+  // On rounding edges: one less in wider arithmetic.
+  EXPECT_THAT(limited({{23, 124, 81, 135, 121}, {187, 133, 144, 95, 255}}), ElementsAre(101, 52));
+  constexpr float kInfinity = std::numeric_limits<float>::infinity();
+  EXPECT_THAT(limited({{9, 0, 0, 0, 255}, {9, 0, 0, 0, 0}}, kInfinity, kInfinity), ElementsAre(0, 0));
+}
+
+TEST(WhiteUnderbase, LimitsBeforeColourSpreadsOnAWellFormedStrip) {
+  WhiteUnderbaseParams params{0, true, 1.0f, WhiteChokeStrategy::baseline, true};
+  const StripBuffer before = strip_of({{9, 0, 0, 0, 255}, {0, 0, 0, 0, 255}});
+  StripBuffer strip = before, cut = before;
+  apply_white_underbase(strip, 300, params);
+  EXPECT_THAT(strip.planes[0], ElementsAre(9, 9));
+  EXPECT_THAT(strip.planes[4], ElementsAre(189, 0));
+
+  cut.planes[4].pop_back();
+  apply_white_underbase(cut, 300, params);
+  EXPECT_EQ(cut.planes[0], before.planes[0]);
+  params.choke_strategy = WhiteChokeStrategy::production;
+  params.white_ink_limit_enabled = false;
+  strip = before;
+  apply_white_underbase(strip, 300, params);
+  EXPECT_EQ(strip.planes, before.planes);
+}
+
+/// Gray and a second channel that is clean but for `value`. Reads fail from `bad_row` on, or stop short.
+struct FakeSource : RasterSource {
+  FakeSource(ChannelRole role, std::uint8_t odd_value) : value(odd_value) {
+    meta.width = 3;
+    meta.height = 600;
+    meta.channel_count = 2;
+    meta.channels = {{ChannelRole::none, "Gray", 0}, {role, "", 1}};
+  }
+  const ImageMeta& metadata() const override { return meta; }
+  bool supports_row_reads() const override { return row_reads; }
+  std::string read_strategy() const override { return {}; }
+  bool read_rows(std::uint32_t y, std::uint32_t rows, Bytes& out, std::string* error) override {
+    ++reads;
+    out.assign(rows * 6, 4);
+    for (std::size_t i = 0; i < out.size(); i += 2) out[i] = 128;
+    out[1] = value;
+    if (y + rows <= bad_row) return true;
+    out.pop_back();
+    *error = "broken row";
+    return short_reads;
+  }
+  bool read_region(const RasterRegion&, Bytes&, std::string*) override { return false; }
+  RasterReadStats stats() const override { return {}; }
+
+  ImageMeta meta;
+  std::uint8_t value;
+  std::uint32_t bad_row = 600;
+  bool row_reads = true, short_reads = false;
+  int reads = 0;
+};
+
+TEST(CoverageIsBinary, UnlessAByteIsGraded) {
+  LoadedImage image;
+  EXPECT_FALSE(coverage_is_binary(image)) << "no pixels";
+  image.width = image.height = 100;
+  for (const auto& [value, binary] : {std::pair(4, true), {5, false}, {250, false}, {251, true}}) {
+    const auto byte = static_cast<std::uint8_t>(value);
+    for (const std::size_t at : {0, 4095, 4096, 9999}) {
+      image.white_coverage.assign(10000, 255);
+      image.white_coverage[at] = byte;
+      EXPECT_EQ(coverage_is_binary(image), binary) << value << " at " << at;
+    }
+    FakeSource white(ChannelRole::white, byte), alpha(ChannelRole::alpha, byte),
+        spot(ChannelRole::spot, byte);
+    EXPECT_EQ(coverage_is_binary(white, "p"), binary) << value;
+    EXPECT_EQ(coverage_is_binary(alpha, "p"), binary) << value;
+    EXPECT_EQ(alpha.reads, binary ? 3 : 1);
+    EXPECT_TRUE(coverage_is_binary(spot, "p"));
+    alpha.meta.channels[1].index = 2;
+    EXPECT_TRUE(coverage_is_binary(alpha, "p")) << "a channel that no pixel has";
+  }
+}
+
+TEST(CoverageIsBinary, NotWhereASourceCannotBeScanned) {
+  test::LogCapture log;
+  FakeSource no_rows(ChannelRole::alpha, 0), failing(ChannelRole::alpha, 0), stopping(ChannelRole::alpha, 0);
+  no_rows.row_reads = false;
+  failing.bad_row = stopping.bad_row = 300;
+  stopping.short_reads = true;
+  EXPECT_FALSE(coverage_is_binary(no_rows, "c.tif"));
+  EXPECT_FALSE(coverage_is_binary(failing, "a.tif"));
+  EXPECT_FALSE(coverage_is_binary(stopping, "b.tif"));
+  const std::string start = "[WARN ] StripCompositor: white coverage classification ";
+  EXPECT_THAT(log.take(), ElementsAre(start + "row read failed for 'a.tif': broken row",
+                                      start + "short row read for 'b.tif'"));
+}
+
+}  // namespace
+}  // namespace nvo

@@ -1,0 +1,134 @@
+#include "config/rip_settings.h"
+
+#include <cmath>
+
+#include <gtest/gtest.h>
+
+#include "support/log_capture.h"
+#include "support/temp_dir.h"
+
+namespace nvo {
+namespace {
+
+class RipSettingsFile : public testing::Test {
+ protected:
+  RipSettings read(const std::string& text) {
+    test::write_all(path, text);
+    return load_rip_settings(path);
+  }
+  test::TempDir dir;
+  std::string path = dir.file("settings.json");
+};
+
+TEST_F(RipSettingsFile, OneInvalidValueRefusesTheWholeFileWithItsText) {
+  const std::string long_text(32769, 'x');
+  const std::vector<std::pair<std::string, std::string>> cases = {
+      {"[]", "top-level JSON must be an object."},
+      {R"({"channels":[]})", "channels must be an object."},
+      {R"({"channels":{"C":1}})", "channels.C must be an object."},
+      {R"({"channels":{"C":{"limit":300}}})", "channels.C.limit must be finite and in range 0..255."},
+      {R"({"channels":{"W":{"gamma":0.09}}})", "channels.W.gamma must be finite and in range 0.1..5."},
+      {R"({"channels":{"M":{"gamma":"1"}}})", "channels.M.gamma must be a finite number."},
+      {R"({"channels":{"K":{"lut":[1,2]}}})",
+       "channels.K.lut must be null or an array of exactly 256 numbers."},
+      {R"({"last_tiff_path":1})", "last_tiff_path must be a string."},
+      {R"({"last_tiff_path":")" + long_text + "\"}", "last_tiff_path is too large."},
+      {R"({"nesting_gap_in":100.01})", "nesting_gap_in must be finite and in range 0..100."},
+      {R"({"sheet_width_in":500.01})", "sheet_width_in must be finite and in range 0.01..500."},
+      {R"({"max_length_in":10001})", "max_length_in must be finite and in range 0.01..10000."},
+      {R"({"custom_output_folder_enabled":"yes"})", "custom_output_folder_enabled must be a boolean."},
+      {R"({"display_units":3})", "display_units must be a string."},
+      {R"({"rip_performance":1})", "rip_performance must be an object."},
+      {R"({"rip_performance":{"row_threads":1.0}})",
+       "rip_performance.row_threads must be a non-negative integer."},
+      {R"({"rip_performance":{"row_threads":-1}})", "rip_performance.row_threads must be non-negative."},
+      {R"({"rip_performance":{"row_threads":1025}})", "rip_performance.row_threads exceeds maximum 1024"},
+      {R"({"rip_performance":{"autotune":7}})", "rip_performance.autotune must be an object."},
+      {R"({"rip_performance":{"autotune":{"machine":7}}})",
+       "rip_performance.autotune.machine must be a string."},
+      {R"({"rip_performance":{"autotune_inputs":{"qty":1001}}})",
+       "rip_performance.autotune_inputs.qty exceeds maximum 1000"},
+      {R"({"filename_copies":0})", "filename_copies must be an object."},
+      {R"({"filename_copies":{"markers":3}})", "filename_copies.markers must be a string or array."},
+      {R"({"filename_copies":{"markers":["a",3]}})", "filename_copies.markers[1] must be a string."},
+      {R"({"filename_copies":{"markers":[")" + long_text + "\"]}}",
+       "filename_copies.markers[0] is too large."},
+  };
+  for (const auto& [text, message] : cases) {
+    const test::LogCapture log;
+    // A valid value beside the invalid one is not kept.
+    const std::string mixed =
+        text == "[]" ? text : text.substr(0, text.size() - 1) + R"(,"ui_language":"ru"})";
+    EXPECT_EQ(read(mixed).ui_language, "en") << message;
+    EXPECT_EQ(log.lines(), std::vector<std::string>{"[ERROR] RipSettings: invalid config for '" + path +
+                                                    "': " + message + "; falling back to defaults."});
+  }
+  const test::LogCapture log;
+  read("{");
+  EXPECT_EQ(log.lines(), std::vector<std::string>{"[ERROR] RipSettings: falling back to defaults for '" +
+                                                  path + "': Cannot parse JSON: " + path});
+}
+
+TEST_F(RipSettingsFile, ValidValuesArrive) {
+  std::string lut = "0";
+  for (int i = 1; i < 256; ++i) lut += "," + std::to_string(255 - i);
+  const test::LogCapture log;
+  const RipSettings s = read(
+      R"({"unknown":1,"channels":{"K":{"lut":null,"gamma":0.1},"Y":{"lut":[)" + lut +
+      R"(]}},"sheet_width_in":500,"display_units":"Milli-Meters","rip_performance":{"mode":"Custom","parallel_rows":
+      "FORCED","parallel_channels":"disabled","parallel_sheets":"perhaps","row_threads":1024,"autotune":{"case":"c"},
+      "autotune_inputs":{"qty":0}},"filename_copies":{"enabled":true,"position":"After","markers":" x2 ,; y\t"}})");
+  EXPECT_TRUE(log.lines().empty()) << log.lines().front();
+  EXPECT_TRUE(s.channels[3].lut.empty());
+  EXPECT_EQ(s.channels[3].gamma, 0.1f);
+  EXPECT_EQ(s.channels[2].lut.at(255), 0.0f);
+  EXPECT_EQ(s.channels[0].limit, 220.0f);
+  EXPECT_EQ(s.sheet_width_in, 500.0f);
+  EXPECT_EQ(s.display_units, "mm");
+  EXPECT_EQ(s.rip_performance.mode, PerformanceMode::manual);
+  EXPECT_EQ(s.rip_performance.parallel_rows, TriState::on);
+  EXPECT_EQ(s.rip_performance.parallel_channels, TriState::off);
+  EXPECT_EQ(s.rip_performance.parallel_sheets, TriState::automatic);
+  EXPECT_EQ(s.rip_performance.row_threads, 1024u);
+  EXPECT_EQ(s.rip_performance.autotune_inputs.qty, 0u);
+  EXPECT_TRUE(s.filename_copies.enabled);
+  EXPECT_EQ(s.filename_copies.position, CopiesPosition::number_after_marker);
+  EXPECT_EQ(s.filename_copies.markers, (std::vector<std::string>{"x2", "y"}));
+}
+
+TEST_F(RipSettingsFile, SmallThingsWarnOrKeepTheirDefault) {
+  const test::LogCapture log;
+  const RipSettings s =
+      read(R"({"display_units":"Feet","ui_language":"ru","filename_copies":{"markers":" , "}})");
+  EXPECT_EQ(s.display_units, "in");
+  EXPECT_EQ(s.ui_language, "ru");
+  EXPECT_EQ(s.filename_copies.markers.size(), 3u);
+  EXPECT_EQ(log.lines(),
+            std::vector<std::string>{"[WARN ] DisplayUnits: unknown display_units token 'Feet'; using in."});
+  EXPECT_EQ(load_rip_settings(dir.file("none.json")).ui_language, "en");
+  EXPECT_EQ(log.lines().size(), 1u) << "a missing file is silent";
+}
+
+TEST(ChannelCurves, TablesFromLimitAndGammaOrLut) {
+  RipSettings settings;
+  settings.channels[0] = {300.0f, NAN, {}};
+  settings.channels[1] = {NAN, 1.0f, {}};
+  settings.channels[2] = {100.0f, 2.0f, std::vector<float>(255, 1.0f)};
+  settings.channels[3] = {0.0f, 1.0f, std::vector<float>(256, 300.0f)};
+  settings.channels[3].lut[1] = NAN;
+  settings.channels[3].lut[2] = -5.0f;
+  settings.channels[4] = {200.0f, 99.0f, {}};
+  const auto curves = channel_curves(settings);
+  ASSERT_EQ(curves.size(), 6u);
+  EXPECT_EQ(curves[0][255], 255.0f);
+  EXPECT_EQ(curves[0][51], 51.0f / 255.0f * 255.0f) << "no gamma counts as 1";
+  EXPECT_EQ(curves[1][255], 0.0f);
+  EXPECT_EQ(curves[2][51], std::pow(0.2f, 2.0f) * 100.0f) << "a short table is no table";
+  EXPECT_EQ(curves[3][0], 255.0f);
+  EXPECT_EQ(curves[3][1] + curves[3][2], 0.0f);
+  EXPECT_EQ(curves[4][51], std::pow(0.2f, 5.0f) * 200.0f);
+  EXPECT_EQ(curves[5], curves[4]);
+}
+
+}  // namespace
+}  // namespace nvo

@@ -1,0 +1,113 @@
+#include "core/file_io.h"
+
+#include <csignal>
+#include <thread>
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "support/temp_dir.h"
+
+namespace nvo {
+namespace {
+
+TEST(ReadFileBounded, CapMissingAndFolder) {
+  const test::TempDir dir;
+  const std::string path = dir.file("a.bin");
+  test::write_all(path, "12345");
+  struct Case {
+    std::string path;
+    std::uint64_t cap;
+    bool ok, missing;
+    std::string content, error;
+  };
+  const std::vector<Case> cases = {
+      {path, 5, true, false, "12345", ""},
+      {path, 0, true, false, "12345", ""},
+      {path, 4, false, false, "", "File exceeds size cap (5 bytes > 4): " + path},
+      {dir.file("none"), 4, false, true, "", ""},
+      {path + "/below_a_file", 4, false, true, "", ""},
+      {dir.path().string(), 0, false, false, "", "Cannot open file: " + dir.path().string()},
+  };
+  for (const Case& c : cases) {
+    std::string out = "stale", error = "stale";
+    bool missing = !c.missing;
+    EXPECT_EQ(read_file_bounded(c.path, c.cap, out, &error, &missing), c.ok) << c.path;
+    EXPECT_EQ(out, c.content);
+    EXPECT_EQ(error, c.error);
+    EXPECT_EQ(missing, c.missing);
+    EXPECT_EQ(read_file_bounded(c.path, c.cap, out, nullptr, nullptr), c.ok) << "without texts";
+  }
+}
+
+TEST(ReadJsonBounded, ParsesOrNamesTheFile) {
+  const test::TempDir dir;
+  const std::string path = dir.file("a.json");
+  nlohmann::json json;
+  std::string error;
+  test::write_all(path, R"({"a":[1,2]})");
+  ASSERT_TRUE(read_json_bounded(path, 100, json, &error, nullptr));
+  EXPECT_EQ(json["a"][1], 2);
+  for (const std::string text : {"", "{", "{\"a\":1}x", "\xff"}) {
+    test::write_all(path, text);
+    json = 7;
+    EXPECT_FALSE(read_json_bounded(path, 100, json, &error, nullptr)) << text;
+    EXPECT_EQ(error, "Cannot parse JSON: " + path);
+    EXPECT_TRUE(json.is_null());
+  }
+}
+
+TEST(WriteFileAtomic, MakesFoldersReplacesAndWritesEmptyFiles) {
+  const test::TempDir dir;
+  const std::string path = dir.file("new/deep/state.json");
+  std::string error;
+  for (const std::string& content : {std::string("first"), std::string(3'000'000, 'x'), std::string()}) {
+    ASSERT_TRUE(write_file_atomic(path, content, &error)) << error;
+    EXPECT_EQ(test::read_all(path), content);
+  }
+  test::write_all(dir.file("file"), "");
+  EXPECT_FALSE(write_file_atomic(dir.file("file/below"), "x", &error));
+  EXPECT_EQ(error.rfind("Cannot create parent directory: ", 0), 0u) << error;
+  EXPECT_FALSE(write_file_atomic(dir.path().string(), "x", &error)) << "the target is a folder";
+  EXPECT_EQ(error.rfind("Cannot atomically replace file: ", 0), 0u) << error;
+  EXPECT_EQ(dir.names(), (std::vector<std::string>{"file", "new"}));
+}
+
+TEST(WriteFileAtomic, WritersSideBySideLeaveOneWholeFile) {
+  const test::TempDir dir;
+  const std::string path = dir.file("shared");
+  std::vector<std::thread> writers;
+  for (char c = 'a'; c < 'i'; ++c)
+    writers.emplace_back([&, c] {
+      for (int i = 0; i < 5; ++i) EXPECT_TRUE(write_file_atomic(path, std::string(20'000, c), nullptr));
+    });
+  for (std::thread& writer : writers) writer.join();
+  const std::string content = test::read_all(path);
+  EXPECT_EQ(content, std::string(20'000, content.at(0)));
+  EXPECT_EQ(dir.names(), std::vector<std::string>{"shared"});
+}
+
+TEST(TerminationCleanup, SignalRemovesLiveTemporaryFilesOnly) {
+  for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
+    const test::TempDir dir;
+    const pid_t child = ::fork();
+    if (child == 0) {
+      platform::install_termination_cleanup();
+      TempFile live = create_unique_temp(dir.file("print"), nullptr);
+      TempFile kept = create_unique_temp(dir.file("kept"), nullptr);
+      kept.name.release();
+      ::raise(number);
+      ::_exit(99);
+    }
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == number);
+    ASSERT_EQ(dir.names().size(), 1u);
+    EXPECT_EQ(dir.names()[0].rfind("kept.tmp.", 0), 0u);
+  }
+}
+
+}  // namespace
+}  // namespace nvo

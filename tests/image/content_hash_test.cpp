@@ -1,0 +1,60 @@
+#include "image/content_hash.h"
+
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "support/temp_dir.h"
+
+namespace nvo::test {
+namespace {
+
+std::string sample_content(std::size_t size) {
+  std::string content;
+  for (std::size_t i = 0; i < size; ++i) content.push_back(static_cast<char>((i * i >> 5) + i));
+  return content;
+}
+
+TEST(ContentHash, SamplesHeadAndTail) {
+  // From an independent implementation.
+  const struct {
+    std::size_t size;
+    const char* hash;
+  } cases[] = {
+      {0, "47fe0d7eaf8e51e3"},      {1, "4f987be6ba3a2ea6"},     {65535, "87309166c612a54c"},
+      {65536, "cb509e607adbebaa"},  {65537, "90c19958b5fb4dfb"}, {131072, "a25354b72580c571"},
+      {200000, "0404b81d3edc2e87"},
+  };
+  const TempDir dir;
+  const std::string path = dir.file("a");
+  for (const auto& c : cases) {
+    write_all(path, sample_content(c.size));
+    std::string hash;
+    ASSERT_TRUE(content_hash(path, hash, nullptr));
+    EXPECT_EQ(hash, c.hash) << c.size << " bytes";
+  }
+}
+
+TEST(ContentHash, SaysWhyItFails) {
+  const TempDir dir;
+  const struct {
+    std::string path, error;
+  } cases[] = {
+      {"", "Source path is empty."},
+      {dir.file("missing"), "Source path does not exist."},
+      {dir.path().string(), "Is a directory"},
+  };
+  for (const auto& c : cases) {
+    std::string hash, error;
+    EXPECT_FALSE(content_hash(c.path, hash, &error));
+    EXPECT_EQ(error, c.error);
+  }
+  std::string hash, error;
+  EXPECT_FALSE(fast_content_hash(dir.file("missing"), 1, hash, &error));
+  EXPECT_EQ(error, "Cannot open file for content signature.");
+  EXPECT_FALSE(fast_content_hash(dir.path(), 1, hash, &error));
+  EXPECT_EQ(error, "Content signature read failed.");
+}
+
+}  // namespace
+}  // namespace nvo::test

@@ -1,0 +1,102 @@
+#include "image/image_meta_probe.h"
+
+#include <chrono>
+#include <filesystem>
+#include <stdexcept>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "image/tiff_file.h"
+#include "support/log_capture.h"
+#include "support/temp_dir.h"
+
+namespace nvo::test {
+namespace {
+
+constexpr auto kTiff = static_cast<std::size_t>(ImageSourceKind::tiff);
+
+class ImageMetaProbeTest : public ::testing::Test {
+ protected:
+  TempDir dir_;
+  LogCapture log_;
+  ImageProbeStats before_ = image_probe_stats();
+
+  /// Hits, misses and TIFF probes since the test began.
+  std::string counts() const {
+    const ImageProbeStats now = image_probe_stats();
+    return std::to_string(now.hits - before_.hits) + " " + std::to_string(now.misses - before_.misses) + " " +
+           std::to_string(now.probes[kTiff] - before_.probes[kTiff]);
+  }
+};
+
+TEST_F(ImageMetaProbeTest, TellsSizeAndResolution) {
+  const std::string path = dir_.file("x/../a*b.TIFF");
+  std::filesystem::create_directory(dir_.file("x"));
+  write_tiff(path, {.width = 70, .height = 30, .x_resolution = 150, .y_resolution = 200, .unit = 2});
+  const ImageProbeInfo info = probe_image(path);
+  EXPECT_EQ(info.path, path);
+  EXPECT_EQ(info.normalized_path, dir_.file("a*b.TIFF"));
+  EXPECT_EQ(info.file_name, "a*b.TIFF");
+  EXPECT_EQ(info.safe_name, "a_b.TIFF");
+  EXPECT_STREQ(source_kind_name(info.kind), "TIFF");
+  EXPECT_EQ(info.width, 70u);
+  EXPECT_EQ(info.height, 30u);
+  EXPECT_EQ(info.dpi_x, 150.0f);
+  EXPECT_EQ(info.dpi_y, 200.0f);
+  EXPECT_EQ(info.effective_dpi, 200.0f);
+}
+
+TEST_F(ImageMetaProbeTest, TrustsAFileOnlyWhileItStaysTheSame) {
+  const std::string path = dir_.file("a.tif");
+  write_tiff(path, {.width = 70});
+  const auto time = std::filesystem::last_write_time(path);
+  probe_image(path);
+  probe_image(dir_.file("./a.tif"));
+  EXPECT_EQ(counts(), "1 1 1");
+
+  std::filesystem::last_write_time(path, time + std::chrono::seconds(2));
+  probe_image(path);
+  EXPECT_EQ(counts(), "1 2 2") << "another time";
+
+  write_tiff(path, {.width = 71});
+  std::filesystem::last_write_time(path, time + std::chrono::seconds(2));
+  EXPECT_EQ(probe_image(path).width, 71u);
+  EXPECT_EQ(counts(), "1 3 3") << "another content";
+  probe_image(path);
+  EXPECT_EQ(counts(), "2 3 3");
+
+  write_all(path, "damaged");
+  EXPECT_THROW(probe_image(path), std::runtime_error);
+  EXPECT_THROW(probe_image(path), std::runtime_error);
+  EXPECT_EQ(counts(), "2 5 3") << "a failure is never served from the cache";
+}
+
+TEST_F(ImageMetaProbeTest, ForgetsTheLeastRecentlyUsed) {
+  const auto path = [this](int i) { return dir_.file(std::to_string(i) + ".tif"); };
+  for (int i = 0; i < 65; ++i) write_tiff(path(i), {});
+  for (int i = 0; i < 64; ++i) probe_image(path(i));
+  probe_image(path(0));
+  probe_image(path(64));
+  EXPECT_EQ(counts(), "1 65 65");
+  probe_image(path(0));
+  EXPECT_EQ(counts(), "2 65 65") << "used again, so kept";
+  probe_image(path(1));
+  EXPECT_EQ(counts(), "2 66 66") << "the oldest went";
+}
+
+TEST_F(ImageMetaProbeTest, RefusesOtherExtensions) {
+  for (const std::string name : {"a.tif.bak", "tiff", "a.", "a.gif"}) {
+    const std::string path = dir_.file(name);
+    write_tiff(path, {});
+    try {
+      probe_image(path);
+      ADD_FAILURE() << name;
+    } catch (const std::runtime_error& failure) {
+      EXPECT_EQ(failure.what(), "ImageMetaProbe: unsupported image extension: " + path);
+    }
+  }
+}
+
+}  // namespace
+}  // namespace nvo::test

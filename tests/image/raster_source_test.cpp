@@ -1,0 +1,144 @@
+#include "image/raster_source.h"
+
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "image/banded_raster_source.h"
+#include "image/tiff_file.h"
+#include "support/log_capture.h"
+#include "support/temp_dir.h"
+
+namespace nvo::test {
+namespace {
+
+using ::testing::Contains;
+using Bytes = std::vector<std::uint8_t>;
+
+class RasterSourceTest : public ::testing::Test {
+ protected:
+  TempDir dir_;
+  LogCapture log_;
+  Bytes out_;
+  std::string error_;
+
+  std::shared_ptr<RasterSource> open(const TiffFile& file) {
+    write_tiff(dir_.file("a.TIF"), file);
+    return make_raster_source(dir_.file("a.TIF"));
+  }
+};
+
+TEST_F(RasterSourceTest, OpensByExtension) {
+  for (const std::string name : {"a.tiff.bak", "tiff", "a.gif", "a."}) try {
+      make_raster_source(name);
+      ADD_FAILURE() << name;
+    } catch (const std::runtime_error& failure) {
+      EXPECT_EQ(failure.what(), "RasterSource: unsupported image extension: " + name);
+    }
+  EXPECT_THROW(make_raster_source(dir_.file("missing.tif")), std::runtime_error);
+}
+
+TEST_F(RasterSourceTest, DeliversRowsAndRegions) {
+  const TiffFile file{.samples = 5, .photometric = PHOTOMETRIC_SEPARATED, .width = 6, .height = 9};
+  const auto source = open(file);
+  EXPECT_TRUE(source->supports_row_reads());
+  EXPECT_EQ(source->metadata().channel_count, 5);
+  ASSERT_TRUE(source->read_rows(2, 7, out_, &error_));
+  EXPECT_EQ(out_, file.band(2, 7));
+  ASSERT_TRUE(source->read_region({4, 7, 2, 2}, out_, nullptr));
+  const Bytes rows = file.band(7, 2);
+  Bytes expected(rows.begin() + 20, rows.begin() + 30);
+  expected.insert(expected.end(), rows.begin() + 50, rows.end());
+  EXPECT_EQ(out_, expected);
+  EXPECT_EQ(source->stats().row_reads, 2u);
+  EXPECT_EQ(source->stats().region_reads, 1u);
+  EXPECT_EQ(source->read_strategy(), "native TIFF partial rows");
+}
+
+TEST_F(RasterSourceTest, ChecksWhatIsAskedFor) {
+  const auto source = open({.width = 6, .height = 9});
+  const struct {
+    RasterRegion region;
+    const char* error;
+  } cases[] = {
+      {{6, 0, 1, 1}, "requested region is out of bounds"},
+      {{0, 9, 1, 1}, "requested region is out of bounds"},
+      {{5, 0, 2, 1}, "requested region is out of bounds"},
+      {{1, 1, 1, 0xFFFFFFFF}, "requested region is out of bounds"},
+      {{77, 0, 0, 1}, ""},
+      {{0, 77, 1, 0}, ""},
+  };
+  for (const auto& c : cases) {
+    out_ = {1}, error_ = "old";
+    EXPECT_EQ(source->read_region(c.region, out_, &error_), *c.error == '\0');
+    EXPECT_EQ(error_, c.error);
+    EXPECT_EQ(out_.empty(), *c.error == '\0');
+  }
+  EXPECT_FALSE(source->read_rows(9, 1, out_, &error_));
+  EXPECT_EQ(error_, "requested row range is out of bounds");
+  EXPECT_TRUE(source->read_rows(9, 0, out_, &error_));
+  EXPECT_EQ(error_, "");
+
+  struct EmptySource : BandedRasterSource {
+    EmptySource() : BandedRasterSource({}) {}
+    bool supports_row_reads() const override { return true; }
+    std::string read_strategy() const override { return {}; }
+    bool read_band(std::uint32_t, std::uint32_t, Bytes&, std::string&) override { return true; }
+  } empty;
+  EXPECT_TRUE(empty.read_rows(0, 0, out_, &error_));
+  EXPECT_FALSE(empty.read_rows(0, 1, out_, &error_));
+  EXPECT_EQ(error_, "raster source has empty metadata");
+  EXPECT_FALSE(empty.read_region({0, 0, 1, 1}, out_, nullptr));
+}
+
+TEST_F(RasterSourceTest, WidensGray) {
+  const TiffFile file{.samples = 3, .photometric = {}, .extra_samples = {1, 0}, .width = 1, .height = 1};
+  auto source = open(file);  // bytes 3, 14, 25
+  EXPECT_EQ(source->metadata().channel_count, 4);
+  ASSERT_TRUE(source->read_rows(0, 1, out_, &error_));
+  EXPECT_THAT(out_, ::testing::ElementsAre(252, 252, 252, 14));
+
+  source = open({.samples = 1, .width = 2, .height = 1});
+  EXPECT_EQ(source->metadata().channels.size(), 3u);
+  ASSERT_TRUE(source->read_rows(0, 1, out_, &error_));
+  EXPECT_THAT(out_, ::testing::ElementsAre(3, 3, 3, 14, 14, 14));
+}
+
+TEST_F(RasterSourceTest, FallsBackToAFullDecodeOnce) {
+  const std::string path = dir_.file("a.tif");
+  const TiffFile file{
+      .samples = 2, .height = 40, .compression = COMPRESSION_ADOBE_DEFLATE, .rows_per_strip = 10};
+  write_tiff(path, file);
+  const auto source = make_raster_source(path);
+  damage_piece(path, 2);
+  ASSERT_TRUE(source->read_rows(0, 20, out_, &error_));
+  log_.take();
+  for (int time : {1, 2}) {
+    EXPECT_FALSE(source->read_rows(time, 20, out_, &error_));
+    EXPECT_EQ(error_, "TiffReader: error reading strip 2");
+  }
+  const std::string reason = "native row read failed: TiffReader: error reading strip 2";
+  EXPECT_THAT(log_.take(), Contains("[WARN ] RasterSource(TIFF): " + reason +
+                                    "; switching to full-load fallback for " + path)
+                               .Times(1));
+  EXPECT_EQ(source->read_strategy(), "fallback full-image decode (" + reason + ")");
+  EXPECT_EQ(source->stats().full_decodes, 0u);
+
+  // The same bytes are back in place: rows now come from one full decode.
+  write_tiff(path, file);
+  for (std::uint32_t y : {5u, 0u}) {
+    ASSERT_TRUE(source->read_rows(y, 30, out_, &error_)) << error_;
+    const Bytes gray = file.band(y, 30);
+    ASSERT_EQ(out_.size(), gray.size() * 2);
+    for (std::size_t i = 0; i < gray.size(); i += 2)
+      ASSERT_EQ(Bytes(out_.begin() + i * 2, out_.begin() + i * 2 + 4),
+                (Bytes{gray[i], gray[i], gray[i], gray[i + 1]}));
+  }
+  EXPECT_EQ(source->stats().full_decodes, 1u);
+}
+
+}  // namespace
+}  // namespace nvo::test

@@ -1,0 +1,169 @@
+#include "plan/sheet_geometry.h"
+
+#include <array>
+#include <cmath>
+#include <functional>
+#include <limits>
+#include <stdexcept>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+namespace nvo {
+namespace {
+
+std::string failure_of(const std::function<void()>& call) {
+  try {
+    call();
+  } catch (const std::exception& e) {
+    return e.what();
+  }
+  return "";
+}
+
+LayoutItem item_at(float x, float y, float w, float h) {
+  LayoutItem item;
+  item.x_in = x, item.y_in = y, item.width_in = w, item.height_in = h;
+  return item;
+}
+
+TEST(Resolution, SnapsToReferenceAndWholeNumbers) {
+  const std::vector<std::array<float, 3>> cases = {
+      {0.0f, 300, 300},     {-5.0f, 300, 300},       {NAN, 300, 300},
+      {299.7f, 300, 300},   {300.5f, 300, 300},      {299.4f, 300, 299.4f},
+      {239.995f, 300, 240}, {240.02f, 300, 240.02f}, {72.0f, 600, 72},
+  };
+  for (const auto& [file, reference, expected] : cases)
+    EXPECT_EQ(normalize_resolution(file, reference), expected) << file;
+}
+
+TEST(Pixels, ForgiveNoiseAndRefuseWhatDoesNotFit) {
+  EXPECT_EQ(source_pixels(10.0f, 300, "sheet width"), 3000u);
+  EXPECT_EQ(source_pixels(3000.0f / 299.4f, 300, "sheet width"), 3007u);
+  EXPECT_EQ(source_pixels(0.0f, 300, "sheet width"), 0u);
+  EXPECT_EQ(source_pixels(1e-7f, 300, "sheet width"), 0u);
+  EXPECT_EQ(failure_of([] { source_pixels(1e8f, 300, "sheet width"); }),
+            "StreamRip: sheet width source pixels exceed uint32 limit");
+  EXPECT_EQ(device_pixels(1, 300, 1, "width"), 1u);
+  EXPECT_EQ(device_pixels(5, 300, 90, "width"), 2u) << "half rounds away from zero";
+  EXPECT_EQ(failure_of([] { device_pixels(4294967295u, 300, 720, "height"); }),
+            "StreamRip: height device pixels exceed uint32 limit");
+}
+
+// Strips of every plan tile the device grid: no gap, no overlap, and the sum is the device height.
+TEST(DeviceRow, StripsMeet) {
+  const std::vector<std::array<std::uint32_t, 2>> scales = {
+      {300, 1800}, {300, 3600}, {600, 900}, {600, 1800}, {300, 720}, {300, 540}, {600, 2400}, {300, 2160}};
+  for (const auto& [src_dpi, y_dpi] : scales) {
+    for (const std::uint32_t src_h : {1u, 5u, 1023u, 1024u, 1025u, 5000u, 18004u, 36007u}) {
+      EXPECT_EQ(device_row(0, src_h, src_dpi, y_dpi), 0u);
+      EXPECT_EQ(device_row(src_h, src_h, src_dpi, y_dpi), device_pixels(src_h, src_dpi, y_dpi, "height"))
+          << src_dpi << "->" << y_dpi << " " << src_h;
+      std::uint32_t previous = 0;
+      for (std::uint32_t row = 0; row <= src_h; row += 64) {
+        const std::uint32_t mapped = device_row(row, src_h, src_dpi, y_dpi);
+        EXPECT_GE(mapped, previous);
+        previous = mapped;
+      }
+    }
+  }
+  EXPECT_EQ(failure_of([] { device_row(1, 0, 300, 1800); }), "StreamRip: invalid source/device Y mapping");
+  EXPECT_EQ(failure_of([] { device_row(1, 4294967295u, 300, 1800); }),
+            "StreamRip: device height exceeds uint32 limit");
+}
+
+TEST(StripPlan, CountsAndLimits) {
+  EXPECT_EQ(strip_count(5000, 1024), 5u);
+  EXPECT_EQ(strip_count(1024, 1024), 1u);
+  EXPECT_EQ(strip_count(4294967294u, 2), 2147483647u);
+  EXPECT_EQ(failure_of([] { strip_count(4294967295u, 2); }),
+            "StreamRip: strip count exceeds progress counter limit");
+  EXPECT_EQ(failure_of([] { strip_count(5, 0); }), "StreamRip: strip_h_px must be > 0");
+}
+
+TEST(Halo, ResamplingAndChokeTerms) {
+  const auto halo = [](std::uint32_t src, std::uint32_t y, bool hard, bool choke, float amount,
+                       std::int32_t width) {
+    return halo_rows({src, y, hard, choke, amount, width});
+  };
+  EXPECT_EQ(halo(300, 1800, false, false, 1.5f, 3), 0u);
+  EXPECT_EQ(halo(600, 900, false, false, 1.5f, 3), 3u);
+  EXPECT_EQ(halo(600, 900, true, false, 1.5f, 3), 1u);
+  EXPECT_EQ(halo(300, 1800, false, true, 0.0f, 3), 0u);
+  // 1.5 px at 300 dpi is 9 device rows: ceil(9 + 1) + 3 + 4 = 17 of them are 2.83 source rows.
+  EXPECT_EQ(halo(300, 1800, false, true, 1.5f, 3), 4u);
+  EXPECT_EQ(halo(300, 1800, false, true, 1.5f, -7), 4u) << "a width below 1 counts as 1";
+  EXPECT_EQ(halo(0, 1800, false, true, 1.5f, 3), 0u);
+  EXPECT_EQ(failure_of([&] { halo(300, 1800, false, true, 1e30f, 3); }),
+            "StreamRip: adaptive choke halo exceeds uint32 limit");
+}
+
+TEST(Canvas, PadGrowsEverySide) {
+  RipJobOptions options;
+  SheetLayout layout{{item_at(0, 0, 10, 10)}, 10};
+  const PlacedSize placed = place_items(layout, options);
+  const float pad = choke_canvas_pad_in(options);
+  EXPECT_FLOAT_EQ(pad, 2.0f / 300.0f);
+  pad_canvas(layout, pad);
+  const SheetSize size = sheet_size(layout, placed, pad, 0.0f);
+  // In f32 the padded 10 inches gain a pixel; that is the rule.
+  EXPECT_EQ(source_pixels(size.width_in, 300, "sheet width"), 3005u);
+  EXPECT_EQ(source_pixels(size.height_in, 300, "sheet height"), 3005u);
+
+  for (const auto& [enabled, amount, dpi, expected_px] :
+       std::vector<std::tuple<bool, float, std::uint32_t, float>>{{false, 1.5f, 300, 0},
+                                                                  {true, 0.0f, 300, 0},
+                                                                  {true, 1.0f, 300, 1},
+                                                                  {true, 0.01f, 300, 1},
+                                                                  {true, 1.5f, 600, 3}}) {
+    options.white_choke_enabled = enabled;
+    options.white_choke_amount_px_at_300dpi = amount;
+    options.src_dpi = dpi;
+    EXPECT_FLOAT_EQ(choke_canvas_pad_in(options) * static_cast<float>(dpi), expected_px) << amount;
+  }
+}
+
+TEST(Placement, MarginsAndModes) {
+  const auto left_edge = [](SheetPlacementMode mode, float sheet_width, float content) {
+    RipJobOptions options;
+    options.sheet_width_in = sheet_width;
+    options.sheet_margin_left_in = 1, options.sheet_margin_right_in = 2, options.sheet_margin_top_in = 0.5f;
+    options.sheet_margin_bottom_in = 0.25f;
+    options.sheet_placement_mode = mode;
+    SheetLayout layout{{item_at(-3, -4, content / 2, 5), item_at(-3 + content / 2, 1, content / 2, 1)}, 6};
+    const PlacedSize placed = place_items(layout, options);
+    EXPECT_FLOAT_EQ(layout.items[0].y_in, 0.5f);
+    EXPECT_FLOAT_EQ(placed.height_in, 6.5f) << "from the top margin to the lowest bottom";
+    EXPECT_FLOAT_EQ(layout.height_in, 10.5f);
+    EXPECT_FLOAT_EQ(placed.width_in, layout.items[0].x_in + content);
+    return layout.items[0].x_in;
+  };
+  EXPECT_FLOAT_EQ(left_edge(SheetPlacementMode::align_left, 20, 8), 11);
+  EXPECT_FLOAT_EQ(left_edge(SheetPlacementMode::align_center, 20, 8), 6.5f);
+  EXPECT_FLOAT_EQ(left_edge(SheetPlacementMode::align_right, 20, 8), 2);
+  EXPECT_FLOAT_EQ(left_edge(static_cast<SheetPlacementMode>(9), 20, 8), 1);
+  EXPECT_FLOAT_EQ(left_edge(SheetPlacementMode::align_right, 10, 8), 1) << "too wide for the sheet";
+}
+
+TEST(SheetSize, RefusesWhatIsNoSize) {
+  const float inf = std::numeric_limits<float>::infinity();
+  const auto error = [](SheetLayout layout, PlacedSize placed, float configured) {
+    return failure_of([&] { sheet_size(layout, placed, 0, configured); });
+  };
+  const SheetLayout good{{item_at(0, 0, 1, 1)}, 1};
+  EXPECT_EQ(error({{}, -1}, {}, 0), "StreamRip: invalid sheet height dimension");
+  EXPECT_EQ(error(good, {}, NAN), "StreamRip: invalid configured sheet width dimension");
+  EXPECT_EQ(error(good, {inf, 1}, 0), "StreamRip: invalid placed sheet width dimension");
+  EXPECT_EQ(error(good, {1, -1}, 0), "StreamRip: invalid placed sheet height dimension");
+  EXPECT_EQ(error({{item_at(NAN, 0, 1, 1)}, 1}, {}, 0), "StreamRip: invalid item x coordinate");
+  EXPECT_EQ(error({{item_at(0, inf, 1, 1)}, 1}, {}, 0), "StreamRip: invalid item y coordinate");
+  EXPECT_EQ(error({{item_at(0, 0, -1, 1)}, 1}, {}, 0), "StreamRip: invalid item width dimension");
+  EXPECT_EQ(error({{item_at(0, 0, 1, inf)}, 1}, {}, 0), "StreamRip: invalid item height dimension");
+  EXPECT_EQ(error(good, {1, 1}, 23), "");
+  EXPECT_FLOAT_EQ(sheet_size(good, {1, 1}, 0.5f, 23).width_in, 24);
+}
+
+}  // namespace
+}  // namespace nvo

@@ -1,0 +1,79 @@
+#include "plan/thread_pool.h"
+
+#include <atomic>
+#include <numeric>
+#include <stdexcept>
+
+#include <gtest/gtest.h>
+
+namespace nvo {
+namespace {
+
+TEST(ThreadPool, ShutdownDrainsOrDiscardsTheQueue) {
+  for (const bool discard : {false, true}) {
+    ThreadPool pool(1);
+    std::promise<void> gate;
+    std::atomic<int> ran{0};
+    auto first = pool.submit(
+        [opened = gate.get_future().share()](std::size_t scratch) {
+          opened.wait();
+          return scratch;
+        },
+        3);
+    std::vector<std::future<void>> rest;
+    for (int i = 0; i < 20; ++i) rest.push_back(pool.submit([&](std::size_t) { ++ran; }, 0));
+    // A shutdown that is waiting for the blocked worker has already dealt with the queue once submitting
+    // fails.
+    std::thread stopper([&] { pool.shutdown(discard); });
+    const auto is_stopping = [&] {
+      try {
+        pool.submit([](std::size_t) {}, 0);
+        return false;
+      } catch (const std::runtime_error&) {
+        return true;
+      }
+    };
+    while (!is_stopping()) std::this_thread::yield();
+    gate.set_value();
+    stopper.join();
+    EXPECT_EQ(first.get(), 3u);
+    EXPECT_EQ(ran, discard ? 0 : 20);
+  }
+}
+
+TEST(ThreadPool, ExceptionsReachTheWaiter) {
+  ThreadPool pool(2);
+  auto failing = pool.submit([](std::size_t) -> int { throw std::runtime_error("broken"); }, 0);
+  auto fine = pool.submit([](std::size_t) { return 7; }, 0);
+  EXPECT_EQ(fine.get(), 7);
+  EXPECT_THROW(failing.get(), std::runtime_error);
+}
+
+TEST(ParallelRanges, CoverEveryItemOnceInContiguousRanges) {
+  for (const std::size_t count : {0u, 1u, 5u, 64u, 1000u}) {
+    for (const std::size_t workers : {0u, 1u, 2u, 3u, 8u, 100u}) {
+      std::vector<std::atomic<int>> seen(count);
+      parallel_ranges(count, workers, [&](std::size_t begin, std::size_t end, std::size_t) {
+        for (std::size_t i = begin; i < end; ++i) ++seen[i];
+      });
+      for (const auto& times : seen) EXPECT_EQ(times, 1);
+    }
+  }
+}
+
+TEST(ParallelRanges, FirstFailureInWorkerOrderWinsAfterAllEnded) {
+  std::atomic<int> ended{0};
+  try {
+    parallel_ranges(4, 4, [&](std::size_t, std::size_t, std::size_t worker) {
+      ++ended;
+      if (worker >= 2) throw std::runtime_error("worker " + std::to_string(worker));
+    });
+    FAIL();
+  } catch (const std::runtime_error& e) {
+    EXPECT_STREQ(e.what(), "worker 2");
+  }
+  EXPECT_EQ(ended, 4);
+}
+
+}  // namespace
+}  // namespace nvo

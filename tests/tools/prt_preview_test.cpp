@@ -1,0 +1,165 @@
+#include "tools/prt_preview.h"
+
+#include <cmath>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <png.h>
+
+#include "output/test_drops.h"
+#include "support/temp_dir.h"
+#include "tools/prt_tool.h"
+
+namespace nvo {
+namespace {
+
+using test::run_tool;
+
+constexpr Rgb8 kFilm{0x5A, 0x64, 0x70}, kWhite{255, 255, 255};
+
+struct Picture {
+  std::uint32_t width = 0, height = 0;
+  std::vector<std::uint8_t> rgb;
+
+  Rgb8 at(std::uint32_t x, std::uint32_t y) const {
+    const std::size_t i = (std::size_t{y} * width + x) * 3;
+    return {rgb[i], rgb[i + 1], rgb[i + 2]};
+  }
+};
+
+Picture read_picture(const std::string& path) {
+  png_image image{};
+  image.version = PNG_IMAGE_VERSION;
+  Picture picture;
+  if (!png_image_begin_read_from_file(&image, path.c_str())) return picture;
+  image.format = PNG_FORMAT_RGB;
+  picture.rgb.resize(PNG_IMAGE_SIZE(image));
+  if (png_image_finish_read(&image, nullptr, picture.rgb.data(), 0, nullptr)) {
+    picture.width = image.width;
+    picture.height = image.height;
+  }
+  return picture;
+}
+
+std::vector<DropMap> blank_channels(std::uint32_t width, std::uint32_t height) {
+  return std::vector<DropMap>(5, make_drop_map(width, height));
+}
+
+void fill(DropMap& map, std::uint32_t left, std::uint32_t top, std::uint32_t width, std::uint32_t height) {
+  for (std::uint32_t y = top; y < top + height; ++y)
+    std::fill_n(map.data.begin() + std::ptrdiff_t{y} * map.width + left, width, std::uint8_t{3});
+}
+
+/// Part of [a, b) that lies in [c, d).
+double overlap(double a, double b, double c, double d) {
+  return std::max(0.0, std::min(b, d) - std::max(a, c));
+}
+
+/// Mean ink of the dots below one pixel, one dot after the other.
+double mean_ink(const DropMap& map, const PreviewPlan& plan, std::uint32_t x, std::uint32_t y) {
+  const double dots_x = double(plan.columns) / plan.width, dots_y = double(plan.rows) / plan.height;
+  double sum = 0;
+  for (std::uint32_t row = 0; row < plan.rows; ++row) {
+    const double part = overlap(y * dots_y, (y + 1) * dots_y, row, row + 1);
+    for (std::uint32_t column = 0; part > 0 && column < plan.columns; ++column)
+      sum += part * overlap(x * dots_x, (x + 1) * dots_x, column, column + 1) *
+             (map.data[std::size_t{plan.top + row} * map.width + plan.left + column] & 3);
+  }
+  return sum / (3 * dots_x * dots_y);
+}
+
+TEST(PrtPreview, EveryPixelIsTheMeanOfTheDotsBelowIt) {
+  struct Case {
+    std::uint32_t width, height;
+    std::vector<std::string> options;
+    PreviewPlan plan;
+  };
+  const std::vector<Case> cases = {
+      {144, 360, {"--dpi", "100"}, {0, 0, 144, 360, 20, 20, 100}},
+      {143, 1000, {"--dpi", "77"}, {0, 0, 143, 1000, 15, 43, 77}},
+      {36, 36, {"--dpi", "2000"}, {0, 0, 36, 36, 100, 40, 2000}},
+      {144, 360, {"--dpi", "333", "--crop", "0.05,0.1,0.1,0.05"}, {36, 180, 72, 90, 33, 17, 333}},
+      {144, 360, {"--dpi", "900", "--crop", "0.1875,0.15,9,9"}, {135, 270, 9, 90, 11, 45, 900}},
+      {144, 360, {"--dpi", "1"}, {0, 0, 144, 360, 1, 1, 1}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.options.back());
+    const test::TempDir dir;
+    const std::vector<DropMap> maps = test::make_channels(c.width, c.height, 5);
+    test::write_print_file(dir.file("a.prt"), 0, maps);
+    std::vector<std::string> arguments = {"preview", dir.file("a.prt"), dir.file("a.png")};
+    arguments.insert(arguments.end(), c.options.begin(), c.options.end());
+    const test::ToolResult result = run_tool(arguments);
+    ASSERT_EQ(result.code, 0) << result.err;
+
+    const Picture picture = read_picture(dir.file("a.png"));
+    ASSERT_EQ(picture.width, c.plan.width);
+    ASSERT_EQ(picture.height, c.plan.height);
+    const InkModel model(kFilm);
+    for (std::uint32_t y = 0; y < picture.height; ++y) {
+      for (std::uint32_t x = 0; x < picture.width; ++x) {
+        InkCoverage coverage{};
+        for (std::size_t ink = 0; ink < coverage.size(); ++ink)
+          coverage[ink] = static_cast<float>(mean_ink(maps[ink], c.plan, x, y));
+        const Rgb8 expected = model.color(coverage), found = picture.at(x, y);
+        ASSERT_TRUE(std::abs(expected.r - found.r) <= 1 && std::abs(expected.g - found.g) <= 1 &&
+                    std::abs(expected.b - found.b) <= 1)
+            << x << ',' << y << ": " << int(found.r) << ',' << int(found.g) << ',' << int(found.b)
+            << " is not " << int(expected.r) << ',' << int(expected.g) << ',' << int(expected.b);
+      }
+    }
+  }
+}
+
+TEST(PrtPreview, StandsUprightInItsTrueProportions) {
+  const test::TempDir dir;
+  std::vector<DropMap> maps = blank_channels(720, 7200);  // 1 x 4 inches, read in several blocks
+  fill(maps[kChannelW], 0, 0, 72, 180);                   // a tenth of an inch, top left
+  test::write_print_file(dir.file("a.prt"), 0, maps);
+  ASSERT_EQ(run_tool({"preview", dir.file("a.prt"), dir.file("a.png")}).code, 0);
+  const Picture picture = read_picture(dir.file("a.png"));
+  ASSERT_EQ(picture.width, 400u);
+  ASSERT_EQ(picture.height, 1600u);
+  EXPECT_EQ(picture.at(0, 0), kWhite);
+  EXPECT_EQ(picture.at(39, 39), kWhite);
+  EXPECT_EQ(picture.at(40, 39), kFilm);
+  EXPECT_EQ(picture.at(39, 40), kFilm);
+  EXPECT_EQ(picture.at(0, 1599), kFilm);
+  EXPECT_EQ(picture.at(399, 0), kFilm);
+}
+
+TEST(PrtPreview, ShowsOneInkOnItsOwnAndReadsTheSlotsAsTold) {
+  const test::TempDir dir;
+  std::vector<DropMap> maps = blank_channels(8, 8);
+  fill(maps[kChannelC], 0, 0, 4, 8);
+  fill(maps[kChannelW], 4, 0, 4, 8);
+  test::write_print_file(dir.file("a.prt"), 1, maps);  // the sixth slot is empty
+  struct Case {
+    std::vector<std::string> options;
+    Rgb8 left, right;
+  };
+  const Rgb8 black_ink{0x1D, 0x1D, 0x1B}, cyan_ink{0x00, 0x9F, 0xE3};
+  const std::vector<Case> cases = {
+      {{"--channel", "C"}, black_ink, kWhite},
+      {{"--channel", "m"}, kWhite, kWhite},
+      {{"--channel", "W"}, kFilm, kWhite},
+      {{"--channel", "W", "--film", "#102030"}, {0x10, 0x20, 0x30}, kWhite},
+      {{"--film", "white"}, cyan_ink, kWhite},
+      {{"--map", "-W--CC", "--film", "#FFFFFF"}, kWhite, cyan_ink},
+  };
+  for (const Case& c : cases) {
+    std::vector<std::string> arguments = {"preview", dir.file("a.prt"), dir.file("a.png"), "--dpi", "720"};
+    arguments.insert(arguments.end(), c.options.begin(), c.options.end());
+    const test::ToolResult result = run_tool(arguments);
+    ASSERT_EQ(result.code, 0) << result.err;
+    const Picture picture = read_picture(dir.file("a.png"));
+    ASSERT_EQ(picture.width, 8u);
+    EXPECT_EQ(picture.at(3, 0), c.left) << c.options.back();
+    EXPECT_EQ(picture.at(4, 0), c.right) << c.options.back();
+  }
+}
+
+}  // namespace
+}  // namespace nvo
