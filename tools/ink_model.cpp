@@ -4,6 +4,8 @@
 #include <cmath>
 #include <stdexcept>
 
+#include "config/rip_settings.h"
+
 namespace nvo {
 namespace {
 
@@ -28,9 +30,9 @@ constexpr std::array<Rgb8, 4> kSolidInks = {{
 
 constexpr std::size_t kLinearSteps = 4096;  // the steepest 8-bit step of the sRGB curve is 1.2 of these wide
 
-float linear_of_srgb(std::uint8_t value) {
-  const double v = value / 255.0;
-  return static_cast<float>(v <= 0.04045 ? v / 12.92 : std::pow((v + 0.055) / 1.055, 2.4));
+double linear_of_srgb(double byte) {
+  const double v = byte / 255.0;
+  return v <= 0.04045 ? v / 12.92 : std::pow((v + 0.055) / 1.055, 2.4);
 }
 
 std::uint8_t srgb_of_linear(double v) {
@@ -39,16 +41,20 @@ std::uint8_t srgb_of_linear(double v) {
 }
 
 std::array<float, 3> linear(Rgb8 color) {
-  return {linear_of_srgb(color.r), linear_of_srgb(color.g), linear_of_srgb(color.b)};
+  return {static_cast<float>(linear_of_srgb(color.r)), static_cast<float>(linear_of_srgb(color.g)),
+          static_cast<float>(linear_of_srgb(color.b))};
 }
 
-const std::array<std::array<float, 3>, 4>& ink_transmittances() {
-  static const auto table = [] {
-    std::array<std::array<float, 3>, 4> inks;
-    std::transform(kSolidInks.begin(), kSolidInks.end(), inks.begin(), linear);
-    return inks;
-  }();
-  return table;
+/// Tone, 0 to 1, that an ink prints with a share `amount` of its fullest drops: where the curve, which rises,
+/// reaches it.
+double tone_of(const std::vector<float>& curve, double amount) {
+  const double ink = amount * 255.0;
+  const auto above = std::lower_bound(curve.begin(), curve.end(), ink);
+  if (above == curve.begin()) return 0.0;
+  if (above == curve.end()) return 1.0;
+  const double high = *above, low = *(above - 1);
+  const double byte = static_cast<double>(above - curve.begin()) - (high - ink) / (high - low);
+  return byte / 255.0;
 }
 
 int hex_digit(char c) {
@@ -83,17 +89,38 @@ std::string color_names() {
 InkModel::InkModel(Rgb8 film) : film_(linear(film)), srgb_of_linear_(kLinearSteps + 1) {
   for (std::size_t i = 0; i <= kLinearSteps; ++i)
     srgb_of_linear_[i] = srgb_of_linear(static_cast<double>(i) / kLinearSteps);
+
+  const auto standard_curves = channel_curves(RipSettings());
+  for (std::size_t ink = 0; ink < kColorInks; ++ink) {
+    const std::array<std::uint8_t, 3> solid = {kSolidInks[ink].r, kSolidInks[ink].g, kSolidInks[ink].b};
+    for (std::size_t step = 0; step <= kAmountSteps; ++step) {
+      const double tone = tone_of(standard_curves[ink], static_cast<double>(step) / kAmountSteps);
+      Filter& filter = filters_[ink].emplace_back();
+      for (std::size_t i = 0; i < filter.size(); ++i)
+        filter[i] = static_cast<float>(linear_of_srgb(255.0 - tone * (255.0 - solid[i])));
+    }
+  }
 }
 
-Rgb8 InkModel::color(const InkCoverage& coverage) const {
-  std::array<std::uint8_t, 3> rgb{};
-  for (std::size_t i = 0; i < rgb.size(); ++i) {
-    float light = film_[i] + (1.0f - film_[i]) * coverage[kChannelW];
-    for (std::size_t ink = 0; ink < ink_transmittances().size(); ++ink)
-      light *= 1.0f - coverage[ink] * (1.0f - ink_transmittances()[ink][i]);
-    rgb[i] = srgb_of_linear_[static_cast<std::size_t>(light * kLinearSteps + 0.5f)];
+Rgb8 InkModel::color(const InkAmount& amount) const {
+  std::array<float, 3> light{};
+  for (std::size_t i = 0; i < light.size(); ++i)
+    light[i] = film_[i] + (1.0f - film_[i]) * std::min(amount[kChannelW], 1.0f);
+  for (std::size_t ink = 0; ink < kColorInks; ++ink) {
+    const float step = std::min(amount[ink], 1.0f) * static_cast<float>(kAmountSteps) + 0.5f;
+    const Filter& filter = filters_[ink][static_cast<std::size_t>(step)];
+    for (std::size_t i = 0; i < light.size(); ++i) light[i] *= filter[i];
   }
+  std::array<std::uint8_t, 3> rgb{};
+  for (std::size_t i = 0; i < rgb.size(); ++i)
+    rgb[i] = srgb_of_linear_[static_cast<std::size_t>(light[i] * kLinearSteps + 0.5f)];
   return {rgb[0], rgb[1], rgb[2]};
+}
+
+Rgb8 InkModel::grey(float amount) const {
+  const float light = 1.0f - std::min(amount, 1.0f);
+  const std::uint8_t value = srgb_of_linear_[static_cast<std::size_t>(light * kLinearSteps + 0.5f)];
+  return {value, value, value};
 }
 
 }  // namespace nvo

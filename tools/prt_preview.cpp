@@ -63,7 +63,7 @@ class ColumnSums {
 
   /// The mean level of each of `pixels.size()` equal parts of the columns, as a share of the highest level,
   /// for rows of `total_weight` together. Starts the next row of pixels.
-  void take_coverage(std::uint64_t total_weight, std::vector<float>& pixels) {
+  void take_amount(std::uint64_t total_weight, std::vector<float>& pixels) {
     fold();
     // Both grids in units of 1 / (pixels x columns): a dot is `unit` wide, a pixel `columns_`.
     const std::uint64_t unit = pixels.size();
@@ -107,9 +107,9 @@ class ColumnSums {
 /// One ink on its way to the picture.
 struct InkLayer {
   std::uint32_t slot;
-  std::uint32_t shown_as;  ///< channel code in the ink model
+  std::uint32_t channel;  ///< `ChannelCode`
   ColumnSums sums;
-  std::vector<float> coverage;
+  std::vector<float> amount;  ///< of a row of pixels
 };
 
 std::vector<InkLayer> make_layers(const PreviewOptions& options, const PreviewPlan& plan) {
@@ -118,8 +118,7 @@ std::vector<InkLayer> make_layers(const PreviewOptions& options, const PreviewPl
     if (options.channel && *options.channel != ink) continue;
     const auto slot = std::find(options.slot_map.begin(), options.slot_map.end(), ink);
     if (slot == options.slot_map.end()) continue;
-    const bool alone = options.channel && ink != kChannelW;
-    layers.push_back({static_cast<std::uint32_t>(slot - options.slot_map.begin()), alone ? kChannelK : ink,
+    layers.push_back({static_cast<std::uint32_t>(slot - options.slot_map.begin()), ink,
                       ColumnSums(plan.left, plan.columns), std::vector<float>(plan.width)});
   }
   if (options.channel && layers.empty())
@@ -127,11 +126,17 @@ std::vector<InkLayer> make_layers(const PreviewOptions& options, const PreviewPl
   return layers;
 }
 
-void draw_row(const std::vector<InkLayer>& layers, const InkModel& model, std::vector<std::uint8_t>& rgb) {
+/// A colour ink by itself is drawn as its drops, without the film and the tone that it would print.
+bool is_drawn_as_drops(const PreviewOptions& options) {
+  return options.channel && *options.channel != kChannelW;
+}
+
+void draw_row(const std::vector<InkLayer>& layers, const InkModel& model, bool as_drops,
+              std::vector<std::uint8_t>& rgb) {
   for (std::size_t x = 0; x < rgb.size() / 3; ++x) {
-    InkCoverage coverage{};
-    for (const InkLayer& layer : layers) coverage[layer.shown_as] = layer.coverage[x];
-    const Rgb8 color = model.color(coverage);
+    InkAmount amount{};
+    for (const InkLayer& layer : layers) amount[layer.channel] = layer.amount[x];
+    const Rgb8 color = as_drops ? model.grey(layers.front().amount[x]) : model.color(amount);
     rgb[3 * x] = color.r;
     rgb[3 * x + 1] = color.g;
     rgb[3 * x + 2] = color.b;
@@ -193,8 +198,8 @@ void write_preview(PrtReader& reader, const PreviewOptions& options, const std::
 
   const PreviewPlan plan = plan_preview(reader, options);
   std::vector<InkLayer> layers = make_layers(options, plan);
-  const bool on_paper = options.channel && *options.channel != kChannelW;
-  const InkModel model(on_paper ? Rgb8{0xFF, 0xFF, 0xFF} : options.film);
+  const bool as_drops = is_drawn_as_drops(options);
+  const InkModel model(options.film);
   RowsFromTop rows(reader);
   PngWriter png(picture_path, plan.width, plan.height, plan.dpi);
   std::vector<std::uint8_t> rgb(std::size_t{plan.width} * 3);
@@ -210,8 +215,8 @@ void write_preview(PrtReader& reader, const PreviewOptions& options, const std::
         layer.sums.add_row(cycle + std::size_t{layer.slot} * reader.header().stride,
                            static_cast<std::uint32_t>(shared));
     }
-    for (InkLayer& layer : layers) layer.sums.take_coverage(plan.rows, layer.coverage);
-    draw_row(layers, model, rgb);
+    for (InkLayer& layer : layers) layer.sums.take_amount(plan.rows, layer.amount);
+    draw_row(layers, model, as_drops, rgb);
     png.write_row(rgb.data());
   }
   png.finish();

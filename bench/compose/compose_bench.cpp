@@ -1,7 +1,7 @@
-#include <benchmark/benchmark.h>
-
 #include <cstdint>
 #include <vector>
+
+#include <benchmark/benchmark.h>
 
 #include "compose/item_raster.h"
 #include "image/image_loader.h"
@@ -21,7 +21,8 @@ std::uint8_t coverage_at(std::uint32_t x, std::uint32_t y, std::uint32_t width) 
   return x - left < 16 ? static_cast<std::uint8_t>(16 * (x - left) + 1) : 255;
 }
 
-nvo::LoadedImage make_image(std::uint32_t width, std::uint32_t height, const std::vector<ChannelRole>& roles) {
+nvo::LoadedImage make_image(std::uint32_t width, std::uint32_t height,
+                            const std::vector<ChannelRole>& roles) {
   nvo::LoadedImage image;
   image.width = width, image.height = height;
   image.channel_count = static_cast<std::uint16_t>(roles.size());
@@ -44,10 +45,11 @@ const std::vector<ChannelRole> kCmyk = {ChannelRole::cyan, ChannelRole::magenta,
                                         ChannelRole::black};
 const std::vector<ChannelRole> kCmykWhite = {ChannelRole::cyan, ChannelRole::magenta, ChannelRole::yellow,
                                              ChannelRole::black, ChannelRole::white};
-const std::vector<ChannelRole> kRgba = {ChannelRole::none, ChannelRole::none, ChannelRole::none, ChannelRole::alpha};
+const std::vector<ChannelRole> kRgba = {ChannelRole::none, ChannelRole::none, ChannelRole::none,
+                                        ChannelRole::alpha};
 
-/// A strip from a band of source rows, or from the whole image where `banded` is false. Rates count all destination
-/// pixels, blank ones too.
+/// A strip from a band of source rows, or from the whole image where `banded` is false. Rates count all
+/// destination pixels, blank ones too.
 void compose(benchmark::State& state, const std::vector<ChannelRole>& roles, std::uint32_t source_width,
              std::uint32_t source_height, bool rotated, bool banded) {
   const nvo::LoadedImage image = make_image(source_width, source_height, roles);

@@ -6,7 +6,8 @@
 
 namespace nvo {
 
-/// What composition needs to know of a sheet and a job. Lengths are inches, ink limits percent of one full ink.
+/// What composition needs to know of a sheet and a job. Lengths are inches, ink limits percent of one full
+/// ink.
 struct StripCompositorConfig {
   float sheet_width_in = 0.0f;  ///< after placement and canvas pad
   float sheet_height_in = 0.0f;

@@ -10,12 +10,12 @@ namespace nvo {
 /// What composition did, for the run profile. Times are nanoseconds, summed over threads.
 struct CompositorCounters {
   std::uint64_t strips = 0;
-  std::uint64_t items_seen = 0;           ///< items selected for a strip
-  std::uint64_t items_blitted = 0;        ///< of these, items that really meet it
-  std::uint64_t lowmem_items = 0;         ///< served from rows of a source
-  std::uint64_t full_load_items = 0;      ///< served from a whole image
+  std::uint64_t items_seen = 0;       ///< items selected for a strip
+  std::uint64_t items_blitted = 0;    ///< of these, items that really meet it
+  std::uint64_t lowmem_items = 0;     ///< served from rows of a source
+  std::uint64_t full_load_items = 0;  ///< served from a whole image
   std::uint64_t pixels_written = 0;
-  std::uint64_t blit_ns = 0;              ///< items as a whole
+  std::uint64_t blit_ns = 0;  ///< items as a whole
   std::uint64_t source_open_ns = 0;
   std::uint64_t source_read_ns = 0;
   std::uint64_t image_load_ns = 0;
@@ -27,8 +27,8 @@ struct CompositorCounters {
   std::uint64_t white_underbase_ns = 0;
 };
 
-/// The counters of one compositor; any thread may add. Without profiling the clock is never read, and events that only
-/// a profile asks for aren't counted.
+/// The counters of one compositor; any thread may add. Without profiling the clock is never read, and events
+/// that only a profile asks for aren't counted.
 class CounterBook {
  public:
   using Counter = std::uint64_t CompositorCounters::*;

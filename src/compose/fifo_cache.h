@@ -12,8 +12,8 @@
 
 namespace nvo {
 
-/// A map from texts to values that holds at most `limit` (at least 1) entries: a new one pushes out the oldest. Looking
-/// an entry up doesn't make it younger. Locking is the caller's.
+/// A map from texts to values that holds at most `limit` (at least 1) entries: a new one pushes out the
+/// oldest. Looking an entry up doesn't make it younger. Locking is the caller's.
 template <class Value>
 class FifoCache {
  public:
@@ -55,7 +55,8 @@ class FifoCache {
   using Entries = std::list<std::pair<const std::string, Value>>;
   std::size_t limit_;
   Entries oldest_first_;
-  std::unordered_map<std::string_view, typename Entries::iterator, Fnv1aHash> by_key_;  ///< keys live in the list
+  std::unordered_map<std::string_view, typename Entries::iterator, Fnv1aHash>
+      by_key_;  ///< keys live in the list
 };
 
 }  // namespace nvo

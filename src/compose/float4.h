@@ -6,8 +6,8 @@
 
 namespace nvo {
 
-/// Four single-precision numbers that are worked on together, such as the channels of a pixel. Every lane is computed
-/// as a plain float would be: same operations, same order, no fused ones.
+/// Four single-precision numbers that are worked on together, such as the channels of a pixel. Every lane is
+/// computed as a plain float would be: same operations, same order, no fused ones.
 struct alignas(16) Float4 {
   using Lanes = float __attribute__((vector_size(16)));
   using Integers = std::int32_t __attribute__((vector_size(16)));

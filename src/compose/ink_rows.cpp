@@ -28,7 +28,8 @@ void copy_where(const std::uint8_t* mask, const std::uint8_t* __restrict from, s
   for (std::size_t i = 0; i < count; ++i) to[i] = mask[i] != 0 ? from[i] : to[i];
 }
 
-void fill_where(const std::uint8_t* mask, std::uint8_t value, std::size_t count, std::uint8_t* __restrict to) {
+void fill_where(const std::uint8_t* mask, std::uint8_t value, std::size_t count,
+                std::uint8_t* __restrict to) {
   for (std::size_t i = 0; i < count; ++i) to[i] = mask[i] != 0 ? value : to[i];
 }
 

@@ -7,13 +7,14 @@
 
 namespace nvo {
 
-/// Rows of the five inks C, M, Y, K, W and of a mark that tells what was written. Pointers to one row's first column.
+/// Rows of the five inks C, M, Y, K, W and of a mark that tells what was written. Pointers to one row's first
+/// column.
 struct InkRows {
   std::array<const std::uint8_t*, 5> inks{};
 };
 
-/// Where the pixels of an item go: pointers to the item's first column in one row of each plane, rows `pitch` bytes
-/// apart. A null plane is skipped. `mark` receives `mark_value` for every pixel written.
+/// Where the pixels of an item go: pointers to the item's first column in one row of each plane, rows `pitch`
+/// bytes apart. A null plane is skipped. `mark` receives `mark_value` for every pixel written.
 struct PixelTarget {
   std::array<std::uint8_t*, 5> inks{};
   std::uint8_t* mark = nullptr;
@@ -23,7 +24,8 @@ struct PixelTarget {
   PixelTarget moved_down(std::size_t rows) const;
 };
 
-/// Columns [begin, end) that are written in one go. With `holes` some of them, few at a time, are not to be written.
+/// Columns [begin, end) that are written in one go. With `holes` some of them, few at a time, are not to be
+/// written.
 struct PixelRun {
   std::uint32_t begin = 0, end = 0;
   bool holes = false;
@@ -38,8 +40,8 @@ std::uint32_t find_runs(const std::uint8_t* mask, std::uint32_t count, std::vect
 void copy_run(const PixelRun& run, const std::uint8_t* mask, const InkRows& rows, const PixelTarget& target);
 
 /// Takes `count` CMYK pixels apart.
-void split_cmyk(const std::uint8_t* cmyk, std::size_t count, std::uint8_t* c, std::uint8_t* m, std::uint8_t* y,
-                std::uint8_t* k);
+void split_cmyk(const std::uint8_t* cmyk, std::size_t count, std::uint8_t* c, std::uint8_t* m,
+                std::uint8_t* y, std::uint8_t* k);
 
 /// Multiplies by alpha: (ink x alpha + 127) / 255, which leaves an opaque pixel as it is.
 void premultiply(const std::uint8_t* alpha, std::size_t count, std::uint8_t* ink);

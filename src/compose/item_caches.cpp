@@ -41,7 +41,8 @@ std::shared_ptr<SharedSource> ItemCaches::open_raster_source(const ContentSignat
   return sources_.insert(signature.key, std::move(source));
 }
 
-void ItemCaches::forget_source(const ContentSignature& signature, const std::shared_ptr<SharedSource>& source) {
+void ItemCaches::forget_source(const ContentSignature& signature,
+                               const std::shared_ptr<SharedSource>& source) {
   if (!signature.valid) return;
   const std::lock_guard lock(cache_mutex_);
   if (find_or_null(sources_, signature.key) == source) sources_.erase(signature.key);

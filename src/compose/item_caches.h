@@ -30,20 +30,22 @@ class KeyedGate {
   std::array<std::mutex, 16> doors_;  ///< keys share them by hash
 };
 
-/// Sources, images, rasters and classifications of the files of a sheet, so that repeated strips and copies are cheap.
-/// Any thread may call; nothing is opened or decoded under the caches' lock. What a cache drops lives on with its
-/// users. A signature that isn't valid passes the caches by.
+/// Sources, images, rasters and classifications of the files of a sheet, so that repeated strips and copies
+/// are cheap. Any thread may call; nothing is opened or decoded under the caches' lock. What a cache drops
+/// lives on with its users. A signature that isn't valid passes the caches by.
 class ItemCaches {
  public:
   void clear();
 
   /// Opens, or hands out the open source. Throws when the file cannot be opened.
-  std::shared_ptr<SharedSource> open_raster_source(const ContentSignature& signature, const std::string& path);
+  std::shared_ptr<SharedSource> open_raster_source(const ContentSignature& signature,
+                                                   const std::string& path);
   /// Forgets `source`, but not another that has taken its place.
   void forget_source(const ContentSignature& signature, const std::shared_ptr<SharedSource>& source);
 
   /// Loads, or hands out the loaded image. Throws when the file cannot be loaded.
-  std::shared_ptr<const LoadedImage> load_image_cached(const ContentSignature& signature, const std::string& path);
+  std::shared_ptr<const LoadedImage> load_image_cached(const ContentSignature& signature,
+                                                       const std::string& path);
 
   std::shared_ptr<const PreparedItemRaster> find_raster(const std::string& key) const;
   /// The raster that is then cached: the first one put in.

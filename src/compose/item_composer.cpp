@@ -64,9 +64,15 @@ void log_full_load_reason(const LayoutItem& item, const RasterSource& source) {
   }
 }
 
-std::string key_part(const char* name, const std::string& value) { return std::string("|") + name + "=" + value; }
-std::string key_part(const char* name, bool value) { return key_part(name, std::string(value ? "1" : "0")); }
-std::string key_part(const char* name, std::int64_t value) { return key_part(name, std::to_string(value)); }
+std::string key_part(const char* name, const std::string& value) {
+  return std::string("|") + name + "=" + value;
+}
+std::string key_part(const char* name, bool value) {
+  return key_part(name, std::string(value ? "1" : "0"));
+}
+std::string key_part(const char* name, std::int64_t value) {
+  return key_part(name, std::to_string(value));
+}
 std::string key_part(const char* name, ResamplingMode mode) {
   return key_part(name, std::string(mode == ResamplingMode::hard ? "hard" : "smooth"));
 }
@@ -128,7 +134,8 @@ bool ItemComposer::compose_from_source(const Job& job, SharedSource& source) {
   plan.traits = make_item_traits(meta, plan.grid, config_, binary);
   alone.unlock();
 
-  const std::uint64_t pixels = raster_onto_strip(job, plan, view_rows(meta, *buffer, source_rows, plan.traits));
+  const std::uint64_t pixels =
+      raster_onto_strip(job, plan, view_rows(meta, *buffer, source_rows, plan.traits));
   counters_.add(&CompositorCounters::pixels_written, pixels);
   return true;
 }
@@ -188,12 +195,14 @@ std::string ItemComposer::raster_key(const Job& job) const {
          key_part("cmyk", icc.input_cmyk_profile) + key_part("out", icc.output_profile) +
          key_part("intent", std::int64_t{icc.intent}) + key_part("bpc", icc.use_bpc) +
          key_part("force_cmyk_icc_fail", conversion_.force_cmyk_icc_fail()) +
-         key_part("cr", config_.color_resampling_mode) + key_part("crll", config_.color_resampling_linear_light) +
+         key_part("cr", config_.color_resampling_mode) +
+         key_part("crll", config_.color_resampling_linear_light) +
          key_part("wr", config_.white_resampling_mode);
 }
 
 /// Null for an image without pixels.
-std::shared_ptr<const PreparedItemRaster> ItemComposer::prepare_item_raster(const Job& job, const std::string& key,
+std::shared_ptr<const PreparedItemRaster> ItemComposer::prepare_item_raster(const Job& job,
+                                                                            const std::string& key,
                                                                             const LoadedImage& image) {
   if (image.width == 0 || image.height == 0) return nullptr;
   const auto alone = caches_.raster_gate().enter(key);
@@ -201,9 +210,10 @@ std::shared_ptr<const PreparedItemRaster> ItemComposer::prepare_item_raster(cons
 
   Plan plan = make_plan(job, image);
   plan.traits = make_item_traits(image, plan.grid, config_, classify_white_coverage(job, &image, nullptr));
-  const ColumnMap columns(0, job.placement.width, plan.grid.dest_width, plan.grid.source_width, plan.traits.box);
-  auto raster = std::make_shared<PreparedItemRaster>(job.placement.width, job.placement.height,
-                                                     plan.traits.has_white);
+  const ColumnMap columns(0, job.placement.width, plan.grid.dest_width, plan.grid.source_width,
+                          plan.traits.box);
+  auto raster =
+      std::make_shared<PreparedItemRaster>(job.placement.width, job.placement.height, plan.traits.has_white);
   raster_rows(plan, view_image(image, job.item.rotated, plan.traits), columns, {0, job.placement.height},
               raster->target());
   return caches_.insert_raster(key, std::move(raster));
@@ -213,8 +223,7 @@ void ItemComposer::compose_direct(const Job& job, const LoadedImage& image) {
   if (image.width == 0 || image.height == 0) return;
   Plan plan = make_plan(job, image);
   plan.traits = make_item_traits(image, plan.grid, config_, classify_white_coverage(job, &image, nullptr));
-  const std::uint64_t pixels =
-      raster_onto_strip(job, plan, view_image(image, job.item.rotated, plan.traits));
+  const std::uint64_t pixels = raster_onto_strip(job, plan, view_image(image, job.item.rotated, plan.traits));
   counters_.add(&CompositorCounters::pixels_written, pixels);
 }
 
@@ -243,7 +252,8 @@ RowColor ItemComposer::start_color(const ImageMeta& meta, bool is_rgb, WorkerIcc
   return color;
 }
 
-/// Whether the item's coverage is binary, so that it may be scaled hard. Exactly one of `image` and `source` is given.
+/// Whether the item's coverage is binary, so that it may be scaled hard. Exactly one of `image` and `source`
+/// is given.
 bool ItemComposer::classify_white_coverage(const Job& job, const LoadedImage* image, RasterSource* source) {
   if (config_.white_resampling_mode == ResamplingMode::smooth) {
     counters_.add_when_profiling(&CompositorCounters::white_classify_hits, 1);
@@ -267,13 +277,14 @@ bool ItemComposer::classify_white_coverage(const Job& job, const LoadedImage* im
 std::uint64_t ItemComposer::raster_onto_strip(const Job& job, const Plan& plan, const SourceView& view) {
   const IndexRange columns = columns_on_strip(job.placement, job.strip);
   if (columns.empty()) return 0;
-  const ColumnMap map(columns.begin, columns.end, plan.grid.dest_width, plan.grid.source_width, plan.traits.box);
+  const ColumnMap map(columns.begin, columns.end, plan.grid.dest_width, plan.grid.source_width,
+                      plan.traits.box);
   return raster_rows(plan, view, map, job.rows,
                      strip_target(job.strip, job.placement, columns, job.rows, plan.traits.has_white));
 }
 
-/// Returns the pixels written. Without a worker of its own the item's rows may go to several threads; all but the
-/// first then need converters besides the shared one.
+/// Returns the pixels written. Without a worker of its own the item's rows may go to several threads; all but
+/// the first then need converters besides the shared one.
 std::uint64_t ItemComposer::raster_rows(const Plan& plan, const SourceView& view, const ColumnMap& columns,
                                         const IndexRange& rows, const PixelTarget& target) {
   const std::uint64_t pixels = std::uint64_t{columns.size()} * rows.size();

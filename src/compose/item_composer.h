@@ -16,9 +16,10 @@
 
 namespace nvo {
 
-/// Paints one placed image into a strip, in one of three ways with equal results: from the few source rows that the
-/// strip needs (large files), from a raster of the whole item that all strips and copies share, or straight from the
-/// loaded image. Any thread may compose; items that run at the same time must not overlap in one strip.
+/// Paints one placed image into a strip, in one of three ways with equal results: from the few source rows
+/// that the strip needs (large files), from a raster of the whole item that all strips and copies share, or
+/// straight from the loaded image. Any thread may compose; items that run at the same time must not overlap
+/// in one strip.
 class ItemComposer {
  public:
   explicit ItemComposer(const StripCompositorConfig& config) : config_(config) {}
@@ -27,8 +28,8 @@ class ItemComposer {
   void set_icc_settings(const IccSettings& settings);
   void clear_caches() { caches_.clear(); }
 
-  /// An item that cannot be read is logged and left out. A null worker uses the shared converters, and may spread rows
-  /// over threads.
+  /// An item that cannot be read is logged and left out. A null worker uses the shared converters, and may
+  /// spread rows over threads.
   void compose_item(const LayoutItem& item, StripBuffer& strip, WorkerIcc* worker);
 
   CounterBook& counters() { return counters_; }

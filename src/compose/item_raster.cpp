@@ -72,7 +72,9 @@ std::vector<ChannelView> view_color(const ImageMeta& meta, const SampleBlock& bl
   return channels;
 }
 
-bool is_channel_of(const ImageMeta& meta, int index) { return index >= 0 && index < meta.channel_count; }
+bool is_channel_of(const ImageMeta& meta, int index) {
+  return index >= 0 && index < meta.channel_count;
+}
 
 /// Coverage by its definition: the complement of a White channel, else alpha, else full.
 ChannelView view_coverage_of_samples(const ImageMeta& meta, const SampleBlock& block) {
@@ -255,7 +257,8 @@ const std::uint8_t* RowRasterizer::convert_to_cmyk(std::size_t pixels) {
   return cmyk_.data();
 }
 
-void RowRasterizer::write_runs(const std::uint8_t* cmyk, const std::uint8_t* alpha, const PixelTarget& target) {
+void RowRasterizer::write_runs(const std::uint8_t* cmyk, const std::uint8_t* alpha,
+                               const PixelTarget& target) {
   const InkRows rows{{inks_[0].data(), inks_[1].data(), inks_[2].data(), inks_[3].data(), white_.data()}};
   for (const PixelRun& run : runs_) {
     const std::size_t size = run.size();
@@ -296,8 +299,8 @@ PixelTarget PreparedItemRaster::target() {
   return {{c.data(), m.data(), y.data(), k.data(), w.data()}, valid.data(), 1, width};
 }
 
-bool blit_prepared_raster(const PreparedItemRaster& raster, const ItemPlacement& placement, StripBuffer& strip,
-                          const IndexRange& rows, std::uint64_t& written) {
+bool blit_prepared_raster(const PreparedItemRaster& raster, const ItemPlacement& placement,
+                          StripBuffer& strip, const IndexRange& rows, std::uint64_t& written) {
   if (raster.width == 0 || raster.height == 0) return false;
   if (raster.valid.size() / raster.width < raster.height) return false;
   for (const auto* plane : {&raster.c, &raster.m, &raster.y, &raster.k, &raster.w})

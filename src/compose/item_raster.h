@@ -36,7 +36,8 @@ struct IndexRange {
 IndexRange columns_on_strip(const ItemPlacement& placement, const StripBuffer& strip);
 IndexRange rows_on_strip(const ItemPlacement& placement, const StripBuffer& strip);
 
-/// Sizes that resampling maps between. The source's are those of the image as placed: swapped for a turned item.
+/// Sizes that resampling maps between. The source's are those of the image as placed: swapped for a turned
+/// item.
 struct ItemGrid {
   std::uint32_t source_width = 0, source_height = 0;
   std::uint32_t dest_width = 0, dest_height = 0;
@@ -80,12 +81,13 @@ struct RowColor {
   bool timed = false;
 };
 
-/// Turns destination rows of one item into five inks: samples white, alpha and colour, converts, multiplies by alpha,
-/// writes. Pixels of alpha 0 leave the target as it is. For one thread; source and columns may be shared.
+/// Turns destination rows of one item into five inks: samples white, alpha and colour, converts, multiplies
+/// by alpha, writes. Pixels of alpha 0 leave the target as it is. For one thread; source and columns may be
+/// shared.
 class RowRasterizer {
  public:
-  RowRasterizer(const SourceView& source, const ItemTraits& traits, const ItemGrid& grid, const ColumnMap& columns,
-                const RowColor& color);
+  RowRasterizer(const SourceView& source, const ItemTraits& traits, const ItemGrid& grid,
+                const ColumnMap& columns, const RowColor& color);
 
   /// Rows of the item into `target`, which points at the first of them and the first mapped column.
   void raster_rows(const IndexRange& rows, const PixelTarget& target);
@@ -123,7 +125,8 @@ class RowRasterizer {
 PixelTarget strip_target(StripBuffer& strip, const ItemPlacement& placement, const IndexRange& columns,
                          const IndexRange& rows, bool explicit_white);
 
-/// A whole item, ready to be copied into strips. All vectors hold `width` x `height` bytes; immutable once cached.
+/// A whole item, ready to be copied into strips. All vectors hold `width` x `height` bytes; immutable once
+/// cached.
 struct PreparedItemRaster {
   std::uint32_t width = 0, height = 0;  ///< as placed
   bool has_white = false;
@@ -135,9 +138,9 @@ struct PreparedItemRaster {
   PixelTarget target();
 };
 
-/// Copies item rows `rows` of a raster into the strip. False, with nothing copied, when the raster's planes don't fit
-/// its size. Adds the pixels written to `written`.
-bool blit_prepared_raster(const PreparedItemRaster& raster, const ItemPlacement& placement, StripBuffer& strip,
-                          const IndexRange& rows, std::uint64_t& written);
+/// Copies item rows `rows` of a raster into the strip. False, with nothing copied, when the raster's planes
+/// don't fit its size. Adds the pixels written to `written`.
+bool blit_prepared_raster(const PreparedItemRaster& raster, const ItemPlacement& placement,
+                          StripBuffer& strip, const IndexRange& rows, std::uint64_t& written);
 
 }  // namespace nvo

@@ -7,8 +7,8 @@
 
 namespace nvo {
 
-/// Objects that are costly to make and serve one user at a time. `take` never waits: it hands out an idle object, or a
-/// new one. An object outlives its lease and serves the next.
+/// Objects that are costly to make and serve one user at a time. `take` never waits: it hands out an idle
+/// object, or a new one. An object outlives its lease and serves the next.
 template <class Object>
 class LeasePool {
  public:

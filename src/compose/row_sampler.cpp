@@ -29,14 +29,23 @@ void gather(const std::uint8_t* first, std::size_t count, std::uint8_t invert, s
     out[i] = static_cast<std::uint8_t>(first[static_cast<std::ptrdiff_t>(i) * kStep] ^ invert);
 }
 
-/// Copies `count` neighbouring samples from sample `x` on. The steps of common pixel layouts are compiled apart.
+/// Copies `count` neighbouring samples from sample `x` on. The steps of common pixel layouts are compiled
+/// apart.
 void copy_samples(const SampleRow& row, std::uint32_t x, std::size_t count, std::uint8_t* out) {
   const std::uint8_t* first = row.first + static_cast<std::ptrdiff_t>(x) * row.step;
   switch (row.step) {
-    case 0: std::memset(out, *first ^ row.invert, count); return;
-    case 1: gather<1>(first, count, row.invert, out); return;
-    case 4: gather<4>(first, count, row.invert, out); return;
-    case 5: gather<5>(first, count, row.invert, out); return;
+    case 0:
+      std::memset(out, *first ^ row.invert, count);
+      return;
+    case 1:
+      gather<1>(first, count, row.invert, out);
+      return;
+    case 4:
+      gather<4>(first, count, row.invert, out);
+      return;
+    case 5:
+      gather<5>(first, count, row.invert, out);
+      return;
     default:
       for (std::size_t i = 0; i < count; ++i)
         out[i] = static_cast<std::uint8_t>(first[static_cast<std::ptrdiff_t>(i) * row.step] ^ row.invert);
@@ -45,7 +54,8 @@ void copy_samples(const SampleRow& row, std::uint32_t x, std::size_t count, std:
 
 /// Adds up the columns of a box row and divides. `Sum` holds 255 times the rows of a box.
 template <class Sum>
-void box_means(const ChannelView& channel, const ColumnMap& columns, const AxisSpan& rows, std::uint8_t* out) {
+void box_means(const ChannelView& channel, const ColumnMap& columns, const AxisSpan& rows,
+               std::uint8_t* out) {
   const std::uint32_t first = columns.boxes()[0].start;
   const std::uint32_t last = columns.boxes()[columns.size() - 1].end;
   std::vector<Sum> sums(last - first, Sum{0});
@@ -70,8 +80,8 @@ bool lie_side_by_side(const std::vector<ChannelView>& channels) {
   return true;
 }
 
-/// Copies `kChannels` bytes from each pixel of `pixel_bytes` bytes. Where the source pixel has a fourth byte it is
-/// copied along and overwritten by the next pixel, which costs less than to leave it out.
+/// Copies `kChannels` bytes from each pixel of `pixel_bytes` bytes. Where the source pixel has a fourth byte
+/// it is copied along and overwritten by the next pixel, which costs less than to leave it out.
 template <std::size_t kChannels>
 void pack_pixels(const std::uint8_t* __restrict pixels, std::ptrdiff_t pixel_bytes, std::size_t count,
                  std::uint8_t* __restrict out) {
@@ -97,9 +107,9 @@ void decode_interleaved(const std::uint8_t* source, std::ptrdiff_t pixel_bytes, 
 }
 
 /// `BilinearWeights::mix` on the channels of four pixels.
-inline Float4 mix(float fx, float fy, const Float4& p00, const Float4& p10, const Float4& p01, const Float4& p11) {
-  const Float4 weights =
-      Float4::of(1.0f - fy, 1.0f - fy, fy, fy) * Float4::of(1.0f - fx, fx, 1.0f - fx, fx);
+inline Float4 mix(float fx, float fy, const Float4& p00, const Float4& p10, const Float4& p01,
+                  const Float4& p11) {
+  const Float4 weights = Float4::of(1.0f - fy, 1.0f - fy, fy, fy) * Float4::of(1.0f - fx, fx, 1.0f - fx, fx);
   return weights.broadcast(0) * p00 + weights.broadcast(1) * p10 + weights.broadcast(2) * p01 +
          weights.broadcast(3) * p11;
 }
@@ -119,8 +129,8 @@ inline void store_srgb(const LinearLight& curve, const Float4& value, std::uint8
 
 /// Mixes columns of two decoded rows, whose first element is source column `first_source`.
 template <int kChannels, bool kLinearLight>
-void mix_columns(const Float4* top, const Float4* bottom, float fy, const AxisSample* columns, std::size_t count,
-                 std::uint32_t first_source, std::uint8_t* out) {
+void mix_columns(const Float4* top, const Float4* bottom, float fy, const AxisSample* columns,
+                 std::size_t count, std::uint32_t first_source, std::uint8_t* out) {
   const LinearLight& curve = LinearLight::instance();
   for (std::size_t i = 0; i < count; ++i, out += kChannels) {
     const std::size_t lo = columns[i].lo - first_source;
@@ -141,8 +151,8 @@ SampleRow ChannelView::row(std::uint32_t y) const {
   return {samples + static_cast<std::ptrdiff_t>(y - first_row) * row_step, column_step, invert};
 }
 
-ColumnMap::ColumnMap(std::uint32_t begin, std::uint32_t end, std::uint32_t dest_width, std::uint32_t source_width,
-                     bool with_boxes) {
+ColumnMap::ColumnMap(std::uint32_t begin, std::uint32_t end, std::uint32_t dest_width,
+                     std::uint32_t source_width, bool with_boxes) {
   const std::size_t count = end > begin ? end - begin : 0;
   samples_.resize(count);
   nearest_.resize(count);
@@ -177,7 +187,7 @@ void ChannelSampler::bilinear(const AxisSample& row, std::uint8_t* out) {
     samples.resize(columns_.source_count());
     copy_samples(channel_.row(y), first, samples.size(), samples.data());
   };
-  const auto [top, bottom] = rows_.get(row.lo, row.frac == 0.0f ? row.lo : row.hi, copy_row);
+  const auto [top, bottom] = row_pair_.get(row.lo, row.frac == 0.0f ? row.lo : row.hi, copy_row);
   for (std::uint32_t i = 0; i < columns_.size(); ++i) {
     const AxisSample& column = columns_.samples()[i];
     const std::size_t lo = column.lo - first;
@@ -249,17 +259,17 @@ void ColorSampler::decode(std::uint32_t source_row, std::vector<Float4>& pixels)
                            values[rows[2].at(first + x)], values[rows[3].at(first + x)]);
 }
 
-void ColorSampler::bilinear(const AxisSample& row, std::uint32_t begin, std::uint32_t end, std::uint8_t* out) {
+void ColorSampler::bilinear(const AxisSample& row, std::uint32_t begin, std::uint32_t end,
+                            std::uint8_t* out) {
   const bool unmixed = columns_.exact() && row.frac == 0.0f;
   if (unmixed && (!linear_light_ || LinearLight::instance().round_trip_is_identity()))
     return nearest(row.lo, begin, end, out);
 
-  const auto [top, bottom] = decoded_.get(
-      row.lo, row.frac == 0.0f ? row.lo : row.hi,
-      [this](std::uint32_t y, std::vector<Float4>& values) { decode(y, values); });
-  const auto kernel = channels_.size() == 3
-                          ? (linear_light_ ? mix_columns<3, true> : mix_columns<3, false>)
-                          : (linear_light_ ? mix_columns<4, true> : mix_columns<4, false>);
+  const auto [top, bottom] =
+      row_pair_.get(row.lo, row.frac == 0.0f ? row.lo : row.hi,
+                    [this](std::uint32_t y, std::vector<Float4>& values) { decode(y, values); });
+  const auto kernel = channels_.size() == 3 ? (linear_light_ ? mix_columns<3, true> : mix_columns<3, false>)
+                                            : (linear_light_ ? mix_columns<4, true> : mix_columns<4, false>);
   kernel(top, bottom, row.frac, columns_.samples() + begin, end - begin, columns_.first_source(), out);
 }
 

@@ -12,7 +12,8 @@
 
 namespace nvo {
 
-/// One sample of every pixel of a source row: sample x is `first[x * step] ^ invert`. A step of 0 repeats one value.
+/// One sample of every pixel of a source row: sample x is `first[x * step] ^ invert`. A step of 0 repeats one
+/// value.
 struct SampleRow {
   const std::uint8_t* first = nullptr;
   std::ptrdiff_t step = 0;
@@ -23,22 +24,22 @@ struct SampleRow {
   }
 };
 
-/// One channel of a source image, of which rows `first_row` .. `first_row + rows - 1` are in memory. Rows and columns
-/// are those of the image as placed; steps are bytes and may be negative. Outside the rows held every sample reads
-/// as `outside`.
+/// One channel of a source image, of which rows `first_row` .. `first_row + rows - 1` are in memory. Rows and
+/// columns are those of the image as placed; steps are bytes and may be negative. Outside the rows held every
+/// sample reads as `outside`.
 struct ChannelView {
   const std::uint8_t* samples = nullptr;  ///< of the first row held; null where the image has no such channel
   std::ptrdiff_t column_step = 0, row_step = 0;
   std::uint32_t first_row = 0, rows = 0;
-  std::uint8_t invert = 0;   ///< 0xFF for a channel that is stored as its complement
+  std::uint8_t invert = 0;  ///< 0xFF for a channel that is stored as its complement
   std::uint8_t outside = 0;
 
   bool exists() const { return samples != nullptr; }
   SampleRow row(std::uint32_t y) const;
 };
 
-/// The destination columns [begin, end) of an item that are to be sampled, mapped onto the source's columns. Shared
-/// by all rows and threads. Columns are counted from `begin` in everything below.
+/// The destination columns [begin, end) of an item that are to be sampled, mapped onto the source's columns.
+/// Shared by all rows and threads. Columns are counted from `begin` in everything below.
 class ColumnMap {
  public:
   ColumnMap(std::uint32_t begin, std::uint32_t end, std::uint32_t dest_width, std::uint32_t source_width,
@@ -65,10 +66,10 @@ class ColumnMap {
   std::uint32_t first_source_ = 0, source_count_ = 0;
 };
 
-/// The two source rows that a destination row mixes, in the form that mixing wants; neighbours share one of them, so
-/// that each source row is brought into that form once on the way down.
+/// The two source rows that a destination row mixes, in the form that mixing wants; neighbours share one of
+/// them, so that each source row is brought into that form once on the way down.
 template <class Element>
-class DecodedRows {
+class SourceRowPair {
  public:
   template <class Decode>
   std::pair<const Element*, const Element*> get(std::uint32_t lo, std::uint32_t hi, const Decode& decode) {
@@ -94,7 +95,8 @@ class DecodedRows {
 /// Samples one channel, alpha or white coverage, a whole row at a time. For one thread.
 class ChannelSampler {
  public:
-  ChannelSampler(const ChannelView& channel, const ColumnMap& columns) : channel_(channel), columns_(columns) {}
+  ChannelSampler(const ChannelView& channel, const ColumnMap& columns)
+      : channel_(channel), columns_(columns) {}
 
   /// Each fills `out` with one byte a column.
   void nearest(std::uint32_t source_row, std::uint8_t* out) const;
@@ -105,7 +107,7 @@ class ChannelSampler {
  private:
   ChannelView channel_;
   const ColumnMap& columns_;
-  DecodedRows<std::uint8_t> rows_;
+  SourceRowPair<std::uint8_t> row_pair_;
 };
 
 /// Samples the three or four colour channels of a row into interleaved bytes. For one thread.
@@ -129,7 +131,7 @@ class ColorSampler {
   const ColumnMap& columns_;
   const bool linear_light_;
   const bool interleaved_;  ///< the channels lie side by side in their order
-  DecodedRows<Float4> decoded_;
+  SourceRowPair<Float4> row_pair_;
 };
 
 }  // namespace nvo

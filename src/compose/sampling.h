@@ -8,7 +8,8 @@
 
 namespace nvo {
 
-/// Where a destination pixel falls on one source axis: between samples `lo` and `hi`, `frac` of the way to `hi`.
+/// Where a destination pixel falls on one source axis: between samples `lo` and `hi`, `frac` of the way to
+/// `hi`.
 struct AxisSample {
   std::uint32_t lo = 0, hi = 0;
   float frac = 0.0f;
@@ -45,14 +46,14 @@ inline std::uint8_t truncate_to_byte(float value) {
   return static_cast<std::uint8_t>(static_cast<int>(bounded));
 }
 
-inline std::uint8_t bilinear_byte(std::uint8_t p00, std::uint8_t p10, std::uint8_t p01, std::uint8_t p11, float fx,
-                                  float fy) {
+inline std::uint8_t bilinear_byte(std::uint8_t p00, std::uint8_t p10, std::uint8_t p01, std::uint8_t p11,
+                                  float fx, float fy) {
   return truncate_to_byte(BilinearWeights(fx, fy).mix(p00, p10, p01, p11) + 0.5f);
 }
 
 /// The same on light instead of on sRGB values.
-std::uint8_t bilinear_linear_light(std::uint8_t p00, std::uint8_t p10, std::uint8_t p01, std::uint8_t p11, float fx,
-                                   float fy);
+std::uint8_t bilinear_linear_light(std::uint8_t p00, std::uint8_t p10, std::uint8_t p01, std::uint8_t p11,
+                                   float fx, float fy);
 
 /// sRGB byte of an amount of linear light, by the formula of IEC 61966-2-1 in single precision.
 std::uint8_t srgb_from_linear(float light);
@@ -65,8 +66,8 @@ class LinearLight {
   /// 256 amounts of light, 0 to 1.
   const float* decode_table() const { return decode_.data(); }
 
-  /// `srgb_from_linear` without its power: the formula rises with the light, so that the least light of each byte
-  /// decides. `light` lies in [0, 1].
+  /// `srgb_from_linear` without its power: the formula rises with the light, so that the least light of each
+  /// byte decides. `light` lies in [0, 1].
   std::uint8_t encode(float light) const {
     return encode_in_cell(light, static_cast<std::uint32_t>(cells_of(Float4::all(light))[0]));
   }

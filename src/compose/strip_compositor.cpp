@@ -18,8 +18,8 @@ constexpr std::uint64_t kMaxParallelItemPixels = 0x400000;
 
 std::uint32_t strip_width(const StripCompositorConfig& config) {
   constexpr double kSizeSlack = 0.0001;  // an exact number of pixels in inches gains none through f32 noise
-  const double width =
-      std::ceil(static_cast<double>(config.src_dpi) * static_cast<double>(config.sheet_width_in) - kSizeSlack);
+  const double width = std::ceil(
+      static_cast<double>(config.src_dpi) * static_cast<double>(config.sheet_width_in) - kSizeSlack);
   if (!(width > 0.0)) return 0;
   return static_cast<std::uint32_t>(std::min(width, 4294967295.0));
 }
@@ -29,7 +29,9 @@ struct ItemRect {
   const LayoutItem* item;
   std::int64_t x0, y0, x1, y1;
 
-  std::uint64_t area() const { return static_cast<std::uint64_t>(x1 - x0) * static_cast<std::uint64_t>(y1 - y0); }
+  std::uint64_t area() const {
+    return static_cast<std::uint64_t>(x1 - x0) * static_cast<std::uint64_t>(y1 - y0);
+  }
   bool overlaps(const ItemRect& other) const {
     return x1 > other.x0 && other.x1 > x0 && y1 > other.y0 && other.y1 > y0;
   }

@@ -14,8 +14,8 @@
 
 namespace nvo {
 
-/// Turns the placed sheet into strips: the full sheet width by some rows, on the source grid. Set layout, colour and
-/// profiling first; from then on `compose_strip` may run on several threads at once.
+/// Turns the placed sheet into strips: the full sheet width by some rows, on the source grid. Set layout,
+/// colour and profiling first; from then on `compose_strip` may run on several threads at once.
 class StripCompositor {
  public:
   explicit StripCompositor(const StripCompositorConfig& config) : config_(config), composer_(config) {}
@@ -28,9 +28,9 @@ class StripCompositor {
   void reset_counters() { composer_.counters().reset(); }
   CompositorCounters read_counters() const { return composer_.counters().read(); }
 
-  /// Rows `y` .. `y + height - 1` of the sheet; height 0 stands for the configured one. Later items cover earlier
-  /// ones without blending. An item that cannot be read is logged and left out; running out of memory throws. The
-  /// memory of `spent`, a strip that nobody needs any longer, is used again.
+  /// Rows `y` .. `y + height - 1` of the sheet; height 0 stands for the configured one. Later items cover
+  /// earlier ones without blending. An item that cannot be read is logged and left out; running out of memory
+  /// throws. The memory of `spent`, a strip that nobody needs any longer, is used again.
   StripBuffer compose_strip(std::uint32_t y, std::uint32_t height, StripBuffer spent = {});
 
  private:
@@ -42,7 +42,8 @@ class StripCompositor {
   StripBuffer blank_strip(std::uint32_t y, std::uint32_t height, StripBuffer spent) const;
   std::vector<const LayoutItem*> select_items(std::uint32_t y, std::uint32_t height) const;
   void compose_sequentially(const std::vector<const LayoutItem*>& items, StripBuffer& strip);
-  void compose_in_parallel(const std::vector<const LayoutItem*>& items, std::uint32_t threads, StripBuffer& strip);
+  void compose_in_parallel(const std::vector<const LayoutItem*>& items, std::uint32_t threads,
+                           StripBuffer& strip);
   void compose_item(const LayoutItem& item, StripBuffer& strip, WorkerIcc* worker);
   void finish_white(StripBuffer& strip);
 

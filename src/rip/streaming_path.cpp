@@ -32,6 +32,7 @@ struct StripPlace {
   std::uint32_t first = 0, rows = 0;      ///< source rows with the halo
   std::uint32_t dev_y = 0, dev_rows = 0;  ///< device rows that the strip delivers
   std::uint32_t crop_top = 0;             ///< device rows of the upper halo
+  std::uint32_t all_dev_rows = 0;         ///< device rows with both halos
 
   bool has_halo() const { return first != src_y || rows != src_rows; }
 };
@@ -51,24 +52,18 @@ StripPlace place_strip(const SheetRun& run, std::uint32_t strip, std::uint32_t h
   place.dev_y = to_device(place.src_y);
   place.dev_rows = to_device(end) - place.dev_y;
   place.crop_top = place.dev_y - to_device(place.first);
-  return place;
-}
-
-/// Cuts the device rows of the halo off a map, in place.
-void crop_drop_map(DropMap& map, std::uint32_t top, std::uint32_t rows) {
-  if (top > map.height || rows > map.height - top)
+  place.all_dev_rows = to_device(last) - to_device(place.first);
+  if (place.crop_top > place.all_dev_rows || place.dev_rows > place.all_dev_rows - place.crop_top)
     throw std::runtime_error("StreamRip: invalid DropMap crop rows");
-  const std::size_t width = map.width;
-  map.data.resize(width * (std::size_t{top} + rows));
-  map.data.erase(map.data.begin(), map.data.begin() + static_cast<std::ptrdiff_t>(width * top));
-  map.height = rows;
+  return place;
 }
 
 class StripTask {
  public:
   StripTask(SheetRun& run, std::uint32_t halo) : run_(run), halo_(halo) {}
 
-  StreamingStripResult rip_strip(std::uint32_t strip) {
+  /// `written` gives the memory of drop maps that are no longer needed.
+  StreamingStripResult rip_strip(std::uint32_t strip, std::vector<DropMap> written) {
     const StripPlace place = place_strip(run_, strip, halo_);
     log_debug("StreamRip: strip ", run_.strips - strip, "/", run_.strips, " src_y=", place.src_y,
               " h=", place.src_rows, place.has_halo() ? " with halo" : "");
@@ -76,6 +71,8 @@ class StripTask {
     result.src_y = place.src_y;
     result.src_rows = place.src_rows;
     result.dev_y = place.dev_y;
+    result.dropmaps = std::move(written);
+    result.dropmaps.resize(kChannelCount);
     const std::size_t pixels = std::size_t{run_.src_w} * place.rows;
     result.source_strip_pixels = pixels;
 
@@ -124,17 +121,16 @@ class StripTask {
 
     const auto rip_channel = [&](std::uint32_t channel, std::size_t scratch) {
       const std::uint64_t start = platform::monotonic_nanoseconds();
-      ChannelRipResult channel_result;
+      ChannelRipResult channel_result{std::move(result.dropmaps[channel]), 0};
+      const DeviceRowWindow own_rows{place.crop_top, place.dev_rows};
       run_.engine.process_strip(channel_result.drops, planes[channel], run_.src_w, place.rows, place.first,
                                 run_.src_h, static_cast<std::int32_t>(channel),
                                 channel < kChannelW ? coverage : nullptr, nullptr,
-                                coverage ? &context : nullptr, &run_.scratch[scratch]);
-      if (place.has_halo()) crop_drop_map(channel_result.drops, place.crop_top, place.dev_rows);
+                                coverage ? &context : nullptr, &run_.scratch[scratch], &own_rows);
       channel_result.duration = platform::monotonic_nanoseconds() - start;
       return channel_result;
     };
 
-    result.dropmaps.resize(kChannelCount);
     const auto keep = [&](std::uint32_t channel, ChannelRipResult&& channel_result) {
       result.dropmaps[channel] = std::move(channel_result.drops);
       result.rip_ch[channel] = channel_result.duration;
@@ -182,20 +178,23 @@ void run_streaming(SheetRun& run) {
                  run.choke.device_choke, options.white_choke_amount_px_at_300dpi, run.choke.min_width_dots});
 
   StripTask task(run, halo);
+  std::vector<DropMap> written;
   const auto start_strip = [&](std::uint32_t strip) {
     run.throw_if_cancelled();
     const std::uint32_t stage = run.strips - 1 - strip;
     run.report(static_cast<int>(stage), static_cast<int>(run.strips),
                static_cast<float>(stage) / static_cast<float>(run.strips) * 95.0f,
                "Streaming strip " + std::to_string(run.strips - strip) + "/" + std::to_string(run.strips));
-    return std::async(std::launch::async, [&task, strip] { return task.rip_strip(strip); });
+    return std::async(std::launch::async, [&task, strip, reused = std::move(written)]() mutable {
+      return task.rip_strip(strip, std::move(reused));
+    });
   };
 
   // One strip is composed and screened while the one below it is written.
   std::uint64_t rows_written = 0;
   std::future<StreamingStripResult> next = start_strip(run.strips - 1);
   for (std::uint32_t remaining = run.strips; remaining > 0; --remaining) {
-    const StreamingStripResult result = next.get();
+    StreamingStripResult result = next.get();
     if (remaining > 1) next = start_strip(remaining - 2);
     {
       const ScopedTimer timer(run.profile.writer);
@@ -203,6 +202,7 @@ void run_streaming(SheetRun& run) {
     }
     rows_written += result.dropmaps[0].height;
     add_to_profile(result, run.profile);
+    written = std::move(result.dropmaps);
   }
   if (rows_written != run.dev_h) throw std::runtime_error("StreamRip: streamed row count mismatch");
 

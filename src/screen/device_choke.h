@@ -6,8 +6,8 @@
 
 namespace nvo {
 
-/// What the device-domain choke is computed from. Planes are on the source grid, `src_w` x `strip_rows` bytes; the
-/// strip is rows `strip_src_y` .. of a plane of `total_src_rows` rows.
+/// What the device-domain choke is computed from. Planes are on the source grid, `src_w` x `strip_rows`
+/// bytes; the strip is rows `strip_src_y` .. of a plane of `total_src_rows` rows.
 struct DeviceChokeInput {
   const std::uint8_t* coverage = nullptr;       ///< largest colour ink; 3 and more counts as colour
   const std::uint8_t* exempt_mask = nullptr;    ///< explicit white, may be null

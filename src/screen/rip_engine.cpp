@@ -115,6 +115,7 @@ struct RipEngine::PlaneJob {
   bool white = false, hard = false;
   std::uint32_t dev_w = 0, dev_h = 0;  ///< of the whole plane
   DeviceRows dev_rows{};               ///< of this call
+  DeviceRowWindow window{};            ///< those of them that are delivered
 
   std::uint32_t height() const { return dev_rows.end - dev_rows.first; }
   /// White on its own nearest path, for which no choke is announced.
@@ -167,6 +168,7 @@ DropMap RipEngine::process(const std::uint8_t* src, std::uint32_t src_w, std::ui
                .scratch = scratch};
   place(job);
   job.dev_rows = {0, job.dev_h};
+  job.window = {0, job.dev_h};
   log_info("RipEngine ch=", channel, " src=", src_w, "x", src_h, " dev=", job.dev_w, "x", job.dev_h);
   DropMap out;
   screen(job, out);
@@ -178,7 +180,8 @@ void RipEngine::process_strip(DropMap& out, const std::uint8_t* src, std::uint32
                               std::uint32_t strip_rows, std::uint32_t strip_src_y,
                               std::uint32_t total_src_rows, std::int32_t channel,
                               const std::uint8_t* coverage_plane, PreThresholdCapture* capture,
-                              const ChokeContext* choke, ProcessScratch* scratch) {
+                              const ChokeContext* choke, ProcessScratch* scratch,
+                              const DeviceRowWindow* window) {
   if (src == nullptr || src_w == 0 || strip_rows == 0 || total_src_rows == 0)
     throw std::invalid_argument("RipEngine::process_strip: invalid source strip");
   if (channel < 0 || channel >= params_.n_channels)
@@ -198,7 +201,11 @@ void RipEngine::process_strip(DropMap& out, const std::uint8_t* src, std::uint32
                .scratch = scratch};
   place(job);
   job.dev_rows = device_rows_of_strip(strip_src_y, strip_rows, scale_.y, job.dev_h);
-  if (job.height() == 0) {
+  job.window = window != nullptr ? *window : DeviceRowWindow{0, job.height()};
+  if (job.window.top > job.height() || job.window.rows > job.height() - job.window.top ||
+      (window != nullptr && capture != nullptr))
+    throw std::invalid_argument("RipEngine::process_strip: device row window is invalid");
+  if (job.window.rows == 0) {
     resize_drop_map(out, job.dev_w, 0);
     return;
   }
@@ -298,7 +305,7 @@ void RipEngine::log_choke(const PlaneJob& job, const ChokeContext& choke) const 
 }
 
 void RipEngine::screen(const PlaneJob& job, DropMap& out) {
-  const bool out_is_zero = resize_drop_map(out, job.dev_w, job.height()) == DropMapContents::zero;
+  const bool out_is_zero = resize_drop_map(out, job.dev_w, job.window.rows) == DropMapContents::zero;
   // A strip that samples by nearest pixel leaves the table to the channels that run beside it.
   if (job.whole_plane || !job.hard) ensure_column_taps(job.src_w, job.dev_w);
   if (job.white_special())
@@ -319,11 +326,11 @@ void RipEngine::screen(const PlaneJob& job, DropMap& out) {
     screen_captured(job, strip, scratch.workers[0], out);
     return;
   }
-  parallel_ranges(job.height(), workers, [&](std::size_t begin, std::size_t end, std::size_t worker) {
+  parallel_ranges(job.window.rows, workers, [&](std::size_t begin, std::size_t end, std::size_t worker) {
     RowScreener screener(strip, scratch.workers[worker]);
-    for (std::size_t y = begin; y < end; ++y) {
-      screener.screen(y, out_is_zero, out.data.data() + y * job.dev_w);
-      log_progress(job, y);
+    for (std::size_t row = begin; row < end; ++row) {
+      screener.screen(job.window.top + row, out_is_zero, out.data.data() + row * job.dev_w);
+      log_progress(job, row);
     }
   });
 }

@@ -50,6 +50,11 @@ struct RipEngineParams {
   std::optional<InstructionSet> instruction_set;
 };
 
+/// Some of the device rows of a strip, counted from its first.
+struct DeviceRowWindow {
+  std::uint32_t top = 0, rows = 0;
+};
+
 /// Turns 8-bit ink planes on the source grid into drop levels on the device grid: resampling, ink curve,
 /// white choke and screening against a blue-noise mask. Channels are 0 C, 1 M, 2 Y, 3 K, 4 W; with five
 /// channels or more all from 4 on are white. One engine serves a job; `process` and `process_strip` may run
@@ -94,11 +99,14 @@ class RipEngine {
   /// Screens source rows `strip_src_y` .. `strip_src_y + strip_rows - 1` of a plane of `total_src_rows` rows
   /// into the device rows that belong to them; adjacent strips meet without gap or overlap. Device rows are
   /// divided among threads; the drops do not depend on their number. The memory of `out` is reused where it
-  /// is large enough. Throws as `process`, and for a strip outside the plane; `out` is then as it was.
+  /// is large enough. With a `window`, which goes without a capture, only these rows are screened, as they
+  /// would be without it. Throws as `process`, and for a strip outside the plane or a window outside the
+  /// strip; `out` is then as it was.
   void process_strip(DropMap& out, const std::uint8_t* src, std::uint32_t src_w, std::uint32_t strip_rows,
                      std::uint32_t strip_src_y, std::uint32_t total_src_rows, std::int32_t channel,
                      const std::uint8_t* coverage_plane, PreThresholdCapture* capture,
-                     const ChokeContext* choke, ProcessScratch* scratch);
+                     const ChokeContext* choke, ProcessScratch* scratch,
+                     const DeviceRowWindow* window = nullptr);
 
   /// The white choke of a strip, from planes of `src_w` x `strip_rows` bytes on the source grid: colour
   /// coverage, explicit white (may be null), the composed white (null unless adaptive) and the light areas

@@ -11,12 +11,12 @@
 
 namespace nvo::test {
 
-/// An item composed one pixel after another by the plainest means: the yardstick for everything that works by rows.
-/// Only the source rows `held` are seen where `banded` is set.
+/// An item composed one pixel after another by the plainest means: the yardstick for everything that works by
+/// rows. Only the source rows `held` are seen where `banded` is set.
 class PlainItem {
  public:
-  PlainItem(const LoadedImage& image, bool rotated, const StripCompositorConfig& config, const ItemPlacement& place,
-            bool banded)
+  PlainItem(const LoadedImage& image, bool rotated, const StripCompositorConfig& config,
+            const ItemPlacement& place, bool banded)
       : image_(image), rotated_(rotated), config_(config), place_(place), banded_(banded) {}
 
   /// Returns the pixels written.
@@ -25,7 +25,8 @@ class PlainItem {
     std::uint64_t written = 0;
     for (std::uint32_t row = rows.begin; row < rows.end; ++row)
       for (std::uint32_t column = 0; column < place_.width; ++column)
-        if (place_.x + column >= 0 && place_.x + column < strip.width) written += compose_pixel(row, column, strip);
+        if (place_.x + column >= 0 && place_.x + column < strip.width)
+          written += compose_pixel(row, column, strip);
     return written;
   }
 
@@ -61,7 +62,8 @@ class PlainItem {
 
   template <class Sample, class Mix>
   std::uint8_t mixed(const Sample& at, const Mix& mix) const {
-    return mix(at(mx_.lo, my_.lo), at(mx_.hi, my_.lo), at(mx_.lo, my_.hi), at(mx_.hi, my_.hi), mx_.frac, my_.frac);
+    return mix(at(mx_.lo, my_.lo), at(mx_.hi, my_.lo), at(mx_.lo, my_.hi), at(mx_.hi, my_.hi), mx_.frac,
+               my_.frac);
   }
   std::uint8_t channel_byte(int channel, bool nearest) const {
     const auto at = [&](std::uint32_t x, std::uint32_t y) { return sample(channel, x, y); };
@@ -69,7 +71,8 @@ class PlainItem {
   }
   std::uint8_t color_byte(int channel) const {
     if (is_rgb() && config_.color_resampling_linear_light && smooth_color())
-      return mixed([&](std::uint32_t x, std::uint32_t y) { return sample(channel, x, y); }, bilinear_linear_light);
+      return mixed([&](std::uint32_t x, std::uint32_t y) { return sample(channel, x, y); },
+                   bilinear_linear_light);
     return channel_byte(channel, !smooth_color());
   }
 
@@ -101,7 +104,9 @@ class PlainItem {
     if (alpha == 0) return false;
 
     auto inks = cmyk();
-    const auto times_alpha = [&](std::uint8_t v) { return static_cast<std::uint8_t>((v * alpha + 127) / 255); };
+    const auto times_alpha = [&](std::uint8_t v) {
+      return static_cast<std::uint8_t>((v * alpha + 127) / 255);
+    };
     if (alpha < 255)
       for (std::uint8_t& ink : inks) ink = times_alpha(ink);
     if (alpha < 255 && has_white() && alpha_active) white = times_alpha(white);

@@ -52,7 +52,8 @@ LayoutItem item_at(const std::string& path, int x, int y, int width, int height)
   LayoutItem item;
   item.path = path;
   const auto inches = [](int pixels) { return static_cast<float>(pixels) / static_cast<float>(kDpi); };
-  item.x_in = inches(x), item.y_in = inches(y), item.width_in = inches(width), item.height_in = inches(height);
+  item.x_in = inches(x), item.y_in = inches(y), item.width_in = inches(width),
+  item.height_in = inches(height);
   return item;
 }
 
@@ -72,7 +73,8 @@ bool same_bytes(const StripBuffer& a, const StripBuffer& b) {
 /// What the compositor itself has logged since the last call.
 std::vector<std::string> take_own(LogCapture& log) {
   std::vector<std::string> lines = log.take();
-  std::erase_if(lines, [](const std::string& line) { return line.find("StripCompositor: ") == std::string::npos; });
+  std::erase_if(lines,
+                [](const std::string& line) { return line.find("StripCompositor: ") == std::string::npos; });
   return lines;
 }
 
@@ -81,13 +83,16 @@ std::string flat_cmyk(const TempDir& dir, const std::string& name, std::uint8_t 
                       std::uint32_t height = 8) {
   TiffFile file;
   file.width = width, file.height = height;
-  file.pixel = [cyan](std::uint32_t, std::uint32_t, std::uint8_t* p) { p[0] = cyan, p[1] = 1, p[2] = 2, p[3] = 3; };
+  file.pixel = [cyan](std::uint32_t, std::uint32_t, std::uint8_t* p) {
+    p[0] = cyan, p[1] = 1, p[2] = 2, p[3] = 3;
+  };
   file.write(dir.file(name));
   return dir.file(name);
 }
 
 /// RGBA whose every pixel differs from its neighbours.
-std::string busy_rgba(const TempDir& dir, const std::string& name, std::uint32_t width, std::uint32_t height) {
+std::string busy_rgba(const TempDir& dir, const std::string& name, std::uint32_t width,
+                      std::uint32_t height) {
   TiffFile file;
   file.width = width, file.height = height;
   file.photometric = PHOTOMETRIC_RGB;
@@ -110,13 +115,14 @@ TEST(StripCompositor, ItemsLandWhereTheyAreClipped) {
     int x, y, width, height;
     int x0, y0, x1, y1;  ///< of the strip's rows 10 .. 29; empty for none
   };
-  for (const Case& c : {Case{"inside", 5, 12, 8, 8, 5, 12, 13, 20}, Case{"left of the sheet", -5, 12, 8, 8, 0, 12, 3, 20},
-                        Case{"beyond its right edge", 36, 12, 8, 8, 36, 12, 40, 20},
-                        Case{"from the strip above", 3, 6, 8, 8, 3, 10, 11, 14},
-                        Case{"into the strip below", 3, 25, 8, 8, 3, 25, 11, 30},
-                        Case{"touches from above", 3, 2, 8, 8, 0, 0, 0, 0},
-                        Case{"touches from below", 3, 30, 8, 8, 0, 0, 0, 0},
-                        Case{"no width", 3, 12, 0, 8, 3, 12, 4, 20}, Case{"wider than the sheet", -9, 0, 99, 50, 0, 10, 40, 30}}) {
+  for (const Case& c :
+       {Case{"inside", 5, 12, 8, 8, 5, 12, 13, 20}, Case{"left of the sheet", -5, 12, 8, 8, 0, 12, 3, 20},
+        Case{"beyond its right edge", 36, 12, 8, 8, 36, 12, 40, 20},
+        Case{"from the strip above", 3, 6, 8, 8, 3, 10, 11, 14},
+        Case{"into the strip below", 3, 25, 8, 8, 3, 25, 11, 30},
+        Case{"touches from above", 3, 2, 8, 8, 0, 0, 0, 0},
+        Case{"touches from below", 3, 30, 8, 8, 0, 0, 0, 0}, Case{"no width", 3, 12, 0, 8, 3, 12, 4, 20},
+        Case{"wider than the sheet", -9, 0, 99, 50, 0, 10, 40, 30}}) {
     StripCompositor compositor(sheet(40, 60));
     compositor.set_layout({{item_at(path, c.x, c.y, c.width, c.height)}, 0.6f});
     const StripBuffer strip = compositor.compose_strip(10, 20);
@@ -160,7 +166,8 @@ TEST(StripCompositor, LaterItemsReplaceEarlierOnesWithoutBlending) {
 
   // Paint order is that of the layout, wherever on the sheet the items begin.
   StripCompositor tall(sheet(4, 3));
-  tall.set_layout({{item_at(flat_cmyk(dir, "under.tif", 5, 4, 2), 0, 1, 4, 2), item_at(base, 0, 0, 4, 3)}, 0.03f});
+  tall.set_layout(
+      {{item_at(flat_cmyk(dir, "under.tif", 5, 4, 2), 0, 1, 4, 2), item_at(base, 0, 0, 4, 3)}, 0.03f});
   EXPECT_THAT(tall.compose_strip(0, 3).planes[0], testing::Each(9));
 }
 
@@ -170,7 +177,8 @@ TEST(StripCompositor, ThreadsAndSpentStripsChangeNoByte) {
   const std::string path = busy_rgba(dir, "a.tif", 90, 70);
   const std::string big = busy_rgba(dir, "big.tif", 1100, 900);
   SheetLayout gang;
-  for (int i = 0; i < 12; ++i) gang.items.push_back(item_at(path, i % 4 * 101 - 3, i / 4 * 40, 60 + i * 3, 38));
+  for (int i = 0; i < 12; ++i)
+    gang.items.push_back(item_at(path, i % 4 * 101 - 3, i / 4 * 40, 60 + i * 3, 38));
   gang.items.push_back(item_at(path, 420, 0, 70, 90));
   gang.items.back().rotated = true;
   SheetLayout single;
@@ -180,7 +188,8 @@ TEST(StripCompositor, ThreadsAndSpentStripsChangeNoByte) {
 
   for (const SheetLayout& layout : {gang, single, direct}) {
     std::vector<StripBuffer> strips;
-    for (const auto& [mode, threads] : {std::pair{"off", "1"}, {"force", "2"}, {"On", "5"}, {"force", "99"}, {"", ""}}) {
+    for (const auto& [mode, threads] :
+         {std::pair{"off", "1"}, {"force", "2"}, {"On", "5"}, {"force", "99"}, {"", ""}}) {
       const WithVariable parallel("NVO_RIP_PARALLEL_COMPOSE_ITEMS", mode);
       const WithVariable count("NVO_RIP_COMPOSE_THREADS", threads);
       StripCompositor compositor(sheet(1200, 1000));
@@ -192,6 +201,32 @@ TEST(StripCompositor, ThreadsAndSpentStripsChangeNoByte) {
       EXPECT_TRUE(same_bytes(strips.back(), strips.front())) << mode << " " << threads;
     }
     EXPECT_NE(std::count(strips[0].planes[4].begin(), strips[0].planes[4].end(), 0), 1200 * 600);
+  }
+}
+
+TEST(StripCompositor, ThreadsWithConvertersOfTheirOwnGiveTheSameColour) {
+  const std::string profile = "/usr/share/color/icc/ghostscript/default_cmyk.icc";  // package libgs-common
+  if (!std::filesystem::exists(profile)) GTEST_SKIP() << profile << " is not installed";
+  const TempDir dir;
+  const LogCapture log(LogLevel::warn);
+  const std::string rgba = busy_rgba(dir, "rgba.tif", 200, 150);
+  const std::string cmyk = flat_cmyk(dir, "cmyk.tif", 90, 200, 150);
+  const SheetLayout gang{{item_at(rgba, 0, 0, 200, 150), item_at(cmyk, 200, 0, 200, 150)}, 1.5f};
+  const SheetLayout overlapping{{item_at(cmyk, 0, 0, 200, 150), item_at(rgba, 90, 0, 200, 150)}, 1.5f};
+  for (const SheetLayout& layout : {gang, overlapping}) {
+    std::vector<StripBuffer> strips;
+    for (const char* mode : {"off", "force"}) {
+      const WithVariable parallel("NVO_RIP_PARALLEL_COMPOSE_ITEMS", mode);
+      const WithVariable count("NVO_RIP_COMPOSE_THREADS", "3");
+      StripCompositor compositor(sheet(400, 150));
+      compositor.set_icc_settings({true, "", profile, profile, 1, true});
+      compositor.set_layout(layout);
+      strips.push_back(compositor.compose_strip(0, 150));
+    }
+    EXPECT_TRUE(same_bytes(strips[0], strips[1]));
+    StripCompositor plain(sheet(400, 150));
+    plain.set_layout(layout);
+    EXPECT_FALSE(same_bytes(strips[0], plain.compose_strip(0, 150))) << "the profile has an effect";
   }
 }
 
@@ -208,7 +243,8 @@ TEST(StripCompositor, LargeSourceByRowsEqualsTheLoadedImage) {
   const ItemTraits traits = make_item_traits(image, grid, {}, false);
   const ColumnMap columns(0, 1900, 1900, 2100, traits.box);
   PreparedItemRaster raster(1900, 2600, traits.has_white);
-  RowRasterizer(view_image(image, false, traits), traits, grid, columns, {}).raster_rows({0, 2600}, raster.target());
+  RowRasterizer(view_image(image, false, traits), traits, grid, columns, {})
+      .raster_rows({0, 2600}, raster.target());
 
   for (const std::uint32_t y : {2500u, 700u, 0u}) {
     const StripBuffer strip = compositor.compose_strip(y, 200);
@@ -224,7 +260,19 @@ TEST(StripCompositor, LargeSourceByRowsEqualsTheLoadedImage) {
   EXPECT_EQ(counters.strips, 3u);
   EXPECT_EQ(counters.lowmem_items, 3u);
   EXPECT_EQ(counters.full_load_items, 0u);
-  EXPECT_THAT(log.lines(), testing::Contains(HasSubstr("TIFF low-memory row path active for '" + path + "' y=0..153")));
+  EXPECT_THAT(log.lines(),
+              testing::Contains(HasSubstr("TIFF low-memory row path active for '" + path + "' y=0..153")));
+
+  // Two copies at once share the source, which serves one thread at a time.
+  std::vector<StripBuffer> pairs;
+  for (const char* mode : {"off", "force"}) {
+    const WithVariable parallel("NVO_RIP_PARALLEL_COMPOSE_ITEMS", mode);
+    const WithVariable count("NVO_RIP_COMPOSE_THREADS", "2");
+    compositor.set_layout({{item_at(path, 0, 0, 300, 280), item_at(path, 300, 9, 310, 250)}, 3.0f});
+    pairs.push_back(compositor.compose_strip(0, 290));
+  }
+  EXPECT_TRUE(same_bytes(pairs[0], pairs[1]));
+  EXPECT_EQ(compositor.read_counters().lowmem_items, 7u);
 
   // Turned, it has to be loaded whole; the row source is given up for that.
   LayoutItem turned = item_at(path, 0, 0, 50, 50);
@@ -247,15 +295,23 @@ TEST(StripCompositor, UnreadableItemsAreLoggedAndLeftOut) {
   const StripBuffer strip = compositor.compose_strip(0, 8);
   EXPECT_EQ(std::count(strip.planes[0].begin(), strip.planes[0].end(), 50), 64);
   EXPECT_EQ(std::count(strip.planes[4].begin(), strip.planes[4].end(), 255), 64);
-  EXPECT_THAT(take_own(log), ElementsAre(StartsWith("[WARN ] StripCompositor: cannot open raster source: " + missing + ": "),
-                                      StartsWith("[WARN ] StripCompositor: cannot open: " + missing + ": ")));
+  EXPECT_THAT(take_own(log),
+              ElementsAre(StartsWith("[WARN ] StripCompositor: cannot open raster source: " + missing + ": "),
+                          StartsWith("[WARN ] StripCompositor: cannot open: " + missing + ": ")));
 
-  // A large file that ends in mid-image: rows fail, the whole load fails, nothing is printed of it.
-  const std::string cut = busy_rgba(dir, "cut.tif", 2100, 2000);
-  std::filesystem::resize_file(cut, std::filesystem::file_size(cut) / 2);
-  compositor.set_layout({{item_at(cut, 0, 0, 20, 8)}, 0.08f});
+  // A large file with a damaged middle: rows fail, the whole load fails, nothing is printed of it.
+  const std::string damaged = flat_cmyk(dir, "damaged.tif", 50, 2100, 2000);
+  std::string bytes = test::read_all(damaged);
+  std::fill_n(bytes.begin() + static_cast<std::ptrdiff_t>(bytes.size() / 2), bytes.size() / 4, '\xFF');
+  test::write_all(damaged, bytes);
+  compositor.set_layout({{item_at(damaged, 0, 0, 20, 8)}, 0.08f});
   EXPECT_THAT(compositor.compose_strip(0, 8).planes[4], testing::Each(0));
-  EXPECT_THAT(log.lines(), testing::Contains(StartsWith("[WARN ] StripCompositor: cannot open")));
+  EXPECT_THAT(take_own(log),
+              ElementsAre(testing::AllOf(
+                              StartsWith("[WARN ] StripCompositor: TIFF low-memory row read fallback for '" +
+                                         damaged + "': "),
+                              HasSubstr(" [fallback full-image decode (")),
+                          StartsWith("[WARN ] StripCompositor: cannot open: " + damaged + ": ")));
 }
 
 TEST(StripCompositor, ChangedFileShowsItsNewContent) {
@@ -299,8 +355,8 @@ TEST(StripCompositor, CountersAndClassificationFollowTheCaches) {
     config.white_resampling_mode = mode;
     StripCompositor compositor(config);
     compositor.set_profiling(true);
-    compositor.set_layout({{item_at(path, 0, 0, 80, 80), item_at(path, 100, 0, 80, 80), item_at(path, 0, 100, 99, 99),
-                            item_at(path, 0, 150, 9, 9)},
+    compositor.set_layout({{item_at(path, 0, 0, 80, 80), item_at(path, 100, 0, 80, 80),
+                            item_at(path, 0, 100, 99, 99), item_at(path, 0, 150, 9, 9)},
                            2.0f});
     compositor.compose_strip(0, 100);
     compositor.compose_strip(40, 80);
@@ -327,7 +383,8 @@ TEST(StripCompositor, ProfileTroubleIsToldAndCostsNoItem) {
   const std::string none = dir.file("none.icc");
   StripCompositor compositor(sheet(8, 32));
   compositor.set_icc_settings({true, "", none, none, 1, true});
-  compositor.set_layout({{item_at(cmyk, 0, 0, 8, 8), item_at(rgba, 0, 8, 8, 8), item_at(rgba, 0, 16, 8, 12)}, 0.32f});
+  compositor.set_layout(
+      {{item_at(cmyk, 0, 0, 8, 8), item_at(rgba, 0, 8, 8, 8), item_at(rgba, 0, 16, 8, 12)}, 0.32f});
   const StripBuffer strip = compositor.compose_strip(0, 32);
   EXPECT_EQ(strip.planes[0][0], 31);
   EXPECT_THAT(log.take(), ElementsAre(StartsWith("[WARN ] StripCompositor: CMYK->CMYK ICC: "),
@@ -351,7 +408,8 @@ TEST(StripCompositor, InertSwitchesOnlyWarnOnce) {
   const WithVariable on("NVO_RIP_FORCE_LOW_MEMORY_IMAGES", "maybe");
   EXPECT_TRUE(same_bytes(compositor.compose_strip(0, 8), plain));
   EXPECT_TRUE(same_bytes(compositor.compose_strip(0, 8), plain));
-  EXPECT_THAT(log.take(), ElementsAre(HasSubstr("ignored in production/release: NVO_RIP_FORCE_LOW_MEMORY_IMAGES (")));
+  EXPECT_THAT(log.take(),
+              ElementsAre(HasSubstr("ignored in production/release: NVO_RIP_FORCE_LOW_MEMORY_IMAGES (")));
 }
 
 TEST(ComposeThreads, FollowTheEnvironmentAndTheWork) {
@@ -360,10 +418,11 @@ TEST(ComposeThreads, FollowTheEnvironmentAndTheWork) {
     std::uint64_t tasks, pixels;
     std::uint32_t at_least, at_most;
   };
-  for (const Case& c : {Case{nullptr, nullptr, 1, 1u << 30, 1, 1}, Case{nullptr, "7", 40, 0x80000, 7, 7},
-                        Case{"auto", "7", 40, 0x7FFFF, 1, 1}, Case{"bogus", "7", 3, 0x80000, 3, 3},
-                        Case{"FORCE", "99", 40, 1, 16, 16}, Case{"Disable", "7", 40, 1u << 30, 1, 1},
-                        Case{"yes", "0", 40, 1, 2, 12}, Case{"1", "many", 40, 1, 2, 12}, Case{"1", "1", 40, 1, 1, 1}}) {
+  for (const Case& c :
+       {Case{nullptr, nullptr, 1, 1u << 30, 1, 1}, Case{nullptr, "7", 40, 0x80000, 7, 7},
+        Case{"auto", "7", 40, 0x7FFFF, 1, 1}, Case{"bogus", "7", 3, 0x80000, 3, 3},
+        Case{"FORCE", "99", 40, 1, 16, 16}, Case{"Disable", "7", 40, 1u << 30, 1, 1},
+        Case{"yes", "0", 40, 1, 2, 12}, Case{"1", "many", 40, 1, 2, 12}, Case{"1", "1", 40, 1, 1, 1}}) {
     const WithVariable mode("NVO_RIP_PARALLEL_COMPOSE_ITEMS", c.mode);
     const WithVariable count("NVO_RIP_COMPOSE_THREADS", c.threads);
     const std::uint32_t threads = compose_threads(c.tasks, c.pixels);
@@ -423,8 +482,9 @@ TEST(ContentSignature, NamesWhatIsKnownOfAFile) {
   const ContentSignature first = make_content_signature(folder + "/./x/../a.bin");
   EXPECT_TRUE(first.valid);
   const auto time = std::filesystem::last_write_time(path);
-  const std::string expected = "path=" + text(path) + "size=5|mtime=" +
-                               std::to_string(time.time_since_epoch().count()) + "|fast_sig=16:";
+  const std::string expected = "path=" + text(path) +
+                               "size=5|mtime=" + std::to_string(time.time_since_epoch().count()) +
+                               "|fast_sig=16:";
   EXPECT_THAT(first.key, StartsWith(expected));
   EXPECT_EQ(first.key.size(), expected.size() + 17);
 

@@ -73,28 +73,6 @@ TEST(PrtRowLayout, RoundsTheStrideToTheHeadAndChecksTheCycle) {
   }
 }
 
-TEST(PrtHeader, NamesThePassesThatTheHeadWants) {
-  struct Case {
-    std::uint32_t head;
-    PrintMode mode;
-    std::uint32_t x_dpi, y_dpi, channels, pass_field;
-  };
-  const std::vector<Case> cases = {
-      {0, {"720x2400_8pass", "", 1, 1, 1, 2}, 720, 2400, 6, 8},         // by id, whatever the numbers say
-      {0, {"gone", "", 360, 1800, 9, 2}, 360, 1800, 6, 3},              // by resolution
-      {0, {"gone", "", 1440, 720, 9, 2}, 720, 1800, 6, 6},              // the head's default
-      {1, {"i1600_720x900_observed", "", 0, 0, 0, 0}, 720, 900, 6, 4},  // not the row's 6
-      {2, {"xp600_720x1440", "", 0, 0, 0, 0}, 720, 1440, 7, 0},
-  };
-  for (const Case& c : cases) {
-    const PrtHeader header = make_prt_header({0, c.head}, c.mode, 100, 7);
-    EXPECT_EQ((std::vector{header.x_dpi, header.y_dpi, header.channels, header.pass_field}),
-              (std::vector{c.x_dpi, c.y_dpi, c.channels, c.pass_field}))
-        << c.mode.id;
-    EXPECT_EQ(decode_prt_header(encode_prt_header(header)), header);
-  }
-}
-
 TEST(PrtHeader, DecodingNamesTheFieldThatIsWrong) {
   struct Case {
     std::size_t field;

@@ -72,7 +72,7 @@ Source make_art(std::uint32_t width, std::uint32_t rows, std::uint32_t seed) {
     art.coverage[i] = value;
     art.white[i] = below(12) == 0 ? 0 : value;
     art.light[i] = x > width / 2 && below(3) != 0 ? 255 : 0;
-    art.exempt[i] = x < width / 4 && y > rows / 2 ? 255 : 0;
+    art.exempt[i] = (x < width / 4 && y > rows / 2) || below(8) == 0 ? 255 : 0;
   };
   for (int disc = 0; disc < 4; ++disc) {
     const double cx = below(width), cy = below(rows), radius = 1 + below(width / 3 + 1);

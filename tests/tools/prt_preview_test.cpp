@@ -100,7 +100,7 @@ TEST(PrtPreview, EveryPixelIsTheMeanOfTheDotsBelowIt) {
     const InkModel model(kFilm);
     for (std::uint32_t y = 0; y < picture.height; ++y) {
       for (std::uint32_t x = 0; x < picture.width; ++x) {
-        InkCoverage coverage{};
+        InkAmount coverage{};
         for (std::size_t ink = 0; ink < coverage.size(); ++ink)
           coverage[ink] = static_cast<float>(mean_ink(maps[ink], c.plan, x, y));
         const Rgb8 expected = model.color(coverage), found = picture.at(x, y);
@@ -140,7 +140,7 @@ TEST(PrtPreview, ShowsOneInkOnItsOwnAndReadsTheSlotsAsTold) {
     std::vector<std::string> options;
     Rgb8 left, right;
   };
-  const Rgb8 black_ink{0x1D, 0x1D, 0x1B}, cyan_ink{0x00, 0x9F, 0xE3};
+  const Rgb8 black_ink{0, 0, 0}, cyan_ink{0x00, 0x9F, 0xE3};
   const std::vector<Case> cases = {
       {{"--channel", "C"}, black_ink, kWhite},
       {{"--channel", "m"}, kWhite, kWhite},
