@@ -250,12 +250,7 @@ const char* choke_strategy_name(WhiteChokeStrategy strategy) {
 }
 
 std::string normalise_strategy_token(std::string_view text) {
-  std::string token;
-  for (const char c : text) {
-    const bool dropped = static_cast<unsigned char>(c) <= ' ' || c == '_' || c == '-' || c == '.';
-    if (!dropped) token.push_back(ascii_lower(c));
-  }
-  return token;
+  return normalize_token(text);
 }
 
 WhiteChokeStrategy parse_choke_strategy(std::string_view text, WhiteChokeStrategy fallback) {

@@ -5,9 +5,9 @@
 
 namespace nvo {
 
-/// A band of the sheet on the source grid. The planes are ink amounts (0 none, 255 full) in the order C, M, Y, K, W,
-/// each `height` rows of `width` bytes. `explicit_white` is 255 where the item that wrote the pixel carries a white
-/// channel of its own.
+/// A band of the sheet on the source grid. The planes are ink amounts (0 none, 255 full) in the order C, M,
+/// Y, K, W, each `height` rows of `width` bytes. `explicit_white` is 255 where the item that wrote the pixel
+/// carries a white channel of its own.
 struct StripBuffer {
   std::uint32_t width = 0;
   std::uint32_t height = 0;

@@ -76,10 +76,10 @@ class StripTask {
     const std::size_t pixels = std::size_t{run_.src_w} * place.rows;
     result.source_strip_pixels = pixels;
 
-    StripBuffer strip_buffer;
+    StripBuffer& strip_buffer = strip_buffer_;
     {
       const ScopedTimer timer(result.compose);
-      strip_buffer = run_.compositor.compose_strip(place.first, place.rows);
+      strip_buffer = run_.compositor.compose_strip(place.first, place.rows, std::move(strip_buffer));
     }
     const ChokePlanes choke_planes = make_choke_planes(strip_buffer.planes, pixels, run_.choke,
                                                        result.colour_coverage, result.light_protection);
@@ -151,6 +151,7 @@ class StripTask {
 
   SheetRun& run_;
   std::uint32_t halo_;
+  StripBuffer strip_buffer_;         ///< of the strip before; its memory serves the next
   std::vector<std::uint8_t> zeros_;  ///< stands for a plane that the compositor did not give
 };
 

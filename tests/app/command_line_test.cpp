@@ -33,15 +33,11 @@ class CommandLine : public testing::Test {
     return {code, child.out(), child.err()};
   }
   std::string art(const std::string& name, std::uint32_t width, std::uint32_t height) const {
-    test::TiffFile tiff;
-    tiff.width = width, tiff.height = height;
-    tiff.samples = 5;
-    tiff.extra_samples = {EXTRASAMPLE_UNSPECIFIED};
-    tiff.pixel = [](std::uint32_t x, std::uint32_t y, std::uint8_t* ink) {
+    const auto pixel = [](std::uint32_t x, std::uint32_t y, std::uint8_t* ink) {
       ink[0] = static_cast<std::uint8_t>(x), ink[1] = static_cast<std::uint8_t>(y);
       ink[2] = static_cast<std::uint8_t>(x * y), ink[3] = 0, ink[4] = static_cast<std::uint8_t>(x / 2);
     };
-    tiff.write(dir.file(name));
+    test::write_tiff(dir.file(name), test::cmykw_tiff(width, height, pixel));
     return dir.file(name);
   }
   std::vector<std::string> names() const {

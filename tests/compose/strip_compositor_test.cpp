@@ -81,20 +81,21 @@ std::vector<std::string> take_own(LogCapture& log) {
 /// An opaque CMYK file of one colour.
 std::string flat_cmyk(const TempDir& dir, const std::string& name, std::uint8_t cyan, std::uint32_t width = 8,
                       std::uint32_t height = 8) {
-  TiffFile file;
-  file.width = width, file.height = height;
+  TiffFile file = test::cmykw_tiff(width, height, nullptr);
+  file.samples = 4;
+  file.extra_samples = {};
   file.pixel = [cyan](std::uint32_t, std::uint32_t, std::uint8_t* p) {
     p[0] = cyan, p[1] = 1, p[2] = 2, p[3] = 3;
   };
-  file.write(dir.file(name));
+  test::write_tiff(dir.file(name), file);
   return dir.file(name);
 }
 
 /// RGBA whose every pixel differs from its neighbours.
 std::string busy_rgba(const TempDir& dir, const std::string& name, std::uint32_t width,
                       std::uint32_t height) {
-  TiffFile file;
-  file.width = width, file.height = height;
+  TiffFile file = test::cmykw_tiff(width, height, nullptr);
+  file.samples = 4;
   file.photometric = PHOTOMETRIC_RGB;
   file.extra_samples = {EXTRASAMPLE_UNASSALPHA};
   file.compression = COMPRESSION_NONE;
@@ -102,7 +103,7 @@ std::string busy_rgba(const TempDir& dir, const std::string& name, std::uint32_t
     p[0] = static_cast<std::uint8_t>(x * 7 + y), p[1] = static_cast<std::uint8_t>(y * 5 + x * x);
     p[2] = static_cast<std::uint8_t>(x ^ y), p[3] = x / 9 % 3 == 0 ? 0 : static_cast<std::uint8_t>(y * 3 + x);
   };
-  file.write(dir.file(name));
+  test::write_tiff(dir.file(name), file);
   return dir.file(name);
 }
 
@@ -141,14 +142,14 @@ TEST(StripCompositor, ItemsLandWhereTheyAreClipped) {
 TEST(StripCompositor, LaterItemsReplaceEarlierOnesWithoutBlending) {
   const TempDir dir;
   const LogCapture log(LogLevel::warn);
-  TiffFile veil;
-  veil.width = 4, veil.samples = 6;
+  TiffFile veil = test::cmykw_tiff(4, 1, nullptr);
+  veil.samples = 6;
   veil.extra_samples = {EXTRASAMPLE_UNSPECIFIED, EXTRASAMPLE_UNASSALPHA};
   veil.pixel = [](std::uint32_t x, std::uint32_t, std::uint8_t* p) {
     const std::uint8_t alpha[] = {0, 1, 254, 255};
     p[0] = 200, p[1] = p[2] = p[3] = 0, p[4] = 55, p[5] = alpha[x];
   };
-  veil.write(dir.file("veil.tif"));
+  test::write_tiff(dir.file("veil.tif"), veil);
   const std::string base = flat_cmyk(dir, "base.tif", 9, 4, 1);
 
   StripCompositor compositor(sheet(4, 1));

@@ -8,9 +8,9 @@
 #include <gtest/gtest.h>
 
 #include "image/banded_raster_source.h"
-#include "image/tiff_file.h"
 #include "support/log_capture.h"
 #include "support/temp_dir.h"
+#include "support/tiff_file.h"
 
 namespace nvo::test {
 namespace {

@@ -8,9 +8,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "image/tiff_file.h"
 #include "support/log_capture.h"
 #include "support/temp_dir.h"
+#include "support/tiff_file.h"
 
 namespace nvo::test {
 namespace {

@@ -11,17 +11,12 @@
 
 #include <gtest/gtest.h>
 
+#include "support/failure.h"
+
 namespace nvo {
 namespace {
 
-std::string failure_of(const std::function<void()>& call) {
-  try {
-    call();
-  } catch (const std::exception& e) {
-    return e.what();
-  }
-  return "";
-}
+using test::failure_of;
 
 LayoutItem item_at(float x, float y, float w, float h) {
   LayoutItem item;

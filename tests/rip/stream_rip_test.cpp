@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "screen/rip_engine.h"
+#include "support/failure.h"
 #include "support/log_capture.h"
 #include "support/print_file.h"
 #include "support/temp_dir.h"
@@ -40,44 +41,28 @@ struct Job {
   }
 };
 
-std::string failure_of(const std::function<void()>& call) {
-  try {
-    call();
-  } catch (const std::exception& e) {
-    return e.what();
-  }
-  return "";
-}
+using test::failure_of;
 
 /// A CMYK + white picture with slopes, edges and blank parts.
 TiffFile picture(std::uint32_t width, std::uint32_t height) {
-  TiffFile tiff;
-  tiff.width = width, tiff.height = height;
-  tiff.samples = 5;
-  tiff.extra_samples = {EXTRASAMPLE_UNSPECIFIED};
-  tiff.pixel = [=](std::uint32_t x, std::uint32_t y, std::uint8_t* ink) {
+  return test::cmykw_tiff(width, height, [=](std::uint32_t x, std::uint32_t y, std::uint8_t* ink) {
     const bool inside = (x / 16 + y / 64) % 3 != 0;
     ink[0] = inside ? static_cast<std::uint8_t>(x * 255 / width) : 0;
     ink[1] = inside ? static_cast<std::uint8_t>(y * 255 / height) : 0;
     ink[2] = inside && (x ^ y) & 8 ? 170 : 0;
     ink[3] = inside ? static_cast<std::uint8_t>((x * y) % 251) : 0;
     ink[4] = inside ? static_cast<std::uint8_t>(x % 7 * 20) : 255;
-  };
-  return tiff;
+  });
 }
 
 TEST(StreamRip, SolidInkGivesItsLevelEverywhereRowsBottomUpSlotsInBoardOrder) {
   Job job;
   job.rip.options.color_resampling_mode = job.rip.options.white_resampling_mode = ResamplingMode::hard;
-  TiffFile tiff;
-  tiff.width = 20, tiff.height = 10;
-  tiff.samples = 5;
-  tiff.extra_samples = {EXTRASAMPLE_UNSPECIFIED};
-  tiff.pixel = [](std::uint32_t, std::uint32_t y, std::uint8_t* ink) {
+  const TiffFile tiff = test::cmykw_tiff(20, 10, [](std::uint32_t, std::uint32_t y, std::uint8_t* ink) {
     const std::uint8_t top_half[5] = {85, 170, 255, 0, 0}, bottom_half[5] = {255, 85, 170, 0, 255};
     std::copy_n(y < 5 ? top_half : bottom_half, 5, ink);
-  };
-  tiff.write(job.input);
+  });
+  test::write_tiff(job.input, tiff);
   const PrintFile file = job.run();
   ASSERT_TRUE(file.is_whole);
   EXPECT_EQ(file.width, 48u);
@@ -116,8 +101,8 @@ TEST(StreamRip, StripPlanDoesNotShow) {
       options.white_choke_enabled = c.choke;
       options.strip_h_px = strip_h;
       TiffFile tiff = picture(90, 301);
-      tiff.dpi = static_cast<float>(c.src_dpi);
-      tiff.write(job.input);
+      tiff.x_resolution = tiff.y_resolution = static_cast<float>(c.src_dpi);
+      test::write_tiff(job.input, tiff);
       job.run();
       files.push_back(test::read_all(job.output));
     }
@@ -134,7 +119,7 @@ TEST(StreamRip, ChannelsSideBySideEqualOneAfterAnother) {
     job.rip.options.parallel_channels_min_pixels = parallel ? 1 : ~0ull;
     job.rip.options.white_choke_enabled = true;
     job.rip.options.strip_h_px = 64;
-    picture(120, 200).write(job.input);
+    test::write_tiff(job.input, picture(120, 200));
     const test::LogCapture log;
     job.run();
     EXPECT_EQ(log.contains("StreamRip: parallel channel RIP enabled, threads="), parallel);
@@ -146,8 +131,8 @@ TEST(StreamRip, ChannelsSideBySideEqualOneAfterAnother) {
 TEST(StreamRip, SizeFollowsResolutionAndOverrides) {
   Job job;
   TiffFile tiff = picture(24, 12);
-  tiff.dpi = 240;
-  tiff.write(job.input);
+  tiff.x_resolution = tiff.y_resolution = 240;
+  test::write_tiff(job.input, tiff);
   const auto size = [&](float w, float h) {
     const PrintFile file = job.run(w, h);
     return std::pair(file.width, file.height);
@@ -162,7 +147,7 @@ TEST(StreamRip, SizeFollowsResolutionAndOverrides) {
 TEST(StreamRip, LogTellsThePlan) {
   Job job;
   job.rip.options.white_choke_enabled = true;
-  picture(30, 30).write(job.input);
+  test::write_tiff(job.input, picture(30, 30));
   const test::LogCapture log(LogLevel::info);
   job.run();
   const std::vector<std::string> expected = {
@@ -191,7 +176,7 @@ TEST(StreamRip, LogTellsThePlan) {
 TEST(StreamRip, ProgressAndCancel) {
   Job job;
   job.rip.options.strip_h_px = 10;
-  picture(20, 35).write(job.input);
+  test::write_tiff(job.input, picture(20, 35));
   std::vector<RipProgress> seen;
   job.rip.progress = [&](const RipProgress& p) { seen.push_back(p); };
   job.run();
@@ -226,7 +211,7 @@ TEST(StreamRip, EmptySheetWarnsAndWritesNothing) {
 
 TEST(StreamRip, BadOptionsAndSheetsThatCannotFitFailBeforeAnyFile) {
   Job job;
-  picture(20, 20).write(job.input);
+  test::write_tiff(job.input, picture(20, 20));
   job.rip.options.strip_h_px = 0;
   EXPECT_EQ(failure_of([&] { job.run(); }), "StreamRip: strip_h_px must be > 0");
   job.rip.options.strip_h_px = 1024;
@@ -247,8 +232,8 @@ TEST(StreamRip, FullBufferPathServesCoarseDevices) {
     options.white_choke_enabled = choke;
     options.strip_h_px = 50;
     TiffFile tiff = picture(120, 130);
-    tiff.dpi = 600;
-    tiff.write(job.input);
+    tiff.x_resolution = tiff.y_resolution = 600;
+    test::write_tiff(job.input, tiff);
     std::vector<std::string> messages;
     job.rip.progress = [&](const RipProgress& p) { messages.push_back(p.message); };
     const test::LogCapture log;
