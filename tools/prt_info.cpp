@@ -19,7 +19,7 @@ constexpr double kPercent = 100.0;
 class ByteHistogram {
  public:
   void add_row(const std::uint8_t* packed, std::uint32_t width) {
-    const std::uint32_t whole = width / kPrtDotsPerByte;
+    const std::uint32_t whole = width / kDotsPerByte;
     std::uint32_t i = 0;
     for (; i + 8 <= whole; i += 8) {
       std::uint64_t word;
@@ -29,7 +29,7 @@ class ByteHistogram {
       for (std::uint32_t k = 0; k < 8; ++k) ++counts_[k % 2][packed[i + k]];
     }
     for (; i < whole; ++i) ++counts_[0][packed[i]];
-    if (const std::uint32_t rest = width % kPrtDotsPerByte; rest != 0)
+    if (const std::uint32_t rest = width % kDotsPerByte; rest != 0)
       ++counts_[0][packed[whole] & (0xFFu << (8 - 2 * rest))];
   }
 

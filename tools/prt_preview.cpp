@@ -45,8 +45,8 @@ class RowsFromTop {
 class ColumnSums {
  public:
   ColumnSums(std::uint32_t left, std::uint32_t columns)
-      : first_byte_(left / kPrtDotsPerByte),
-        skipped_dots_(left % kPrtDotsPerByte),
+      : first_byte_(left / kDotsPerByte),
+        skipped_dots_(left % kDotsPerByte),
         columns_(columns),
         unweighted_(skipped_dots_ + columns),
         weighted_(skipped_dots_ + columns) {}
@@ -57,7 +57,7 @@ class ColumnSums {
     ++pending_rows_;
     const std::uint32_t dots = skipped_dots_ + columns_;
     for (std::uint32_t x = 0; x < dots; x += kPieceDots)
-      add_piece(slot + first_byte_ + x / kPrtDotsPerByte, std::min(kPieceDots, dots - x),
+      add_piece(slot + first_byte_ + x / kDotsPerByte, std::min(kPieceDots, dots - x),
                 unweighted_.data() + x);
   }
 
@@ -84,7 +84,7 @@ class ColumnSums {
   static constexpr std::uint32_t kPieceDots = 256;
 
   static void add_piece(const std::uint8_t* packed, std::uint32_t dots, std::uint8_t* sums) {
-    if (std::all_of(packed, packed + prt_packed_bytes(dots), [](std::uint8_t byte) { return byte == 0; }))
+    if (std::all_of(packed, packed + packed_dots_bytes(dots), [](std::uint8_t byte) { return byte == 0; }))
       return;
     std::array<std::uint8_t, kPieceDots> levels;
     unpack_row(packed, dots, levels.data());

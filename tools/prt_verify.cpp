@@ -33,8 +33,8 @@ void check_header(const PrtReader& reader, std::vector<std::string>& damage) {
 }
 
 bool padding_is_zero(const std::uint8_t* slot, const PrtHeader& header) {
-  const std::uint32_t packed = prt_packed_bytes(header.width);
-  const std::uint32_t last_dots = header.width % kPrtDotsPerByte;
+  const std::uint32_t packed = packed_dots_bytes(header.width);
+  const std::uint32_t last_dots = header.width % kDotsPerByte;
   if (last_dots != 0 && (slot[packed - 1] & (0xFFu >> (2 * last_dots))) != 0) return false;
   return std::all_of(slot + packed, slot + header.stride, [](std::uint8_t byte) { return byte == 0; });
 }

@@ -4,7 +4,7 @@
 
 #include <benchmark/benchmark.h>
 
-#include "output/pack_kernels.h"
+#include "screen/kernels/pack_kernels.h"
 #include "output/prt_format.h"
 
 namespace {
@@ -23,10 +23,10 @@ void pack_rows(benchmark::State& state, nvo::PackRow pack) {
   const auto rows = static_cast<std::size_t>(state.range(0));
   std::vector<std::uint8_t> dots(rows * kRowDots);
   for (std::size_t i = 0; i < dots.size(); ++i) dots[i] = static_cast<std::uint8_t>(i * 7 % 11 % 4);
-  std::vector<std::uint8_t> packed(rows * nvo::prt_packed_bytes(kRowDots));
+  std::vector<std::uint8_t> packed(rows * nvo::packed_dots_bytes(kRowDots));
   for (auto _ : state) {
     for (std::size_t row = 0; row < rows; ++row)
-      pack(dots.data() + row * kRowDots, kRowDots, packed.data() + row * nvo::prt_packed_bytes(kRowDots));
+      pack(dots.data() + row * kRowDots, kRowDots, packed.data() + row * nvo::packed_dots_bytes(kRowDots));
     benchmark::ClobberMemory();
   }
   state.counters["dots"] =
@@ -34,7 +34,7 @@ void pack_rows(benchmark::State& state, nvo::PackRow pack) {
 }
 
 void unpack_rows(benchmark::State& state) {
-  const std::vector<std::uint8_t> packed(nvo::prt_packed_bytes(kRowDots), 0x1B);
+  const std::vector<std::uint8_t> packed(nvo::packed_dots_bytes(kRowDots), 0x1B);
   std::vector<std::uint8_t> dots(kRowDots);
   for (auto _ : state) {
     nvo::unpack_row(packed.data(), kRowDots, dots.data());

@@ -1,6 +1,8 @@
 #include "output/hoson_writer.h"
 
+#include <cstdlib>
 #include <cstring>
+#include <new>
 #include <optional>
 #include <stdexcept>
 #include <utility>
@@ -61,7 +63,7 @@ std::vector<SlotSource> find_slot_sources(const std::vector<DropMap>& dropmaps,
 /// Writes every byte of the cycle: the buffer holds an earlier strip.
 void pack_row_cycle(const std::vector<SlotSource>& slots, std::uint32_t row, std::uint32_t width,
                     std::uint32_t stride, std::uint8_t* cycle) {
-  const std::uint32_t packed = prt_packed_bytes(width);
+  const std::uint32_t packed = packed_dots_bytes(width);
   for (std::size_t i = 0; i < slots.size(); ++i) {
     std::uint8_t* out = cycle + i * stride;
     if (!slots[i].map) {
@@ -129,17 +131,71 @@ void HosonWriter::check_strip(const std::vector<DropMap>& dropmaps, std::uint32_
   const DropMap& first = dropmaps.front();
   if (first.width != width_) throw std::runtime_error("HosonWriter::write_dropmaps_strip: width mismatch");
   if (without_rows) return;
-  if (y >= height_ || first.height > height_ - y)
-    throw std::runtime_error("HosonWriter::write_dropmaps_strip: strip is out of device bounds");
+  require_in_bounds("write_dropmaps_strip", first.height, y);
   for (const DropMap& map : dropmaps) {
     if (map.empty()) continue;
     const bool same_size = map.width == first.width && map.height == first.height;
     if (!same_size || map.data.size() < std::uint64_t{map.width} * map.height)
       throw std::runtime_error("HosonWriter::write_dropmaps_strip: inconsistent strip dropmap sizes");
   }
-  if (std::uint64_t{y} + first.height - 1 != next_row_)
-    throw std::runtime_error(
-        "HosonWriter::write_dropmaps_strip: strips must be written in descending image-row order");
+  require_next("write_dropmaps_strip", first.height, y);
+}
+
+void HosonWriter::require_in_bounds(const char* function, std::uint32_t rows, std::uint32_t y) const {
+  if (y >= height_ || rows > height_ - y)
+    throw std::runtime_error(std::string("HosonWriter::") + function + ": strip is out of device bounds");
+}
+
+void HosonWriter::require_next(const char* function, std::uint32_t rows, std::uint32_t y) const {
+  if (std::uint64_t{y} + rows - 1 != next_row_)
+    throw std::runtime_error(std::string("HosonWriter::") + function +
+                             ": strips must be written in descending image-row order");
+}
+
+StripCycles HosonWriter::make_strip_cycles(std::uint32_t rows, StripCycles spent) const {
+  constexpr const char* kFunction = "HosonWriter::make_strip_cycles: ";
+  if (!open_) throw std::runtime_error(std::string(kFunction) + "stream is not open");
+  StripCycles strip = std::move(spent);
+  strip.rows = rows;
+  strip.size = std::size_t{rows} * layout_.cycle_len;
+  if (strip.size > strip.capacity) {
+    strip.bytes.reset(static_cast<std::uint8_t*>(std::calloc(rows, layout_.cycle_len)));
+    if (!strip.bytes) throw std::bad_alloc();
+    strip.capacity = strip.size;
+  }
+  strip.channels = {};
+  if (rows == 0) return strip;
+
+  // A row of an ink stands in the first slot that names it, and once more in each further one.
+  std::uint8_t* const top_cycle = strip.bytes.get() + std::size_t{rows - 1} * layout_.cycle_len;
+  const std::vector<std::uint32_t> slots = normalize_channel_map(options_.head, options_.output_channel_map);
+  for (std::size_t slot = 0; slot < slots.size(); ++slot) {
+    if (slots[slot] >= kChannelCount) continue;
+    PackedRows& channel = strip.channels[slots[slot]];
+    std::uint8_t* const top = top_cycle + slot * layout_.stride;
+    if (channel.top)
+      channel.copies.push_back(top - channel.top);
+    else
+      channel = {top, -static_cast<std::ptrdiff_t>(layout_.cycle_len), {}};
+  }
+  return strip;
+}
+
+void HosonWriter::write_cycles_strip(const StripCycles& strip, std::uint32_t y) {
+  constexpr const char* kFunction = "write_cycles_strip";
+  if (!open_) throw std::runtime_error("HosonWriter::write_cycles_strip: stream is not open");
+  if (strip.rows == 0) return;
+  try {
+    require_in_bounds(kFunction, strip.rows, y);
+    require_next(kFunction, strip.rows, y);
+    HosonWriterCounters counters;
+    counters.rows = strip.rows;
+    counters.bytes = strip.size;
+    write_cycles(strip.bytes.get(), counters);
+  } catch (...) {
+    abort();
+    throw;
+  }
 }
 
 void HosonWriter::write_strip(const std::vector<DropMap>& dropmaps) {
@@ -148,10 +204,14 @@ void HosonWriter::write_strip(const std::vector<DropMap>& dropmaps) {
   strip.bytes = strip.rows * layout_.cycle_len;
   reserve_strip_buffer(strip.bytes);
   strip.pack_ns = pack_strip(dropmaps);
+  write_cycles(strip_buffer_.get(), strip);
+}
+
+void HosonWriter::write_cycles(const std::uint8_t* cycles, HosonWriterCounters strip) {
   {
     std::optional<ScopedTimer> timer;
     if (timing_) timer.emplace(strip.file_ns);
-    write_bytes(strip_buffer_.get(), strip.bytes, "strip row cycles");
+    write_bytes(cycles, strip.bytes, "strip row cycles");
     file_.start_write_back();
   }
   next_row_ -= strip.rows;

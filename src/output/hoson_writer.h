@@ -1,7 +1,9 @@
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <limits>
 #include <memory>
 #include <mutex>
@@ -16,6 +18,10 @@
 
 namespace nvo {
 
+struct FreeMemory {
+  void operator()(void* memory) const { std::free(memory); }
+};
+
 struct HosonWriterOptions {
   HeadConfig head;
   PrintMode print_mode;  ///< stands for a row of the head's catalog; the header names that row's numbers
@@ -27,6 +33,17 @@ struct HosonWriterCounters {
   std::uint64_t rows = 0, bytes = 0;
   std::uint64_t pack_ns = 0;  ///< summed over the packing threads
   std::uint64_t file_ns = 0;
+};
+
+/// The row cycles of a strip, bottom row first, and where each channel's packed rows belong in them. Bytes
+/// that hold no dot are 0 from the start and stay so.
+struct StripCycles {
+  std::uint32_t rows = 0;
+  std::size_t size = 0;  ///< bytes in use
+  std::unique_ptr<std::uint8_t[], FreeMemory> bytes;
+  std::size_t capacity = 0;
+  /// By channel; a `top` of null where no slot prints it.
+  std::array<PackedRows, kChannelCount> channels;
 };
 
 /// Writes a print file (see prt_format.h) as a stream of strips from the bottom of the sheet to its top. The
@@ -49,6 +66,14 @@ class HosonWriter {
   /// one of no rows is passed over. Throws `invalid_argument` for too few maps, `runtime_error` otherwise.
   void write_dropmaps_strip(const std::vector<DropMap>& dropmaps, std::uint32_t y);
 
+  /// Writes one strip whose rows are packed already, as `make_strip_cycles` lays them out: the file takes the
+  /// bytes as they are. `y` and the order of strips as for drop maps. Throws `runtime_error`.
+  void write_cycles_strip(const StripCycles& strip, std::uint32_t y);
+
+  /// Room for a strip of `rows` rows in the form of the open stream's file. The memory of `spent`, a strip of
+  /// the same stream, is used again.
+  StripCycles make_strip_cycles(std::uint32_t rows, StripCycles spent = {}) const;
+
   /// Flushes the file and moves it over the target. Without a stream it does nothing.
   void end_stream_write();
 
@@ -65,7 +90,10 @@ class HosonWriter {
 
   void create_temporary(const std::string& path);
   void check_strip(const std::vector<DropMap>& dropmaps, std::uint32_t y) const;
+  void require_in_bounds(const char* function, std::uint32_t rows, std::uint32_t y) const;
+  void require_next(const char* function, std::uint32_t rows, std::uint32_t y) const;
   void write_strip(const std::vector<DropMap>& dropmaps);
+  void write_cycles(const std::uint8_t* cycles, HosonWriterCounters strip);
   /// Fills the strip buffer; returns the packing time, summed over the workers, or 0 without timing.
   std::uint64_t pack_strip(const std::vector<DropMap>& dropmaps);
   void write_bytes(const void* data, std::size_t size, const char* label);

@@ -6,7 +6,6 @@
 #include <string>
 
 #include "core/checked.h"
-#include "output/pack_kernels.h"
 
 namespace nvo {
 namespace {
@@ -35,12 +34,12 @@ enum HeaderField : std::size_t {
 };
 static_assert(kFieldCount * sizeof(std::uint32_t) == kPrtHeaderSize);
 
-using DotsOfByte = std::array<std::array<std::uint8_t, kPrtDotsPerByte>, 256>;
+using DotsOfByte = std::array<std::array<std::uint8_t, kDotsPerByte>, 256>;
 
 constexpr DotsOfByte make_dots_of_byte() {
   DotsOfByte table{};
   for (unsigned byte = 0; byte < table.size(); ++byte)
-    for (unsigned dot = 0; dot < kPrtDotsPerByte; ++dot)
+    for (unsigned dot = 0; dot < kDotsPerByte; ++dot)
       table[byte][dot] = static_cast<std::uint8_t>(byte >> (6 - 2 * dot) & 3u);
   return table;
 }
@@ -76,7 +75,7 @@ void require(bool holds, const char* field, std::uint64_t found, const std::stri
 
 PrtRowLayout prt_row_layout(HeadConfig head, std::uint32_t width) {
   const std::uint64_t alignment = stride_alignment(head);
-  const std::uint64_t stride = (prt_packed_bytes(width) + alignment - 1) / alignment * alignment;
+  const std::uint64_t stride = (packed_dots_bytes(width) + alignment - 1) / alignment * alignment;
   if (stride > kMaxU32) throw std::overflow_error("HosonWriter stride alignment overflow");
   const std::uint64_t cycle_len = stride * slot_count(head);
   if (cycle_len > kMaxU32) throw std::overflow_error("HosonWriter stride cycle_len overflow");
@@ -139,7 +138,7 @@ PrtHeader decode_prt_header(std::span<const std::uint8_t, kPrtHeaderSize> bytes)
           "6 or 7");
   require(header.width != 0, "width", header.width, "above 0");
   require(header.height != 0, "height", header.height, "above 0");
-  const std::uint32_t least = prt_packed_bytes(header.width);
+  const std::uint32_t least = packed_dots_bytes(header.width);
   require(header.stride >= least, "stride", header.stride, "at least " + std::to_string(least));
   require(prt_cycle_len(header) <= kMaxU32, "row cycle", prt_cycle_len(header), "below 4 GiB");
   return header;
@@ -153,17 +152,12 @@ std::uint64_t prt_file_size(const PrtHeader& header) {
   return kPrtHeaderSize + prt_cycle_len(header) * header.height;
 }
 
-void pack_row(const std::uint8_t* dots, std::uint32_t width, std::uint8_t* out) {
-  static const PackRow pack = pack_variants().back().pack;
-  pack(dots, width, out);
-}
-
 void unpack_row(const std::uint8_t* packed, std::uint32_t width, std::uint8_t* dots) {
-  const std::uint32_t whole = width / kPrtDotsPerByte;
+  const std::uint32_t whole = width / kDotsPerByte;
   for (std::uint32_t i = 0; i < whole; ++i)
-    std::memcpy(dots + std::size_t{i} * kPrtDotsPerByte, kDotsOfByte[packed[i]].data(), kPrtDotsPerByte);
-  if (const std::uint32_t rest = width % kPrtDotsPerByte; rest != 0)
-    std::memcpy(dots + std::size_t{whole} * kPrtDotsPerByte, kDotsOfByte[packed[whole]].data(), rest);
+    std::memcpy(dots + std::size_t{i} * kDotsPerByte, kDotsOfByte[packed[i]].data(), kDotsPerByte);
+  if (const std::uint32_t rest = width % kDotsPerByte; rest != 0)
+    std::memcpy(dots + std::size_t{whole} * kDotsPerByte, kDotsOfByte[packed[whole]].data(), rest);
 }
 
 }  // namespace nvo

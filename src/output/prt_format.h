@@ -6,6 +6,7 @@
 #include <span>
 
 #include "config/print_modes.h"
+#include "screen/packed_dots.h"
 
 namespace nvo {
 
@@ -17,7 +18,6 @@ namespace nvo {
 inline constexpr std::size_t kPrtHeaderSize = 48;
 inline constexpr std::uint32_t kPrtMagic = 0x00005555;
 inline constexpr std::uint32_t kPrtBitsPerDot = 2;
-inline constexpr std::uint32_t kPrtDotsPerByte = 4;
 
 /// The fields that tell one file from another; the magic number and the bits per dot are the same in all.
 struct PrtHeader {
@@ -56,14 +56,6 @@ PrtHeader decode_prt_header(std::span<const std::uint8_t, kPrtHeaderSize> bytes)
 std::uint64_t prt_cycle_len(const PrtHeader& header);
 std::uint64_t prt_file_size(const PrtHeader& header);
 
-/// Bytes of a slot row that hold dots; the rest of the stride is 0.
-constexpr std::uint32_t prt_packed_bytes(std::uint32_t width) {
-  return width / kPrtDotsPerByte + (width % kPrtDotsPerByte != 0 ? 1 : 0);
-}
-
-/// Packs `width` drop levels (low two bits of each byte) into ceil(width / 4) bytes of `out`; bits past the
-/// last dot are 0. No pointer needs an alignment.
-void pack_row(const std::uint8_t* dots, std::uint32_t width, std::uint8_t* out);
 /// The reverse of `pack_row`.
 void unpack_row(const std::uint8_t* packed, std::uint32_t width, std::uint8_t* dots);
 

@@ -18,12 +18,7 @@ struct StreamingStripResult {
   std::uint64_t source_strip_pixels = 0;  ///< source width x composed rows, halo included
   std::uint64_t compose = 0, colour_coverage = 0, light_protection = 0, device_choke = 0;  ///< nanoseconds
   std::array<std::uint64_t, kChannelCount> rip_ch{};                                       ///< nanoseconds
-  std::vector<DropMap> dropmaps;                                                           ///< C, M, Y, K, W
-};
-
-struct ChannelRipResult {
-  DropMap drops;
-  std::uint64_t duration = 0;  ///< nanoseconds
+  StripCycles cycles;  ///< the screened rows, as the print file holds them
 };
 
 /// Where a strip lies on both grids, and the halo around it.
@@ -60,19 +55,15 @@ StripPlace place_strip(const SheetRun& run, std::uint32_t strip, std::uint32_t h
 
 class StripTask {
  public:
-  StripTask(SheetRun& run, std::uint32_t halo) : run_(run), halo_(halo) {}
+  explicit StripTask(SheetRun& run) : run_(run) {}
 
-  /// `written` gives the memory of drop maps that are no longer needed.
-  StreamingStripResult rip_strip(std::uint32_t strip, std::vector<DropMap> written) {
-    const StripPlace place = place_strip(run_, strip, halo_);
-    log_debug("StreamRip: strip ", run_.strips - strip, "/", run_.strips, " src_y=", place.src_y,
-              " h=", place.src_rows, place.has_halo() ? " with halo" : "");
+  /// Composes and screens a strip into `cycles`, which has room for its rows.
+  StreamingStripResult rip_strip(const StripPlace& place, StripCycles cycles) {
     StreamingStripResult result;
     result.src_y = place.src_y;
     result.src_rows = place.src_rows;
     result.dev_y = place.dev_y;
-    result.dropmaps = std::move(written);
-    result.dropmaps.resize(kChannelCount);
+    result.cycles = std::move(cycles);
     const std::size_t pixels = std::size_t{run_.src_w} * place.rows;
     result.source_strip_pixels = pixels;
 
@@ -119,51 +110,40 @@ class StripTask {
       planes[channel] = channel_plane(strip, channel, pixels);
     const std::uint8_t* coverage = choke_planes.coverage.empty() ? nullptr : choke_planes.coverage.data();
 
+    const DeviceRowWindow own_rows{place.crop_top, place.dev_rows};
     const auto rip_channel = [&](std::uint32_t channel, std::size_t scratch) {
-      const std::uint64_t start = platform::monotonic_nanoseconds();
-      ChannelRipResult channel_result{std::move(result.dropmaps[channel]), 0};
-      const DeviceRowWindow own_rows{place.crop_top, place.dev_rows};
-      run_.engine.process_strip(channel_result.drops, planes[channel], run_.src_w, place.rows, place.first,
-                                run_.src_h, static_cast<std::int32_t>(channel),
-                                channel < kChannelW ? coverage : nullptr, nullptr,
-                                coverage ? &context : nullptr, &run_.scratch[scratch], &own_rows);
-      channel_result.duration = platform::monotonic_nanoseconds() - start;
-      return channel_result;
-    };
-
-    const auto keep = [&](std::uint32_t channel, ChannelRipResult&& channel_result) {
-      result.dropmaps[channel] = std::move(channel_result.drops);
-      result.rip_ch[channel] = channel_result.duration;
+      const ScopedTimer timer(result.rip_ch[channel]);
+      const PackedRows& rows = result.cycles.channels[channel];
+      if (!rows.top) return;  // no slot of the board prints this ink
+      run_.engine.pack_strip(rows, planes[channel], run_.src_w, place.rows, place.first, run_.src_h,
+                             static_cast<std::int32_t>(channel), channel < kChannelW ? coverage : nullptr,
+                             coverage ? &context : nullptr, &run_.scratch[scratch], own_rows);
     };
     if (run_.pool) {
-      std::array<std::future<ChannelRipResult>, kChannelCount> pending;
+      std::array<std::future<void>, kChannelCount> pending;
       for (std::uint32_t channel = 0; channel < kChannelCount; ++channel)
         pending[channel] = run_.pool->submit(
-            [&rip_channel, channel](std::size_t scratch) { return rip_channel(channel, scratch); }, channel);
+            [&rip_channel, channel](std::size_t scratch) { rip_channel(channel, scratch); }, channel);
       for (const auto& task : pending) task.wait();  // the tasks refer to this frame: none may outlive it
-      for (std::uint32_t channel = 0; channel < kChannelCount; ++channel)
-        keep(channel, pending[channel].get());
+      for (auto& task : pending) task.get();
     } else {
-      for (std::uint32_t channel = 0; channel < kChannelCount; ++channel)
-        keep(channel, rip_channel(channel, channel));
+      for (std::uint32_t channel = 0; channel < kChannelCount; ++channel) rip_channel(channel, channel);
     }
   }
 
   SheetRun& run_;
-  std::uint32_t halo_;
   StripBuffer strip_buffer_;         ///< of the strip before; its memory serves the next
   std::vector<std::uint8_t> zeros_;  ///< stands for a plane that the compositor did not give
 };
 
-void add_to_profile(const StreamingStripResult& result, StreamRipProfile& profile) {
+void add_to_profile(const StreamingStripResult& result, std::uint32_t dev_w, StreamRipProfile& profile) {
   profile.source_strip_pixels += result.source_strip_pixels;
   profile.compose += result.compose;
   profile.occupancy += result.colour_coverage + result.light_protection;
   profile.choke_context += result.device_choke;
-  for (std::size_t channel = 0; channel < kChannelCount; ++channel) {
+  profile.device_channel_pixels += std::uint64_t{dev_w} * result.cycles.rows * kChannelCount;
+  for (std::size_t channel = 0; channel < kChannelCount; ++channel)
     profile.rip_ch[channel] += result.rip_ch[channel];
-    profile.device_channel_pixels += result.dropmaps[channel].data.size();
-  }
   ++profile.compose_calls;
 }
 
@@ -178,16 +158,20 @@ void run_streaming(SheetRun& run) {
                      options.white_resampling_mode == ResamplingMode::hard,
                  run.choke.device_choke, options.white_choke_amount_px_at_300dpi, run.choke.min_width_dots});
 
-  StripTask task(run, halo);
-  std::vector<DropMap> written;
+  StripTask task(run);
+  StripCycles written;
   const auto start_strip = [&](std::uint32_t strip) {
     run.throw_if_cancelled();
     const std::uint32_t stage = run.strips - 1 - strip;
     run.report(static_cast<int>(stage), static_cast<int>(run.strips),
                static_cast<float>(stage) / static_cast<float>(run.strips) * 95.0f,
                "Streaming strip " + std::to_string(run.strips - strip) + "/" + std::to_string(run.strips));
-    return std::async(std::launch::async, [&task, strip, reused = std::move(written)]() mutable {
-      return task.rip_strip(strip, std::move(reused));
+    const StripPlace place = place_strip(run, strip, halo);
+    log_debug("StreamRip: strip ", run.strips - strip, "/", run.strips, " src_y=", place.src_y,
+              " h=", place.src_rows, place.has_halo() ? " with halo" : "");
+    StripCycles cycles = run.writer.make_strip_cycles(place.dev_rows, std::move(written));
+    return std::async(std::launch::async, [&task, place, room = std::move(cycles)]() mutable {
+      return task.rip_strip(place, std::move(room));
     });
   };
 
@@ -199,11 +183,11 @@ void run_streaming(SheetRun& run) {
     if (remaining > 1) next = start_strip(remaining - 2);
     {
       const ScopedTimer timer(run.profile.writer);
-      run.writer.write_dropmaps_strip(result.dropmaps, result.dev_y);
+      run.writer.write_cycles_strip(result.cycles, result.dev_y);
     }
-    rows_written += result.dropmaps[0].height;
-    add_to_profile(result, run.profile);
-    written = std::move(result.dropmaps);
+    rows_written += result.cycles.rows;
+    add_to_profile(result, run.dev_w, run.profile);
+    written = std::move(result.cycles);
   }
   if (rows_written != run.dev_h) throw std::runtime_error("StreamRip: streamed row count mismatch");
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <stdexcept>
 #include <utility>
 
@@ -182,34 +183,69 @@ void RipEngine::process_strip(DropMap& out, const std::uint8_t* src, std::uint32
                               const std::uint8_t* coverage_plane, PreThresholdCapture* capture,
                               const ChokeContext* choke, ProcessScratch* scratch,
                               const DeviceRowWindow* window) {
-  if (src == nullptr || src_w == 0 || strip_rows == 0 || total_src_rows == 0)
+  const PlaneJob job = strip_job({.whole_plane = false,
+                                  .src = src,
+                                  .src_w = src_w,
+                                  .strip_rows = strip_rows,
+                                  .strip_src_y = strip_src_y,
+                                  .total_src_rows = total_src_rows,
+                                  .channel = channel,
+                                  .coverage = coverage_plane,
+                                  .capture = capture,
+                                  .choke = choke,
+                                  .scratch = scratch},
+                                 window);
+  if (job.window.rows == 0)
+    resize_drop_map(out, job.dev_w, 0);
+  else
+    screen(job, out);
+}
+
+void RipEngine::pack_strip(const PackedRows& out, const std::uint8_t* src, std::uint32_t src_w,
+                           std::uint32_t strip_rows, std::uint32_t strip_src_y, std::uint32_t total_src_rows,
+                           std::int32_t channel, const std::uint8_t* coverage_plane,
+                           const ChokeContext* choke, ProcessScratch* scratch,
+                           const DeviceRowWindow& window) {
+  const PlaneJob job = strip_job({.whole_plane = false,
+                                  .src = src,
+                                  .src_w = src_w,
+                                  .strip_rows = strip_rows,
+                                  .strip_src_y = strip_src_y,
+                                  .total_src_rows = total_src_rows,
+                                  .channel = channel,
+                                  .coverage = coverage_plane,
+                                  .capture = nullptr,
+                                  .choke = choke,
+                                  .scratch = scratch},
+                                 &window);
+  if (job.window.rows == 0) return;
+  const std::size_t packed = packed_dots_bytes(job.dev_w);
+  screen_rows(job, [&](RowScreener& screener, RowBuffers& buffers, std::size_t y, std::size_t row) {
+    buffers.dots.resize(job.dev_w);
+    std::uint8_t* const target = out.top + static_cast<std::ptrdiff_t>(row) * out.step;
+    if (screener.screen(y, buffers.dots.data()))
+      pack_row(buffers.dots.data(), job.dev_w, target);
+    else
+      std::memset(target, 0, packed);
+    for (const std::ptrdiff_t copy : out.copies) std::memcpy(target + copy, target, packed);
+  });
+}
+
+/// Checks a call on a strip and fills in where the strip lies.
+RipEngine::PlaneJob RipEngine::strip_job(PlaneJob job, const DeviceRowWindow* window) const {
+  if (job.src == nullptr || job.src_w == 0 || job.strip_rows == 0 || job.total_src_rows == 0)
     throw std::invalid_argument("RipEngine::process_strip: invalid source strip");
-  if (channel < 0 || channel >= params_.n_channels)
+  if (job.channel < 0 || job.channel >= params_.n_channels)
     throw std::invalid_argument("RipEngine::process_strip: channel out of range");
-  if (strip_src_y >= total_src_rows || strip_rows > total_src_rows - strip_src_y)
+  if (job.strip_src_y >= job.total_src_rows || job.strip_rows > job.total_src_rows - job.strip_src_y)
     throw std::invalid_argument("RipEngine::process_strip: strip source bounds are invalid");
-  PlaneJob job{.whole_plane = false,
-               .src = src,
-               .src_w = src_w,
-               .strip_rows = strip_rows,
-               .strip_src_y = strip_src_y,
-               .total_src_rows = total_src_rows,
-               .channel = channel,
-               .coverage = coverage_plane,
-               .capture = capture,
-               .choke = choke,
-               .scratch = scratch};
   place(job);
-  job.dev_rows = device_rows_of_strip(strip_src_y, strip_rows, scale_.y, job.dev_h);
+  job.dev_rows = device_rows_of_strip(job.strip_src_y, job.strip_rows, scale_.y, job.dev_h);
   job.window = window != nullptr ? *window : DeviceRowWindow{0, job.height()};
   if (job.window.top > job.height() || job.window.rows > job.height() - job.window.top ||
-      (window != nullptr && capture != nullptr))
+      (window != nullptr && job.capture != nullptr))
     throw std::invalid_argument("RipEngine::process_strip: device row window is invalid");
-  if (job.window.rows == 0) {
-    resize_drop_map(out, job.dev_w, 0);
-    return;
-  }
-  screen(job, out);
+  return job;
 }
 
 ChokeContext RipEngine::prepare_device_white(const std::uint8_t* coverage, std::uint32_t src_w,
@@ -306,33 +342,45 @@ void RipEngine::log_choke(const PlaneJob& job, const ChokeContext& choke) const 
 
 void RipEngine::screen(const PlaneJob& job, DropMap& out) {
   const bool out_is_zero = resize_drop_map(out, job.dev_w, job.window.rows) == DropMapContents::zero;
+  if (job.capture != nullptr) {
+    screen_captured(job, out);
+    return;
+  }
+  screen_rows(job, [&](RowScreener& screener, RowBuffers&, std::size_t y, std::size_t row) {
+    std::uint8_t* const dots = out.data.data() + row * job.dev_w;
+    if (!screener.screen(y, dots) && !out_is_zero) std::memset(dots, 0, job.dev_w);
+    log_progress(job, row);
+  });
+}
+
+/// Gets everything ready and lets `sink(screener, buffers, y, row)` take each row of the window: row `row` of
+/// it is row `y` of the strip. Rows ascend within a worker.
+template <class Sink>
+void RipEngine::screen_rows(const PlaneJob& job, const Sink& sink) {
+  ProcessScratch local;
+  ProcessScratch& scratch = job.scratch != nullptr ? *job.scratch : local;
+  const AppliedChoke applied = begin(job);
+  const StripScreening strip = screening_of(job, applied.context(), scratch.rows);
+  const std::size_t workers = row_workers(job);
+  if (scratch.workers.size() < workers) scratch.workers.resize(workers);
+  parallel_ranges(job.window.rows, workers, [&](std::size_t first, std::size_t end, std::size_t worker) {
+    RowBuffers& buffers = scratch.workers[worker];
+    RowScreener screener(strip, buffers);
+    for (std::size_t row = first; row < end; ++row) sink(screener, buffers, job.window.top + row, row);
+  });
+}
+
+/// Readies the tap table, chooses the choke and says what is going to be done.
+RipEngine::AppliedChoke RipEngine::begin(const PlaneJob& job) {
   // A strip that samples by nearest pixel leaves the table to the channels that run beside it.
   if (job.whole_plane || !job.hard) ensure_column_taps(job.src_w, job.dev_w);
   if (job.white_special())
     Logger::instance().log(job.whole_plane ? LogLevel::info : LogLevel::debug,
                            job.whole_plane ? "RipEngine ch=" : "RipEngine strip ch=", job.channel,
                            " using white-special nearest-like sampling path");
-
-  ProcessScratch local;
-  ProcessScratch& scratch = job.scratch != nullptr ? *job.scratch : local;
-  const AppliedChoke applied = select_choke(job);
-  const ChokeContext* choke = applied.context();
-  if (choke != nullptr && !job.white_special()) log_choke(job, *choke);
-  const StripScreening strip = screening_of(job, choke, scratch.rows);
-
-  const std::size_t workers = row_workers(job);
-  if (scratch.workers.size() < workers) scratch.workers.resize(workers);
-  if (job.capture != nullptr) {
-    screen_captured(job, strip, scratch.workers[0], out);
-    return;
-  }
-  parallel_ranges(job.window.rows, workers, [&](std::size_t begin, std::size_t end, std::size_t worker) {
-    RowScreener screener(strip, scratch.workers[worker]);
-    for (std::size_t row = begin; row < end; ++row) {
-      screener.screen(job.window.top + row, out_is_zero, out.data.data() + row * job.dev_w);
-      log_progress(job, row);
-    }
-  });
+  AppliedChoke applied = select_choke(job);
+  if (applied.context() != nullptr && !job.white_special()) log_choke(job, *applied.context());
+  return applied;
 }
 
 std::size_t RipEngine::row_workers(const PlaneJob& job) const {
@@ -370,8 +418,11 @@ StripScreening RipEngine::screening_of(const PlaneJob& job, const ChokeContext* 
 }
 
 /// The diagnostic form of the same: the whole plane of values is sampled and choked before it is screened.
-void RipEngine::screen_captured(const PlaneJob& job, const StripScreening& strip, RowBuffers& buffers,
-                                DropMap& out) const {
+void RipEngine::screen_captured(const PlaneJob& job, DropMap& out) {
+  std::vector<RowSpan> spans;
+  RowBuffers buffers;
+  const AppliedChoke applied = begin(job);
+  const StripScreening strip = screening_of(job, applied.context(), spans);
   const std::size_t width = job.dev_w, height = job.height();
   std::vector<float> plane(width * height);
   RowSampler sampler(strip.sampling, buffers);
@@ -379,7 +430,7 @@ void RipEngine::screen_captured(const PlaneJob& job, const StripScreening& strip
   if (strip.white_choke != nullptr) clear_outside(strip.white_choke->keep, plane);
   if (strip.colour_choke != nullptr) choke_colour_plane(*strip.colour_choke, plane);
 
-  const ChokeContext* choke = job.white ? strip.white_choke : strip.colour_choke;
+  const ChokeContext* choke = applied.context();
   PreThresholdCapture& capture = *job.capture;
   capture = {};
   capture.width = job.dev_w;

@@ -14,6 +14,7 @@
 #include "screen/drop_map.h"
 #include "screen/kernels/screening_kernels.h"
 #include "screen/mask_cache.h"
+#include "screen/packed_dots.h"
 #include "screen/row_sampler.h"
 
 namespace nvo {
@@ -108,6 +109,13 @@ class RipEngine {
                      const ChokeContext* choke, ProcessScratch* scratch,
                      const DeviceRowWindow* window = nullptr);
 
+  /// The same strip screened into packed rows, with no map of bytes between: row r of the window goes to row
+  /// r of `out`. Throws as `process_strip`.
+  void pack_strip(const PackedRows& out, const std::uint8_t* src, std::uint32_t src_w,
+                  std::uint32_t strip_rows, std::uint32_t strip_src_y, std::uint32_t total_src_rows,
+                  std::int32_t channel, const std::uint8_t* coverage_plane, const ChokeContext* choke,
+                  ProcessScratch* scratch, const DeviceRowWindow& window);
+
   /// The white choke of a strip, from planes of `src_w` x `strip_rows` bytes on the source grid: colour
   /// coverage, explicit white (may be null), the composed white (null unless adaptive) and the light areas
   /// (may be null).
@@ -120,7 +128,11 @@ class RipEngine {
   struct PlaneJob;
   class AppliedChoke;
 
+  PlaneJob strip_job(PlaneJob job, const DeviceRowWindow* window) const;
   void place(PlaneJob& job) const;
+  AppliedChoke begin(const PlaneJob& job);
+  template <class Sink>
+  void screen_rows(const PlaneJob& job, const Sink& sink);
   void screen(const PlaneJob& job, DropMap& out);
   bool choke_amount_given() const;
   bool colour_choke_active(const PlaneJob& job) const;
@@ -130,8 +142,7 @@ class RipEngine {
   StripScreening screening_of(const PlaneJob& job, const ChokeContext* choke,
                               std::vector<RowSpan>& spans) const;
   std::size_t row_workers(const PlaneJob& job) const;
-  void screen_captured(const PlaneJob& job, const StripScreening& strip, RowBuffers& buffers,
-                       DropMap& out) const;
+  void screen_captured(const PlaneJob& job, DropMap& out);
   void log_progress(const PlaneJob& job, std::size_t y) const;
 
   RipEngineParams params_;

@@ -57,6 +57,7 @@ struct RowBuffers {
   std::vector<std::uint8_t> source_base, source_threshold;
   std::vector<std::uint8_t> base, threshold;
   std::vector<std::uint64_t> kept;
+  std::vector<std::uint8_t> dots;  ///< a row of drop levels on its way to packed form
   std::vector<DotMemo> memo;
 };
 

@@ -12,17 +12,20 @@ RowScreener::RowScreener(const StripScreening& strip, RowBuffers& buffers)
 
 /// The choke acts on the dots: a value that it sets to 0 gives level 0, and only the dots of the ring need
 /// the value of another dot.
-void RowScreener::screen(std::size_t y, bool dots_are_zero, std::uint8_t* dots) {
+bool RowScreener::screen(std::size_t y, std::uint8_t* dots) {
   const std::size_t width = strip_.sampling.dev_w;
   const std::uint8_t* mask = mask_row(strip_, y);
   const CodeRow codes = rows_.codes(y);
-  if (!codes.blank) {
+  const bool has_ring = ring_ && !strip_.colour_choke->ring_of_row(y).empty();
+  if (codes.blank && !has_ring) return false;
+  if (codes.blank) {
+    std::memset(dots, 0, width);
+  } else {
     screen_codes(strip_, codes, mask, dots);
     if (const std::uint64_t* kept = kept_dots(y)) strip_.sampling.kernels->keep_dots(kept, width, dots);
-  } else if (!dots_are_zero) {
-    std::memset(dots, 0, width);
   }
-  if (ring_) add_ring(y, mask, dots);
+  if (has_ring) add_ring(y, mask, dots);
+  return true;
 }
 
 /// The dots that stay as sampled; null for all. Ring dots are not among them.

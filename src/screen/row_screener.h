@@ -29,9 +29,9 @@ class RowScreener {
  public:
   RowScreener(const StripScreening& strip, RowBuffers& buffers);
 
-  /// Writes the drop levels of device row `y`, counted from the strip's first; rows ascend. `dots_are_zero`
-  /// says that the row's memory already is.
-  void screen(std::size_t y, bool dots_are_zero, std::uint8_t* dots);
+  /// Writes the drop levels of device row `y`, counted from the strip's first; rows ascend. A row that can
+  /// hold no drop answers false and leaves `dots` as it was.
+  bool screen(std::size_t y, std::uint8_t* dots);
 
  private:
   const std::uint64_t* kept_dots(std::size_t y);

@@ -64,6 +64,45 @@ std::string failure_of(const std::function<void()>& act) {
   return "";
 }
 
+/// Writes five rows that the caller packs, in strips of two, two and one that share their memory.
+void write_packed(HosonWriter& writer, const std::string& path, const Maps& maps) {
+  const std::uint32_t width = maps[0].width;
+  writer.begin_stream_write(path, width, 5);
+  StripCycles strip;
+  for (const std::uint32_t begin : {3u, 1u, 0u}) {
+    strip = writer.make_strip_cycles(begin == 0 ? 1 : 2, std::move(strip));
+    for (std::size_t channel = 0; channel < maps.size(); ++channel) {
+      const PackedRows& rows = strip.channels[channel];
+      for (std::uint32_t row = 0; rows.top && row < strip.rows; ++row) {
+        std::uint8_t* const target = rows.top + static_cast<std::ptrdiff_t>(row) * rows.step;
+        pack_row(maps[channel].data.data() + std::size_t{begin + row} * width, width, target);
+        for (const std::ptrdiff_t copy : rows.copies)
+          std::copy_n(target, packed_dots_bytes(width), target + copy);
+      }
+    }
+    writer.write_cycles_strip(strip, begin);
+  }
+  writer.end_stream_write();
+}
+
+TEST(HosonWriter, PackedStripsKeepTheOrderToo) {
+  const test::TempDir dir;
+  HosonWriter writer(options_for(kI3200));
+  EXPECT_EQ(failure_of([&] { writer.make_strip_cycles(1); }),
+            "runtime: HosonWriter::make_strip_cycles: stream is not open");
+  EXPECT_EQ(failure_of([&] { writer.write_cycles_strip({}, 0); }),
+            "runtime: HosonWriter::write_cycles_strip: stream is not open");
+  writer.begin_stream_write(dir.file("a.prt"), 8, 5);
+  writer.write_cycles_strip(writer.make_strip_cycles(0), 3);
+  const StripCycles two = writer.make_strip_cycles(2);
+  EXPECT_EQ(failure_of([&] { writer.write_cycles_strip(two, 2); }),
+            "runtime: HosonWriter::write_cycles_strip: strips must be written in descending image-row order");
+  EXPECT_TRUE(dir.names().empty()) << "a bad strip costs the file";
+  writer.begin_stream_write(dir.file("a.prt"), 8, 5);
+  EXPECT_EQ(failure_of([&] { writer.write_cycles_strip(two, 4); }),
+            "runtime: HosonWriter::write_cycles_strip: strip is out of device bounds");
+}
+
 TEST(HosonWriter, PutsEachChannelIntoItsSlots) {
   struct Case {
     const char* name;
@@ -104,6 +143,10 @@ TEST(HosonWriter, PutsEachChannelIntoItsSlots) {
       }
       writer.end_stream_write();
       EXPECT_EQ(test::read_all(path), expected) << strip_rows << " rows a strip";
+    }
+    if (c.channels == 5 && !maps[2].empty()) {
+      write_packed(writer, dir.file("packed.prt"), maps);
+      EXPECT_EQ(test::read_all(dir.file("packed.prt")), expected) << "rows that come packed";
     }
   }
 }

@@ -8,7 +8,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "output/pack_kernels.h"
+#include "screen/kernels/pack_kernels.h"
 #include "output/test_drops.h"
 
 namespace nvo {
@@ -17,7 +17,7 @@ namespace {
 constexpr std::uint8_t kGuard = 0xA5;
 
 std::vector<std::uint8_t> pack_dot_by_dot(const std::uint8_t* dots, std::uint32_t width) {
-  std::vector<std::uint8_t> packed(prt_packed_bytes(width));
+  std::vector<std::uint8_t> packed(packed_dots_bytes(width));
   for (std::uint32_t x = 0; x < width; ++x)
     packed[x / 4] = static_cast<std::uint8_t>(packed[x / 4] | (dots[x] & 3) << (6 - 2 * (x % 4)));
   return packed;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <cstring>
 #include <functional>
 #include <limits>
 #include <random>
@@ -109,6 +110,29 @@ RipEngineParams random_params(Random& random, const Resolution& dpi) {
   return params;
 }
 
+/// Rows packed from the bottom up, each twice, with guard bytes between them, hold the same dots.
+void expect_packed(RipEngine& engine, const std::vector<std::uint8_t>& strip,
+                   const PlainRipEngine::Strip& part, const std::uint8_t* coverage, const ChokeContext* choke,
+                   const DeviceRowWindow& window, const DropMap& expected) {
+  const std::size_t packed = packed_dots_bytes(expected.width), slot = packed + 3, cycle = 2 * slot;
+  std::vector<std::uint8_t> bytes(cycle * window.rows, 0xA5), wanted = bytes;
+  for (std::uint32_t row = 0; row < window.rows; ++row) {
+    std::uint8_t* const target = wanted.data() + (window.rows - 1 - row) * cycle;
+    std::memset(target, 0, packed);
+    for (std::uint32_t x = 0; x < expected.width; ++x) {
+      const std::uint8_t level = expected.data[std::size_t{window.top + row} * expected.width + x];
+      target[x / 4] = static_cast<std::uint8_t>(target[x / 4] | level << (6 - 2 * (x % 4)));
+    }
+    std::memcpy(target + slot, target, packed);
+  }
+  const PackedRows out{bytes.data() + (window.rows - 1) * cycle,
+                       -static_cast<std::ptrdiff_t>(cycle),
+                       {static_cast<std::ptrdiff_t>(slot)}};
+  engine.pack_strip(out, strip.data(), part.src_w, part.rows, part.src_y, part.total_rows, part.channel,
+                    coverage, choke, nullptr, window);
+  ASSERT_TRUE(bytes == wanted);
+}
+
 TEST(RipEngine, EqualsThePlainScreenOnWholePlanesAndStrips) {
   const LogCapture quiet(LogLevel::error);
   Random random(7);
@@ -151,6 +175,11 @@ TEST(RipEngine, EqualsThePlainScreenOnWholePlanesAndStrips) {
                                with_choke ? &choke : nullptr, variant % 2 == 0 ? &scratch : nullptr);
           EXPECT_EQ(strip_out.height, expected.height);
           ASSERT_TRUE(strip_out.data == expected.data);
+          if (expected.height == 0) continue;
+
+          const DeviceRowWindow window{random() % expected.height, 0};
+          const DeviceRowWindow rows_wanted{window.top, 1 + random() % (expected.height - window.top)};
+          expect_packed(engine, strip, part, coverage, with_choke ? &choke : nullptr, rows_wanted, expected);
         }
       }
     }

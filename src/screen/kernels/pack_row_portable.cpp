@@ -1,7 +1,7 @@
 #include <bit>
 #include <cstring>
 
-#include "output/pack_kernels.h"
+#include "screen/kernels/pack_kernels.h"
 
 namespace nvo {
 namespace {

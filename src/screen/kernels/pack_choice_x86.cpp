@@ -1,6 +1,6 @@
 #include <array>
 
-#include "output/pack_kernels.h"
+#include "screen/kernels/pack_kernels.h"
 
 namespace nvo {
 

@@ -1,6 +1,6 @@
 #include <immintrin.h>
 
-#include "output/pack_kernels.h"
+#include "screen/kernels/pack_kernels.h"
 
 // Compiled with AVX2 instructions and run only where the machine has them.
 namespace nvo {
