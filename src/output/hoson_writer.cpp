@@ -1,8 +1,6 @@
 #include "output/hoson_writer.h"
 
-#include <cstdlib>
 #include <cstring>
-#include <new>
 #include <optional>
 #include <stdexcept>
 #include <utility>
@@ -152,31 +150,39 @@ void HosonWriter::require_next(const char* function, std::uint32_t rows, std::ui
                              ": strips must be written in descending image-row order");
 }
 
-StripCycles HosonWriter::make_strip_cycles(std::uint32_t rows, StripCycles spent) const {
-  constexpr const char* kFunction = "HosonWriter::make_strip_cycles: ";
-  if (!open_) throw std::runtime_error(std::string(kFunction) + "stream is not open");
-  StripCycles strip = std::move(spent);
+StripCycles HosonWriter::make_strip_cycles(std::uint32_t rows, std::uint32_t y, StripCycles spent) const {
+  constexpr const char* kFunction = "make_strip_cycles";
+  if (!open_) throw std::runtime_error("HosonWriter::make_strip_cycles: stream is not open");
+  if (rows == 0) return {};
+  require_in_bounds(kFunction, rows, y);
+  StripCycles strip;
   strip.rows = rows;
   strip.size = std::size_t{rows} * layout_.cycle_len;
-  if (strip.size > strip.capacity) {
-    strip.bytes.reset(static_cast<std::uint8_t*>(std::calloc(rows, layout_.cycle_len)));
-    if (!strip.bytes) throw std::bad_alloc();
-    strip.capacity = strip.size;
-  }
-  strip.channels = {};
-  if (rows == 0) return strip;
+  strip.memory = std::move(spent.memory);
+  if (!strip.memory || strip.memory.get_deleter().size < strip.size + platform::kBulkBlock)
+    strip.memory = platform::allocate_bulk(strip.size + platform::kBulkBlock);
+  // The cycles lie in their blocks of memory as they will lie in the file's, so that they need no copy.
+  const std::uint64_t offset = kPrtHeaderSize + std::uint64_t{height_ - y - rows} * layout_.cycle_len;
+  strip.bytes = strip.memory.get() + offset % platform::kBulkBlock;
 
   // A row of an ink stands in the first slot that names it, and once more in each further one.
-  std::uint8_t* const top_cycle = strip.bytes.get() + std::size_t{rows - 1} * layout_.cycle_len;
+  std::uint8_t* const top_cycle = strip.bytes + std::size_t{rows - 1} * layout_.cycle_len;
   const std::vector<std::uint32_t> slots = normalize_channel_map(options_.head, options_.output_channel_map);
   for (std::size_t slot = 0; slot < slots.size(); ++slot) {
-    if (slots[slot] >= kChannelCount) continue;
+    if (slots[slot] >= kChannelCount) {
+      for (std::size_t row = 0; row < rows; ++row)
+        std::memset(strip.bytes + row * layout_.cycle_len + slot * layout_.stride, 0, layout_.stride);
+      continue;
+    }
     PackedRows& channel = strip.channels[slots[slot]];
     std::uint8_t* const top = top_cycle + slot * layout_.stride;
     if (channel.top)
       channel.copies.push_back(top - channel.top);
     else
-      channel = {top, -static_cast<std::ptrdiff_t>(layout_.cycle_len), {}};
+      channel = {top,
+                 -static_cast<std::ptrdiff_t>(layout_.cycle_len),
+                 {},
+                 layout_.stride - packed_dots_bytes(width_)};
   }
   return strip;
 }
@@ -191,7 +197,7 @@ void HosonWriter::write_cycles_strip(const StripCycles& strip, std::uint32_t y) 
     HosonWriterCounters counters;
     counters.rows = strip.rows;
     counters.bytes = strip.size;
-    write_cycles(strip.bytes.get(), counters);
+    write_cycles(strip.bytes, counters);
   } catch (...) {
     abort();
     throw;
@@ -212,7 +218,6 @@ void HosonWriter::write_cycles(const std::uint8_t* cycles, HosonWriterCounters s
     std::optional<ScopedTimer> timer;
     if (timing_) timer.emplace(strip.file_ns);
     write_bytes(cycles, strip.bytes, "strip row cycles");
-    file_.start_write_back();
   }
   next_row_ -= strip.rows;
 
@@ -254,7 +259,7 @@ void HosonWriter::reserve_strip_buffer(std::size_t size) {
 void HosonWriter::write_bytes(const void* data, std::size_t size, const char* label) {
   if (!file_.is_open() || !data)
     throw std::runtime_error(std::string("write_dropmaps: invalid write for ") + label);
-  if (file_.write_all(data, size) != 0)
+  if (file_.append(data, size) != 0)
     throw std::runtime_error(std::string("write_dropmaps: failed to write ") + label);
 }
 

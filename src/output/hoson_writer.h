@@ -3,7 +3,6 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <limits>
 #include <memory>
 #include <mutex>
@@ -12,15 +11,12 @@
 #include <vector>
 
 #include "config/print_modes.h"
+#include "core/platform/bulk_file.h"
 #include "core/platform/file.h"
 #include "output/prt_format.h"
 #include "screen/drop_map.h"
 
 namespace nvo {
-
-struct FreeMemory {
-  void operator()(void* memory) const { std::free(memory); }
-};
 
 struct HosonWriterOptions {
   HeadConfig head;
@@ -35,15 +31,13 @@ struct HosonWriterCounters {
   std::uint64_t file_ns = 0;
 };
 
-/// The row cycles of a strip, bottom row first, and where each channel's packed rows belong in them. Bytes
-/// that hold no dot are 0 from the start and stay so.
+/// The row cycles of a strip, bottom row first, and where each channel's packed rows belong in them.
 struct StripCycles {
   std::uint32_t rows = 0;
-  std::size_t size = 0;  ///< bytes in use
-  std::unique_ptr<std::uint8_t[], FreeMemory> bytes;
-  std::size_t capacity = 0;
-  /// By channel; a `top` of null where no slot prints it.
-  std::array<PackedRows, kChannelCount> channels;
+  std::uint8_t* bytes = nullptr;                   ///< the bottom row's cycle, in `memory`
+  std::size_t size = 0;                            ///< bytes of all cycles
+  std::array<PackedRows, kChannelCount> channels;  ///< a `top` of null where no slot prints the channel
+  platform::BulkMemory memory;
 };
 
 /// Writes a print file (see prt_format.h) as a stream of strips from the bottom of the sheet to its top. The
@@ -70,9 +64,9 @@ class HosonWriter {
   /// bytes as they are. `y` and the order of strips as for drop maps. Throws `runtime_error`.
   void write_cycles_strip(const StripCycles& strip, std::uint32_t y);
 
-  /// Room for a strip of `rows` rows in the form of the open stream's file. The memory of `spent`, a strip of
-  /// the same stream, is used again.
-  StripCycles make_strip_cycles(std::uint32_t rows, StripCycles spent = {}) const;
+  /// Room for a strip of `rows` rows, the top one device row `y`, in the form of the open stream's file.
+  /// Blank slots are 0; the rest is for the caller to fill. The memory of `spent` is used again.
+  StripCycles make_strip_cycles(std::uint32_t rows, std::uint32_t y, StripCycles spent = {}) const;
 
   /// Flushes the file and moves it over the target. Without a stream it does nothing.
   void end_stream_write();
@@ -102,7 +96,7 @@ class HosonWriter {
   void reset() noexcept;
 
   HosonWriterOptions options_;
-  platform::File file_;
+  platform::BulkFile file_;
   std::string path_;
   std::string temporary_path_;
   platform::TemporaryName temporary_name_;

@@ -169,7 +169,7 @@ void run_streaming(SheetRun& run) {
     const StripPlace place = place_strip(run, strip, halo);
     log_debug("StreamRip: strip ", run.strips - strip, "/", run.strips, " src_y=", place.src_y,
               " h=", place.src_rows, place.has_halo() ? " with halo" : "");
-    StripCycles cycles = run.writer.make_strip_cycles(place.dev_rows, std::move(written));
+    StripCycles cycles = run.writer.make_strip_cycles(place.dev_rows, place.dev_y, std::move(written));
     return std::async(std::launch::async, [&task, place, room = std::move(cycles)]() mutable {
       return task.rip_strip(place, std::move(room));
     });

@@ -25,6 +25,7 @@ struct PackedRows {
   std::uint8_t* top = nullptr;
   std::ptrdiff_t step = 0;  ///< bytes; negative where the rows run from the bottom up
   std::vector<std::ptrdiff_t> copies;
+  std::size_t padding = 0;
 };
 
 }  // namespace nvo

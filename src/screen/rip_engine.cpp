@@ -227,7 +227,8 @@ void RipEngine::pack_strip(const PackedRows& out, const std::uint8_t* src, std::
       pack_row(buffers.dots.data(), job.dev_w, target);
     else
       std::memset(target, 0, packed);
-    for (const std::ptrdiff_t copy : out.copies) std::memcpy(target + copy, target, packed);
+    std::memset(target + packed, 0, out.padding);
+    for (const std::ptrdiff_t copy : out.copies) std::memcpy(target + copy, target, packed + out.padding);
   });
 }
 

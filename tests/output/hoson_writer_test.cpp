@@ -70,14 +70,15 @@ void write_packed(HosonWriter& writer, const std::string& path, const Maps& maps
   writer.begin_stream_write(path, width, 5);
   StripCycles strip;
   for (const std::uint32_t begin : {3u, 1u, 0u}) {
-    strip = writer.make_strip_cycles(begin == 0 ? 1 : 2, std::move(strip));
+    strip = writer.make_strip_cycles(begin == 0 ? 1 : 2, begin, std::move(strip));
     for (std::size_t channel = 0; channel < maps.size(); ++channel) {
       const PackedRows& rows = strip.channels[channel];
       for (std::uint32_t row = 0; rows.top && row < strip.rows; ++row) {
         std::uint8_t* const target = rows.top + static_cast<std::ptrdiff_t>(row) * rows.step;
         pack_row(maps[channel].data.data() + std::size_t{begin + row} * width, width, target);
+        std::fill_n(target + packed_dots_bytes(width), rows.padding, std::uint8_t{0});
         for (const std::ptrdiff_t copy : rows.copies)
-          std::copy_n(target, packed_dots_bytes(width), target + copy);
+          std::copy_n(target, packed_dots_bytes(width) + rows.padding, target + copy);
       }
     }
     writer.write_cycles_strip(strip, begin);
@@ -88,13 +89,13 @@ void write_packed(HosonWriter& writer, const std::string& path, const Maps& maps
 TEST(HosonWriter, PackedStripsKeepTheOrderToo) {
   const test::TempDir dir;
   HosonWriter writer(options_for(kI3200));
-  EXPECT_EQ(failure_of([&] { writer.make_strip_cycles(1); }),
+  EXPECT_EQ(failure_of([&] { writer.make_strip_cycles(1, 0); }),
             "runtime: HosonWriter::make_strip_cycles: stream is not open");
   EXPECT_EQ(failure_of([&] { writer.write_cycles_strip({}, 0); }),
             "runtime: HosonWriter::write_cycles_strip: stream is not open");
   writer.begin_stream_write(dir.file("a.prt"), 8, 5);
-  writer.write_cycles_strip(writer.make_strip_cycles(0), 3);
-  const StripCycles two = writer.make_strip_cycles(2);
+  writer.write_cycles_strip(writer.make_strip_cycles(0, 3), 3);
+  const StripCycles two = writer.make_strip_cycles(2, 2);
   EXPECT_EQ(failure_of([&] { writer.write_cycles_strip(two, 2); }),
             "runtime: HosonWriter::write_cycles_strip: strips must be written in descending image-row order");
   EXPECT_TRUE(dir.names().empty()) << "a bad strip costs the file";

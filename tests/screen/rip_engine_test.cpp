@@ -114,7 +114,8 @@ RipEngineParams random_params(Random& random, const Resolution& dpi) {
 void expect_packed(RipEngine& engine, const std::vector<std::uint8_t>& strip,
                    const PlainRipEngine::Strip& part, const std::uint8_t* coverage, const ChokeContext* choke,
                    const DeviceRowWindow& window, const DropMap& expected) {
-  const std::size_t packed = packed_dots_bytes(expected.width), slot = packed + 3, cycle = 2 * slot;
+  const std::size_t dots = packed_dots_bytes(expected.width), padding = expected.width % 3;
+  const std::size_t packed = dots + padding, slot = packed + 3, cycle = 2 * slot;
   std::vector<std::uint8_t> bytes(cycle * window.rows, 0xA5), wanted = bytes;
   for (std::uint32_t row = 0; row < window.rows; ++row) {
     std::uint8_t* const target = wanted.data() + (window.rows - 1 - row) * cycle;
@@ -127,7 +128,8 @@ void expect_packed(RipEngine& engine, const std::vector<std::uint8_t>& strip,
   }
   const PackedRows out{bytes.data() + (window.rows - 1) * cycle,
                        -static_cast<std::ptrdiff_t>(cycle),
-                       {static_cast<std::ptrdiff_t>(slot)}};
+                       {static_cast<std::ptrdiff_t>(slot)},
+                       padding};
   engine.pack_strip(out, strip.data(), part.src_w, part.rows, part.src_y, part.total_rows, part.channel,
                     coverage, choke, nullptr, window);
   ASSERT_TRUE(bytes == wanted);

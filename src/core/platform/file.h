@@ -11,6 +11,8 @@ std::string error_text(int code);
 bool means_already_exists(int code);
 /// True where another process holds the file for a moment and a later try may succeed.
 bool is_transient(int code);
+/// True where a direct write was not made of whole blocks.
+bool means_bad_alignment(int code);
 
 /// A file open for writing. Every function reports failure through the returned code: 0, or the system's
 /// error. Closes itself when destroyed. Not for several threads at once.
@@ -33,6 +35,9 @@ class File {
   /// Lets the system start to carry what was written to the disk, without waiting: a later `flush` of a
   /// large file is short then. No promise; failures show at `flush`.
   void start_write_back() noexcept;
+  /// Turns writing past the page cache on or off; false where the file system has no such mode. While it is
+  /// on, addresses, sizes and the file's end must be whole blocks.
+  bool set_direct(bool enabled);
   /// Sends what was written on to the disk.
   int flush();
   int close();

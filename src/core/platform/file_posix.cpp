@@ -49,6 +49,9 @@ int sync_directory(const std::string& path) {
 std::string error_text(int code) {
   return std::generic_category().message(code);
 }
+bool means_bad_alignment(int code) {
+  return code == EINVAL;
+}
 bool means_already_exists(int code) {
   return code == EEXIST;
 }
@@ -104,6 +107,16 @@ void File::start_write_back() noexcept {
 #ifdef __linux__
   constexpr off_t from_start = 0, to_end = 0;
   ::sync_file_range(descriptor_, from_start, to_end, SYNC_FILE_RANGE_WRITE);
+#endif
+}
+
+bool File::set_direct(bool enabled) {
+#ifdef O_DIRECT
+  const int flags = ::fcntl(descriptor_, F_GETFL);
+  if (flags < 0) return false;
+  return ::fcntl(descriptor_, F_SETFL, enabled ? flags | O_DIRECT : flags & ~O_DIRECT) == 0;
+#else
+  return !enabled;
 #endif
 }
 

@@ -1,0 +1,101 @@
+#include "core/platform/bulk_file.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace nvo::platform {
+namespace {
+
+constexpr std::size_t kCopyBytes = 256 * kBulkBlock;
+
+std::size_t whole_blocks(std::size_t size) {
+  return size / kBulkBlock * kBulkBlock;
+}
+
+bool is_aligned(const std::uint8_t* data) {
+  return reinterpret_cast<std::uintptr_t>(data) % kBulkBlock == 0;
+}
+
+}  // namespace
+
+int BulkFile::create_exclusive(const std::string& path) {
+  held_size_ = 0;
+  if (const int error = file_.create_exclusive(path)) return error;
+  direct_ = file_.set_direct(true);
+  if (direct_ && !held_) held_ = allocate_bulk(kCopyBytes);
+  return 0;
+}
+
+int BulkFile::append(const void* data, std::size_t size) {
+  const auto* bytes = static_cast<const std::uint8_t*>(data);
+  if (direct_ && (held_size_ != 0 || size < kBulkBlock)) {
+    const std::size_t taken = std::min(size, kBulkBlock - held_size_);
+    std::memcpy(held_.get() + held_size_, bytes, taken);
+    held_size_ += taken;
+    bytes += taken;
+    size -= taken;
+    if (held_size_ < kBulkBlock) return 0;
+    held_size_ = 0;
+    if (const int error = write_blocks(held_.get(), kBulkBlock)) return error;
+  }
+  if (!direct_) {
+    if (const int error = file_.write_all(bytes, size)) return error;
+    file_.start_write_back();
+    return 0;
+  }
+  const std::size_t whole = whole_blocks(size);
+  if (const int error = is_aligned(bytes) ? write_blocks(bytes, whole) : write_copied(bytes, whole))
+    return error;
+  if (!direct_) return file_.write_all(bytes + whole, size - whole);
+  held_size_ = size - whole;
+  std::memcpy(held_.get(), bytes + whole, held_size_);
+  return 0;
+}
+
+int BulkFile::write_copied(const std::uint8_t* data, std::size_t size) {
+  while (size != 0) {
+    const std::size_t piece = std::min(size, kCopyBytes);
+    std::memcpy(held_.get(), data, piece);
+    if (const int error = write_blocks(held_.get(), piece)) return error;
+    data += piece;
+    size -= piece;
+  }
+  return 0;
+}
+
+/// A file system may accept direct mode and then refuse a write, or take a part that ends inside a block; the
+/// cache takes over from there.
+int BulkFile::write_blocks(const std::uint8_t* data, std::size_t size) {
+  while (size != 0) {
+    std::size_t written = 0;
+    if (const int error = file_.write_some(data, size, written)) {
+      if (!direct_ || !means_bad_alignment(error)) return error;
+      leave_direct_mode();
+      continue;
+    }
+    if (written == 0) return file_.write_all(data, size);
+    if (written % kBulkBlock != 0) leave_direct_mode();
+    data += written;
+    size -= written;
+  }
+  return 0;
+}
+
+void BulkFile::leave_direct_mode() {
+  file_.set_direct(false);
+  direct_ = false;
+}
+
+int BulkFile::flush() {
+  if (direct_) leave_direct_mode();
+  if (const int error = file_.write_all(held_.get(), held_size_)) return error;
+  held_size_ = 0;
+  return file_.flush();
+}
+
+int BulkFile::close() {
+  held_size_ = 0;
+  return file_.close();
+}
+
+}  // namespace nvo::platform

@@ -1,0 +1,54 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "core/platform/file.h"
+
+namespace nvo::platform {
+
+/// Unit in which the system moves file data past its cache.
+inline constexpr std::size_t kBulkBlock = 4096;
+
+struct ReleaseBulk {
+  std::size_t size = 0;
+  void operator()(std::uint8_t* memory) const;
+};
+using BulkMemory = std::unique_ptr<std::uint8_t[], ReleaseBulk>;
+
+/// `size` zero bytes that begin on a block boundary and cost memory only once they are touched. Throws
+/// `bad_alloc`.
+BulkMemory allocate_bulk(std::size_t size);
+
+/// A new file that grows in order, to gigabytes. Whole blocks go to the disk past the page cache where the
+/// file system lets them: that is several times faster than filling the cache, and leaves the cache to other
+/// programs. The bytes of the file are the same either way. Functions return 0 or the system's error. For one
+/// thread.
+class BulkFile {
+ public:
+  /// Creates a file that does not exist yet; the error is "already exists" where it does.
+  int create_exclusive(const std::string& path);
+  bool is_open() const { return file_.is_open(); }
+
+  /// Appends bytes. They are taken from where they are if their address lies as far into a block as the end
+  /// of the file does; otherwise they are copied on the way.
+  int append(const void* data, std::size_t size);
+
+  /// Writes what is held back and sends everything on to the disk.
+  int flush();
+  int close();
+
+ private:
+  int write_blocks(const std::uint8_t* data, std::size_t size);
+  int write_copied(const std::uint8_t* data, std::size_t size);
+  void leave_direct_mode();
+
+  File file_;
+  bool direct_ = false;
+  BulkMemory held_;            ///< the unfinished block at the end of the file, and room to copy through
+  std::size_t held_size_ = 0;  ///< bytes of that block
+};
+
+}  // namespace nvo::platform

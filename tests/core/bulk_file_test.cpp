@@ -1,0 +1,53 @@
+#include "core/platform/bulk_file.h"
+
+#include <random>
+
+#include <gtest/gtest.h>
+
+#include "support/temp_dir.h"
+
+namespace nvo::platform {
+namespace {
+
+// Pieces of all sizes, from memory that lies in its block as the file does and from memory that doesn't.
+TEST(BulkFile, HoldsWhatWasAppendedInOrder) {
+  std::mt19937 random(5);
+  for (int round = 0; round < 20; ++round) {
+    const test::TempDir dir;
+    BulkFile file;
+    ASSERT_EQ(file.create_exclusive(dir.file("bulk")), 0);
+    std::string expected;
+    for (int piece = 0; piece < 12; ++piece) {
+      const std::size_t sizes[] = {random() % 64, random() % (3 * kBulkBlock), kBulkBlock * (random() % 4),
+                                   random() % 3'000'000};
+      const std::size_t size = sizes[random() % 4];
+      const BulkMemory memory = allocate_bulk(size + kBulkBlock);
+      std::uint8_t* const data =
+          memory.get() + (random() % 2 == 0 ? expected.size() % kBulkBlock : random() % kBulkBlock);
+      for (std::size_t i = 0; i < size; ++i) data[i] = static_cast<std::uint8_t>(i * 7 + piece + i / 251);
+      ASSERT_EQ(file.append(data, size), 0);
+      expected.append(reinterpret_cast<const char*>(data), size);
+    }
+    ASSERT_EQ(file.flush(), 0);
+    ASSERT_EQ(file.close(), 0);
+    EXPECT_TRUE(test::read_all(dir.file("bulk")) == expected) << round;
+  }
+}
+
+TEST(BulkFile, TakesANewNameOnlyAndServesAgainAfterClosing) {
+  const test::TempDir dir;
+  test::write_all(dir.file("there"), "x");
+  BulkFile file;
+  EXPECT_TRUE(means_already_exists(file.create_exclusive(dir.file("there"))));
+  for (const char* name : {"first", "second"}) {
+    ASSERT_EQ(file.create_exclusive(dir.file(name)), 0);
+    ASSERT_EQ(file.append(name, 5), 0);
+    ASSERT_EQ(file.flush(), 0);
+    ASSERT_EQ(file.close(), 0);
+  }
+  EXPECT_EQ(test::read_all(dir.file("first")), "first");
+  EXPECT_EQ(test::read_all(dir.file("second")), "secon");
+}
+
+}  // namespace
+}  // namespace nvo::platform
