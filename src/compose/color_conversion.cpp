@@ -106,7 +106,7 @@ struct ConversionKind {
   std::unique_ptr<IccConverter> WorkerIcc::*converter;
   std::string WorkerIcc::*error;
   bool WorkerIcc::*tried;
-  bool (IccConverter::*open)(const IccSettings&, std::string*);
+  bool (IccConverter::*open)(const IccSettings&, std::string*, bool quiet);
   const char* not_wanted;
   const char* failed;
 };
@@ -135,7 +135,7 @@ bool ensure_converter(WorkerIcc& slot, const ConversionKind& kind, const IccSett
     slot.*kind.tried = true;
     std::string reason;
     auto converter = std::make_unique<IccConverter>();
-    if ((*converter.*kind.open)(settings, &reason)) {
+    if ((*converter.*kind.open)(settings, &reason, slot.quiet)) {
       slot.*kind.converter = std::move(converter);
       (slot.*kind.error).clear();
     } else {
@@ -291,7 +291,7 @@ void IccConverter::Impl::close() {
 IccConverter::IccConverter() : impl_(std::make_unique<Impl>()) {}
 IccConverter::~IccConverter() = default;
 
-bool IccConverter::open_rgb_to_cmyk(const IccSettings& settings, std::string* error) {
+bool IccConverter::open_rgb_to_cmyk(const IccSettings& settings, std::string* error, bool quiet) {
   OpenedProfile input;
   if (settings.input_rgb_profile.empty()) {
     input.handle.reset(cmsCreate_sRGBProfileTHR(impl_->context.get()));
@@ -300,19 +300,21 @@ bool IccConverter::open_rgb_to_cmyk(const IccSettings& settings, std::string* er
     return false;
   }
   if (!impl_->open(std::move(input), /*from_cmyk=*/false, settings, error)) return false;
+  if (quiet) return true;
   log_info("IccConverter: RGB->CMYK [",
            settings.input_rgb_profile.empty() ? std::string_view("sRGB") : settings.input_rgb_profile, " -> ",
            settings.output_profile, "]");
   return true;
 }
 
-bool IccConverter::open_cmyk_to_cmyk(const IccSettings& settings, std::string* error) {
+bool IccConverter::open_cmyk_to_cmyk(const IccSettings& settings, std::string* error, bool quiet) {
   if (settings.input_cmyk_profile.empty()) return fail(error, "Input CMYK profile not specified");
   OpenedProfile input;
   if (!open_profile(impl_->context.get(), "input CMYK", settings.input_cmyk_profile, input, error))
     return false;
   if (!is_cmyk(input)) return fail(error, "Input profile is not CMYK: " + settings.input_cmyk_profile);
   if (!impl_->open(std::move(input), /*from_cmyk=*/true, settings, error)) return false;
+  if (quiet) return true;
   log_info("IccConverter: CMYK->CMYK [", settings.input_cmyk_profile, " -> ", settings.output_profile, "]");
   return true;
 }

@@ -23,8 +23,8 @@ class IccConverter {
 
   /// Opens the profiles that the settings name and builds the transform. On failure returns false with a text
   /// in `error` (may be null).
-  bool open_rgb_to_cmyk(const IccSettings& settings, std::string* error);
-  bool open_cmyk_to_cmyk(const IccSettings& settings, std::string* error);
+  bool open_rgb_to_cmyk(const IccSettings& settings, std::string* error, bool quiet = false);
+  bool open_cmyk_to_cmyk(const IccSettings& settings, std::string* error, bool quiet = false);
   /// Converts a row; `src` and `dst` are distinct. False when there is no transform or no pixel.
   bool transform(const std::uint8_t* src, std::uint8_t* dst, std::size_t pixels);
   void close();
@@ -45,6 +45,7 @@ struct WorkerIcc {
   std::unique_ptr<IccConverter> rgb, cmyk;
   std::string rgb_error, cmyk_error;
   bool rgb_tried = false, cmyk_tried = false;
+  bool quiet = false;  ///< opens its converters without a line in the log
 };
 
 /// Colour conversion of a job: which converter a thread uses, and what happens when there is none. A null

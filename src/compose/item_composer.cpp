@@ -82,6 +82,11 @@ std::string key_part(const char* name, ResamplingMode mode) {
 void ItemComposer::set_icc_settings(const IccSettings& settings) {
   conversion_.reset(settings);
   worker_icc_.clear();
+  row_icc_.clear();
+}
+
+void ItemComposer::require_workers(std::size_t count) {
+  while (worker_icc_.size() < count) worker_icc_.push_back(std::make_unique<WorkerIcc>());
 }
 
 void ItemComposer::compose_item(const LayoutItem& item, StripBuffer& strip, WorkerIcc* worker) {
@@ -296,7 +301,9 @@ std::uint64_t ItemComposer::raster_rows(const Plan& plan, const SourceView& view
     RowColor color = plan.color;
     std::optional<LeasePool<WorkerIcc>::Lease> lease;
     if (color.converter_ready && thread > 0) {
-      lease.emplace(worker_icc_.take());
+      lease.emplace(row_icc_.take());
+      (*lease)->quiet = true;  // the item's own converter has been announced
+      const CounterBook::Timer timer(counters_, &CompositorCounters::icc_init_ns);
       std::string error;
       const bool ready = plan.traits.is_rgb ? conversion_.init_rgb_icc(&**lease, error)
                                             : conversion_.init_cmyk_icc(&**lease, error);

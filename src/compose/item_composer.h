@@ -34,7 +34,10 @@ class ItemComposer {
 
   CounterBook& counters() { return counters_; }
   const CounterBook& counters() const { return counters_; }
-  LeasePool<WorkerIcc>& worker_icc() { return worker_icc_; }
+  /// The converters of item worker `worker`; for one strip at a time.
+  WorkerIcc& worker_icc(std::size_t worker) { return *worker_icc_[worker]; }
+  /// Makes sure that so many of them are there; they stay until the settings change.
+  void require_workers(std::size_t count);
 
  private:
   /// One item on one strip.
@@ -75,7 +78,8 @@ class ItemComposer {
   ColorConversion conversion_;
   ItemCaches caches_;
   CounterBook counters_;
-  LeasePool<WorkerIcc> worker_icc_;
+  std::vector<std::unique_ptr<WorkerIcc>> worker_icc_;
+  LeasePool<WorkerIcc> row_icc_;  ///< of threads that share an item's rows
   LeasePool<std::vector<std::uint8_t>> row_buffers_;
 };
 

@@ -2,6 +2,7 @@
 
 #include <memory>
 #include <mutex>
+#include <new>
 #include <utility>
 #include <vector>
 
@@ -47,9 +48,12 @@ class LeasePool {
   }
 
  private:
-  void give_back(std::unique_ptr<Object> object) {
+  void give_back(std::unique_ptr<Object> object) noexcept {
     const std::lock_guard lock(mutex_);
-    idle_.push_back(std::move(object));
+    try {
+      idle_.push_back(std::move(object));
+    } catch (const std::bad_alloc&) {  // the object is let go; the next user makes another
+    }
   }
 
   std::mutex mutex_;

@@ -152,9 +152,9 @@ void StripCompositor::compose_sequentially(const std::vector<const LayoutItem*>&
 void StripCompositor::compose_in_parallel(const std::vector<const LayoutItem*>& items, std::uint32_t threads,
                                           StripBuffer& strip) {
   const std::lock_guard one_strip(compose_mutex_);
-  parallel_ranges(items.size(), threads, [&](std::size_t begin, std::size_t end, std::size_t) {
-    const auto worker = composer_.worker_icc().take();
-    for (std::size_t i = begin; i < end; ++i) compose_item(*items[i], strip, &*worker);
+  composer_.require_workers(threads);
+  parallel_ranges(items.size(), threads, [&](std::size_t begin, std::size_t end, std::size_t worker) {
+    for (std::size_t i = begin; i < end; ++i) compose_item(*items[i], strip, &composer_.worker_icc(worker));
   });
 }
 

@@ -51,6 +51,8 @@ std::pair<TiffMeta, std::vector<std::uint8_t>> decode(const std::string& path) t
   std::vector<std::uint8_t> samples = reader.read_image();
   reader.close();
   return {std::move(tiff), std::move(samples)};
+} catch (const std::bad_alloc&) {
+  throw;
 } catch (const std::exception& failure) {
   throw std::runtime_error("ImageLoader: failed to load TIFF '" + path + "': " + failure.what());
 }

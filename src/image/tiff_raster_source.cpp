@@ -38,6 +38,8 @@ class TiffRasterSource final : public BandedRasterSource {
     try {
       read_presented(y, rows, out);
       return true;
+    } catch (const std::bad_alloc&) {
+      throw;
     } catch (const std::exception& failure) {
       fall_back(failure.what());
     } catch (...) {
@@ -71,6 +73,8 @@ class TiffRasterSource final : public BandedRasterSource {
     std::vector<std::uint8_t> image;
     try {
       read_presented(0, tiff_.height, image);
+    } catch (const std::bad_alloc&) {
+      throw;
     } catch (const std::exception& failure) {
       error = failure.what();
       return false;

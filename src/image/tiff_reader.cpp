@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <optional>
+#include <sstream>
 #include <stdexcept>
 #include <string_view>
 #include <utility>
@@ -15,6 +16,7 @@
 
 #include "core/checked.h"
 #include "core/log.h"
+#include "core/out_of_memory.h"
 #include "image/tiff_errors.h"
 #include "image/tiff_tags.h"
 
@@ -22,6 +24,10 @@ namespace nvo {
 namespace {
 
 constexpr std::size_t kMessageBytes = 512;
+
+// Read calls instead of a mapping of the whole file: memory does not grow with the file, and a file that
+// another program cuts short gives a read error instead of a bus error.
+constexpr const char* kReadUnmapped = "rm";
 
 /// A tile row that a neighbouring band may need too stays decoded if it is no larger than this.
 constexpr std::uint64_t kMaxKeptTileRowBytes = 64 << 20;
@@ -69,7 +75,7 @@ TiffHandle open_file(const std::string& path) {
     TIFFOpenOptionsSetWarningHandlerExtR(options, on_warning, nullptr);
     TIFFOpenOptionsSetErrorHandlerExtR(options, on_error, nullptr);
   }
-  TiffHandle tiff(TIFFOpenExt(path.c_str(), "r", options));
+  TiffHandle tiff(TIFFOpenExt(path.c_str(), kReadUnmapped, options));
   TIFFOpenOptionsFree(options);
   return tiff;
 }
@@ -113,21 +119,38 @@ struct Free {
   void operator()(void* memory) const { std::free(memory); }
 };
 
-/// A buffer that libtiff decodes into. It starts as zeros, since for a damaged piece libtiff may report
-/// success without having written all of it, and the pixels must be the same in every run. The zeros are the
-/// system's own for a large buffer: pages that no decoder writes cost no memory.
+/// A buffer that libtiff decodes into. Every decode finds zeros in it: for a damaged piece libtiff may report
+/// success without having written all of it, and the pixels must be the same in every run. The zeros of a new
+/// buffer are the system's own: pages that no decoder writes cost no memory, however large the file says that
+/// its pieces are.
 class DecodeBuffer {
  public:
+  /// Room for `bytes` zeros.
   std::uint8_t* require(std::uint64_t bytes, std::string_view name) {
     if (bytes > size_) {
-      bytes_.reset();
-      size_ = 0;
+      release();
       bytes_.reset(static_cast<std::uint8_t*>(std::calloc(bytes, 1)));
-      if (!bytes_) fail_tiff("not enough memory for a ", name, " buffer of ", bytes, " bytes");
+      if (!bytes_) {
+        std::ostringstream text;
+        text << "TiffReader: not enough memory for a " << name << " buffer of " << bytes << " bytes";
+        throw OutOfMemory(text.str());
+      }
       size_ = bytes;
       log_debug("TiffReader: ", name, " buffer of ", bytes, " bytes");
+    } else if (used_ != 0) {
+      std::memset(bytes_.get(), 0, used_);
     }
+    used_ = 0;
     return bytes_.get();
+  }
+
+  /// Says how much of the buffer the decoder has filled.
+  void set_used(std::uint64_t bytes) { used_ = bytes; }
+
+  /// After a decode that failed nobody knows what was written.
+  void release() {
+    bytes_.reset();
+    size_ = used_ = 0;
   }
 
   std::uint8_t* data() const { return bytes_.get(); }
@@ -135,6 +158,7 @@ class DecodeBuffer {
  private:
   std::unique_ptr<std::uint8_t, Free> bytes_;
   std::uint64_t size_ = 0;
+  std::uint64_t used_ = 0;  ///< bytes that may differ from 0
 };
 
 /// A strip, or a whole row of tiles, that stays decoded for the next read.
@@ -296,7 +320,11 @@ void TiffReader::Impl::decode_strip(std::uint32_t strip, std::uint64_t strip_byt
                                     std::uint64_t first_row, std::uint64_t row_bytes, DecodedRows& piece) {
   std::uint8_t* buffer = piece.buffer.require(strip_bytes, "strip");
   const auto decoded = TIFFReadEncodedStrip(tiff.get(), strip, buffer, static_cast<tmsize_t>(strip_bytes));
-  if (decoded < 0) fail_tiff("error reading strip ", strip);
+  if (decoded < 0) {
+    piece.buffer.release();
+    fail_tiff("error reading strip ", strip);
+  }
+  piece.buffer.set_used(static_cast<std::uint64_t>(decoded));
 
   const auto last_offset = tiff_product(wanted.to - 1 - first_row, row_bytes, "TIFF strip row offset");
   const auto needed = tiff_sum(last_offset, row_bytes, "TIFF strip row end");
@@ -309,7 +337,6 @@ void TiffReader::Impl::decode_strip(std::uint32_t strip, std::uint64_t strip_byt
 void TiffReader::Impl::read_tiles(const TiffMeta& meta, Band& band) {
   log_debug("TiffReader: partial tiled read y=", band.first(), " rows=", band.end() - band.first());
   const TileGrid grid(tiff.get(), meta);
-  tile.require(grid.tile_bytes, "tile");
 
   kept.deliver(band, grid.tile_length, meta.height);
   const auto first_tile_row = band.first() - band.first() % grid.tile_length;
@@ -324,6 +351,7 @@ void TiffReader::Impl::read_tiles(const TiffMeta& meta, Band& band) {
     if ((partly_wanted || number == 1) && whole_bytes && *whole_bytes <= kMaxKeptTileRowBytes) {
       DecodedRows& piece = kept.place_for(number);
       std::uint8_t* rows = piece.buffer.require(*whole_bytes, "tile row");
+      piece.buffer.set_used(*whole_bytes);
       decode_tile_row(grid, first_row, whole,
                       [&](std::uint64_t row) { return rows + (row - first_row) * band.row_bytes(); });
       piece.first_row = first_row;
@@ -342,8 +370,13 @@ void TiffReader::Impl::decode_tile_row(const TileGrid& grid, std::uint64_t first
   const auto tile_y = tile_position(first_row, "row");
   for (std::uint64_t column = 0; column < grid.image_width; column += grid.tile_width) {
     const auto tile_x = tile_position(column, "column");
-    const auto decoded = TIFFReadTile(tiff.get(), tile.data(), tile_x, tile_y, 0, 0);
-    if (decoded < 0) fail_tiff("error reading tile at ", tile_x, ",", tile_y);
+    std::uint8_t* const samples = tile.require(grid.tile_bytes, "tile");
+    const auto decoded = TIFFReadTile(tiff.get(), samples, tile_x, tile_y, 0, 0);
+    if (decoded < 0) {
+      tile.release();
+      fail_tiff("error reading tile at ", tile_x, ",", tile_y);
+    }
+    tile.set_used(static_cast<std::uint64_t>(decoded));
 
     const auto columns = std::min(grid.image_width - column, grid.tile_width);
     const auto copy_bytes = tiff_product(columns, grid.pixel_bytes, "TIFF tile copy bytes");
@@ -351,7 +384,7 @@ void TiffReader::Impl::decode_tile_row(const TileGrid& grid, std::uint64_t first
       const auto offset = tiff_product(row - first_row, grid.tile_row_bytes, "TIFF tile row offset");
       if (tiff_sum(offset, copy_bytes, "TIFF tile row end") > static_cast<std::uint64_t>(decoded))
         fail_tiff("truncated tile at ", tile_x, ",", tile_y);
-      std::memcpy(target(row) + column * grid.pixel_bytes, tile.data() + offset, copy_bytes);
+      std::memcpy(target(row) + column * grid.pixel_bytes, samples + offset, copy_bytes);
     }
   }
 }

@@ -129,32 +129,31 @@ void HosonWriter::check_strip(const std::vector<DropMap>& dropmaps, std::uint32_
   const DropMap& first = dropmaps.front();
   if (first.width != width_) throw std::runtime_error("HosonWriter::write_dropmaps_strip: width mismatch");
   if (without_rows) return;
-  require_in_bounds("write_dropmaps_strip", first.height, y);
+  require_in_bounds(first.height, y);
   for (const DropMap& map : dropmaps) {
     if (map.empty()) continue;
     const bool same_size = map.width == first.width && map.height == first.height;
     if (!same_size || map.data.size() < std::uint64_t{map.width} * map.height)
       throw std::runtime_error("HosonWriter::write_dropmaps_strip: inconsistent strip dropmap sizes");
   }
-  require_next("write_dropmaps_strip", first.height, y);
+  require_next(first.height, y);
 }
 
-void HosonWriter::require_in_bounds(const char* function, std::uint32_t rows, std::uint32_t y) const {
+void HosonWriter::require_in_bounds(std::uint32_t rows, std::uint32_t y) const {
   if (y >= height_ || rows > height_ - y)
-    throw std::runtime_error(std::string("HosonWriter::") + function + ": strip is out of device bounds");
+    throw std::runtime_error("HosonWriter::write_dropmaps_strip: strip is out of device bounds");
 }
 
-void HosonWriter::require_next(const char* function, std::uint32_t rows, std::uint32_t y) const {
+void HosonWriter::require_next(std::uint32_t rows, std::uint32_t y) const {
   if (std::uint64_t{y} + rows - 1 != next_row_)
-    throw std::runtime_error(std::string("HosonWriter::") + function +
-                             ": strips must be written in descending image-row order");
+    throw std::runtime_error(
+        "HosonWriter::write_dropmaps_strip: strips must be written in descending image-row order");
 }
 
-StripCycles HosonWriter::make_strip_cycles(std::uint32_t rows, std::uint32_t y, StripCycles spent) const {
-  constexpr const char* kFunction = "make_strip_cycles";
+StripCycles HosonWriter::make_strip_cycles(std::uint32_t rows, std::uint32_t y, StripCycles spent) {
   if (!open_) throw std::runtime_error("HosonWriter::make_strip_cycles: stream is not open");
   if (rows == 0) return {};
-  require_in_bounds(kFunction, rows, y);
+  require_in_bounds(rows, y);
   StripCycles strip;
   strip.rows = rows;
   strip.size = std::size_t{rows} * layout_.cycle_len;
@@ -176,24 +175,25 @@ StripCycles HosonWriter::make_strip_cycles(std::uint32_t rows, std::uint32_t y, 
     }
     PackedRows& channel = strip.channels[slots[slot]];
     std::uint8_t* const top = top_cycle + slot * layout_.stride;
-    if (channel.top)
+    if (channel.top) {
       channel.copies.push_back(top - channel.top);
-    else
-      channel = {top,
-                 -static_cast<std::ptrdiff_t>(layout_.cycle_len),
-                 {},
-                 layout_.stride - packed_dots_bytes(width_)};
+      continue;
+    }
+    channel.width = width_;
+    channel.top = top;
+    channel.step = -static_cast<std::ptrdiff_t>(layout_.cycle_len);
+    channel.padding = layout_.stride - packed_dots_bytes(width_);
+    channel.pack_ns = timing_ ? &packed_by_callers_ns_ : nullptr;
   }
   return strip;
 }
 
 void HosonWriter::write_cycles_strip(const StripCycles& strip, std::uint32_t y) {
-  constexpr const char* kFunction = "write_cycles_strip";
   if (!open_) throw std::runtime_error("HosonWriter::write_cycles_strip: stream is not open");
   if (strip.rows == 0) return;
   try {
-    require_in_bounds(kFunction, strip.rows, y);
-    require_next(kFunction, strip.rows, y);
+    require_in_bounds(strip.rows, y);
+    require_next(strip.rows, y);
     HosonWriterCounters counters;
     counters.rows = strip.rows;
     counters.bytes = strip.size;
@@ -312,12 +312,15 @@ void HosonWriter::write_dropmaps(const std::vector<DropMap>& dropmaps, const std
 
 HosonWriterCounters HosonWriter::counters() const {
   const std::lock_guard lock(counters_mutex_);
-  return counters_;
+  HosonWriterCounters totals = counters_;
+  totals.pack_ns += packed_by_callers_ns_;
+  return totals;
 }
 
 void HosonWriter::reset_counters() {
   const std::lock_guard lock(counters_mutex_);
   counters_ = {};
+  packed_by_callers_ns_ = 0;
 }
 
 }  // namespace nvo

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <array>
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <limits>
@@ -27,7 +28,7 @@ struct HosonWriterOptions {
 /// Totals of all strips since the last reset. The durations grow only while timing is on.
 struct HosonWriterCounters {
   std::uint64_t rows = 0, bytes = 0;
-  std::uint64_t pack_ns = 0;  ///< summed over the packing threads
+  std::uint64_t pack_ns = 0;  ///< summed over the packing threads, this writer's and those of packed strips
   std::uint64_t file_ns = 0;
 };
 
@@ -66,7 +67,7 @@ class HosonWriter {
 
   /// Room for a strip of `rows` rows, the top one device row `y`, in the form of the open stream's file.
   /// Blank slots are 0; the rest is for the caller to fill. The memory of `spent` is used again.
-  StripCycles make_strip_cycles(std::uint32_t rows, std::uint32_t y, StripCycles spent = {}) const;
+  StripCycles make_strip_cycles(std::uint32_t rows, std::uint32_t y, StripCycles spent = {});
 
   /// Flushes the file and moves it over the target. Without a stream it does nothing.
   void end_stream_write();
@@ -84,8 +85,8 @@ class HosonWriter {
 
   void create_temporary(const std::string& path);
   void check_strip(const std::vector<DropMap>& dropmaps, std::uint32_t y) const;
-  void require_in_bounds(const char* function, std::uint32_t rows, std::uint32_t y) const;
-  void require_next(const char* function, std::uint32_t rows, std::uint32_t y) const;
+  void require_in_bounds(std::uint32_t rows, std::uint32_t y) const;
+  void require_next(std::uint32_t rows, std::uint32_t y) const;
   void write_strip(const std::vector<DropMap>& dropmaps);
   void write_cycles(const std::uint8_t* cycles, HosonWriterCounters strip);
   /// Fills the strip buffer; returns the packing time, summed over the workers, or 0 without timing.
@@ -112,6 +113,7 @@ class HosonWriter {
   bool timing_ = false;
   mutable std::mutex counters_mutex_;
   HosonWriterCounters counters_;
+  std::atomic<std::uint64_t> packed_by_callers_ns_{0};
 };
 
 }  // namespace nvo

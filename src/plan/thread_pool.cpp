@@ -2,13 +2,19 @@
 
 #include <algorithm>
 #include <exception>
+#include <stdexcept>
 
 namespace nvo {
 
 ThreadPool::ThreadPool(std::size_t thread_count) {
   if (thread_count == 0) thread_count = std::max(1u, std::thread::hardware_concurrency());
   workers_.reserve(thread_count);
-  for (std::size_t i = 0; i < thread_count; ++i) workers_.emplace_back([state = state_] { work(state); });
+  try {
+    for (std::size_t i = 0; i < thread_count; ++i) workers_.emplace_back([state = state_] { work(state); });
+  } catch (...) {
+    shutdown(true);  // a thread that nobody joins would end the process
+    throw;
+  }
 }
 
 ThreadPool::~ThreadPool() {
@@ -32,10 +38,20 @@ void ThreadPool::work(const std::shared_ptr<State>& state) {
   }
 }
 
-void ThreadPool::shutdown(bool discard_pending) {
+void ThreadPool::post(std::function<void()> task) {
   {
     const std::lock_guard lock(state_->mutex);
-    if (discard_pending) state_->queue.clear();
+    if (state_->stopping) throw std::runtime_error("ThreadPool stopped");
+    state_->queue.push_back(std::move(task));
+  }
+  state_->wake.notify_one();
+}
+
+void ThreadPool::shutdown(bool discard_pending) {
+  std::deque<std::function<void()>> discarded;
+  {
+    const std::lock_guard lock(state_->mutex);
+    if (discard_pending) discarded.swap(state_->queue);
     state_->stopping = true;
   }
   state_->wake.notify_all();

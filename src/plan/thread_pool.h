@@ -7,7 +7,6 @@
 #include <future>
 #include <memory>
 #include <mutex>
-#include <stdexcept>
 #include <thread>
 #include <type_traits>
 #include <utility>
@@ -15,31 +14,38 @@
 
 namespace nvo {
 
-/// A fixed set of workers over one first-in-first-out queue. Tasks queued before `shutdown(false)` all run.
-class ThreadPool {
+/// Where tasks are left to be run, on threads of its own and in an order of its own.
+class Executor {
  public:
-  /// 0 workers means the hardware thread count, or 1 if that is unknown.
-  explicit ThreadPool(std::size_t thread_count);
-  ~ThreadPool();
-  ThreadPool(const ThreadPool&) = delete;
-  ThreadPool& operator=(const ThreadPool&) = delete;
+  Executor() = default;
+  virtual ~Executor() = default;
+  Executor(const Executor&) = delete;
+  Executor& operator=(const Executor&) = delete;
 
-  /// Queues `task(scratch_index)`; its result or exception arrives through the future. Throws after
-  /// `shutdown`.
+  /// Queues `task(scratch_index)`; its result or exception arrives through the future. Throws where the
+  /// executor takes no more tasks.
   template <class Task>
   auto submit(Task task, std::size_t scratch_index) -> std::future<std::invoke_result_t<Task&, std::size_t>> {
     using Result = std::invoke_result_t<Task&, std::size_t>;
     auto packaged = std::make_shared<std::packaged_task<Result()>>(
         [work = std::move(task), scratch_index]() mutable { return work(scratch_index); });
     auto result = packaged->get_future();
-    {
-      const std::lock_guard lock(state_->mutex);
-      if (state_->stopping) throw std::runtime_error("ThreadPool stopped");
-      state_->queue.emplace_back([packaged] { (*packaged)(); });
-    }
-    state_->wake.notify_one();
+    post([packaged] { (*packaged)(); });
     return result;
   }
+
+ private:
+  virtual void post(std::function<void()> task) = 0;
+};
+
+/// A fixed set of workers over one first-in-first-out queue. Tasks queued before `shutdown(false)` all run;
+/// after it `submit` throws.
+class ThreadPool final : public Executor {
+ public:
+  /// 0 workers means the hardware thread count, or 1 if that is unknown. Throws `system_error` where the
+  /// system gives no thread.
+  explicit ThreadPool(std::size_t thread_count);
+  ~ThreadPool() override;
 
   /// Ends the workers and joins them, after the queue is drained or, with `discard_pending`, thrown away.
   void shutdown(bool discard_pending);
@@ -52,6 +58,7 @@ class ThreadPool {
     bool stopping = false;
   };
   static void work(const std::shared_ptr<State>& state);
+  void post(std::function<void()> task) override;
 
   std::shared_ptr<State> state_ = std::make_shared<State>();
   std::vector<std::thread> workers_;

@@ -41,7 +41,7 @@ struct SheetRun {
   StripCompositor& compositor;
   RipEngine& engine;
   HosonWriter& writer;
-  ThreadPool* pool = nullptr;  ///< null when the channels run one after another
+  Executor* pool = nullptr;  ///< null when the channels run one after another
   std::array<RipEngine::ProcessScratch, kChannelCount> scratch{};
   StreamRipProfile profile;
 

@@ -15,6 +15,7 @@
 #include "plan/sheet_geometry.h"
 #include "rip/memory_estimate.h"
 #include "rip/sheet_run.h"
+#include "screen/device_grid.h"
 
 namespace nvo {
 namespace {
@@ -100,8 +101,6 @@ RipEngineParams engine_params(const RipJobOptions& options, const PrintMode& mod
   params.white_choke_adaptive_lightness_threshold = choke.lightness_threshold;
   params.color_resampling = sampling_of(options.color_resampling_mode);
   params.white_resampling = sampling_of(options.white_resampling_mode);
-  params.performance = options.performance;
-  params.performance_env = RipPerformanceEnv::snapshot();
   params.cache_dir = options.cache_dir;
   params.linear_lut = channel_curves(rip_settings);
   return params;
@@ -135,11 +134,18 @@ const IccSettings& effective_icc(const RipJobOptions& options) {
   return job_sets_any ? job : options.icc;
 }
 
-// A strip whose drop maps could not be held is refused before anything is read or allocated for it.
-void require_strip_fits(const RipJobOptions& options, const PrintMode& mode, std::uint32_t src_h,
-                        std::uint32_t dev_w) {
+// A strip whose drop maps could not be held is refused before anything is read or allocated for it. The row
+// buffers of the workers take as much as some rows of dots, however few rows the strip has.
+constexpr std::uint32_t kRowBuffersInRows = 256;
+
+void require_strip_fits(const RipJobOptions& options, const PrintMode& mode, std::uint32_t src_w,
+                        std::uint32_t src_h, std::uint32_t dev_w) {
   const std::uint32_t rows = std::min(options.strip_h_px, src_h);
-  checked_drop_map_bytes(dev_w, device_row(rows, src_h, options.src_dpi, mode.y_dpi));
+  const std::uint32_t dev_rows = device_row(rows, src_h, options.src_dpi, mode.y_dpi);
+  checked_drop_map_bytes(dev_w, std::max(dev_rows, kRowBuffersInRows));
+  // On sheets of a hundred feet and more the engine's f32 width and this one part by a dot.
+  if (DeviceScale scale(options.src_dpi, mode.x_dpi, mode.y_dpi); device_extent(src_w, scale.x) != dev_w)
+    throw std::runtime_error("HosonWriter::write_dropmaps_strip: width mismatch");
 }
 
 void log_streaming(std::uint32_t src_dpi, std::uint32_t y_dpi) {
@@ -262,7 +268,7 @@ void StreamRip::run(SheetLayout sheet, const std::string& output_path,
   if (parallel_channels) log_info("StreamRip: parallel channel RIP enabled, threads=", threads);
   const bool streaming = mode.y_dpi >= options.src_dpi;
   if (streaming) {
-    require_strip_fits(options, mode, src_h, dev_w);
+    require_strip_fits(options, mode, src_w, src_h, dev_w);
   } else {
     require_full_buffer_fits({src_w, src_h, dev_w, dev_h, choke.device_choke, choke.protect_light,
                               parallel_channels, options.color_resampling_mode == ResamplingMode::hard,
@@ -283,7 +289,7 @@ void StreamRip::run(SheetLayout sheet, const std::string& output_path,
   std::unique_ptr<ThreadPool> pool;
   if (parallel_channels) {
     pool = std::make_unique<ThreadPool>(threads);
-    engine.ensure_column_taps(src_w, dev_w);
+    engine.ensure_column_taps(src_w, engine.device_width(src_w));
   }
 
   SheetRun run{*this, options, output_path, mode,   choke,  src_w,      src_h, dev_w,

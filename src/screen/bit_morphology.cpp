@@ -76,7 +76,8 @@ bool ShapedRows::gather(std::size_t y, bool all_needed) {
 
 /// Rows join the result when only the columns that they are to be combined over are still to come, so that
 /// all of them share the steps across columns.
-void ShapedRows::combine(CombineRows combine_rows, CombineColumns combine_columns, std::uint64_t* out) {
+void ShapedRows::combine(CombineRows combine_rows, CombineColumns combine_columns, std::uint32_t overlap,
+                         std::uint64_t* out) {
   std::copy_n(entries_.front().row, words(), now_.data() + 1);
   for (auto begin = entries_.begin(); begin != entries_.end();) {
     const std::uint32_t width = begin->half_width;
@@ -87,15 +88,16 @@ void ShapedRows::combine(CombineRows combine_rows, CombineColumns combine_column
       const std::uint64_t* const four[] = {nth(0), nth(1), nth(2), nth(3)};
       combine_rows(now_.data() + 1, four, words());
     }
-    widen(combine_columns, width - (end == entries_.end() ? 0 : end->half_width));
+    widen(combine_columns, width - (end == entries_.end() ? 0 : end->half_width), overlap);
   }
   std::copy_n(now_.data() + 1, words(), out);
 }
 
-void ShapedRows::widen(CombineColumns combine_columns, std::uint32_t reach) {
+void ShapedRows::widen(CombineColumns combine_columns, std::uint32_t reach, std::uint32_t overlap) {
   for (std::uint32_t done = 0; done < reach;) {
     // What covers -done..done leaves no gap when it moves by up to 2 * done + 1.
-    const std::uint32_t shift = std::min({reach - done, 2 * done + 1, 63u});
+    const std::uint32_t furthest = 2 * done + 1 - std::min(overlap * done, done);
+    const std::uint32_t shift = std::min({reach - done, furthest, 63u});
     combine_columns(now_.data() + 1, next_.data() + 1, static_cast<int>(shift), words());
     now_.swap(next_);
     done += shift;
@@ -104,13 +106,15 @@ void ShapedRows::widen(CombineColumns combine_columns, std::uint32_t reach) {
 
 bool ErodedRows::compute(std::size_t y, std::uint64_t* out) {
   if (!gather(y, true)) return false;
-  combine(combine_rows<std::bit_and<>>, combine_columns<std::bit_and<>>, out);
+  combine(combine_rows<std::bit_and<>>, combine_columns<std::bit_and<>>, 0, out);
   return any_set(out, words());
 }
 
 bool DilatedRows::compute(std::size_t y, std::uint64_t* out) {
   if (!gather(y, false)) return false;
-  combine(combine_rows<std::bit_or<>>, combine_columns<std::bit_or<>>, out);
+  // A dot that a step carries out of the row is lost to the next step. With shifts of at most done + 1 every
+  // column has a dot between it and the source to be reached from, so none is missed at the borders.
+  combine(combine_rows<std::bit_or<>>, combine_columns<std::bit_or<>>, 1, out);
   out[words() - 1] &= ~std::uint64_t{0} >> (63 - (width() + std::uint64_t{63}) % 64);
   return true;
 }

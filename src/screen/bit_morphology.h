@@ -92,11 +92,13 @@ class ShapedRows : public ComputedRows {
   /// Lists the source's rows under the shape, nearest first. False if a row is clear or outside the mask and
   /// `all_needed` is set, or if there is nothing to list.
   bool gather(std::size_t y, bool all_needed);
-  void combine(CombineRows combine_rows, CombineColumns combine_columns, std::uint64_t* out);
+  /// With `overlap` 1 the steps across columns are shorter, each reaching back into what is covered.
+  void combine(CombineRows combine_rows, CombineColumns combine_columns, std::uint32_t overlap,
+               std::uint64_t* out);
 
  private:
   /// Combines each dot of the row in the making with those up to `reach` columns away.
-  void widen(CombineColumns combine_columns, std::uint32_t reach);
+  void widen(CombineColumns combine_columns, std::uint32_t reach, std::uint32_t overlap);
 
   struct Entry {
     std::uint32_t half_width;

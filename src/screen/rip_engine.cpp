@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "core/log.h"
+#include "core/platform/clock.h"
 #include "plan/thread_pool.h"
 #include "screen/device_choke.h"
 #include "screen/row_screener.h"
@@ -94,6 +95,18 @@ void choke_colour_plane(const ChokeContext& choke, std::vector<float>& plane) {
       plane[y * width + x] = ink;
     }
   }
+}
+
+/// `dots` is null for a row without drops.
+void put_packed_row(const std::uint8_t* dots, std::size_t row, const PackedRows& out) {
+  const std::size_t packed = packed_dots_bytes(out.width);
+  std::uint8_t* const target = out.top + static_cast<std::ptrdiff_t>(row) * out.step;
+  if (dots != nullptr)
+    pack_row(dots, out.width, target);
+  else
+    std::memset(target, 0, packed);
+  std::memset(target + packed, 0, out.padding);
+  for (const std::ptrdiff_t copy : out.copies) std::memcpy(target + copy, target, packed + out.padding);
 }
 
 const ScreeningKernels& chosen_kernels(const std::optional<InstructionSet>& set) {
@@ -218,17 +231,14 @@ void RipEngine::pack_strip(const PackedRows& out, const std::uint8_t* src, std::
                                   .choke = choke,
                                   .scratch = scratch},
                                  &window);
+  if (job.dev_w != out.width) throw std::invalid_argument("RipEngine::pack_strip: width mismatch");
   if (job.window.rows == 0) return;
-  const std::size_t packed = packed_dots_bytes(job.dev_w);
   screen_rows(job, [&](RowScreener& screener, RowBuffers& buffers, std::size_t y, std::size_t row) {
     buffers.dots.resize(job.dev_w);
-    std::uint8_t* const target = out.top + static_cast<std::ptrdiff_t>(row) * out.step;
-    if (screener.screen(y, buffers.dots.data()))
-      pack_row(buffers.dots.data(), job.dev_w, target);
-    else
-      std::memset(target, 0, packed);
-    std::memset(target + packed, 0, out.padding);
-    for (const std::ptrdiff_t copy : out.copies) std::memcpy(target + copy, target, packed + out.padding);
+    const bool has_drops = screener.screen(y, buffers.dots.data());
+    const std::uint64_t start = out.pack_ns ? platform::monotonic_nanoseconds() : 0;
+    put_packed_row(has_drops ? buffers.dots.data() : nullptr, row, out);
+    if (out.pack_ns) *out.pack_ns += platform::monotonic_nanoseconds() - start;
   });
 }
 

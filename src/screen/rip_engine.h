@@ -85,6 +85,9 @@ class RipEngine {
   const RipEngineParams& params() const { return params_; }
   const MaskCache& masks() const { return masks_; }
 
+  /// Device columns of a plane of `src_w` source columns.
+  std::uint32_t device_width(std::uint32_t src_w) const { return device_extent(src_w, scale_.x); }
+
   /// Rebuilds the table of column taps unless it is already for exactly these widths. Not to be called while
   /// another thread screens.
   void ensure_column_taps(std::uint32_t src_w, std::uint32_t dev_w);
@@ -110,7 +113,7 @@ class RipEngine {
                      const DeviceRowWindow* window = nullptr);
 
   /// The same strip screened into packed rows, with no map of bytes between: row r of the window goes to row
-  /// r of `out`. Throws as `process_strip`.
+  /// r of `out`. Throws as `process_strip`, and for rows of another width.
   void pack_strip(const PackedRows& out, const std::uint8_t* src, std::uint32_t src_w,
                   std::uint32_t strip_rows, std::uint32_t strip_src_y, std::uint32_t total_src_rows,
                   std::int32_t channel, const std::uint8_t* coverage_plane, const ChokeContext* choke,

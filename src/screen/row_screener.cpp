@@ -7,7 +7,8 @@ namespace nvo {
 
 RowScreener::RowScreener(const StripScreening& strip, RowBuffers& buffers)
     : strip_(strip), buffers_(buffers), rows_(strip.sampling, buffers) {
-  if (strip.colour_choke != nullptr) ring_.emplace(strip.sampling, buffers.memo);
+  if (strip.colour_choke != nullptr && !strip.colour_choke->ring.empty())
+    ring_.emplace(strip.sampling, buffers.memo);
 }
 
 /// The choke acts on the dots: a value that it sets to 0 gives level 0, and only the dots of the ring need

@@ -40,7 +40,7 @@ class RowScreener {
   const StripScreening& strip_;
   RowBuffers& buffers_;
   RowSampler rows_;
-  std::optional<DotSampler> ring_;  ///< with a colour choke
+  std::optional<DotSampler> ring_;  ///< where a colour choke has ring dots
 };
 
 /// The mask tile row of device row `y` of the strip. It repeats from the top of the plane, not of the strip,

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <stdexcept>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -296,6 +297,21 @@ TEST_F(TiffReaderTest, DamagedPixelsAreTheSameInEveryRun) {
     return reader.read_rows(0, 16);
   };
   EXPECT_EQ(read_after(0x11), read_after(0xEE));
+
+  TiffReader reader;
+  reader.open(NVO_FUZZ_CORPUS "/tiff/zip_tile_ends_early.tif");
+  reader.read_rows(16, 2);
+  EXPECT_EQ(reader.read_rows(0, 16), read_after(0x11)) << "nor do they hang on what was read before";
+}
+
+TEST_F(TiffReaderTest, AFileCutShortWhileItIsReadGivesAnError) {
+  TiffFile file;
+  file.width = 700, file.height = 600;
+  file.compression = COMPRESSION_NONE;
+  TiffReader reader = open(file);
+  reader.read_rows(0, 10);
+  std::filesystem::resize_file(path_, std::filesystem::file_size(path_) / 2);
+  EXPECT_THROW(reader.read_rows(590, 10), std::runtime_error);
 }
 
 /// Gives every tag of a file that states a size in pixels the value 1 << `bits`.

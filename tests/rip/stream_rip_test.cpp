@@ -6,54 +6,17 @@
 
 #include <gtest/gtest.h>
 
-#include "screen/rip_engine.h"
+#include "rip/rip_job.h"
 #include "support/failure.h"
-#include "support/log_capture.h"
-#include "support/print_file.h"
-#include "support/temp_dir.h"
-#include "support/tiff_file.h"
 
 namespace nvo {
 namespace {
 
+using test::failure_of;
+using test::Job;
+using test::picture;
 using test::PrintFile;
 using test::TiffFile;
-
-/// A job in a folder of its own; the masks are those of the build.
-struct Job {
-  test::LogCapture quiet;
-  test::TempDir dir;
-  StreamRip rip;
-  RipSettings settings;
-  std::string input = dir.file("art.tif");
-  std::string output = dir.file("art.prt");
-
-  Job() {
-    rip.options.cache_dir = NVO_TEST_MASK_DIR;
-    rip.options.print_mode = default_print_mode({});
-    rip.options.white_choke_enabled = false;
-    for (ChannelSettings& channel : settings.channels) channel = {255.0f, 1.0f, {}};
-  }
-
-  PrintFile run(float width_in = 0, float height_in = 0) {
-    rip.rip_single(input, output, settings, width_in, height_in);
-    return PrintFile(test::read_all(output));
-  }
-};
-
-using test::failure_of;
-
-/// A CMYK + white picture with slopes, edges and blank parts.
-TiffFile picture(std::uint32_t width, std::uint32_t height) {
-  return test::cmykw_tiff(width, height, [=](std::uint32_t x, std::uint32_t y, std::uint8_t* ink) {
-    const bool inside = (x / 16 + y / 64) % 3 != 0;
-    ink[0] = inside ? static_cast<std::uint8_t>(x * 255 / width) : 0;
-    ink[1] = inside ? static_cast<std::uint8_t>(y * 255 / height) : 0;
-    ink[2] = inside && (x ^ y) & 8 ? 170 : 0;
-    ink[3] = inside ? static_cast<std::uint8_t>((x * y) % 251) : 0;
-    ink[4] = inside ? static_cast<std::uint8_t>(x % 7 * 20) : 255;
-  });
-}
 
 TEST(StreamRip, SolidInkGivesItsLevelEverywhereRowsBottomUpSlotsInBoardOrder) {
   Job job;
@@ -219,6 +182,23 @@ TEST(StreamRip, BadOptionsAndSheetsThatCannotFitFailBeforeAnyFile) {
   job.rip.options.src_dpi = 0;
   EXPECT_EQ(failure_of([&] { job.run(); }), "StreamRip: src_dpi/x_dpi/y_dpi must be > 0");
   EXPECT_EQ(job.dir.names(), std::vector<std::string>{"art.tif"});
+}
+
+// Far out the two ways of sizing the device grid part by a dot; such a sheet is refused before it races or
+// overruns.
+TEST(StreamRip, SheetsBeyondTheExactRangeAreRefused) {
+  Job job;
+  job.rip.options.print_mode = *find_print_mode({}, "360x1200_2pass");
+  job.rip.options.parallel_channels_min_pixels = 1;
+  LayoutItem item;
+  item.path = job.input;
+  item.width_in = 1310727.0f / 300.0f;
+  item.height_in = 1.0f / 300.0f;
+  EXPECT_EQ(failure_of([&] {
+              job.rip.run({{item}, item.height_in}, job.output, job.settings);
+            }),
+            "HosonWriter::write_dropmaps_strip: width mismatch");
+  EXPECT_TRUE(job.dir.names().empty());
 }
 
 // A sheet that is coarser on the device than in the source goes through memory as a whole.

@@ -20,9 +20,9 @@ bool is_aligned(const std::uint8_t* data) {
 
 int BulkFile::create_exclusive(const std::string& path) {
   held_size_ = 0;
+  if (!held_) held_ = allocate_bulk(kCopyBytes);  // before the file is there, as it may throw
   if (const int error = file_.create_exclusive(path)) return error;
   direct_ = file_.set_direct(true);
-  if (direct_ && !held_) held_ = allocate_bulk(kCopyBytes);
   return 0;
 }
 
