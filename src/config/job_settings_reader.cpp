@@ -303,8 +303,7 @@ void normalize(JobSettings& job) {
   threshold = std::isnan(threshold) ? kDefaultLightness : std::clamp(threshold, 0.0f, kMaxLightness);
 }
 
-JobSettings read_job(const RipSettings& rip_settings, const std::string& path) {
-  JobSettings job = default_job_settings(rip_settings, load_icc_settings());
+JobSettings read_job(JobSettings job, const std::string& path) {
   json document;
   std::string error;
   bool missing = false;
@@ -334,14 +333,15 @@ JobSettings load_job_settings(const RipSettings& rip_settings) {
 }
 
 JobSettings load_job_settings(const RipSettings& rip_settings, const std::string& path) {
+  const JobSettings defaults = default_job_settings(rip_settings, load_icc_settings());
   try {
-    return read_job(rip_settings, path);
+    return read_job(defaults, path);
   } catch (const std::exception& e) {
     log_error("JobSettings: parse failed for '", path, "': ", e.what());
   } catch (...) {
     log_error("JobSettings: parse failed for '", path, "': unknown error");
   }
-  return default_job_settings(rip_settings, load_icc_settings());
+  return defaults;
 }
 
 }  // namespace nvo

@@ -146,6 +146,16 @@ TEST_F(JobSettingsFile, UnknownTokensAndLegacyModesAreNamed) {
   }
 }
 
+TEST_F(JobSettingsFile, AFaultOfTheColourFileIsToldOnce) {
+  std::filesystem::create_directory(dir.file("NVO_RIP"));
+  test::write_all(dir.file("NVO_RIP/icc_settings.json"), "{");
+  for (const char* text : {"{}", "{", R"({"output_channel_map":[7]})"}) {
+    const test::LogCapture log;
+    read(text);
+    EXPECT_EQ(log.count("IccSettings: "), 1u) << text;
+  }
+}
+
 TEST_F(JobSettingsFile, InstallationGivesTheDefaults) {
   rip.nesting_gap_in = -3;
   rip.sheet_width_in = 17;

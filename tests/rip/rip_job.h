@@ -37,8 +37,8 @@ struct Job {
 inline TiffFile picture(std::uint32_t width, std::uint32_t height) {
   return cmykw_tiff(width, height, [=](std::uint32_t x, std::uint32_t y, std::uint8_t* ink) {
     const bool inside = (x / 16 + y / 64) % 3 != 0;
-    ink[0] = inside ? static_cast<std::uint8_t>(x * 255 / width) : 0;
-    ink[1] = inside ? static_cast<std::uint8_t>(y * 255 / height) : 0;
+    ink[0] = static_cast<std::uint8_t>(inside ? x * 255 / width : 0);
+    ink[1] = static_cast<std::uint8_t>(inside ? y * 255 / height : 0);
     ink[2] = inside && (x ^ y) & 8 ? 170 : 0;
     ink[3] = inside ? static_cast<std::uint8_t>((x * y) % 251) : 0;
     ink[4] = inside ? static_cast<std::uint8_t>(x % 7 * 20) : 255;
