@@ -19,3 +19,16 @@ quietly() {
 configure() {
   quietly cmake --preset "$1" -DCMAKE_CXX_COMPILER_LAUNCHER="$(command -v ccache || true)" "${@:2}"
 }
+
+# Debian ships PDFium as a part of LibreOffice.
+debian_pdfium=/usr/lib/libreoffice/program/libpdfiumlo.so
+has_debian_pdfium() {
+  [[ -e "$debian_pdfium" ]]
+}
+
+# link_pdfium FOLDER: lets the programs in FOLDER find Debian's PDFium. A library that already stands there stays.
+link_pdfium() {
+  if has_debian_pdfium && [[ ! -e "$1/libpdfium.so" ]]; then
+    ln -sfn "$debian_pdfium" "$1/libpdfium.so"
+  fi
+}

@@ -4,8 +4,8 @@
 
 #include <benchmark/benchmark.h>
 
-#include "screen/kernels/pack_kernels.h"
 #include "output/prt_format.h"
+#include "screen/kernels/pack_kernels.h"
 
 namespace {
 

@@ -2,6 +2,7 @@
 #include <string>
 
 #include "app/app_version.h"
+#include "app/built_in_update_service.h"
 #include "app/run.h"
 #include "core/platform/file.h"
 #include "core/text.h"
@@ -44,5 +45,5 @@ int main(int argc, char** argv) {
     return nvo::kExitUsage;
   }
   nvo::platform::install_termination_cleanup();
-  return nvo::run(input, output);
+  return nvo::run(input, output, nvo::built_in_update_service());
 }

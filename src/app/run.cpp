@@ -5,6 +5,7 @@
 
 #include "app/job_driver.h"
 #include "app/output_path.h"
+#include "app/update_policy.h"
 #include "config/job_settings.h"
 #include "config/rip_settings.h"
 #include "core/log.h"
@@ -26,7 +27,8 @@ void adopt_job_values(RipSettings& rip_settings, const JobSettings& job) {
   rip_settings.max_length_in = job.max_length_in;
 }
 
-int run_guarded(const std::string& input_path, const std::string& explicit_output) {
+int run_guarded(const std::string& input_path, const std::string& explicit_output,
+                const UpdateService& update_service) {
   RipSettings rip_settings = load_rip_settings();
   const JobSettings job = load_job_settings(rip_settings);
 
@@ -47,6 +49,8 @@ int run_guarded(const std::string& input_path, const std::string& explicit_outpu
   log_info("Input:  ", input_path);
   log_info("Output: ", output_path);
 
+  if (!update_policy_allows_run(update_service)) return kExitUpdateRequired;
+
   adopt_job_values(rip_settings, job);
   run_job(input_path, output_path, rip_settings, job.icc, 0.0f, 0.0f, JobCallbacks(), &job, 0.0f);
   log_info("Done: ", output_path);
@@ -55,10 +59,10 @@ int run_guarded(const std::string& input_path, const std::string& explicit_outpu
 
 }  // namespace
 
-int run(const std::string& input_path, const std::string& output_path) {
+int run(const std::string& input_path, const std::string& output_path, const UpdateService& update_service) {
   Logger::instance().set_level(LogLevel::info);
   try {
-    return run_guarded(input_path, output_path);
+    return run_guarded(input_path, output_path, update_service);
   } catch (const std::exception& e) {
     log_error("Fatal: ", e.what());
     return kExitFailed;

@@ -65,7 +65,12 @@ bool BandedRasterSource::read_region(const RasterRegion& region, std::vector<std
     text = "requested region is out of bounds";
     return false;
   }
-  if (!read_rows(region.y, region.height, out, &text)) return false;
+  return read_rectangle(region, out, text);
+}
+
+bool BandedRasterSource::read_rectangle(const RasterRegion& region, std::vector<std::uint8_t>& out,
+                                        std::string& error) {
+  if (!read_rows(region.y, region.height, out, &error)) return false;
   if (region.width < meta_.width) crop_columns(region, row_bytes(), meta_.channel_count, out);
   return true;
 }

@@ -28,6 +28,8 @@ class BandedRasterSource : public RasterSource {
   /// Fills `out` with at least one row; the range lies within the image.
   virtual bool read_band(std::uint32_t y, std::uint32_t rows, std::vector<std::uint8_t>& out,
                          std::string& error) = 0;
+  /// The same for a rectangle; for formats that have no cheaper way it is cropped out of `read_rows`.
+  virtual bool read_rectangle(const RasterRegion& region, std::vector<std::uint8_t>& out, std::string& error);
 
   ImageMeta meta_;
   RasterReadStats stats_;

@@ -30,4 +30,8 @@ struct ImageFormat {
 /// The format that reads files of this extension (lower case, without the dot), or null.
 const ImageFormat* find_image_format(std::string_view extension);
 
+/// The format of a file to be loaded whole or probed, or null: by the text behind the last dot of its path. A
+/// path without a dot may itself be a raster extension of four letters ("jpeg").
+const ImageFormat* find_file_format(std::string_view path);
+
 }  // namespace nvo

@@ -37,7 +37,7 @@ std::uint64_t checked_mul(std::uint64_t a, std::uint64_t b, const std::string& l
 }
 
 LoadedImage load_image(const std::string& path) {
-  const ImageFormat* format = find_image_format(lower_extension(path));
+  const ImageFormat* format = find_file_format(path);
   if (!format) throw std::runtime_error("ImageLoader: unsupported image extension: " + path);
   return format->load(path);
 }

@@ -107,7 +107,7 @@ ProbeCache& probe_cache() {
 
 /// Looks into the file itself; fills all but the names.
 void probe_file(ImageProbeInfo& info) {
-  const ImageFormat* format = find_image_format(lower_extension(info.path));
+  const ImageFormat* format = find_file_format(info.path);
   if (!format) throw std::runtime_error("ImageMetaProbe: unsupported image extension: " + info.path);
 
   const ImageExtent extent = format->probe(info.path);

@@ -59,14 +59,14 @@ TEST(ChildProcess, IsEndedWithItsOwnChildrenAtALimit) {
   const std::string grandchild = dir.file("grandchild");
   ChildLimits limits = kRoomy;
   limits.time = 200ms;
-  const ChildResult late =
-      shell("/bin/sleep 1000 & echo $! >'" + grandchild + "'; echo begun; wait", limits);
+  const ChildResult late = shell("/bin/sleep 1000 & echo $! >'" + grandchild + "'; echo begun; wait", limits);
   EXPECT_EQ(late.end, ChildEnd::timed_out);
   EXPECT_EQ(late.output, "begun\n");
   const std::string state = "/proc/" + std::to_string(std::stoi(test::read_all(grandchild))) + "/stat";
   while (test::read_all(state).find(" S ") != std::string::npos) std::this_thread::yield();
 
-  EXPECT_EQ(shell("exec >&- 2>&-; exec /bin/sleep 1000", limits).end, ChildEnd::timed_out) << "outputs closed";
+  EXPECT_EQ(shell("exec >&- 2>&-; exec /bin/sleep 1000", limits).end, ChildEnd::timed_out)
+      << "outputs closed";
 
   limits = kRoomy;
   limits.standard_output = 10;
@@ -75,8 +75,9 @@ TEST(ChildProcess, IsEndedWithItsOwnChildrenAtALimit) {
 
   limits = kRoomy;
   limits.address_space = 64 << 20;
-  EXPECT_NE(shell("exec /usr/bin/head -c 100000000 /dev/zero | /usr/bin/tail -n 1 | /usr/bin/wc -c", limits).output,
-            "100000000\n");
+  EXPECT_NE(
+      shell("exec /usr/bin/head -c 100000000 /dev/zero | /usr/bin/tail -n 1 | /usr/bin/wc -c", limits).output,
+      "100000000\n");
 }
 
 TEST(ChildProcess, ManyDiagnosticsAreCutAndDoNotBlock) {

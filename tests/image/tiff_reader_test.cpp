@@ -1,8 +1,8 @@
 #include "image/tiff_reader.h"
 
 #include <algorithm>
-#include <stdexcept>
 #include <filesystem>
+#include <stdexcept>
 #include <string>
 #include <vector>
 

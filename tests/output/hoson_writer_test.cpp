@@ -96,8 +96,9 @@ TEST(HosonWriter, PackedStripsKeepTheOrderToo) {
   writer.begin_stream_write(dir.file("a.prt"), 8, 5);
   writer.write_cycles_strip(writer.make_strip_cycles(0, 3), 3);
   const StripCycles two = writer.make_strip_cycles(2, 2);
-  EXPECT_EQ(failure_of([&] { writer.write_cycles_strip(two, 2); }),
-            "runtime: HosonWriter::write_dropmaps_strip: strips must be written in descending image-row order");
+  EXPECT_EQ(
+      failure_of([&] { writer.write_cycles_strip(two, 2); }),
+      "runtime: HosonWriter::write_dropmaps_strip: strips must be written in descending image-row order");
   EXPECT_TRUE(dir.names().empty()) << "a bad strip costs the file";
   writer.begin_stream_write(dir.file("a.prt"), 8, 5);
   EXPECT_EQ(failure_of([&] { writer.write_cycles_strip(two, 4); }),

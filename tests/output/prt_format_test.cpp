@@ -8,8 +8,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "screen/kernels/pack_kernels.h"
 #include "output/test_drops.h"
+#include "screen/kernels/pack_kernels.h"
 
 namespace nvo {
 namespace {

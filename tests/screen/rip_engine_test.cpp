@@ -126,7 +126,8 @@ void expect_packed(RipEngine& engine, const std::vector<std::uint8_t>& strip,
     }
     std::memcpy(target + slot, target, packed);
   }
-  const PackedRows out{expected.width, bytes.data() + (window.rows - 1) * cycle,
+  const PackedRows out{expected.width,
+                       bytes.data() + (window.rows - 1) * cycle,
                        -static_cast<std::ptrdiff_t>(cycle),
                        {static_cast<std::ptrdiff_t>(slot)},
                        padding};

@@ -5,8 +5,9 @@
 
 namespace nvo::platform {
 
-/// Broken-down local time; safe to call from any thread.
+/// Broken-down time; safe to call from any thread.
 std::tm local_time(std::time_t time);
+std::tm utc_time(std::time_t time);
 
 /// Nanoseconds of the system's monotonic clock.
 std::uint64_t monotonic_nanoseconds();

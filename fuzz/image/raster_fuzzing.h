@@ -1,0 +1,53 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <exception>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include "image/decode/raster_decoder.h"
+
+namespace nvo::fuzz {
+
+/// A file in memory, reachable through a path.
+class MemoryFile {
+ public:
+  MemoryFile(const std::uint8_t* data, std::size_t size) : descriptor_(::memfd_create("fuzz", MFD_CLOEXEC)) {
+    written_ = descriptor_ >= 0 && ::write(descriptor_, data, size) == static_cast<ssize_t>(size);
+  }
+  ~MemoryFile() { ::close(descriptor_); }
+  MemoryFile(const MemoryFile&) = delete;
+  MemoryFile& operator=(const MemoryFile&) = delete;
+
+  bool written() const { return written_; }
+  std::string path() const { return "/proc/self/fd/" + std::to_string(descriptor_); }
+
+ private:
+  int descriptor_;
+  bool written_ = false;
+};
+
+using OpenDecoder = std::unique_ptr<RasterDecoder> (*)(ByteReader reader);
+
+/// Any bytes as an image: all rows, or an exception.
+inline void decode_image(OpenDecoder open, const std::uint8_t* data, std::size_t size) {
+  constexpr std::uint64_t kMaxPixels = 4 << 20;  // larger images only cost time
+  const MemoryFile file(data, size);
+  if (!file.written()) return;
+  try {
+    const auto decoder = open(ByteReader(file.path()));
+    const RasterInfo& info = decoder->info();
+    if (info.width == 0 || std::uint64_t{info.width} * info.height > kMaxPixels) return;
+    decoder->start();
+    std::vector<std::uint8_t> row(decoder->row_bytes());
+    for (std::uint32_t y = 0; y < info.height; ++y) decoder->read_row(row.data());
+  } catch (const std::exception&) {
+  }
+}
+
+}  // namespace nvo::fuzz

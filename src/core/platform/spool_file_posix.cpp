@@ -1,0 +1,76 @@
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+#include <system_error>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "core/platform/spool_file.h"
+
+namespace nvo::platform {
+namespace {
+
+constexpr std::size_t kMaxTransfer = std::size_t{1} << 30;  // one call takes less than 2 GiB
+
+/// Descriptor, or minus the error.
+int open_unnamed(const std::string& folder) {
+#ifdef O_TMPFILE
+  const int unnamed = ::open(folder.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600);
+  if (unnamed >= 0) return unnamed;
+#endif
+  // Some file systems know only files with names.
+  std::string name = folder + "/nvo_spool_XXXXXX";
+  const int named = ::mkostemp(name.data(), O_CLOEXEC);
+  if (named < 0) return -errno;
+  ::unlink(name.c_str());
+  return named;
+}
+
+}  // namespace
+
+SpoolFile::~SpoolFile() {
+  if (descriptor_ >= 0) ::close(descriptor_);
+}
+
+int SpoolFile::create() {
+  std::error_code error;
+  const auto folder = std::filesystem::temp_directory_path(error);
+  if (error) return error.value();
+  const int descriptor = open_unnamed(folder.string());
+  if (descriptor < 0) return -descriptor;
+  if (descriptor_ >= 0) ::close(descriptor_);
+  descriptor_ = descriptor;
+  return 0;
+}
+
+int SpoolFile::append(const void* data, std::size_t size) {
+  const auto* bytes = static_cast<const char*>(data);
+  while (size != 0) {
+    const ssize_t written = ::write(descriptor_, bytes, std::min(size, kMaxTransfer));
+    if (written < 0 && errno == EINTR) continue;
+    if (written < 0) return errno;
+    if (written == 0) return EIO;
+    bytes += written;
+    size -= static_cast<std::size_t>(written);
+  }
+  return 0;
+}
+
+int SpoolFile::read_at(std::uint64_t offset, void* data, std::size_t size) const {
+  auto* bytes = static_cast<char*>(data);
+  while (size != 0) {
+    const ssize_t got = ::pread(descriptor_, bytes, std::min(size, kMaxTransfer), static_cast<off_t>(offset));
+    if (got < 0 && errno == EINTR) continue;
+    if (got < 0) return errno;
+    if (got == 0) return EIO;
+    bytes += got;
+    offset += static_cast<std::uint64_t>(got);
+    size -= static_cast<std::size_t>(got);
+  }
+  return 0;
+}
+
+}  // namespace nvo::platform

@@ -1,0 +1,214 @@
+#include <algorithm>
+#include <array>
+#include <csetjmp>
+#include <cstdio>  // jpeglib.h takes FILE as given
+#include <memory>
+#include <span>
+#include <utility>
+
+#include <jerror.h>
+#include <jpeglib.h>
+
+#include "image/decode/raster_decoder.h"
+
+namespace nvo {
+namespace {
+
+#ifndef JCS_ALPHA_EXTENSIONS
+#error "libjpeg-turbo with RGBA output is needed"
+#endif
+
+constexpr int kMaxScans = 100;  // a progressive file has about ten; each costs a pass over the whole image
+constexpr std::uint64_t kBlocksPerByte =
+    8;  // the shortest Huffman code has one bit, and a block has one code
+constexpr UINT8 kDensityPerCm = 2;
+constexpr double kCmPerInch = 2.54;
+constexpr JOCTET kEndOfImage[] = {0xFF, JPEG_EOI};
+
+/// What libjpeg's callbacks see. They must not throw.
+struct JpegState {
+  explicit JpegState(ByteReader opened) : reader(std::move(opened)) {}
+
+  jpeg_error_mgr errors{};
+  jpeg_source_mgr source{};
+  jpeg_progress_mgr progress{};
+  std::jmp_buf failed{};
+  bool multi_scan = false;
+  std::array<char, JMSG_LENGTH_MAX> message{};
+  ByteReader reader;
+};
+
+JpegState& state_of(j_common_ptr jpeg) {
+  return *static_cast<JpegState*>(jpeg->client_data);
+}
+
+[[noreturn]] void on_error(j_common_ptr jpeg) {
+  JpegState& state = state_of(jpeg);
+  jpeg->err->format_message(jpeg, state.message.data());
+  std::longjmp(state.failed, 1);
+}
+
+[[noreturn]] void fail(j_common_ptr jpeg, const char* text) {
+  JpegState& state = state_of(jpeg);
+  std::snprintf(state.message.data(), state.message.size(), "%s", text);
+  std::longjmp(state.failed, 1);
+}
+
+/// libjpeg goes on with gray areas where data is missing or wrong; such warnings end the decoding here.
+/// Others (stray bytes between markers, odd version numbers) cost no pixels.
+void on_message(j_common_ptr jpeg, int level) {
+  constexpr int kPixelLosses[] = {JWRN_HIT_MARKER, JWRN_HUFF_BAD_CODE, JWRN_MUST_RESYNC};
+  if (level < 0 && std::ranges::find(kPixelLosses, jpeg->err->msg_code) != std::end(kPixelLosses))
+    on_error(jpeg);
+}
+
+void on_output(j_common_ptr) {}
+
+void on_progress(j_common_ptr jpeg) {
+  if (reinterpret_cast<j_decompress_ptr>(jpeg)->input_scan_number > kMaxScans) fail(jpeg, "too many scans");
+}
+
+void no_source_call(j_decompress_ptr) {}
+
+/// A file with one scan may lack its end marker; with several, the rest of the scans would be missing.
+boolean fill_input(j_decompress_ptr jpeg) {
+  const auto common = reinterpret_cast<j_common_ptr>(jpeg);
+  JpegState& state = state_of(common);
+  std::span<const JOCTET> block = state.reader.next_block();
+  if (block.empty() && state.multi_scan) fail(common, "the file ends early");
+  if (block.empty()) block = kEndOfImage;
+  state.source.next_input_byte = block.data();
+  state.source.bytes_in_buffer = block.size();
+  return TRUE;
+}
+
+void skip_input(j_decompress_ptr jpeg, long count) {
+  if (count <= 0) return;
+  JpegState& state = state_of(reinterpret_cast<j_common_ptr>(jpeg));
+  const auto wanted = static_cast<std::size_t>(count);
+  const std::size_t here = std::min(wanted, state.source.bytes_in_buffer);
+  state.source.next_input_byte += here;
+  state.source.bytes_in_buffer -= here;
+  if (wanted > here) state.reader.skip(wanted - here);
+}
+
+void connect(jpeg_decompress_struct& jpeg, JpegState& state) {
+  jpeg.err = jpeg_std_error(&state.errors);
+  state.errors.error_exit = on_error;
+  state.errors.emit_message = on_message;
+  state.errors.output_message = on_output;
+  jpeg.client_data = &state;
+  state.source.init_source = no_source_call;
+  state.source.fill_input_buffer = fill_input;
+  state.source.skip_input_data = skip_input;
+  state.source.resync_to_restart = jpeg_resync_to_restart;
+  state.source.term_source = no_source_call;
+  state.progress.progress_monitor = on_progress;
+}
+
+/// Runs calls of libjpeg; false when one failed. It leaves by longjmp, so `calls` may hold nothing that has a
+/// destructor.
+template <class Calls>
+bool guarded(JpegState& state, const Calls& calls) {
+  if (setjmp(state.failed) != 0) return false;
+  calls();
+  return true;
+}
+
+/// Light that the ink and black leave, in place. Adobe's files store ink as its complement.
+void cmyk_to_rgba(std::uint8_t* pixel, std::size_t count, bool stored_as_complement) {
+  const std::uint8_t flip = stored_as_complement ? 0x00 : 0xFF;
+  for (std::size_t i = 0; i < count; ++i, pixel += kRgbaBytes) {
+    const unsigned key = static_cast<std::uint8_t>(pixel[3] ^ flip);
+    for (int channel = 0; channel < 3; ++channel) {
+      const unsigned light = static_cast<std::uint8_t>(pixel[channel] ^ flip);
+      pixel[channel] = static_cast<std::uint8_t>((light * key + 127) / 255);
+    }
+    pixel[3] = 0xFF;
+  }
+}
+
+class JpegDecoder final : public RasterDecoder {
+ public:
+  explicit JpegDecoder(ByteReader reader) : state_(std::make_unique<JpegState>(std::move(reader))) {
+    connect(jpeg_, *state_);
+    if (!read_header()) {
+      const DecodeError error = failure();
+      jpeg_destroy_decompress(&jpeg_);
+      throw error;
+    }
+  }
+  ~JpegDecoder() override { jpeg_destroy_decompress(&jpeg_); }
+  JpegDecoder(const JpegDecoder&) = delete;
+  JpegDecoder& operator=(const JpegDecoder&) = delete;
+
+  void read_row(std::uint8_t* rgba) override {
+    const bool done = guarded(*state_, [&] {
+      if (!started_) jpeg_start_decompress(&jpeg_);
+      started_ = true;
+      jpeg_read_scanlines(&jpeg_, &rgba, 1);
+    });
+    if (!done) throw failure();
+    if (jpeg_.out_color_space == JCS_CMYK) cmyk_to_rgba(rgba, info_.width, jpeg_.saw_Adobe_marker);
+  }
+
+ private:
+  bool read_header() {
+    return guarded(*state_, [&] {
+      jpeg_create_decompress(&jpeg_);
+      jpeg_.src = &state_->source;
+      jpeg_.progress = &state_->progress;
+      jpeg_read_header(&jpeg_, TRUE);
+      state_->multi_scan = jpeg_has_multiple_scans(&jpeg_);
+      describe();
+    });
+  }
+
+  void describe() {
+    info_.width = jpeg_.image_width;
+    info_.height = jpeg_.image_height;
+    info_.needs_whole_frame = state_->multi_scan;
+    if (!jpeg_.saw_JFIF_marker || jpeg_.density_unit == 0) return;
+    const double per_inch = jpeg_.density_unit == kDensityPerCm ? kCmPerInch : 1.0;
+    info_.dpi_x = jpeg_.X_density * per_inch;
+    info_.dpi_y = jpeg_.Y_density * per_inch;
+  }
+
+  void prepare() override {
+    // Its codes have no least length, so that no size could be doubted; other readers refuse it too.
+    if (jpeg_.arith_code) throw DecodeError("JPEG: arithmetic coding is not supported");
+    for (const jpeg_component_info& part : std::span(jpeg_.comp_info, jpeg_.num_components)) {
+      const std::uint64_t blocks = std::uint64_t{part.width_in_blocks} * part.height_in_blocks;
+      if (blocks / kBlocksPerByte > state_->reader.size())
+        throw DecodeError("JPEG: the file is too short for its size in pixels");
+    }
+    switch (jpeg_.jpeg_color_space) {
+      case JCS_GRAYSCALE:
+      case JCS_RGB:
+      case JCS_YCbCr:
+        jpeg_.out_color_space = JCS_EXT_RGBA;
+        break;
+      case JCS_CMYK:
+      case JCS_YCCK:
+        jpeg_.out_color_space = JCS_CMYK;
+        break;
+      default:
+        throw DecodeError("JPEG: unknown colour space");
+    }
+    jpeg_.do_block_smoothing = FALSE;  // how it guesses pixels differs between versions of the library
+  }
+
+  DecodeError failure() const { return DecodeError(std::string("JPEG: ") + state_->message.data()); }
+
+  std::unique_ptr<JpegState> state_;
+  jpeg_decompress_struct jpeg_{};
+  bool started_ = false;
+};
+
+}  // namespace
+
+std::unique_ptr<RasterDecoder> open_jpeg_decoder(ByteReader reader) {
+  return std::make_unique<JpegDecoder>(std::move(reader));
+}
+
+}  // namespace nvo

@@ -1,0 +1,40 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <vector>
+
+#include "core/platform/spool_file.h"
+#include "image/decode/raster_decoder.h"
+
+namespace nvo {
+
+/// Any rows of an image whose format gives them from the top only. The image is decoded once, as far down as
+/// somebody has asked; decoded rows are kept in memory when the whole image is small, else in an unnamed
+/// temporary file of width x height x 4 bytes, which the system's page cache serves. One thread at a time.
+class SpooledRows {
+ public:
+  /// `decoder` is started and stands before its first row.
+  explicit SpooledRows(std::unique_ptr<RasterDecoder> decoder);
+
+  /// Copies `height` rows of `width` RGBA pixels; the rectangle lies within the image. Throws DecodeError
+  /// when the file is damaged before the rectangle's last row or the temporary file fails.
+  void read(std::uint32_t x, std::uint32_t y, std::uint32_t width, std::uint32_t height, std::uint8_t* out);
+
+ private:
+  void decode_to(std::uint32_t end);
+  void append_rows(std::uint32_t count);
+  void copy(std::uint64_t offset, std::size_t bytes, std::uint8_t* out) const;
+  bool is_filed() const { return file_.has_value(); }
+
+  std::unique_ptr<RasterDecoder> decoder_;  // null once it has given all rows
+  std::size_t row_bytes_;
+  std::uint32_t rows_;
+  std::uint32_t rows_done_ = 0;
+  std::vector<std::uint8_t> memory_;  // the image, or a block of rows on their way to the file
+  std::optional<platform::SpoolFile> file_;
+};
+
+}  // namespace nvo

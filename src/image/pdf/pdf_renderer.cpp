@@ -1,0 +1,130 @@
+#include "image/pdf/pdf_renderer.h"
+
+#include <algorithm>
+#include <cmath>
+#include <exception>
+#include <filesystem>
+#include <stdexcept>
+#include <system_error>
+#include <utility>
+
+#include "core/log.h"
+#include "core/platform/paths.h"
+#include "core/text.h"
+#include "image/pdf/pdfium_backend.h"
+#include "image/pdf/poppler_backend.h"
+#include "image/pdf/spot_candidate_scan.h"
+#include "image/pdf/spot_white.h"
+
+namespace nvo {
+namespace {
+
+namespace fs = std::filesystem;
+
+/// A file that isn't there passes; the back-ends report it in their own words.
+void check_file_size(const std::string& path) try {
+  const fs::path file = platform::to_path(path);
+  if (!fs::is_regular_file(file)) return;
+  std::error_code error;
+  const std::uint64_t size = fs::file_size(file, error);
+  if (error) throw std::runtime_error("PdfRenderer: cannot inspect PDF file size before render: " + path);
+  if (size > kMaxPdfBytes)
+    throw std::runtime_error("PdfRenderer: PDF file exceeds 512 MiB safety cap: " + path);
+} catch (const fs::filesystem_error& error) {
+  throw std::runtime_error(std::string("PdfRenderer: cannot inspect PDF file before render: ") +
+                           error.what());
+}
+
+PdfRequest checked_request(const std::string& path, std::uint32_t page_index, float dpi) {
+  if (lower_extension(path) != "pdf") throw std::runtime_error("PdfRenderer: expected a .pdf file: " + path);
+  if (!std::isfinite(dpi) || dpi <= 0.0f)
+    throw std::runtime_error("PdfRenderer: dpi must be a positive finite value");
+  check_file_size(path);
+  return {path, page_index, dpi};
+}
+
+/// Stays the same as long as the file does.
+std::string memo_key(const std::string& path) {
+  const fs::path file = platform::to_path(path);
+  std::error_code error;
+  const fs::path canonical = fs::canonical(file, error);
+  if (error) return path;
+  const std::uint64_t size = fs::file_size(file, error);
+  if (error) return path;
+  const auto time = fs::last_write_time(file, error);
+  if (error) return path;
+  return platform::to_utf8(canonical) + "|" + std::to_string(size) + "|" +
+         std::to_string(time.time_since_epoch().count());
+}
+
+bool has_translucent_pixel(const std::vector<std::uint8_t>& rgba) {
+  for (std::size_t i = 3; i < rgba.size(); i += 4)
+    if (rgba[i] != 255) return true;
+  return false;
+}
+
+void add_spot_white(const PdfRequest& request, PdfRenderResult& result) {
+  SpotWhiteResult spot = extract_spot_white(request.path, request.page_index, result.width, result.height);
+  result.has_spot_white = !spot.spot_white_coverage.empty();
+  result.spot_white_coverage = std::move(spot.spot_white_coverage);
+  result.process_alpha_coverage = std::move(spot.process_alpha_coverage);
+  result.spot_status = std::move(spot.status);
+}
+
+}  // namespace
+
+PdfRenderer::PdfRenderer(PdfiumLibrary& pdfium, std::unique_ptr<PdfBackend> fallback)
+    : library_(pdfium), fallback_(std::move(fallback)) {
+  if (pdfium.available()) pdfium_ = std::make_unique<PdfiumBackend>(pdfium);
+}
+
+PdfRenderer& PdfRenderer::instance() {
+  static PdfRenderer renderer(PdfiumLibrary::instance(), std::make_unique<PopplerBackend>());
+  return renderer;
+}
+
+PdfPageInfo PdfRenderer::probe(const std::string& path, std::uint32_t page_index, float dpi) {
+  const PdfRequest request = checked_request(path, page_index, dpi);
+  PdfPageInfo page = run("probe", &PdfBackend::probe, request);
+  page.has_spot_candidate = file_has_spot_candidate(path);
+  return page;
+}
+
+PdfRenderResult PdfRenderer::render(const std::string& path, std::uint32_t page_index, float dpi) {
+  const PdfRequest request = checked_request(path, page_index, dpi);
+  PdfRenderResult result = run("render", &PdfBackend::render, request);
+  result.has_alpha = has_translucent_pixel(result.rgba);
+  result.has_spot_candidate = file_has_spot_candidate(path);
+  add_spot_white(request, result);
+  return result;
+}
+
+template <class Result>
+Result PdfRenderer::run(const char* operation, Result (PdfBackend::*run_backend)(const PdfRequest&),
+                        const PdfRequest& request) {
+  const std::string key = memo_key(request.path);
+  const std::string what = std::string(operation) + " '" + request.path + "'";
+  if (!pdfium_) {
+    log_once(operation, "PDFiumUnavailable", key,
+             "PdfRenderer: PDFium backend unavailable; using Poppler fallback for " + what + ": " +
+                 library_.unavailable_reason());
+  } else if (!memo_.has_failed(key)) {
+    log_once(operation, "PDFium", key, "PdfRenderer: selected PDFium backend for " + what);
+    try {
+      return (pdfium_.get()->*run_backend)(request);
+    } catch (const std::exception& failure) {
+      if (memo_.record_failure(key))
+        log_warn("PdfRenderer: PDFium ", operation, " failed for '", request.path,
+                 "'; falling back to Poppler: ", failure.what());
+    }
+  }
+  log_once(operation, "Poppler", key, "PdfRenderer: selected Poppler backend for " + what);
+  return (fallback_.get()->*run_backend)(request);
+}
+
+void PdfRenderer::log_once(const char* operation, const char* backend, const std::string& key,
+                           const std::string& line) {
+  if (memo_.is_first(std::string(operation) + "|" + backend + "|" + key)) log_info(line);
+}
+
+}  // namespace nvo

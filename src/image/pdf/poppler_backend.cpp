@@ -1,0 +1,253 @@
+#include "image/pdf/poppler_backend.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <charconv>
+#include <cstdio>
+#include <filesystem>
+#include <limits>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "core/platform/child_process.h"
+#include "core/platform/paths.h"
+#include "core/text.h"
+#include "image/pdf/page_png.h"
+#include "image/pdf/pdf_page_size.h"
+
+namespace nvo {
+namespace {
+
+constexpr std::uint64_t kMaxInfoBytes = 1 << 20;
+constexpr std::uint64_t kBaseMemory = std::uint64_t{2} << 30;  // the program, its fonts, the file's objects
+constexpr std::uint64_t kRastersInMemory = 4;                  // the page and nested transparency groups
+constexpr std::uint32_t kMaxTileSide = 32'000;                 // cairo's surfaces end at 32767 pixels
+constexpr std::size_t kMaxTextBytes = 600;
+constexpr double kPointsPerInch = 72.0;
+constexpr int kSignalStatus = 128;  // as shells count a death by signal
+
+/// One operation on one file; the texts of its failures name both.
+struct Task {
+  const char* operation;
+  const PdfRequest& request;
+
+  /// For what Poppler or the system reports.
+  [[noreturn]] void fail(const std::string& text, int status) const {
+    char hexadecimal[16];
+    std::snprintf(hexadecimal, sizeof hexadecimal, "%X", static_cast<unsigned>(status));
+    throw std::runtime_error(std::string("PdfRenderer: failed to ") + operation + " PDF '" + request.path +
+                             "': " + text + " (0x" + hexadecimal + ")");
+  }
+};
+
+/// Lines that a program wrote, in one printable line. Of a long text the end: there stands what made it give
+/// up.
+std::string one_line(std::string_view text) {
+  text = trim(text);
+  if (text.size() > kMaxTextBytes) {
+    text.remove_prefix(text.size() - kMaxTextBytes);
+    text.remove_prefix(std::min(text.find('\n') + 1, text.size()));
+  }
+  std::string line;
+  for (const char c : text) {
+    if (c == '\n')
+      line += "; ";
+    else if (static_cast<unsigned char>(c) >= ' ' && c != '\x7F')
+      line += c;
+  }
+  return line;
+}
+
+struct Failure {
+  std::string text;
+  int status;
+};
+
+/// What went wrong with a program that did not end well.
+Failure describe_failure(const std::string& program, const platform::ChildResult& result,
+                         std::chrono::milliseconds time) {
+  const std::string said = one_line(result.diagnostics);
+  const auto with = [&](const std::string& text) { return said.empty() ? text : said + "; " + text; };
+  switch (result.end) {
+    case platform::ChildEnd::exited:
+      return {said.empty() ? program + " ended with code " + std::to_string(result.code) : said, result.code};
+    case platform::ChildEnd::signalled:
+      return {with(program + " was ended by signal " + std::to_string(result.code)),
+              kSignalStatus + result.code};
+    case platform::ChildEnd::timed_out:
+      return {with(program + " took longer than " + std::to_string(time.count()) + " ms"), ETIMEDOUT};
+    case platform::ChildEnd::too_much_output:
+      return {with(program + " wrote more than expected"), EFBIG};
+    case platform::ChildEnd::not_started:
+      break;
+  }
+  return {program + " cannot be started", result.code};
+}
+
+/// Runs one of Poppler's programs, which has to be installed. Fails only when it is not.
+platform::ChildResult run_program(const Task& task, const std::string& program,
+                                  std::vector<std::string> arguments, const platform::ChildLimits& limits) {
+  const std::string path = platform::find_program(program);
+  if (path.empty()) task.fail("Poppler's program " + program + " is not installed", ENOENT);
+  arguments.insert(arguments.begin(), path);
+  return platform::run_child(arguments, limits);
+}
+
+/// An absolute path cannot be taken for an option or for the name of a stream.
+std::string absolute_path(const PdfRequest& request) {
+  std::error_code error;
+  const auto absolute = std::filesystem::absolute(platform::to_path(request.path), error);
+  return error ? request.path : platform::to_utf8(absolute);
+}
+
+/// Counted from 1, as the programs do. Pages beyond what they can count don't exist either.
+std::string page_number(const PdfRequest& request) {
+  constexpr std::uint64_t last = std::numeric_limits<int>::max();
+  return std::to_string(std::min(std::uint64_t{request.page_index} + 1, last));
+}
+
+template <class Number>
+std::optional<Number> leading_number(std::string_view text) {
+  text = trim(text);
+  Number number{};
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+  return error == std::errc() ? std::optional(number) : std::nullopt;
+}
+
+/// The text behind `label`, up to the end of the line, where the label stands last. The document's own
+/// strings, which come first in the output, cannot pass for what the program says of it.
+std::optional<std::string_view> last_value(std::string_view output, const std::string& label) {
+  const std::size_t found = output.rfind("\n" + label);
+  if (found == std::string_view::npos) return std::nullopt;
+  output.remove_prefix(found + 1 + label.size());
+  return output.substr(0, output.find('\n'));
+}
+
+/// The value of a page's line, as in "Page    7 size:  612 x 792 pts (letter)".
+std::optional<std::string_view> page_value(std::string_view output, const std::string& number,
+                                           const char* property) {
+  const std::string padding(number.size() < 4 ? 4 - number.size() : 0, ' ');
+  return last_value(output, "Page " + padding + number + " " + property + ":");
+}
+
+/// A page as `pdfinfo` describes it, in points, after its rotation.
+struct Geometry {
+  std::uint32_t page_count;
+  double width, height;
+};
+
+std::optional<Geometry> parse_geometry(const std::string& output, const std::string& number) {
+  const auto count_text = last_value(output, "Pages:");
+  const auto size_text = page_value(output, number, "size");
+  const auto rotation_text = page_value(output, number, "rot");
+  if (!count_text || !size_text || !rotation_text) return std::nullopt;
+  const std::size_t times = size_text->find(" x ");
+  if (times == std::string_view::npos) return std::nullopt;
+  const auto count = leading_number<std::uint32_t>(*count_text);
+  const auto width = leading_number<double>(size_text->substr(0, times));
+  const auto height = leading_number<double>(size_text->substr(times + 3));
+  const auto rotation = leading_number<int>(*rotation_text);
+  if (!count || !width || !height || !rotation) return std::nullopt;
+  Geometry geometry{*count, *width, *height};
+  if (*rotation % 180 != 0) std::swap(geometry.width, geometry.height);
+  return geometry;
+}
+
+/// `pdfinfo` does not describe a page that isn't there; it tells the number of the last one.
+std::optional<std::uint32_t> count_of_refusal(std::string_view diagnostics) {
+  constexpr std::string_view words = "can not be after the last page (";
+  const std::size_t found = diagnostics.rfind(words);
+  if (found == std::string_view::npos) return std::nullopt;
+  return leading_number<std::uint32_t>(diagnostics.substr(found + words.size()));
+}
+
+[[noreturn]] void fail_without_page(const PdfRequest& request, std::uint32_t count) {
+  if (count == 0) throw std::runtime_error("PdfRenderer: PDF has no pages: " + request.path);
+  throw std::runtime_error("PdfRenderer: page index " + std::to_string(request.page_index) +
+                           " is out of range for " + std::to_string(count) + " page PDF: " + request.path);
+}
+
+PdfPageInfo describe(const Task& task, std::chrono::milliseconds time) {
+  const PdfRequest& request = task.request;
+  const std::string number = page_number(request);
+  const auto result = run_program(task, "pdfinfo", {"-f", number, "-l", number, absolute_path(request)},
+                                  {time, kBaseMemory, kMaxInfoBytes});
+  if (result.end != platform::ChildEnd::exited || result.code != 0) {
+    if (const auto count = count_of_refusal(result.diagnostics)) fail_without_page(request, *count);
+    const Failure failure = describe_failure("pdfinfo", result, time);
+    task.fail(failure.text, failure.status);
+  }
+  const auto geometry = parse_geometry(result.output, number);
+  if (!geometry) task.fail("the output of pdfinfo was not understood", EBADMSG);
+  if (request.page_index >= geometry->page_count) fail_without_page(request, geometry->page_count);
+  const auto dips = [](double points) { return points * kPdfDips.per_inch / kPointsPerInch; };
+  return describe_pdf_page(request, geometry->page_count, dips(geometry->width), dips(geometry->height),
+                           kPdfDips);
+}
+
+struct TilePlace {
+  std::uint32_t x, y, width, height;
+};
+
+std::vector<std::string> tile_command(const PdfRequest& request, const PdfPageInfo& page,
+                                      const TilePlace& place) {
+  std::vector<std::string> command = {"-png", "-transp", "-singlefile", "-cropbox"};
+  const std::string number = page_number(request);
+  command.insert(command.end(), {"-f", number, "-l", number});
+  // Without the rectangle the program rounds the page's size up once more, at times to a pixel too many.
+  const std::pair<const char*, std::uint32_t> pixels[] = {
+      {"-scale-to-x", page.width}, {"-scale-to-y", page.height}, {"-x", place.x}, {"-y", place.y},
+      {"-W", place.width},         {"-H", place.height}};
+  for (const auto& [option, value] : pixels) command.insert(command.end(), {option, std::to_string(value)});
+  command.insert(command.end(), {absolute_path(request), "-"});
+  return command;
+}
+
+/// The encoded picture of one tile.
+std::string render_tile(const Task& task, const PdfPageInfo& page, const TilePlace& place,
+                        std::chrono::milliseconds time) {
+  const std::uint64_t memory = kBaseMemory + kRastersInMemory * rgba_bytes(page);
+  auto result = run_program(task, "pdftocairo", tile_command(task.request, page, place),
+                            {time, memory, max_png_bytes(place.width, place.height)});
+  if (result.end == platform::ChildEnd::too_much_output)
+    throw std::runtime_error("PdfRenderer: rendered PDF image stream is too large");
+  if (result.end != platform::ChildEnd::exited || result.code != 0) {
+    const Failure failure = describe_failure("pdftocairo", result, time);
+    task.fail(failure.text, failure.status);
+  }
+  if (result.output.empty())
+    throw std::runtime_error("PdfRenderer: PDF renderer returned an empty image stream");
+  return std::move(result.output);
+}
+
+}  // namespace
+
+PdfPageInfo PopplerBackend::probe(const PdfRequest& request) {
+  return describe({"probe", request}, times_.info);
+}
+
+PdfRenderResult PopplerBackend::render(const PdfRequest& request) {
+  const Task task{"render", request};
+  PdfRenderResult result;
+  static_cast<PdfPageInfo&>(result) = describe(task, times_.info);
+  result.rgba.resize(rgba_bytes(result));
+  const std::size_t stride = rgba_stride(result);
+  for (std::uint32_t y = 0; y < result.height; y += kMaxTileSide) {
+    for (std::uint32_t x = 0; x < result.width; x += kMaxTileSide) {
+      const TilePlace place{x, y, std::min(kMaxTileSide, result.width - x),
+                            std::min(kMaxTileSide, result.height - y)};
+      std::uint8_t* first = result.rgba.data() + y * stride + std::size_t{x} * 4;
+      const std::string png = render_tile(task, result, place, times_.page);
+      std::string error;
+      if (!decode_page_png(png, {first, place.width, place.height, stride}, error)) task.fail(error, EBADMSG);
+    }
+  }
+  return result;
+}
+
+}  // namespace nvo

@@ -1,0 +1,52 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+
+#include "image/pdf/pdf_objects.h"
+#include "image/pdf/spot_color_space.h"
+#include "image/pdf/spot_content.h"
+
+namespace nvo {
+
+/// Coverage samples of an image, width x height bytes, top row first; empty when there is no such plane.
+struct CoveragePlane {
+  std::uint32_t width = 0, height = 0;
+  std::string samples;
+
+  bool empty() const { return samples.empty(); }
+  std::uint8_t at(std::uint64_t column, std::uint64_t row) const {
+    return static_cast<std::uint8_t>(samples[row * width + column]);
+  }
+};
+
+/// What an image XObject adds to the page.
+struct SpotImage {
+  CoveragePlane white;  ///< of an image in a white Separation
+  CoveragePlane alpha;  ///< of its soft mask
+};
+
+/// Decodes the images of one page, 8 bits and one component each, and keeps some of them for the next time
+/// that they are painted. For one thread.
+class SpotImageReader {
+ public:
+  /// Both must outlive this.
+  SpotImageReader(const PdfObjectTable& table, SpotColorSpaces& spaces) : table_(table), spaces_(spaces) {}
+
+  /// The planes of object `number`, valid until the next call. Null once the work has run out.
+  const SpotImage* read(std::int32_t number, WorkBudget& work);
+
+ private:
+  std::optional<SpotImage> decode(const PdfObject& object, WorkBudget& work);
+  CoveragePlane decode_white(const PdfObject& object, PdfTokenSpan tokens);
+  CoveragePlane decode_soft_mask(const PdfObject& mask);
+
+  const PdfObjectTable& table_;
+  SpotColorSpaces& spaces_;
+  std::map<std::int32_t, SpotImage> kept_;
+  std::uint64_t kept_bytes_ = 0;
+};
+
+}  // namespace nvo

@@ -1,0 +1,151 @@
+#include "image/wic_image.h"
+
+#include <array>
+#include <exception>
+#include <stdexcept>
+#include <string_view>
+#include <utility>
+
+#include "core/log.h"
+#include "image/image_loader.h"
+
+namespace nvo {
+namespace {
+
+constexpr std::uint64_t kMaxWidth = 1'073'741'823;
+constexpr std::uint64_t kMaxPixels = 268'435'456;
+constexpr std::uint64_t kMaxBytes = 1'073'741'824;
+
+/// The frame's decoder, or an exception with the stage that failed.
+std::unique_ptr<RasterDecoder> open_decoder(const std::string& path) {
+  std::unique_ptr<RasterDecoder> decoder;
+  try {
+    decoder = open_raster_decoder(path);
+  } catch (const DecodeError& failure) {
+    log_debug("RasterDecoder: ", path, ": ", failure.what());
+    throw std::runtime_error("WIC GetFrame failed");
+  }
+  if (!decoder) throw std::runtime_error("WIC cannot open: " + path);
+  return decoder;
+}
+
+void start(RasterDecoder& decoder, const std::string& path) try {
+  decoder.start();
+} catch (const DecodeError& failure) {
+  log_debug("RasterDecoder: ", path, ": ", failure.what());
+  throw std::runtime_error("WIC converter init failed");
+}
+
+std::vector<std::uint8_t> read_all_rows(RasterDecoder& decoder, std::uint64_t bytes,
+                                        const std::string& path) try {
+  std::vector<std::uint8_t> pixels(bytes);
+  for (std::uint64_t at = 0; at < bytes; at += decoder.row_bytes()) decoder.read_row(pixels.data() + at);
+  return pixels;
+} catch (const DecodeError& failure) {
+  log_debug("RasterDecoder: ", path, ": ", failure.what());
+  throw std::runtime_error("WIC CopyPixels failed");
+}
+
+std::uint32_t big_u32(const std::uint8_t* bytes) {
+  return std::uint32_t{bytes[0]} << 24 | std::uint32_t{bytes[1]} << 16 | std::uint32_t{bytes[2]} << 8 |
+         bytes[3];
+}
+
+}  // namespace
+
+WicFile open_wic_file(const std::string& path) {
+  WicFile file{{}, open_decoder(path)};
+  const RasterInfo& raster = file.decoder->info();
+  if (raster.width == 0 || raster.height == 0) throw std::runtime_error("Empty image: " + path);
+  const double dpi_x = raster.dpi_x > 0.0 ? raster.dpi_x : kWicDefaultDpi;
+  const double dpi_y = raster.dpi_y > 0.0 ? raster.dpi_y : dpi_x;
+  file.info = {raster.width, raster.height, static_cast<float>(dpi_x), static_cast<float>(dpi_y),
+               raster.has_alpha || png_has_trns(path)};
+  return file;
+}
+
+WicImageInfo wic_read_info(const std::string& path) {
+  return open_wic_file(path).info;
+}
+
+WicDecodedImage wic_decode_rgba(const std::string& path) {
+  const WicFile file = open_wic_file(path);
+  const WicImageInfo& info = file.info;
+  const WicRgbaLayout layout = wic_rgba_layout(info.width, info.height, "WIC full decode");
+  start(*file.decoder, path);
+  return {info.width, info.height, info.dpi_x, info.has_alpha,
+          read_all_rows(*file.decoder, layout.byte_count, path)};
+}
+
+WicRgbaLayout wic_rgba_layout(std::uint32_t width, std::uint32_t height, const std::string& label) {
+  if (width == 0 || height == 0) throw std::runtime_error(label + ": empty image dimensions");
+  if (width > kMaxWidth) throw std::runtime_error(label + ": image row is too wide");
+  const std::uint64_t pixels = std::uint64_t{width} * height;
+  if (pixels > kMaxPixels)
+    throw std::runtime_error(label + ": image exceeds pixel cap (" + std::to_string(pixels) + " > " +
+                             std::to_string(kMaxPixels) + ")");
+  if (pixels * kRgbaBytes > kMaxBytes) throw std::runtime_error(label + ": image exceeds RGBA buffer cap");
+  return {width * std::uint64_t{kRgbaBytes}, pixels, pixels * kRgbaBytes};
+}
+
+bool png_has_trns(const std::string& path) try {
+  using namespace std::string_view_literals;
+  constexpr std::string_view kSignature = "\x89PNG\r\n\x1A\n"sv;
+  constexpr std::size_t kCrcBytes = 4;
+  std::array<std::uint8_t, 8> bytes{};  // the signature, later a chunk's length and type
+  const auto text = [&](std::size_t from) {
+    return std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size()).substr(from);
+  };
+
+  ByteReader reader(path);
+  if (!reader.is_open() || !reader.read_exactly(bytes.data(), bytes.size()) || text(0) != kSignature)
+    return false;
+  while (reader.read_exactly(bytes.data(), bytes.size())) {
+    const std::string_view type = text(4);
+    if (type == "tRNS") return true;
+    if (type == "IDAT" || type == "IEND") return false;
+    reader.skip(std::uint64_t{big_u32(bytes.data())} + kCrcBytes);
+  }
+  return false;
+} catch (...) {
+  return false;
+}
+
+ImageMeta describe_wic(const std::string& path, const WicImageInfo& info) {
+  ImageMeta meta;
+  set_path_texts(path, meta);
+  meta.kind = ImageSourceKind::wic;
+  meta.width = info.width;
+  meta.height = info.height;
+  meta.dpi_x = info.dpi_x > 0.0f ? info.dpi_x : kWicDefaultDpi;
+  meta.dpi_y = info.dpi_y > 0.0f ? info.dpi_y : meta.dpi_x;
+  meta.channel_count = kRgbaBytes;
+  meta.is_rgb = true;
+  meta.has_alpha = info.has_alpha;
+  meta.channels = {
+      {ChannelRole::none, "Red", 0}, {ChannelRole::none, "Green", 1}, {ChannelRole::none, "Blue", 2}};
+  if (info.has_alpha) meta.channels.push_back({ChannelRole::alpha, "Alpha", 3});
+  return meta;
+}
+
+ImageExtent probe_wic(const std::string& path) {
+  const WicImageInfo info = wic_read_info(path);
+  return {info.width, info.height, info.dpi_x, info.dpi_y};
+}
+
+LoadedImage load_wic(const std::string& path) {
+  WicDecodedImage decoded;
+  try {
+    decoded = wic_decode_rgba(path);
+  } catch (const std::exception& failure) {
+    throw std::runtime_error("ImageLoader: failed to load raster image '" + path + "': " + failure.what());
+  }
+  // A whole image is placed by its horizontal resolution alone.
+  const WicImageInfo info{decoded.width, decoded.height, decoded.dpi, decoded.dpi, decoded.has_alpha};
+  LoadedImage image{describe_wic(path, info), {}, {}, {}};
+  image.pixels = std::move(decoded.pixels);
+  image.white_coverage = build_white_coverage(image);
+  return image;
+}
+
+}  // namespace nvo

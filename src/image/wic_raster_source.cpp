@@ -1,0 +1,112 @@
+#include "image/wic_raster_source.h"
+
+#include <exception>
+#include <memory>
+#include <utility>
+#include <vector>
+
+#include "core/checked.h"
+#include "core/log.h"
+#include "image/banded_raster_source.h"
+#include "image/decode/spooled_rows.h"
+#include "image/wic_image.h"
+
+namespace nvo {
+namespace {
+
+class WicRasterSource final : public BandedRasterSource {
+ public:
+  WicRasterSource(const std::string& path, WicFile file) : BandedRasterSource(describe_wic(path, file.info)) {
+    try {
+      if (file.decoder->info().needs_whole_frame) wic_rgba_layout(meta_.width, meta_.height, "WIC frame");
+      file.decoder->start();
+      native_ = std::make_unique<SpooledRows>(std::move(file.decoder));
+    } catch (const std::exception& failure) {
+      native_error_ = "WIC format converter init failed";
+      explain(failure);
+    }
+  }
+
+  bool supports_row_reads() const override { return native_ != nullptr; }
+
+  std::string read_strategy() const override {
+    if (native_) return "native WIC CopyPixels rows";
+    return "fallback full-image decode (" + native_error_ + ")";
+  }
+
+ private:
+  using Bytes = std::vector<std::uint8_t>;
+
+  bool read_band(std::uint32_t y, std::uint32_t rows, Bytes& out, std::string& error) override {
+    if (native_ && read_native({0, y, meta_.width, rows}, "row", out)) return true;
+    if (!decode_full_image(error)) return false;
+    const auto* first = full_image_.data() + y * row_bytes();
+    out.assign(first, first + rows * row_bytes());
+    return true;
+  }
+
+  bool read_rectangle(const RasterRegion& region, Bytes& out, std::string& error) override {
+    if (native_ && read_native(region, "region", out)) return true;
+    return BandedRasterSource::read_rectangle(region, out, error);
+  }
+
+  /// `what` is "row" or "region", for messages.
+  bool read_native(const RasterRegion& region, const std::string& what, Bytes& out) {
+    const std::uint64_t stride = std::uint64_t{meta_.channel_count} * region.width;
+    if (stride > kMaxU32 || stride * region.height > kMaxU32) {
+      native_error_ = "WIC native " + what + " read overflow";
+      native_.reset();
+      return false;
+    }
+    try {
+      out.resize(stride * region.height);
+      native_->read(region.x, region.y, region.width, region.height, out.data());
+      return true;
+    } catch (const std::exception& failure) {
+      native_error_ = "WIC CopyPixels " + what + " read failed";
+      native_.reset();
+      log_warn("RasterSource(WIC): ", native_error_, "; switching to full-load fallback for ", meta_.path);
+      explain(failure);
+    }
+    return false;
+  }
+
+  bool decode_full_image(std::string& error) {
+    if (!full_image_.empty()) return true;
+    if (full_error_.empty()) full_error_ = try_full_decode();
+    error = full_error_;
+    return full_error_.empty();
+  }
+
+  /// Empty, or why there is no image. A second try would cost the same time for the same answer.
+  std::string try_full_decode() try {
+    WicDecodedImage image = wic_decode_rgba(meta_.path);
+    if (image.pixels.empty()) return "WIC full decode produced empty image";
+    if (image.width != meta_.width || image.height != meta_.height)
+      return "the file was replaced by another image";
+    full_image_ = std::move(image.pixels);
+    ++stats_.full_decodes;
+    return {};
+  } catch (const std::exception& failure) {
+    return failure.what();
+  } catch (...) {
+    return "unknown WIC decode error";
+  }
+
+  void explain(const std::exception& failure) const {
+    log_debug("RasterSource(WIC): ", meta_.path, ": ", failure.what());
+  }
+
+  std::unique_ptr<SpooledRows> native_;  // null once rows come from the full image
+  std::string native_error_;
+  Bytes full_image_;        // empty until a native read has failed
+  std::string full_error_;  // of the full decode
+};
+
+}  // namespace
+
+std::shared_ptr<RasterSource> open_wic_source(const std::string& path) {
+  return std::make_shared<WicRasterSource>(path, open_wic_file(path));
+}
+
+}  // namespace nvo

@@ -1,0 +1,103 @@
+#include "core/localisation.h"
+
+#include <cstdlib>
+#include <filesystem>
+#include <map>
+#include <set>
+
+#include <gtest/gtest.h>
+
+#include "support/temp_dir.h"
+
+namespace nvo {
+namespace {
+
+const std::map<TextId, std::string> kEnglishTexts = {
+    {TextId::update_none, "No update available."},
+    {TextId::update_optional_available, "An update is available."},
+    {TextId::update_mandatory_required, "A mandatory update is required before RIP."},
+    {TextId::update_mandatory_build_required, "A newer build of this version is required."},
+    {TextId::update_optional_build_available, "A newer build of this version is available."},
+    {TextId::update_check_unavailable, "Update check unavailable (non-blocking)."},
+};
+
+class LocalisationTest : public testing::Test {
+ protected:
+  LocalisationTest() { use_folder(dir.path()); }
+  ~LocalisationTest() override {
+    for (const char* name : {"LC_ALL", "LC_MESSAGES", "LANG", "NVO_UI_LANG_DIR"}) ::unsetenv(name);
+  }
+  static void use_folder(const std::string& folder) { ::setenv("NVO_UI_LANG_DIR", folder.c_str(), 1); }
+  void write(const std::string& name, const std::string& content) {
+    test::write_all(dir.file(name), content);
+  }
+
+  test::TempDir dir;
+};
+
+TEST_F(LocalisationTest, WithoutFilesEveryTextIsTheBuiltInEnglish) {
+  Localisation texts;
+  for (const auto& [id, english] : kEnglishTexts)
+    for (const int language : {1, 2, 5, 9, -1}) EXPECT_EQ(texts.text(id, language), english) << language;
+  for (const int id : {-1, 0, 193, 200, 242}) EXPECT_EQ(tr(static_cast<TextId>(id), 1), "");
+}
+
+TEST_F(LocalisationTest, AFileOverridesWhatItHasAndEnglishFillsTheRest) {
+  write("ru.json", R"({"UpdateStatusNoUpdate":"r","UpdateStatusOptionalAvailable":"",
+                       "updateStatusMandatoryRequired":"wrong case","UpdateStatusCheckUnavailable":7})");
+  write("fr.json", R"({"UpdateStatusNoUpdate":"f","UpdateStatusOptionalAvailable":""})");
+  write("en.json", R"({"UpdateStatusNoUpdate":"e","UpdateStatusOptionalAvailable":"e2"})");
+  Localisation texts;
+  EXPECT_EQ(texts.text(TextId::update_none, 2), "r");
+  EXPECT_EQ(texts.text(TextId::update_none, 3), "f");
+  EXPECT_EQ(texts.text(TextId::update_none, 9), "e");
+  EXPECT_EQ(texts.text(TextId::update_optional_available, 2), "e2")
+      << "Russian falls back on the English file";
+  EXPECT_EQ(texts.text(TextId::update_optional_available, 3), "An update is available.") << "others don't";
+  EXPECT_EQ(texts.text(TextId::update_mandatory_required, 2), "A mandatory update is required before RIP.");
+  EXPECT_EQ(texts.text(TextId::update_check_unavailable, 2), "Update check unavailable (non-blocking).");
+
+  write("fr.json", R"({"UpdateStatusNoUpdate":"later"})");
+  EXPECT_EQ(texts.text(TextId::update_none, 3), "f") << "read once";
+}
+
+TEST_F(LocalisationTest, DamagedFilesCountAsEmpty) {
+  const std::string good = R"({"UpdateStatusNoUpdate":"x"})";
+  for (const std::string& content :
+       {std::string(), good.substr(1), "[" + good + "]", good + std::string(1 << 20, ' ')}) {
+    write("es.json", content);
+    EXPECT_EQ(Localisation().text(TextId::update_none, 4), "No update available.") << content.size();
+  }
+}
+
+TEST_F(LocalisationTest, TheSystemLanguageIsTheFirstThatTheEnvironmentNames) {
+  for (const char* name : {"en", "ru", "fr", "es", "zh"})
+    write(name + std::string(".json"), "{\"UpdateStatusNoUpdate\":\"" + std::string(name) + "\"}");
+  struct Case {
+    const char *all, *messages, *lang, *language;
+  };
+  const Case cases[] = {
+      {"", "", "", "en"},      {"zh_CN.UTF-8", "fr", "es", "zh"}, {"", "fr@euro", "es", "fr"},
+      {"", "", "es-MX", "es"}, {"C", "ru", "ru", "en"},           {"", "", "RU_ru", "ru"},
+      {"rus", "", "zh", "en"}, {"", "de_DE.UTF-8", "fr", "en"},
+  };
+  for (const Case& c : cases) {
+    ::setenv("LC_ALL", c.all, 1), ::setenv("LC_MESSAGES", c.messages, 1), ::setenv("LANG", c.lang, 1);
+    EXPECT_EQ(Localisation().text(TextId::update_none, 0), c.language) << c.all << c.messages << c.lang;
+  }
+}
+
+TEST_F(LocalisationTest, TheShippedLanguagesSayEverythingInTheirOwnWords) {
+  for (const char* folder : {NVO_LANGUAGE_FILES, ""}) {  // without a folder: those beside the executable
+    use_folder(folder);
+    Localisation texts;
+    for (const auto& [id, english] : kEnglishTexts) {
+      std::set<std::string> different;
+      for (int language = 1; language <= 5; ++language) different.insert(texts.text(id, language));
+      EXPECT_EQ(different.size(), 5u) << english;
+    }
+  }
+}
+
+}  // namespace
+}  // namespace nvo

@@ -1,0 +1,170 @@
+#include "image/pdf_image.h"
+
+#include <stdexcept>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "core/platform/child_process.h"
+#include "image/image_loader.h"
+#include "image/image_meta_probe.h"
+#include "image/raster_source.h"
+#include "page_file.h"
+#include "support/failure.h"
+#include "support/log_capture.h"
+#include "support/temp_dir.h"
+
+namespace nvo::test {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::StartsWith;
+using Bytes = std::vector<std::uint8_t>;
+
+/// Two pixels as a back-end delivers them.
+PdfRenderResult two_pixels() {
+  PdfRenderResult page;
+  page.width = 2, page.height = 1;
+  page.dpi_x = page.dpi_y = 300;
+  page.rgba = {1, 2, 3, 0, 4, 5, 6, 255};
+  page.has_alpha = true;
+  return page;
+}
+
+PdfRenderResult with_white(PdfRenderResult page) {
+  page.spot_white_coverage = {255, 1};
+  page.has_spot_white = true;
+  return page;
+}
+
+std::vector<std::string> channel_names(const ImageMeta& meta) {
+  std::vector<std::string> names;
+  for (const ChannelInfo& channel : meta.channels)
+    names.push_back(channel.name + std::to_string(channel.index));
+  return names;
+}
+
+TEST(PdfImage, WhiteIsTheSpotColoursElseAlphas) {
+  const LogCapture log;
+  const LoadedImage plain = image_of_pdf_page("a.pdf", 300, two_pixels());
+  EXPECT_EQ(plain.pixels, two_pixels().rgba);
+  EXPECT_THAT(plain.white_coverage, ElementsAre(0, 255));
+  EXPECT_THAT(channel_names(plain), ElementsAre("Red0", "Green1", "Blue2", "Alpha3"));
+  EXPECT_EQ(plain.kind, ImageSourceKind::pdf);
+  EXPECT_TRUE(plain.is_rgb && !plain.is_cmyk && !plain.is_gray);
+
+  PdfRenderResult opaque = with_white(two_pixels());
+  opaque.has_alpha = false;
+  const LoadedImage white = image_of_pdf_page("a.pdf", 300, opaque);
+  EXPECT_THAT(white.pixels, ElementsAre(1, 2, 3, 0, 0, 4, 5, 6, 255, 254));
+  EXPECT_THAT(white.white_coverage, ElementsAre(255, 1));
+  EXPECT_THAT(channel_names(white), ElementsAre("Red0", "Green1", "Blue2", "Alpha3", "White4"));
+
+  PdfRenderResult masked = two_pixels();
+  masked.process_alpha_coverage = {255, 255};
+  const LoadedImage covered = image_of_pdf_page("a.pdf", 300, masked);
+  EXPECT_FALSE(covered.has_alpha) << "the masks decide, not what they replace";
+  EXPECT_THAT(covered.pixels, ElementsAre(1, 2, 3, 255, 4, 5, 6, 255));
+  EXPECT_THAT(covered.white_coverage, ElementsAre(255, 255));
+}
+
+TEST(PdfImage, TellsWhatBecameOfASpotWhite) {
+  LogCapture log;
+  PdfRenderResult page = two_pixels();
+  image_of_pdf_page("a.pdf", 300, page);
+  page.has_spot_candidate = true;
+  page.spot_status = "no spot-white candidate heuristic detected; extraction not needed";
+  EXPECT_THAT(image_of_pdf_page("a.pdf", 300, page).warnings, IsEmpty());
+  EXPECT_THAT(log.take(), IsEmpty());
+
+  page.spot_status = "";
+  EXPECT_THAT(
+      image_of_pdf_page("a.pdf", 300, page).warnings,
+      ElementsAre("possible spot-white separation detected; spot-white not extracted; using preview/raster "
+                  "alpha fallback for white coverage; status: unknown"));
+  image_of_pdf_page("a.pdf", 300, with_white(page));
+  EXPECT_THAT(
+      log.take(),
+      ElementsAre(
+          "[WARN ] ImageLoader(PDF): possible spot-white separation detected in 'a.pdf'. Best-effort PDF "
+          "spot parser did not extract a supported spot mask; status: unknown. Using preview/raster alpha "
+          "fallback for white coverage.",
+          "[INFO ] ImageLoader(PDF): extracted spot-white mask from 'a.pdf' and mapped it to explicit "
+          "white coverage. Status: extracted spot-white mask."));
+}
+
+TEST(PdfImage, RefusesPagesThatContradictThemselves) {
+  const LogCapture log;
+  const auto change = [](PdfRenderResult page, void (*edit)(PdfRenderResult&)) {
+    edit(page);
+    return page;
+  };
+  const struct {
+    PdfRenderResult page;
+    const char* text;
+  } cases[] = {
+      {change(two_pixels(), [](auto& page) { page.height = 0; }), "renderer produced empty raster geometry"},
+      {change(two_pixels(), [](auto& page) { page.rgba.pop_back(); }), "renderer RGBA buffer size mismatch"},
+      {change(two_pixels(), [](auto& page) { page.process_alpha_coverage = {1}; }),
+       "renderer process alpha coverage size mismatch"},
+      {change(with_white(two_pixels()), [](auto& page) { page.spot_white_coverage.clear(); }),
+       "renderer spot white coverage size mismatch"},
+      {change(with_white(two_pixels()), [](auto& page) { page.has_spot_white = false; }),
+       "renderer spot white coverage flag mismatch"},
+  };
+  for (const auto& c : cases)
+    EXPECT_EQ(failure_of([&] { image_of_pdf_page("a.pdf", 300, c.page); }),
+              std::string("ImageLoader(PDF): ") + c.text);
+}
+
+TEST(PdfImage, FilesLoadProbeAndServeRowsAlike) {
+  if (platform::find_program("pdftocairo").empty()) GTEST_SKIP() << "poppler-utils is not installed";
+  const TempDir dir;
+  const LogCapture log;
+  const std::string path = dir.file("white.PDF");
+  // Red on the left quarter, white ink on the left half, of 12 x 2 pixels.
+  write_all(path,
+            pdf_bytes({.boxes = "/MediaBox [0 0 2.88 0.48]",
+                       .content = "1 0 0 rg 0 0 .72 .48 re f /W cs 1 scn 0 0 1.4 .48 re f",
+                       .resources = "/ColorSpace << /W [/Separation /White /DeviceCMYK << /FunctionType 2 "
+                                    "/Domain [0 1] /C0 [0 0 0 0] /C1 [0 0 0 0] /N 1 >>] >>"}));
+  const LoadedImage image = load_image(path);
+  ASSERT_EQ(image.width, 12u);
+  ASSERT_EQ(image.height, 2u);
+  ASSERT_EQ(image.channel_count, 5);
+  const Bytes half{255, 255, 255, 255, 255, 255, 0, 0, 0, 0, 0, 0};
+  Bytes both = half;
+  both.insert(both.end(), half.begin(), half.end());
+  EXPECT_EQ(image.white_coverage, both);
+
+  const ImageProbeInfo probed = probe_image(path);
+  EXPECT_EQ(probed.kind, ImageSourceKind::pdf);
+  EXPECT_EQ(probed.width, 12u);
+  EXPECT_EQ(probed.effective_dpi, 300.0f);
+
+  const auto source = make_raster_source(path);
+  EXPECT_EQ(source->read_strategy(), "cached PDF raster row reads");
+  EXPECT_EQ(source->metadata().channels.size(), 5u);
+  Bytes rows;
+  std::string error;
+  ASSERT_TRUE(source->read_rows(1, 1, rows, &error)) << error;
+  EXPECT_EQ(rows, Bytes(image.pixels.begin() + 60, image.pixels.end()));
+  ASSERT_TRUE(source->read_region({11, 0, 1, 2}, rows, nullptr));
+  EXPECT_THAT(rows, ElementsAre(0, 0, 0, 0, 255, 0, 0, 0, 0, 255));
+  const RasterReadStats stats = source->stats();
+  EXPECT_THAT((std::vector{stats.row_reads, stats.region_reads, stats.full_decodes}), ElementsAre(2, 1, 1));
+
+  EXPECT_THAT(failure_of([&] { load_pdf(dir.file("none.pdf"), 0, 300); }),
+              StartsWith("ImageLoader: failed to rasterize PDF '" + dir.file("none.pdf") +
+                         "': PdfRenderer: failed to "
+                         "render PDF '" +
+                         dir.file("none.pdf") + "': "));
+  EXPECT_THAT(failure_of([&] { load_pdf(path, 1, 300); }),
+              HasSubstr("page index 1 is out of range for 1 page PDF"));
+}
+
+}  // namespace
+}  // namespace nvo::test

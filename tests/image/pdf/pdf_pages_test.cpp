@@ -1,0 +1,226 @@
+#include <cstdlib>
+#include <filesystem>
+#include <memory>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "core/platform/child_process.h"
+#include "image/pdf/pdf_renderer.h"
+#include "image/pdf/pdfium_backend.h"
+#include "image/pdf/poppler_backend.h"
+#include "page_file.h"
+#include "support/failure.h"
+#include "support/log_capture.h"
+#include "support/temp_dir.h"
+
+namespace nvo::test {
+namespace {
+
+using ::testing::AllOf;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+
+/// The system's PDFium under the name that the program looks for, or nothing where it isn't installed.
+PdfiumLibrary& real_pdfium() {
+  static const TempDir folder;
+  static PdfiumLibrary& library = [&]() -> PdfiumLibrary& {
+    const char* const installed = "/usr/lib/libreoffice/program/libpdfiumlo.so";
+    if (std::filesystem::exists(installed))
+      std::filesystem::create_symlink(installed, folder.path() / "libpdfium.so");
+    static PdfiumLibrary loaded(folder.path());
+    return loaded;
+  }();
+  return library;
+}
+
+/// Real files through both real back-ends.
+class PdfPages : public ::testing::TestWithParam<const char*> {
+ protected:
+  void SetUp() override {
+    if (GetParam() == std::string("PDFium")) {
+      if (!real_pdfium().available()) GTEST_SKIP() << real_pdfium().unavailable_reason();
+      backend_ = std::make_unique<PdfiumBackend>(real_pdfium());
+      module_ = "PdfRenderer(PDFium): ";
+    } else {
+      if (platform::find_program("pdftocairo").empty()) GTEST_SKIP() << "poppler-utils is not installed";
+      backend_ = std::make_unique<PopplerBackend>();
+      module_ = "PdfRenderer: ";
+    }
+  }
+  PdfRequest request(const PageFile& file, float dpi, std::uint32_t index = 0) {
+    write_all(dir_.file("-a b'.pdf"), pdf_bytes(file));
+    return {dir_.file("-a b'.pdf"), index, dpi};
+  }
+  std::string failure(const PageFile& file, float dpi, std::uint32_t index = 0) {
+    const PdfRequest wanted = request(file, dpi, index);
+    return failure_of([&] { backend_->render(wanted); });
+  }
+
+  TempDir dir_;
+  std::unique_ptr<PdfBackend> backend_;
+  std::string module_;
+};
+INSTANTIATE_TEST_SUITE_P(Backends, PdfPages, ::testing::Values("PDFium", "Poppler"),
+                         [](const auto& backend) { return std::string(backend.param); });
+
+std::vector<int> pixel(const PdfRenderResult& page, std::uint32_t x, std::uint32_t y) {
+  const std::uint8_t* sample = page.rgba.data() + (std::size_t{y} * page.width + x) * 4;
+  return {sample[0], sample[1], sample[2], sample[3]};
+}
+
+TEST_P(PdfPages, PaintIsOpaqueAndThePaperTransparent) {
+  const PdfRenderResult page =
+      backend_->render(request({.content = "1 0 0 rg 18 0 18 9 re f 0 0 1 rg 36 27 36 9 re f"}, 144));
+  ASSERT_EQ(page.width, 144u);
+  ASSERT_EQ(page.height, 72u);
+  ASSERT_EQ(page.rgba.size(), 144u * 72 * 4);
+  const std::vector<int> red{255, 0, 0, 255}, blue{0, 0, 255, 255}, paper{0, 0, 0, 0};
+  for (std::uint32_t y = 0; y < page.height; ++y) {
+    for (std::uint32_t x = 0; x < page.width; ++x) {
+      const bool is_red = x >= 36 && x < 72 && y >= 54, is_blue = x >= 72 && y < 18;
+      ASSERT_EQ(pixel(page, x, y), is_red ? red : is_blue ? blue : paper) << x << ", " << y;
+    }
+  }
+  EXPECT_EQ(dir_.names().size(), 1u);
+}
+
+TEST_P(PdfPages, TheCropBoxIsThePageAndTurnsWithIt) {
+  const PdfRenderResult page = backend_->render(request(kTurnedPage, 72));
+  EXPECT_EQ(page.width, 36u);
+  EXPECT_EQ(page.height, 72u);
+  EXPECT_EQ(page.height_inches, 1.0f);
+  const std::vector<int> red{255, 0, 0, 255}, paper{0, 0, 0, 0};
+  for (std::uint32_t y = 0; y < page.height; ++y)
+    for (std::uint32_t x = 0; x < page.width; ++x)
+      ASSERT_EQ(pixel(page, x, y), x < 18 && y < 18 ? red : paper) << x << ", " << y;
+}
+
+TEST_P(PdfPages, SizesAreExactWhateverTheBoxAndTheTurn) {
+  const struct {
+    const char* boxes;
+    float dpi;
+    std::uint32_t width, height;
+  } cases[] = {
+      {"/MediaBox [0 0 595.276 841.89]", 300, 2480, 3508},
+      {"/MediaBox [0 0 841.89 1190.55]", 72, 842, 1191},
+      {"/MediaBox [0 0 0.1 0.1]", 300, 1, 1},
+      {"/MediaBox [0 0 3 9] /Rotate -90", 300, 38, 13},
+      {"/MediaBox [72 36 0 0] /CropBox [-9 -9 99 99] /Rotate 180", 100, 100, 50},
+      {"/MediaBox [0 0 61.8203 146.3211]", 100, 86, 203},
+      {"/MediaBox [0 0 72 72] /UserUnit 2", 72, 72, 72},
+  };
+  for (const auto& c : cases) {
+    const PdfRequest wanted = request({.boxes = c.boxes}, c.dpi);
+    const PdfRenderResult page = backend_->render(wanted);
+    const PdfPageInfo probed = backend_->probe(wanted);
+    EXPECT_THAT((std::vector{page.width, page.height, probed.width, probed.height}),
+                ElementsAre(c.width, c.height, c.width, c.height))
+        << c.boxes;
+    EXPECT_EQ(page.rgba.size(), std::size_t{c.width} * c.height * 4) << c.boxes;
+  }
+}
+
+TEST_P(PdfPages, LongPagesComeWhole) {
+  const PageFile banner{.boxes = "/MediaBox [0 0 2 14400]",
+                        .content = "0 1 0 rg 0 14396 2 4 re f 1 0 0 rg 0 0 2 4 re f"};
+  const PdfRenderResult page = backend_->render(request(banner, 180));
+  ASSERT_EQ(page.height, 36000u);
+  EXPECT_THAT(pixel(page, 4, 9), ElementsAre(0, 255, 0, 255));
+  EXPECT_THAT(pixel(page, 4, 10), ElementsAre(0, 0, 0, 0));
+  EXPECT_THAT(pixel(page, 0, 35989), ElementsAre(0, 0, 0, 0));
+  EXPECT_THAT(pixel(page, 4, 35990), ElementsAre(255, 0, 0, 255));
+}
+
+TEST_P(PdfPages, FailuresSayWhatIsWrong) {
+  const PageFile three{.pages = 3};
+  EXPECT_EQ(backend_->probe(request(three, 72, 2)).page_count, 3u);
+  const std::string path = dir_.file("-a b'.pdf");
+  for (const std::uint32_t index : {3u, 0xFFFFFFFFu})
+    EXPECT_EQ(failure(three, 72, index),
+              module_ + "page index " + std::to_string(index) + " is out of range for 3 page PDF: " + path);
+  EXPECT_THAT(failure({.pages = 0}, 72),
+              ::testing::AnyOf(module_ + "PDF has no pages: " + path, HasSubstr("failed to load PDF")));
+  EXPECT_EQ(
+      failure({.boxes = "/MediaBox [0 0 14400 14400]"}, 300),
+      "PdfRenderer: requested PDF render exceeds 1 GiB RGBA buffer; lower DPI or render a smaller page");
+  EXPECT_THAT(failure(kLockedPage, 72), AllOf(HasSubstr("PDF '" + path + "': "), HasSubstr("assword")));
+  write_all(path, "no PDF");
+  EXPECT_THAT(failure_of([&] { backend_->probe({path, 0, 72}); }), HasSubstr("PDF '" + path + "': "));
+}
+
+/// Programs of the test's own in the place of Poppler's.
+class PopplerPrograms : public ::testing::Test {
+ protected:
+  PopplerPrograms() { ::setenv("PATH", dir_.path().c_str(), 1); }
+  ~PopplerPrograms() override { ::setenv("PATH", old_path_.c_str(), 1); }
+
+  void install(const std::string& name, const std::string& script) {
+    write_all(dir_.file(name), "#!/bin/sh\n" + script + "\n");
+    std::filesystem::permissions(dir_.file(name), std::filesystem::perms::owner_all);
+  }
+  void install_info(const std::string& size) {
+    install("pdfinfo", "printf 'Title: x\\nPages: 9\\nPages:  1\\nPage    1 size: " + size +
+                           "\\nPage    1 rot:  0\\nFile size: 7\\n'");
+  }
+  std::string failure(PopplerTimes times = {}) {
+    PopplerBackend backend(times);
+    return failure_of([&] { backend.render({"/a.pdf", 0, 72}); });
+  }
+
+  TempDir dir_;
+  const std::string old_path_ = std::getenv("PATH");
+};
+
+TEST_F(PopplerPrograms, EveryWayToFailHasItsText) {
+  const std::string context = "PdfRenderer: failed to render PDF '/a.pdf': ";
+  EXPECT_EQ(failure(), context + "Poppler's program pdfinfo is not installed (0x2)");
+  install("pdfinfo", "printf 'Syntax Warning: a\\a\\n Error: b\\n' >&2; exit 99");
+  EXPECT_EQ(failure(), context + "Syntax Warning: a;  Error: b (0x63)");
+  install("pdfinfo", "exit 1");
+  EXPECT_EQ(failure(), context + "pdfinfo ended with code 1 (0x1)");
+  install("pdfinfo", "kill -SEGV $$");
+  EXPECT_EQ(failure(), context + "pdfinfo was ended by signal 11 (0x8B)");
+  install("pdfinfo", "echo Pages: 1");
+  EXPECT_EQ(failure(), context + "the output of pdfinfo was not understood (0x4A)");
+  install_info("0 x 5 pts");
+  EXPECT_EQ(failure(), "PdfRenderer: invalid PDF page width in DIPs");
+  install_info("1e+12 x 5 pts");
+  EXPECT_EQ(failure(),
+            "PdfRenderer: requested PDF render width is too large; lower DPI or use a smaller page");
+
+  install_info("2 x 1 pts (tiny)");
+  EXPECT_EQ(failure(), context + "Poppler's program pdftocairo is not installed (0x2)");
+  install("pdftocairo", "");
+  EXPECT_EQ(failure(), "PdfRenderer: PDF renderer returned an empty image stream");
+  install("pdftocairo", "printf junk");
+  EXPECT_THAT(failure(), AllOf(HasSubstr(context), HasSubstr("(0x4A)")));
+  install("pdftocairo", "exec /usr/bin/head -c 100000 /dev/zero");
+  EXPECT_EQ(failure(), "PdfRenderer: rendered PDF image stream is too large");
+  install("pdftocairo", "echo busy >&2; exec /bin/sleep 1000");
+  EXPECT_EQ(failure({.page = std::chrono::milliseconds(50)}),
+            context + "busy; pdftocairo took longer than 50 ms (0x6E)");
+}
+
+TEST_F(PopplerPrograms, TakesAPictureOfTheRightSizeOnly) {
+  // 2 x 1 pixels: 1 2 3 4, 255 254 253 0.
+  const std::string header =
+      "\\211PNG\\r\\n\\032\\n\\0\\0\\0\\015IHDR\\0\\0\\0\\002\\0\\0\\0\\001\\010\\006\\0\\0\\0\\364\\042\\177"
+      "\\212";
+  const std::string data =
+      "\\0\\0\\0\\021IDAT\\170\\332\\143\\140\\144\\142\\146\\371\\377\\357\\057\\003\\0\\011\\065\\003\\005"
+      "\\272\\263\\026\\246"
+      "\\0\\0\\0\\0IEND\\256\\102\\140\\202";
+  install("pdftocairo", "printf '" + header + data + "'");
+  install_info("2 x 1 pts");
+  EXPECT_THAT(PopplerBackend().render({"/a.pdf", 0, 72}).rgba, ElementsAre(1, 2, 3, 4, 255, 254, 253, 0));
+  install_info("2 x 2 pts");
+  EXPECT_EQ(failure(),
+            "PdfRenderer: rendered PDF image dimensions did not match requested DPI: requested 2x2, got 2x1");
+  install_info("2 x 1 pts");
+  install("pdftocairo", "printf '" + header + data.substr(0, 60) + "'");
+  EXPECT_THAT(failure(), HasSubstr("PdfRenderer: failed to render PDF '/a.pdf': "));
+}
+
+}  // namespace
+}  // namespace nvo::test

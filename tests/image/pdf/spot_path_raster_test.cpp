@@ -1,0 +1,174 @@
+#include "image/pdf/spot_path_raster.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstddef>
+#include <cstdint>
+#include <random>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+namespace nvo::test {
+namespace {
+
+constexpr std::uint32_t kWidth = 37, kHeight = 29;
+using Plane = std::vector<std::uint8_t>;
+using Points = std::vector<DevicePoint>;
+
+std::string show(const Plane& plane) {
+  std::string text;
+  for (std::uint32_t y = 0; y < kHeight; ++y) {
+    for (std::uint32_t x = 0; x < kWidth; ++x) text += plane[y * kWidth + x] ? '#' : '.';
+    text += '\n';
+  }
+  return text;
+}
+
+/// The rule of a fill, written down row by row.
+Plane plain_fill(const Points& points) {
+  Plane plane(kWidth * kHeight);
+  for (std::uint32_t row = 0; row < kHeight; ++row) {
+    const double s = row + 0.5;
+    std::vector<double> crossings;
+    for (std::size_t i = 0; i < points.size(); ++i) {
+      const DevicePoint p = points[i], q = points[(i + 1) % points.size()];
+      if ((p.y > s) != (q.y > s)) crossings.push_back((q.x - p.x) * (s - p.y) / (q.y - p.y) + p.x);
+    }
+    std::sort(crossings.begin(), crossings.end());
+    for (std::size_t i = 0; i + 1 < crossings.size(); i += 2)
+      for (double x = std::max(std::floor(crossings[i]), 0.0);
+           x <= std::min(std::ceil(crossings[i + 1]) - 1, kWidth - 1.0); ++x)
+        plane[row * kWidth + static_cast<std::uint32_t>(x)] = 255;
+  }
+  return plane;
+}
+
+/// The rule of a stroke, asked of every pixel.
+Plane plain_stroke(DevicePoint a, DevicePoint b, double radius) {
+  Plane plane(kWidth * kHeight);
+  const double dx = b.x - a.x, dy = b.y - a.y, length2 = dx * dx + dy * dy;
+  for (std::uint32_t y = 0; y < kHeight; ++y) {
+    for (std::uint32_t x = 0; x < kWidth; ++x) {
+      const double cx = x + 0.5, cy = y + 0.5;
+      const double t =
+          length2 <= 1e-9 ? 0.0 : std::clamp(((cx - a.x) * dx + (cy - a.y) * dy) / length2, 0.0, 1.0);
+      const double ex = cx - (a.x + t * dx), ey = cy - (a.y + t * dy);
+      if (std::sqrt(ex * ex + ey * ey) <= radius) plane[y * kWidth + x] = 255;
+    }
+  }
+  return plane;
+}
+
+Plane fast_fill(const Points& points) {
+  Plane plane(kWidth * kHeight);
+  WorkBudget work = WorkBudget::for_page(plane.size());
+  EXPECT_TRUE(fill_subpath(points, {plane.data(), kWidth, kHeight}, work));
+  return plane;
+}
+
+Plane fast_stroke(DevicePoint a, DevicePoint b, double radius) {
+  Plane plane(kWidth * kHeight);
+  WorkBudget work = WorkBudget::for_page(plane.size());
+  EXPECT_TRUE(stroke_segment(a, b, radius, {plane.data(), kWidth, kHeight}, work));
+  return plane;
+}
+
+/// Coordinates on, around and far off the raster, many of them on the lines where rounding decides.
+class Coordinates {
+ public:
+  double next() {
+    switch (random_() % 6) {
+      case 0:
+        return static_cast<double>(random_() % 45) - 4.0;
+      case 1:
+        return static_cast<double>(random_() % 90) * 0.5 - 4.0;
+      case 2:
+        return std::nextafter(static_cast<double>(random_() % 40) + 0.5, random_() % 2 ? 1e9 : -1e9);
+      case 3:
+        return std::uniform_real_distribution<>(-1e6, 1e6)(random_) * (random_() % 4 ? 1.0 : 1e6);
+      default:
+        return std::uniform_real_distribution<>(-5.0, 42.0)(random_);
+    }
+  }
+  DevicePoint point() { return {next(), next()}; }
+  double radius() {
+    constexpr double kRadii[] = {0.5, 0.5, 1.0, 1.5, 2.25, 7.0, 40.0, 1e5};
+    return random_() % 3 ? kRadii[random_() % std::size(kRadii)]
+                         : std::uniform_real_distribution<>(0.5, 6.0)(random_);
+  }
+  std::size_t below(std::size_t n) { return random_() % n; }
+
+ private:
+  std::mt19937 random_{20240607};
+};
+
+TEST(SpotPathRaster, FillsAsThePlainRuleDoes) {
+  Coordinates coordinates;
+  for (int shape = 0; shape < 4000; ++shape) {
+    Points points(3 + coordinates.below(9));
+    for (DevicePoint& point : points) point = coordinates.point();
+    const Plane expected = plain_fill(points), actual = fast_fill(points);
+    ASSERT_EQ(actual, expected) << "shape " << shape << '\n' << show(actual) << '\n' << show(expected);
+  }
+}
+
+TEST(SpotPathRaster, StrokesAsThePlainRuleDoes) {
+  Coordinates coordinates;
+  for (int shape = 0; shape < 6000; ++shape) {
+    const DevicePoint a = coordinates.point();
+    DevicePoint b = coordinates.point();
+    switch (coordinates.below(6)) {  // the lines on which most depends
+      case 0:
+        b.y = a.y;
+        break;
+      case 1:
+        b.x = a.x;
+        break;
+      case 2:
+        b = {a.x + 1e-6, a.y - 1e-6};
+        break;
+      case 3:
+        b.y = std::nextafter(a.y, 1e9);
+        break;
+    }
+    const double radius = coordinates.radius();
+    const Plane expected = plain_stroke(a, b, radius), actual = fast_stroke(a, b, radius);
+    ASSERT_EQ(actual, expected) << "shape " << shape << '\n' << show(actual) << '\n' << show(expected);
+  }
+}
+
+TEST(SpotPathRaster, CoordinatesThatNoPageHasPaintNothing) {
+  const double bad[] = {INFINITY, -INFINITY, NAN, 1e300, -1e200};
+  for (const double value : bad) {
+    SCOPED_TRACE(value);
+    EXPECT_EQ(fast_fill({{0, 0}, {value, 5}, {5, 9}}), Plane(kWidth * kHeight));
+    EXPECT_EQ(fast_fill({{0, 0}, {9, 5}, {5, value}}), Plane(kWidth * kHeight));
+    EXPECT_EQ(fast_stroke({0, value}, {5, 5}, 1), Plane(kWidth * kHeight));
+    EXPECT_EQ(fast_stroke({0, 0}, {5, 5}, std::abs(value)), Plane(kWidth * kHeight));
+  }
+  EXPECT_EQ(fast_fill({{-1e90, -1e90}, {1e90, -1e90}, {1e90, 1e90}, {-1e90, 1e90}}),
+            Plane(kWidth * kHeight, 255));
+}
+
+TEST(SpotPathRaster, StopsWhenTheWorkRunsOut) {
+  Plane plane(kWidth * kHeight);
+  const MaskView mask{plane.data(), kWidth, kHeight};
+  const Points page = {{0, 0}, {kWidth, 0}, {kWidth, kHeight}, {0, kHeight}};
+  WorkBudget work(20'000);
+  int fills = 0;
+  while (fills < 1000 && fill_subpath(page, mask, work)) ++fills;
+  EXPECT_GT(fills, 0);
+  EXPECT_LT(fills, 1000);
+  for (const double end : {30.0, 1e20}) {  // near and far lines are drawn in different ways
+    work = WorkBudget(20'000);
+    int strokes = 0;
+    while (strokes < 1000 && stroke_segment({0, 0}, {end, end}, 2, mask, work)) ++strokes;
+    EXPECT_GT(strokes, 0);
+    EXPECT_LT(strokes, 1000);
+  }
+}
+
+}  // namespace
+}  // namespace nvo::test

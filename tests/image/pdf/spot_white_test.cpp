@@ -1,0 +1,400 @@
+#include "image/pdf/spot_white.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <filesystem>
+#include <set>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "image/pdf/pdf_file.h"
+#include "support/temp_dir.h"
+
+namespace nvo::test {
+namespace {
+
+using namespace std::string_literals;
+
+const std::string kVectors = "extracted vector spot-white mask";
+const std::string kImages = "extracted image spot-white mask";
+const std::string kBoth = "extracted vector and image spot-white masks";
+const std::string kNothing = "no supported spot-white content found by best-effort parser";
+const std::string kNotNeeded = "no spot-white candidate heuristic detected; extraction not needed";
+const std::string kAborted = "interpreter aborted on unsupported/too-complex spot-white content";
+const std::string kOneAborted = "; one spot-white interpreter aborted on unsupported/too-complex content";
+
+const std::string kWhite = "/ColorSpace <</W [/Separation /White /DeviceCMYK 9 0 R]>>";
+const std::string kUse = "/W cs 1 scn /W CS 1 SCN ";
+
+SpotWhiteResult extract(const PdfFile& file, std::uint32_t width = 10, std::uint32_t height = 10) {
+  return extract_spot_white_from_bytes(file.text(), 0, width, height);
+}
+
+/// A plane of 10 columns as rows of text: '.' for 0, '#' for 255, '+' for what lies between; rows without any
+/// paint at the bottom are left out.
+std::string art(const std::vector<std::uint8_t>& plane) {
+  std::string text;
+  for (std::size_t i = 0; i < plane.size(); ++i) {
+    text += plane[i] == 0 ? '.' : plane[i] == 255 ? '#' : '+';
+    if (i % 10 == 9) text += '\n';
+  }
+  while (text.ends_with("..........\n")) text.resize(text.size() - 11);
+  return text;
+}
+
+std::string vector_art(std::string_view content, std::string_view resources = kWhite) {
+  return art(extract(one_page(resources, content)).spot_white_coverage);
+}
+
+std::string repeat(std::string_view text, int count) {
+  std::string all;
+  for (int i = 0; i < count; ++i) all += text;
+  return all;
+}
+
+TEST(SpotWhite, SaysWhatItMet) {
+  const std::string box = "/MediaBox [0 0 10 10]", resources = " /Resources <<>> ", type = "<</Type /Page ";
+  const std::string structure = "; PDF object streams/xref streams are unsupported";
+  const struct {
+    const char* what;
+    std::string bytes, status;
+  } cases[] = {
+      {"nothing", "", "parse found no indirect objects supported by the partial parser"},
+      {"a cross-reference stream", "<</Type /XRef>>",
+       "parse found no indirect objects supported by the partial parser" + structure},
+      {"no page", PdfFile().object(1, "<</Type /Pages>>").text(),
+       "parse found no page object supported by the partial parser"},
+      {"an object stream", PdfFile().object(1, "<</Type /ObjStm>>").text(),
+       "parse found no page object supported by the partial parser" + structure},
+      {"no box", PdfFile().object(1, type + resources).text(),
+       "parse found page object but no supported MediaBox"},
+      {"no resources", PdfFile().object(1, type + box).text(),
+       "parse found page object but no supported page resources"},
+      {"resources that are missing", PdfFile().object(1, type + box + "/Resources 7 0 R").text(),
+       "parse found page object but no supported page resources"},
+      {"no content", PdfFile().object(1, type + box + resources).text(),
+       "parse found page/resources but no supported content streams (unsupported filters or stream caps may "
+       "apply)"},
+      {"empty content", one_page("", "").text(), kNotNeeded},
+      {"white that is not used", one_page(kWhite, "0 0 5 5 re f").text(), kNothing},
+      {"white", one_page(kWhite, kUse + "0 0 5 5 re f").text(), kVectors},
+      {"too many saved states", one_page(kWhite, kUse + repeat("q ", 129)).text(), kAborted},
+      {"as many as there may be", one_page(kWhite, kUse + "0 0 5 5 re f " + repeat("q ", 128) + "Q q").text(),
+       kVectors},
+      {"too many operands", one_page(kWhite, kUse + "0 0 5 5 re f " + repeat("(a) Tj ", 4097)).text(),
+       kAborted},
+      {"as many as there may be", one_page(kWhite, kUse + "0 0 5 5 re f " + repeat("Tj ", 4096)).text(),
+       kVectors},
+  };
+  for (const auto& c : cases)
+    EXPECT_EQ(extract_spot_white_from_bytes(c.bytes, 0, 10, 10).status, c.status) << c.what;
+  EXPECT_EQ(extract(one_page(kWhite, kUse), 0, 10).status, "skipped: rendered page dimensions are empty");
+}
+
+TEST(SpotWhite, ReadsFilesOfItsSize) {
+  const TempDir dir;
+  const std::string unreadable =
+      "skipped: could not read PDF bytes within the 64 MiB spot-white extractor cap";
+  EXPECT_EQ(extract_spot_white(dir.file("missing.pdf"), 0, 10, 10).status, unreadable);
+  EXPECT_EQ(extract_spot_white(dir.path().string(), 0, 10, 10).status, unreadable);
+
+  const std::string path = dir.file("a.pdf");
+  write_all(path, one_page(kWhite, kUse + "0 0 5 5 re f").text());
+  EXPECT_EQ(extract_spot_white(path, 0, 10, 10).status, kVectors);
+  EXPECT_EQ(extract_spot_white(path, 1, 10, 10).status,
+            "parse found no page object supported by the partial parser");
+  std::filesystem::resize_file(path, 64 << 20);
+  EXPECT_EQ(extract_spot_white(path, 0, 10, 10).status, kVectors);
+  std::filesystem::resize_file(path, (64 << 20) + 1);
+  EXPECT_EQ(
+      extract_spot_white(path, 0, 10, 10).status,
+      "skipped: PDF file is over 64 MiB spot-white extractor cap; visual render may still work under the "
+      "512 MiB PDF render cap");
+}
+
+TEST(SpotWhite, GuessesCandidates) {
+  const struct {
+    const char* text;
+    bool candidate;
+  } cases[] = {
+      {"[/separation /white /devicecmyk", true},
+      {"[/separation/whiteink", true},
+      {"[/separation /spot#20white", true},
+      {"[/separation/spot_1", true},
+      {"[/separation  /white", false},
+      {"[/separation /gold", false},
+      {"[/separation /Gold", false},
+      {"[/devicen [/cyan /white]", true},
+      {"[/cyan /white>> [/devicen", true},
+      {"[/devicen [/cyan /white_ink", true},
+      {"[/devicen [/cyan /whitest", false},
+      {"[/cyan /white ]", false},
+      {"/devicen /white", false},
+      {"", false},
+  };
+  for (const auto& c : cases) EXPECT_EQ(has_spot_white_candidate(c.text), c.candidate) << c.text;
+}
+
+TEST(SpotWhite, FindsTheWhiteColorant) {
+  const std::string white = "[/Separation /White 0]", gold = "[/Separation /Gold 0]",
+                    red = "[/Separation /Red 0]";
+  const auto spaces = [](const std::string& entries) { return "/ColorSpace <<" + entries + ">>"; };
+  const struct {
+    const char* what;
+    std::string resources, color;
+    bool painted;
+  } cases[] = {
+      {"white", spaces("/C" + white), "/C cs 1 scn", true},
+      {"any tint", spaces("/C" + white), "/C cs 0.01 sc", true},
+      {"no tint", spaces("/C" + white), "/C cs 0 scn", false},
+      {"no number", spaces("/C" + white), "/C cs 1 scn /P scn", false},
+      {"a colour before the space", spaces("/C" + white), "1 scn /C cs", false},
+      {"the space set again", spaces("/C" + white), "/C cs 1 scn /D cs", false},
+      {"the colour restored", spaces("/C" + white), "q /C cs 1 scn Q", false},
+      {"the space restored", spaces("/C" + white), "/C cs q /D cs Q 1 scn", true},
+      {"stroke colours", spaces("/C" + white), "/C CS 1 SCN", false},
+      {"a written-out name", spaces("/C#31 [/Separation /Spot#20White 0]"), "/C1 cs 1 scn", true},
+      {"folded names", spaces("/C [/Separation /WHITE-Ink 0]"), "/C cs 1 scn", true},
+      {"a name in full", spaces("/C [/Separation /Whitest 0] /D" + white), "/C cs 1 scn", false},
+      {"a sole spot", spaces("/C" + gold), "/C cs 1 scn", true},
+      {"two spots", spaces("/C" + gold + "/D" + red), "/C cs 1 scn", false},
+      {"a spot beside white", spaces("/C" + gold + "/D" + white), "/C cs 1 scn", false},
+      {"white beside a spot", spaces("/C" + gold + "/D" + white), "/D cs 1 scn", true},
+      {"all inks", spaces("/C [/Separation /All 0]"), "/C cs 1 scn", false},
+      {"no ink", spaces("/C [/Separation /None 0]"), "/C cs 1 scn", false},
+      {"the last of two", spaces("/C" + gold + "/C" + white), "/C cs 1 scn", true},
+      {"an array that names white", spaces("/C [/DeviceN [/Cyan /Magenta /White] 0]"), "/C cs 0 0 0.5 scn",
+       true},
+      {"another of its colours", spaces("/C [/DeviceN [/Cyan /Magenta /White] 0]"), "/C cs 1 0 0 scn", false},
+      {"fewer tints", spaces("/C [/DeviceN [/Cyan /Magenta /White] 0]"), "/C cs 0 1 scn", true},
+      {"an array without white", spaces("/C [/DeviceN [/Cyan] 0]"), "/C cs 1 scn", false},
+      {"values of other kinds", spaces("/A [[/X 1] 2] /B <</W 1>> /D /E /C" + white), "/C cs 1 scn", true},
+      {"a reference", spaces("/C 20 0 R"), "/C cs 1 scn", true},
+      {"31 more", spaces("/C 21 0 R"), "/C cs 1 scn", true},
+      {"one too many", spaces("/C 22 0 R"), "/C cs 1 scn", false},
+      {"a circle", spaces("/C 80 0 R"), "/C cs 1 scn", false},
+      {"a space without a name", spaces("/ " + white), "1 scn", true},
+      {"spaces in an object", "/ColorSpace 90 0 R", "/C cs 1 scn", false},
+  };
+  for (const auto& c : cases) {
+    PdfFile file = one_page(c.resources, std::string(c.color) + " 0 0 10 10 re f");
+    file.object(20, white).object(80, "80 0 R").object(90, "<</C" + white + ">>");
+    file.object(21, "30 0 R").object(22, "23 0 R").object(23, "30 0 R");
+    for (int i = 30; i < 60; ++i) file.object(i, std::to_string(i + 1) + " 0 R");
+    file.object(60, white);
+    EXPECT_EQ(!extract(file).spot_white_coverage.empty(), c.painted) << c.what;
+  }
+}
+
+TEST(SpotWhite, PaintsStraightShapes) {
+  const struct {
+    const char *what, *content, *art;
+  } cases[] = {
+      {"a rectangle, rounded outward", "1.2 8.6 2 1 re f", ".###......\n"},
+      {"rows by their middles", "0 8.4 2 1 re f", "..........\n##........\n"},
+      {"a negative size", "4 10 -3 -2 re F", ".###......\n.###......\n"},
+      {"a triangle", "0 7 m 3 10 l 0 10 l f", "###.......\n##........\n#.........\n"},
+      {"even-odd inside a subpath", "0 10 m 6 10 l 6 9 l 2 9 l 2 10 l 4 10 l 4 9 l 0 9 l f*", "##..##....\n"},
+      {"a hole in a second subpath", "0 7 4 3 re 1 8 1 1 re f*", "####......\n####......\n####......\n"},
+      {"a line without a start", "0 10 l 2 10 l 2 9 l f", ".#........\n"},
+      {"missing numbers are 0", "10 m 3 10 l 7 l f", "###.......\n##........\n#.........\n"},
+      {"words between the numbers", "0 9 /a 2 b [ 1 ] re f", "##........\n"},
+      {"a closed shape continues", "2 9 m 0 9 l 0 10 l h 2 10 l f", "#.........\n"},
+      {"ended without paint", "0 9 2 1 re n f", ""},
+      {"painted by whatever comes next", "0 9 2 1 re B 4 9 1 1 re f", "##..#.....\n"},
+      {"curves are a point", "0 9 m 1 1 2 2 3 3 c f", ""},
+      {"scaled and moved", "2 0 0 1 4 9 cm 0 0 1 1 re f", "....##....\n"},
+      {"matrices in order", "1 0 0 1 4 9 cm 2 0 0 1 0 0 cm 0 0 1 1 re f", "....##....\n"},
+      {"five operands move nothing", "0 0 1 4 9 cm 0 9 1 1 re f", "#.........\n"},
+      {"six operands with five numbers", "/x 0 0 1 4 9 cm 0 0 9 1 re f", ""},
+      {"a matrix restored", "q 1 0 0 1 4 0 cm Q Q 0 9 1 1 re f", "#.........\n"},
+      {"a stroke of 2", "2 w 3 9 m 6 9 l S", "..#####...\n..#####...\n"},
+      {"as wide as the wider axis", "3 0 0 1 0 0 cm 1 8.5 m 1.3 8.5 l S",
+       "..###.....\n.####.....\n..###.....\n"},
+      {"a hairline", "0 w 2 9.5 m 5 9.5 l S", ".#####....\n"},
+      {"a negative width", "-5 w 2 9.5 m 5 9.5 l S", ".#####....\n"},
+      {"a width without a number", "7 w /x w 2 9.5 m 5 9.5 l S", ".#####....\n"},
+      {"an open path", "1 6.5 m 1 9.5 l 3 9.5 l S", "####......\n##........\n##........\n##........\n"},
+      {"closed by s", "1.5 7.5 m 1.5 9.5 l 3.5 9.5 l 3.5 7.5 l s", ".###......\n.#.#......\n.###......\n"},
+      {"closed by h", "1.5 7.5 m 1.5 9.5 l 3.5 9.5 l 3.5 7.5 l h S", ".###......\n.#.#......\n.###......\n"},
+      {"a stroke in another colour clears the path", "/X CS 0 9 2 1 re S f", ""},
+      {"far off the page", "-1e30 -1e30 2e30 2e30 re 1e300 0 m 0 1e300 l 5 5 l f",
+       "##########\n##########\n##########\n##########\n##########\n##########\n##########\n##########\n"
+       "##########\n##########\n"},
+      {"numbers that are none", "nan nan 5 5 re inf 0 m 0 inf l 5 5 l f nan w 0 0 m nan inf l S", ""},
+  };
+  for (const auto& c : cases) EXPECT_EQ(vector_art(kUse + c.content), c.art) << c.what;
+}
+
+TEST(SpotWhite, MapsTheBoxOntoTheRaster) {
+  PdfFile file;
+  file.object(1, "<</Type /Page /MediaBox [0 0 612 792] /Contents 2 0 R /Resources <<" + kWhite + ">> >>");
+  file.stream(2, "", kUse + "10 10 50 50 re f");
+  const auto plane = extract(file, 2550, 3300).spot_white_coverage;
+  ASSERT_EQ(plane.size(), 2550u * 3300u);
+  std::set<std::size_t> columns, rows;
+  for (std::size_t i = 0; i < plane.size(); ++i) {
+    if (plane[i] == 0) continue;
+    columns.insert(i % 2550);
+    rows.insert(i / 2550);
+  }
+  EXPECT_EQ(*columns.begin(), 41u);
+  EXPECT_EQ(*columns.rbegin(), 249u);
+  EXPECT_EQ(*rows.begin(), 3050u);
+  EXPECT_EQ(*rows.rbegin(), 3257u);
+  EXPECT_EQ(std::count(plane.begin(), plane.end(), 255), 209 * 208);
+}
+
+TEST(SpotWhite, RunsOnFromStreamToStream) {
+  PdfFile file;
+  file.object(1,
+              "<</Type /Page /MediaBox [0 0 10 10] /Contents [2 0 R 3 0 R] /Resources <<" + kWhite + ">> >>");
+  file.stream(2, "", kUse + "0 9 2 1 re 7 8").stream(3, "", "9 m f");
+  EXPECT_EQ(art(extract(file).spot_white_coverage), "##........\n");
+}
+
+TEST(SpotWhite, LimitsAPath) {
+  const auto status = [](const std::string& path) {
+    return extract(one_page(kWhite, kUse + path + "f")).status;
+  };
+  const std::string point = "m\n", line = "1 9 l\n", most = "0 9 5 1 re " + repeat(point, 249'994);
+  EXPECT_EQ(status(most + point + line), kVectors);
+  EXPECT_EQ(status(most + point + line + point), kAborted);
+  EXPECT_EQ(status(most + point + line + line), kAborted);
+  EXPECT_EQ(status(most + point + line + "h "), kAborted);
+  EXPECT_EQ(status("0 9 5 1 re " + repeat(point, 249'992) + "0 0 1 1 re "), kVectors);
+  EXPECT_EQ(status("0 9 5 1 re " + repeat(point, 249'993) + "0 0 1 1 re "), kAborted);
+  EXPECT_EQ(status(most + point + line + "f " + most), kVectors) << "painting makes room";
+}
+
+/// A page with one image, `/I`, painted by `content`.
+PdfFile image_page(const std::string& keys, const std::string& samples,
+                   const std::string& content = "10 0 0 10 0 0 cm /I Do", const std::string& resources = "") {
+  PdfFile file = one_page(resources + "/XObject <</I 5 0 R>>", content);
+  return file.flate(5, "/Subtype /Image " + keys, samples);
+}
+
+const std::string kTwoByTwo = "/Width 2 /Height 2 /BitsPerComponent 8 ";
+const std::string kWhiteImage = kTwoByTwo + "/ColorSpace [/Separation /White 0] ";
+const std::string kFour = "\xFF\x80\x01\x00"s;
+
+TEST(SpotWhite, PaintsImages) {
+  const std::string left = "#####+++++\n", right = "+++++.....\n";
+  const struct {
+    const char *what, *content;
+    std::string art;
+  } cases[] = {
+      {"the whole page", "10 0 0 10 0 0 cm /I Do", repeat(left, 5) + repeat(right, 5)},
+      {"upside down", "10 0 0 -10 0 10 cm /I Do", repeat(right, 5) + repeat(left, 5)},
+      {"in a corner", "2 0 0 2 0 8 cm /I Do", "#+........\n+.........\n"},
+      {"half off the page", "4 0 0 4 -2 6 cm /I Do", "++........\n++........\n"},
+      {"by the middles of pixels", "1.2 0 0 1 0.4 8.6 cm /I Do", "#+........\n"},
+      {"turned by 90 degrees", "0 2 -2 0 2 8 cm /I Do", "+.........\n#+........\n"},
+      {"slanted", "2 0 2 2 0 8 cm /I Do", ".#+.......\n+.........\n"},
+      {"without area", "2 0 0 0 0 8 cm /I Do", ""},
+      {"the greater sample stays", "2 0 0 2 0 8 cm /I Do 1 0 0 -1 0 1 cm /I Do", "#+........\n#+........\n"},
+      {"unknown names", "2 0 0 2 0 8 cm /J Do Do", ""},
+      {"restored", "q 2 0 0 2 0 8 cm Q 1 0 0 1 8.6 8.6 cm /x /I Do", ".........+\n"},
+      {"far off the page", "1e200 0 0 1e200 0 0 cm /I Do inf 0 0 inf 0 0 cm /I Do", ""},
+  };
+  for (const auto& c : cases)
+    EXPECT_EQ(art(extract(image_page(kWhiteImage, kFour, c.content)).spot_white_coverage), c.art) << c.what;
+}
+
+TEST(SpotWhite, UnderstandsTheseImages) {
+  const std::string gold = "[/Separation /Gold 0]", spaces = "/ColorSpace ";
+  const auto indexed = [](const char* rest) {
+    return "/ColorSpace [/Indexed [/Separation /White 0] "s + rest + "]";
+  };
+  const std::string shown = "#####+++++\n+++++.....\n", indices = "\1\2\3\0"s;
+  const struct {
+    const char* what;
+    std::string keys, samples, resources, art;
+  } cases[] = {
+      {"gray", kTwoByTwo + "/ColorSpace /DeviceGray", kFour, "", ""},
+      {"no space", kTwoByTwo, kFour, "", ""},
+      {"an unusable name", kTwoByTwo + "/ColorSpace [/Separation /All 0]", kFour, "", ""},
+      {"a space in an object", kTwoByTwo + "/ColorSpace 6 0 R", kFour, "", shown},
+      {"a space of the resources", kTwoByTwo + "/ColorSpace /C#31", kFour, spaces + "<</C1 6 0 R>>", shown},
+      {"the first of two", kTwoByTwo + "/ColorSpace /C", kFour, spaces + "<</C 6 0 R /C /DeviceGray>>",
+       shown},
+      {"a name that means itself", kTwoByTwo + "/ColorSpace /C", kFour, spaces + "<</C /C>>", ""},
+      {"a sole spot", kTwoByTwo + "/ColorSpace " + gold, kFour, "", shown},
+      {"beside itself", kTwoByTwo + "/ColorSpace " + gold, kFour, spaces + "<</A" + gold + ">>", shown},
+      {"beside another", kTwoByTwo + "/ColorSpace " + gold, kFour,
+       spaces + "<</A" + gold + "/B" + gold + ">>", ""},
+      {"beside white", kTwoByTwo + "/ColorSpace " + gold, kFour, spaces + "<</A 6 0 R>>", ""},
+      {"4 bits", "/Width 2 /Height 2 /BitsPerComponent 4 /ColorSpace 6 0 R", kFour, "", ""},
+      {"too few samples", "/Width 2 /Height 3 /BitsPerComponent 8 /ColorSpace 6 0 R", kFour, "", ""},
+      {"too many samples", "/Width 1 /Height 2 /BitsPerComponent 8 /ColorSpace 6 0 R", kFour, "", ""},
+      {"no height", "/Width 2 /Height 0 /BitsPerComponent 8 /ColorSpace 6 0 R", kFour, "", ""},
+      {"differences", kWhiteImage + "/DecodeParms <</Predictor 2>>", "\xFF\x81\x01\xFF"s, "", shown},
+      {"a look-up stream", kTwoByTwo + indexed("3 7 0 R"), indices, "", shown},
+      {"a look-up string", kTwoByTwo + indexed("3 8 0 R"), indices, "", shown},
+      {"an index beyond it", kTwoByTwo + indexed("2 8 0 R"), "\1\2\2\3"s, "", shown},
+      {"a look-up too short", kTwoByTwo + indexed("5 8 0 R"), indices, "", ""},
+      {"a stream too long", kTwoByTwo + indexed("2 7 0 R"), indices, "", ""},
+      {"an inline look-up", kTwoByTwo + indexed("3 <00ff8001>"), indices, "", ""},
+      {"indices into gray", kTwoByTwo + "/ColorSpace [/Indexed /DeviceGray 3 7 0 R]", indices, "", ""},
+      {"an infinite index", kTwoByTwo + indexed("inf 7 0 R"), indices, "", ""},
+  };
+  for (const auto& c : cases) {
+    PdfFile file = image_page(c.keys, c.samples, "10 0 0 2 0 8 cm /I Do", c.resources);
+    file.object(6, "[/Separation /White 0]")
+        .stream(7, "", "\0\xFF\x80\1"s)
+        .object(8, "(\\000\xFF\\200\\1\\\n1)");
+    EXPECT_EQ(art(extract(file).spot_white_coverage), c.art) << c.what;
+  }
+}
+
+TEST(SpotWhite, SoftMasksAreProcessAlpha) {
+  const auto with_mask = [](const std::string& image, const std::string& mask) {
+    PdfFile file = image_page(image + "/SMask 6 0 R", kFour, "10 0 0 2 0 8 cm /I Do");
+    return extract(file.flate(6, kTwoByTwo + mask, "\x01\xFF\x00\xFF"s));
+  };
+  const std::string shown = "+++++#####\n.....#####\n";
+  const auto gray = with_mask(kTwoByTwo + "/ColorSpace /DeviceRGB", "/ColorSpace /DeviceGray");
+  EXPECT_EQ(art(gray.process_alpha_coverage), shown);
+  EXPECT_TRUE(gray.spot_white_coverage.empty());
+  EXPECT_EQ(gray.status, kNotNeeded);
+
+  EXPECT_EQ(art(with_mask("", "").process_alpha_coverage), shown) << "the image itself need not be readable";
+  EXPECT_TRUE(with_mask("", "/ColorSpace /DeviceRGB").process_alpha_coverage.empty());
+  const auto white = with_mask(kWhiteImage, "");
+  EXPECT_EQ(art(white.process_alpha_coverage), shown);
+  EXPECT_EQ(white.status, kImages);
+}
+
+TEST(SpotWhite, MergesPassesAndDropsAbortedOnes) {
+  const std::string shape = kUse + "0 9 2 1 re f ", image = "q 10 0 0 1 0 8 cm /I Do Q ";
+  const auto result = [&](const std::string& content) {
+    return extract(image_page(kWhiteImage, kFour, content, kWhite));
+  };
+  const auto both = result(shape + image + "10 0 0 1 0 9 cm /I Do");
+  EXPECT_EQ(art(both.spot_white_coverage), "##+++.....\n+++++.....\n");
+  EXPECT_EQ(both.status, kBoth);
+  EXPECT_EQ(result(shape).status, kVectors);
+  EXPECT_EQ(result(image).status, kImages);
+
+  // Path operators are unknown to the pass over images, and Do to the other one.
+  EXPECT_EQ(result(shape + repeat("0 m ", 2100)).status, kVectors + kOneAborted);
+  EXPECT_EQ(result(kUse + repeat("/I Do ", 2100) + image).status, kImages + kOneAborted);
+  EXPECT_EQ(result(repeat("q ", 129)).status, kAborted);
+}
+
+TEST(SpotWhite, ImagesHaveALimitOfTheirOwn) {
+  const auto coverage = [](int side) {
+    const std::string sides = "/Width " + std::to_string(side) + " /Height " + std::to_string(side);
+    const std::string keys = sides + " /BitsPerComponent 8 /ColorSpace [/Separation /White 0]";
+    const std::string samples(static_cast<std::size_t>(side) * static_cast<std::size_t>(side), '\xFF');
+    return extract(image_page(keys, samples)).spot_white_coverage;
+  };
+  EXPECT_EQ(coverage(4096), std::vector<std::uint8_t>(100, 255));
+  EXPECT_TRUE(coverage(4097).empty());
+}
+
+}  // namespace
+}  // namespace nvo::test

@@ -1,0 +1,309 @@
+#include "image/decode/raster_decoder.h"
+
+#include <cmath>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "raster_files.h"
+#include "support/failure.h"
+#include "support/temp_dir.h"
+
+namespace nvo::test {
+namespace {
+
+using namespace std::string_literals;
+using ::testing::HasSubstr;
+
+class RasterDecoderTest : public ::testing::Test {
+ protected:
+  TempDir dir_;
+  RasterInfo info_;
+
+  Bytes decode(const std::string& file) {
+    write_all(dir_.file("image"), file);
+    const auto decoder = open_raster_decoder(dir_.file("image"));
+    if (!decoder) throw DecodeError("not an image");
+    info_ = decoder->info();
+    decoder->start();
+    Bytes pixels(decoder->row_bytes() * info_.height);
+    for (std::size_t at = 0; at < pixels.size(); at += decoder->row_bytes()) decoder->read_row(&pixels[at]);
+    return pixels;
+  }
+  std::string failure(const std::string& file) {
+    return failure_of([&] { decode(file); });
+  }
+};
+
+int largest_difference(const Bytes& a, const Bytes& b) {
+  if (a.size() != b.size()) return 999;
+  int largest = 0;
+  for (std::size_t i = 0; i < a.size(); ++i) largest = std::max(largest, std::abs(a[i] - b[i]));
+  return largest;
+}
+
+TEST_F(RasterDecoderTest, PngOfEveryKind) {
+  const struct {
+    int color_type;
+    std::vector<int> depths;
+    bool alpha_at_8_bits;
+  } kinds[] = {
+      {PNG_COLOR_TYPE_GRAY, {1, 2, 4, 8, 16}, false}, {PNG_COLOR_TYPE_PALETTE, {1, 2, 4, 8}, false},
+      {PNG_COLOR_TYPE_RGB, {8, 16}, false},           {PNG_COLOR_TYPE_GRAY_ALPHA, {8, 16}, true},
+      {PNG_COLOR_TYPE_RGB_ALPHA, {8, 16}, true},
+  };
+  for (const auto& kind : kinds)
+    for (const int depth : kind.depths)
+      for (const bool interlaced : {false, true})
+        for (const bool transparency : {false, true}) {
+          if (transparency && (kind.color_type & PNG_COLOR_MASK_ALPHA) != 0) continue;
+          SCOPED_TRACE(testing::Message()
+                       << "type " << kind.color_type << ", depth " << depth
+                       << (interlaced ? ", interlaced" : "") << (transparency ? ", tRNS" : ""));
+          const PngFile file{kind.color_type, depth, interlaced, transparency};
+          ASSERT_EQ(decode(file.bytes()), file.pixels());
+          EXPECT_EQ(info_.has_alpha, kind.alpha_at_8_bits && depth == 8);
+          EXPECT_EQ(info_.needs_whole_frame, interlaced);
+        }
+}
+
+TEST_F(RasterDecoderTest, PngChunksBesideThePixelsAreSkipped) {
+  const PngFile file{};
+  const std::string plain = file.bytes();
+  // A chunk of 9 MB behind the header, its checksum wrong.
+  const std::string chunk = "\x00\x89\x54\x40zTXt"s + std::string(0x895440, 'x') + "crc?";
+  EXPECT_EQ(decode(plain.substr(0, 33) + chunk + plain.substr(33)), file.pixels());
+}
+
+TEST_F(RasterDecoderTest, JpegColours) {
+  const auto ink_rule = [](double ink, double key) { return std::lround((255 - ink) * (255 - key) / 255); };
+  for (const bool progressive : {false, true}) {
+    const JpegFile gray{.components = 1, .stored = JCS_GRAYSCALE, .progressive = progressive};
+    const auto g = [&](std::uint32_t x, std::uint32_t y) {
+      const std::uint8_t v = gray.sample(x, y, 0);
+      return Rgba{v, v, v, 255};
+    };
+    EXPECT_LE(largest_difference(decode(gray.bytes()), rgba_image(gray.width, gray.height, g)), 2);
+    EXPECT_EQ(info_.needs_whole_frame, progressive);
+
+    for (const J_COLOR_SPACE stored : {JCS_YCbCr, JCS_RGB}) {
+      const JpegFile rgb{.stored = stored, .progressive = progressive, .adobe = stored == JCS_RGB};
+      const auto p = [&](std::uint32_t x, std::uint32_t y) {
+        return Rgba{rgb.sample(x, y, 0), rgb.sample(x, y, 1), rgb.sample(x, y, 2), 255};
+      };
+      EXPECT_LE(largest_difference(decode(rgb.bytes()), rgba_image(rgb.width, rgb.height, p)), 4);
+    }
+    for (const bool adobe : {false, true})
+      for (const J_COLOR_SPACE stored : {JCS_CMYK, JCS_YCCK}) {
+        if (stored == JCS_YCCK && !adobe) continue;  // only Adobe's marker tells YCCK
+        const JpegFile cmyk{.components = 4, .stored = stored, .progressive = progressive, .adobe = adobe};
+        const auto p = [&](std::uint32_t x, std::uint32_t y) {
+          Rgba light{0, 0, 0, 255};
+          const auto ink = [&](int c) { return adobe ? 255 - cmyk.sample(x, y, c) : cmyk.sample(x, y, c); };
+          for (int c = 0; c < 3; ++c) light[c] = static_cast<std::uint8_t>(ink_rule(ink(c), ink(3)));
+          return light;
+        };
+        EXPECT_LE(largest_difference(decode(cmyk.bytes()), rgba_image(cmyk.width, cmyk.height, p)), 5);
+        EXPECT_FALSE(info_.has_alpha);
+      }
+  }
+}
+
+TEST_F(RasterDecoderTest, WebpLosslessAndLossy) {
+  // Larger than one piece of the incremental decoder.
+  const Bytes busy = rgba_image(401, 399, busy_pixel);
+  EXPECT_EQ(decode(webp_bytes(busy, 401, 399, true)), busy);
+  EXPECT_TRUE(info_.has_alpha);
+
+  const auto smooth = rgba_image(60, 50, [](std::uint32_t x, std::uint32_t y) {
+    const auto v = static_cast<std::uint8_t>(60 + x + y);
+    return Rgba{v, v, v, static_cast<std::uint8_t>(y < 25 ? 255 : 128)};
+  });
+  EXPECT_LE(largest_difference(decode(webp_bytes(smooth, 60, 50, false)), smooth), 6);
+  EXPECT_TRUE(info_.has_alpha);
+  const auto opaque = rgba_image(9, 5, [](std::uint32_t, std::uint32_t) { return Rgba{9, 99, 199, 255}; });
+  EXPECT_EQ(decode(webp_bytes(opaque, 9, 5, true)), opaque);
+  EXPECT_FALSE(info_.has_alpha);
+}
+
+TEST_F(RasterDecoderTest, BmpVariants) {
+  const Bytes two_by_two = {1, 2, 3, 255, 4, 5, 6, 255, 7, 8, 9, 255, 10, 11, 12, 255};
+  const auto bottom_up = "\x09\x08\x07\x0C\x0B\x0A\0\0\x03\x02\x01\x06\x05\x04\0\0"s;
+  const auto top_down = "\x03\x02\x01\x06\x05\x04\0\0\x09\x08\x07\x0C\x0B\x0A\0\0"s;
+  const std::vector<std::uint32_t> colors = {0x000000, 0x102030, 0xFFFFFF, 0xAABBCC};
+  const auto indexed = [&](const std::vector<int>& indices) {
+    Bytes pixels;
+    for (const int i : indices)
+      for (const int shift : {16, 8, 0, -1})
+        pixels.push_back(shift < 0 ? std::uint8_t{255}
+                                   : static_cast<std::uint8_t>(colors[static_cast<std::size_t>(i)] >> shift));
+    return pixels;
+  };
+  const std::vector<std::uint32_t> argb = {0xFF0000, 0xFF00, 0xFF, 0xFF000000};
+  const struct {
+    const char* name;
+    BmpFile file;
+    Bytes pixels;
+    bool has_alpha = false;
+  } cases[] = {
+      {"24 bit", {.width = 2, .data = bottom_up}, two_by_two},
+      {"24 bit, top down", {.width = 2, .height = -2, .data = top_down}, two_by_two},
+      {"core header", {.header = 12, .width = 2, .data = bottom_up}, two_by_two},
+      {"core header, 1 bit",
+       {.header = 12,
+        .width = 3,
+        .height = 1,
+        .bits = 1,
+        .palette = {colors[0], colors[1]},
+        .data = "\xA0\0\0\0"s},
+       indexed({1, 0, 1})},
+      {"4 bit", {.height = 1, .bits = 4, .palette = colors, .data = "\x13\x20\0\0"s}, indexed({1, 3, 2})},
+      {"index without a palette entry",
+       {.width = 1, .height = 1, .bits = 8, .palette = colors, .data = "\x09\0\0\0"s},
+       {0, 0, 0, 255}},
+      {"16 bit, 5 5 5",
+       {.width = 2, .height = 1, .bits = 16, .data = "\xFF\x7F\x10\x02"s},
+       {255, 255, 255, 255, 0, 132, 132, 255}},
+      {"16 bit, 5 6 5",
+       {.width = 1,
+        .height = 1,
+        .bits = 16,
+        .compression = 3,
+        .masks = {0xF800, 0x7E0, 0x1F},
+        .data = "\x01\x08\0\0"s},
+       {8, 0, 8, 255}},
+      {"16 bit, 4 4 4 4 by its own code",
+       {.width = 1,
+        .height = 1,
+        .bits = 16,
+        .compression = 6,
+        .masks = {0xF00, 0xF0, 0xF, 0xF000},
+        .data = "\x21\x43\0\0"s},
+       {51, 34, 17, 68},
+       true},
+      {"32 bit without alpha",
+       {.width = 1, .height = 1, .bits = 32, .data = "\x01\x02\x03\x04"s},
+       {3, 2, 1, 255}},
+      {"32 bit, version 4 without bit fields",
+       {.header = 108, .width = 1, .height = 1, .bits = 32, .masks = argb, .data = "\x01\x02\x03\x04"s},
+       {3, 2, 1, 255}},
+      {"32 bit with alpha, version 5",
+       {.header = 124,
+        .width = 1,
+        .height = 1,
+        .bits = 32,
+        .compression = 3,
+        .masks = argb,
+        .data = "\x01\x02\x03\x04"s},
+       {3, 2, 1, 4},
+       true},
+      {"32 bit, 10 bits a sample",
+       {.width = 1,
+        .height = 1,
+        .bits = 32,
+        .compression = 3,
+        .masks = {0x3FF00000, 0xFFC00, 0x3FF},
+        .data = "\xFF\x13\0\x20"s},
+       {128, 1, 255, 255}},
+      {"8 bit run lengths",
+       {.height = 3,
+        .bits = 8,
+        .compression = 1,
+        .palette = colors,
+        .data = "\x02\x01\x00\x00"
+                "\x00\x03\x01\x02\x03\x00\x00\x00"
+                "\x00\x02\x01\x00\x09\x03\x00\x01"s},
+       indexed({0, 3, 3, 1, 2, 3, 1, 1, 0})},
+      {"4 bit run lengths",
+       {.height = 2,
+        .bits = 4,
+        .compression = 2,
+        .palette = colors,
+        .data = "\x03\x12\x00\x00"
+                "\x00\x03\x32\x10\x00\x01"s},
+       indexed({3, 2, 1, 1, 2, 1})},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    EXPECT_EQ(decode(c.file.bytes()), c.pixels);
+    EXPECT_EQ(info_.has_alpha, c.has_alpha);
+  }
+}
+
+TEST_F(RasterDecoderTest, BmpRefusals) {
+  const std::vector<std::uint32_t> colors(4, 0);
+  const struct {
+    BmpFile file;
+    const char* text;
+  } cases[] = {
+      {{.header = 41}, "unknown header size"},
+      {{.header = 12, .width = 900, .height = 900, .bits = 8}, "the header ends early"},
+      {{.width = -3}, "negative width"},
+      {{.bits = 2}, "unknown pixel size"},
+      {{.bits = 24, .compression = 3, .masks = {1, 2, 4}}, "unknown compression"},
+      {{.height = -2, .bits = 8, .compression = 1, .palette = colors}, "unknown compression"},
+      {{.bits = 8, .compression = 4, .palette = colors}, "unknown compression"},
+      {{.bits = 16, .compression = 3, .masks = {5, 2, 8}}, "a mask has gaps"},
+      {{.bits = 16, .compression = 3, .masks = {6, 2, 8}}, "masks overlap"},
+      {{.bits = 16, .compression = 3, .masks = {0x30000, 2, 8}}, "a mask is wider than a pixel"},
+      {{.data = std::string(23, 'x')}, "the file is too short for its size in pixels"},
+      {{.width = 9000,
+        .height = 9000,
+        .bits = 8,
+        .compression = 1,
+        .palette = colors,
+        .data = "\x01\x02\0\1"s},
+       "the file is too short for its size in pixels"},
+      {{.bits = 8, .compression = 1, .palette = colors, .data = "\x03\x01\0\x03\x01"s},
+       "the file ends early"},
+  };
+  for (const auto& c : cases) EXPECT_EQ(failure(c.file.bytes()), "BMP: "s + c.text);
+}
+
+TEST_F(RasterDecoderTest, CutFilesFailAtEveryLength) {
+  const PngFile png{};
+  const Bytes busy = rgba_image(40, 30, busy_pixel);
+  const auto rows = [](int count) { return std::string(static_cast<std::size_t>(count) * 12, 'x'); };
+  const std::string files[] = {
+      png.bytes(),
+      PngFile{.interlaced = true}.bytes(),
+      JpegFile{}.bytes(),
+      JpegFile{.progressive = true}.bytes(),
+      webp_bytes(busy, 40, 30, true),
+      webp_bytes(busy, 40, 30, false),
+      BmpFile{.height = 9, .data = rows(9)}.bytes(),
+  };
+  for (std::size_t i = 0; i < std::size(files); ++i) {
+    ASSERT_EQ(failure(files[i]), "") << i;
+    // The last bytes of a PNG and of a JPEG with one scan are end marks, without which all pixels are there.
+    for (std::size_t size = 0; size + 24 < files[i].size(); size += 1 + size / 20)
+      EXPECT_NE(failure(files[i].substr(0, size)), "") << "file " << i << " of " << size << " bytes";
+  }
+}
+
+TEST_F(RasterDecoderTest, DamageInThePixelsIsAnError) {
+  std::string png = PngFile{}.bytes(), jpeg = JpegFile{.width = 200, .height = 200}.bytes();
+  png[png.size() / 2] = static_cast<char>(~png[png.size() / 2]);
+  EXPECT_THAT(failure(png), HasSubstr("PNG: "));
+  jpeg.replace(jpeg.size() / 2, 2, "\xFF\xD9");
+  EXPECT_THAT(failure(jpeg), HasSubstr("JPEG: Corrupt JPEG data"));
+}
+
+TEST_F(RasterDecoderTest, BombsAreRefused) {
+  EXPECT_THAT(failure(JpegFile{.components = 1, .stored = JCS_GRAYSCALE, .extra_scans = 150}.bytes()),
+              HasSubstr("too many scans"));
+  EXPECT_EQ(failure(JpegFile{.components = 1, .stored = JCS_GRAYSCALE, .extra_scans = 60}.bytes()), "");
+
+  std::string jpeg = JpegFile{.progressive = true}.bytes();
+  const std::size_t frame = jpeg.find("\xFF\xC2"s);
+  jpeg.replace(frame + 5, 4, "\x75\x30\x75\x30");
+  EXPECT_EQ(failure(jpeg), "JPEG: the file is too short for its size in pixels");
+  EXPECT_EQ(failure(png_header_only(12000, 12000)), "PNG: the file is too short for its size in pixels");
+  EXPECT_EQ(failure(png_header_only(1'000'000'000, 1)), "rows are too long");
+}
+
+}  // namespace
+}  // namespace nvo::test

@@ -1,0 +1,273 @@
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <functional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <jpeglib.h>
+#include <png.h>
+#include <webp/encode.h>
+
+namespace nvo::test {
+
+using Bytes = std::vector<std::uint8_t>;
+using Rgba = std::array<std::uint8_t, 4>;
+
+/// `pixel` at each place, as decoders deliver an image.
+inline Bytes rgba_image(std::uint32_t width, std::uint32_t height,
+                        const std::function<Rgba(std::uint32_t x, std::uint32_t y)>& pixel) {
+  Bytes image;
+  image.reserve(std::size_t{width} * height * 4);
+  for (std::uint32_t y = 0; y < height; ++y)
+    for (std::uint32_t x = 0; x < width; ++x)
+      for (const std::uint8_t sample : pixel(x, y)) image.push_back(sample);
+  return image;
+}
+
+/// Different everywhere, never transparent.
+inline Rgba busy_pixel(std::uint32_t x, std::uint32_t y) {
+  const std::uint32_t mix = (x * 2654435761u + y * 40503u) ^ (x * y);
+  return {static_cast<std::uint8_t>(mix >> 8), static_cast<std::uint8_t>(mix >> 16),
+          static_cast<std::uint8_t>(x + y), static_cast<std::uint8_t>(1 + mix % 255)};
+}
+
+/// Appends a number, lowest byte first.
+inline void put_little(std::string& bytes, std::uint64_t value, int count) {
+  for (int i = 0; i < count; ++i) bytes += static_cast<char>(value >> (8 * i));
+}
+
+/// A PNG whose samples are `sample(x, y, channel)`, of `depth` bits; palettes have `palette_size` entries.
+struct PngFile {
+  int color_type = PNG_COLOR_TYPE_RGB_ALPHA, depth = 8;
+  bool interlaced = false;
+  bool transparency = false;  ///< a tRNS chunk: the colour of pixel (0, 0), or falling alpha of entries
+  std::uint32_t width = 13, height = 11;
+  std::uint32_t per_metre_x = 0, per_metre_y = 0;
+  int unit = PNG_RESOLUTION_METER;
+  std::function<unsigned(std::uint32_t x, std::uint32_t y, unsigned channel)> sample =
+      [](std::uint32_t x, std::uint32_t y, unsigned channel) {
+        return x * 7919u + y * 104729u + channel * 31u + x * y;
+      };
+
+  unsigned channels() const {
+    return color_type == PNG_COLOR_TYPE_PALETTE ? 1 : 1 + (color_type & 2) + ((color_type & 4) != 0 ? 1 : 0);
+  }
+  unsigned top() const { return (1u << depth) - 1; }
+  unsigned value(std::uint32_t x, std::uint32_t y, unsigned channel) const {
+    return sample(x, y, channel) & top();
+  }
+  static png_color entry(unsigned index) {
+    return {static_cast<png_byte>(index * 3), static_cast<png_byte>(255 - index),
+            static_cast<png_byte>(index * 7)};
+  }
+
+  /// What the format's definition says the pixel is.
+  Rgba pixel(std::uint32_t x, std::uint32_t y) const {
+    const auto byte = [&](unsigned c) {
+      return static_cast<std::uint8_t>((value(x, y, c) * 510 + top()) / (2 * top()));
+    };
+    if (color_type == PNG_COLOR_TYPE_PALETTE) {
+      const unsigned index = value(x, y, 0);
+      const png_color color = entry(index);
+      const bool listed = transparency && index < 2;
+      return {color.red, color.green, color.blue, static_cast<std::uint8_t>(listed ? index * 90 : 255)};
+    }
+    const bool gray = (color_type & PNG_COLOR_MASK_COLOR) == 0;
+    std::uint8_t alpha = 255;
+    if ((color_type & PNG_COLOR_MASK_ALPHA) != 0) alpha = byte(channels() - 1);
+    if (transparency) {
+      bool same = true;
+      for (unsigned c = 0; c < channels(); ++c) same = same && value(x, y, c) == value(0, 0, c);
+      if (same) alpha = 0;
+    }
+    return gray ? Rgba{byte(0), byte(0), byte(0), alpha} : Rgba{byte(0), byte(1), byte(2), alpha};
+  }
+  Bytes pixels() const {
+    return rgba_image(width, height, [this](std::uint32_t x, std::uint32_t y) { return pixel(x, y); });
+  }
+
+  std::string bytes() const {
+    std::string file;
+    png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
+    png_infop info = png_create_info_struct(png);
+    png_set_write_fn(
+        png, &file,
+        [](png_structp p, png_bytep data, std::size_t size) {
+          static_cast<std::string*>(png_get_io_ptr(p))->append(reinterpret_cast<char*>(data), size);
+        },
+        nullptr);
+    png_set_compression_level(png, 1);
+    png_set_IHDR(png, info, width, height, depth, color_type,
+                 interlaced ? PNG_INTERLACE_ADAM7 : PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_DEFAULT,
+                 PNG_FILTER_TYPE_DEFAULT);
+    if (color_type == PNG_COLOR_TYPE_PALETTE) {
+      std::vector<png_color> palette;
+      for (unsigned i = 0; i <= top(); ++i) palette.push_back(entry(i));
+      png_set_PLTE(png, info, palette.data(), static_cast<int>(palette.size()));
+    }
+    if (transparency) {
+      png_byte alphas[] = {0, 90};
+      const auto c = [&](unsigned channel) { return static_cast<png_uint_16>(value(0, 0, channel)); };
+      png_color_16 color{0, c(0), c(1), c(2), c(0)};
+      png_set_tRNS(png, info, alphas, 2, &color);
+    }
+    if (per_metre_x != 0) png_set_pHYs(png, info, per_metre_x, per_metre_y, unit);
+    png_write_info(png, info);
+    std::vector<Bytes> rows(height, Bytes(png_get_rowbytes(png, info)));
+    std::vector<png_bytep> pointers;
+    for (std::uint32_t y = 0; y < height; ++y) {
+      for (std::uint32_t x = 0; x < width; ++x)
+        for (unsigned c = 0; c < channels(); ++c) {
+          const std::size_t bit = (std::size_t{x} * channels() + c) * static_cast<unsigned>(depth);
+          if (depth == 16) rows[y][bit / 8] = static_cast<std::uint8_t>(value(x, y, c) >> 8);
+          if (depth == 16) rows[y][bit / 8 + 1] = static_cast<std::uint8_t>(value(x, y, c));
+          if (depth <= 8)
+            rows[y][bit / 8] |=
+                static_cast<std::uint8_t>(value(x, y, c) << (8 - static_cast<unsigned>(depth) - bit % 8));
+        }
+      pointers.push_back(rows[y].data());
+    }
+    png_write_image(png, pointers.data());
+    png_write_end(png, info);
+    png_destroy_write_struct(&png, &info);
+    return file;
+  }
+};
+
+/// A PNG of 8 bits and this header size, cut off behind its header.
+inline std::string png_header_only(std::uint32_t width, std::uint32_t height) {
+  std::string file;
+  png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
+  png_infop info = png_create_info_struct(png);
+  png_set_write_fn(
+      png, &file,
+      [](png_structp p, png_bytep data, std::size_t size) {
+        static_cast<std::string*>(png_get_io_ptr(p))->append(reinterpret_cast<char*>(data), size);
+      },
+      nullptr);
+  png_set_user_limits(png, 0x7FFFFFFF, 0x7FFFFFFF);
+  png_set_IHDR(png, info, width, height, 8, PNG_COLOR_TYPE_RGB, 0, 0, 0);
+  png_write_info(png, info);
+  png_byte no_pixels[] = {0x78, 0x9C};
+  png_byte type[] = "IDAT";
+  png_write_chunk(png, type, no_pixels, sizeof no_pixels);
+  png_destroy_write_struct(&png, &info);
+  return file;
+}
+
+/// A JPEG of `components` samples a pixel, best quality, without subsampling.
+struct JpegFile {
+  int components = 3;
+  J_COLOR_SPACE stored = JCS_YCbCr;
+  bool progressive = false, adobe = false;
+  int extra_scans = 0;  ///< of one coefficient each, at most 189
+  std::uint32_t width = 40, height = 33;
+  UINT8 density_unit = 0;
+  UINT16 density_x = 1, density_y = 1;
+  std::function<std::uint8_t(std::uint32_t x, std::uint32_t y, int component)> sample =
+      [](std::uint32_t x, std::uint32_t y, int component) {
+        return static_cast<std::uint8_t>(20 + x * 4 + y * (component + 1));
+      };
+
+  std::string bytes() const {
+    jpeg_compress_struct jpeg{};
+    jpeg_error_mgr errors{};
+    jpeg.err = jpeg_std_error(&errors);
+    jpeg_create_compress(&jpeg);
+    unsigned char* data = nullptr;
+    unsigned long size = 0;
+    jpeg_mem_dest(&jpeg, &data, &size);
+    jpeg.image_width = width;
+    jpeg.image_height = height;
+    jpeg.input_components = components;
+    jpeg.in_color_space = components == 1 ? JCS_GRAYSCALE : components == 3 ? JCS_RGB : JCS_CMYK;
+    jpeg_set_defaults(&jpeg);
+    jpeg_set_colorspace(&jpeg, stored);
+    jpeg_set_quality(&jpeg, 100, TRUE);
+    for (int c = 0; c < components; ++c)
+      jpeg.comp_info[c].h_samp_factor = jpeg.comp_info[c].v_samp_factor = 1;
+    jpeg.write_Adobe_marker = adobe;
+    jpeg.density_unit = density_unit;
+    jpeg.X_density = density_x;
+    jpeg.Y_density = density_y;
+    if (progressive) jpeg_simple_progression(&jpeg);
+    std::vector<jpeg_scan_info> scans;
+    if (extra_scans != 0) {
+      scans.push_back({1, {0}, 0, 0, 0, 0});
+      for (int i = 0; i < extra_scans; ++i) {
+        const int coefficient = 1 + i % 63, step = i / 63;
+        scans.push_back({1, {0}, coefficient, coefficient, step == 0 ? 0 : 3 - step, 2 - step});
+      }
+      jpeg.scan_info = scans.data();
+      jpeg.num_scans = static_cast<int>(scans.size());
+    }
+    jpeg_start_compress(&jpeg, TRUE);
+    Bytes row(std::size_t{width} * static_cast<unsigned>(components));
+    for (std::uint32_t y = 0; y < height; ++y) {
+      for (std::uint32_t i = 0; i < row.size(); ++i) {
+        const auto n = static_cast<std::uint32_t>(components);
+        row[i] = sample(i / n, y, static_cast<int>(i % n));
+      }
+      JSAMPROW pointer = row.data();
+      jpeg_write_scanlines(&jpeg, &pointer, 1);
+    }
+    jpeg_finish_compress(&jpeg);
+    jpeg_destroy_compress(&jpeg);
+    std::string file(reinterpret_cast<char*>(data), size);
+    std::free(data);
+    return file;
+  }
+};
+
+inline std::string webp_bytes(const Bytes& rgba, int width, int height, bool lossless) {
+  std::uint8_t* data = nullptr;
+  const std::size_t size = lossless ? WebPEncodeLosslessRGBA(rgba.data(), width, height, width * 4, &data)
+                                    : WebPEncodeRGBA(rgba.data(), width, height, width * 4, 95.0f, &data);
+  std::string file(reinterpret_cast<char*>(data), size);
+  WebPFree(data);
+  return file;
+}
+
+/// A BMP: `data` is what stands behind the headers, the rest follows from it.
+struct BmpFile {
+  std::uint32_t header = 40;
+  std::int32_t width = 3, height = 2;
+  std::uint16_t bits = 24;
+  std::uint32_t compression = 0;
+  std::vector<std::uint32_t> masks = {};    ///< red, green, blue and maybe alpha
+  std::vector<std::uint32_t> palette = {};  ///< 0xRRGGBB
+  std::string data = {};
+  std::int32_t per_metre_x = 0, per_metre_y = 0;
+
+  std::string bytes() const {
+    std::string info;
+    put_little(info, header, 4);
+    const int side = header == 12 ? 2 : 4;
+    put_little(info, static_cast<std::uint32_t>(width), side);
+    put_little(info, static_cast<std::uint32_t>(height), side);
+    put_little(info, 1, 2);
+    put_little(info, bits, 2);
+    if (header != 12) {
+      for (const std::uint32_t field :
+           {compression, 0u, static_cast<std::uint32_t>(per_metre_x), static_cast<std::uint32_t>(per_metre_y),
+            static_cast<std::uint32_t>(palette.size()), 0u})
+        put_little(info, field, 4);
+    }
+    for (const std::uint32_t mask : masks) put_little(info, mask, 4);
+    if (info.size() < header) info.resize(header);
+    for (const std::uint32_t color : palette) put_little(info, color, header == 12 ? 3 : 4);
+    std::string file = "BM";
+    put_little(file, 14 + info.size() + data.size(), 4);
+    put_little(file, 0, 4);
+    put_little(file, 14 + info.size(), 4);
+    return file + info + data;
+  }
+};
+
+}  // namespace nvo::test

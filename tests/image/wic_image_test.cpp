@@ -1,0 +1,253 @@
+#include "image/wic_image.h"
+
+#include <cstdlib>
+#include <filesystem>
+#include <memory>
+#include <string>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "image/image_loader.h"
+#include "image/image_meta_probe.h"
+#include "image/raster_source.h"
+#include "raster_files.h"
+#include "support/failure.h"
+#include "support/log_capture.h"
+#include "support/temp_dir.h"
+
+namespace nvo::test {
+namespace {
+
+class WicImageTest : public ::testing::Test {
+ protected:
+  TempDir dir_;
+  LogCapture log_;
+
+  std::string write(const std::string& name, const std::string& bytes) {
+    write_all(dir_.file(name), bytes);
+    return dir_.file(name);
+  }
+  std::string load_failure(const std::string& path) {
+    const std::string text = failure_of([&] { load_image(path); });
+    const std::string start = "ImageLoader: failed to load raster image '" + path + "': ";
+    return text.starts_with(start) ? text.substr(start.size()) : "no start: " + text;
+  }
+};
+
+TEST_F(WicImageTest, ResolutionRules) {
+  const auto png = [](std::uint32_t x, std::uint32_t y, int unit) {
+    return PngFile{.per_metre_x = x, .per_metre_y = y, .unit = unit}.bytes();
+  };
+  const auto jpeg = [](UINT8 unit, UINT16 x, UINT16 y) {
+    return JpegFile{.density_unit = unit, .density_x = x, .density_y = y}.bytes();
+  };
+  const auto bmp = [](std::int32_t x, std::int32_t y) {
+    return BmpFile{.data = std::string(24, 'x'), .per_metre_x = x, .per_metre_y = y}.bytes();
+  };
+  const struct {
+    std::string bytes;
+    float x, y;
+  } cases[] = {
+      {png(11811, 5906, PNG_RESOLUTION_METER), 11811 * 0.0254f, 5906 * 0.0254f},
+      {png(300, 200, PNG_RESOLUTION_UNKNOWN), 96, 96},
+      {png(0, 0, 0), 96, 96},
+      {png(10000, 0, PNG_RESOLUTION_METER), 254, 254},
+      {jpeg(1, 300, 150), 300, 150},
+      {jpeg(2, 100, 50), 254, 127},
+      {jpeg(0, 3, 2), 96, 96},
+      {bmp(10000, 0), 254, 254},
+      {bmp(0, 10000), 96, 254},
+      {bmp(-10000, -1), 96, 96},
+      {webp_bytes(Bytes(4, 9), 1, 1, true), 96, 96},
+  };
+  for (std::size_t i = 0; i < std::size(cases); ++i) {
+    const std::string path = write(std::to_string(i) + ".jpg", cases[i].bytes);
+    const WicImageInfo info = wic_read_info(path);
+    EXPECT_FLOAT_EQ(info.dpi_x, cases[i].x) << i;
+    EXPECT_FLOAT_EQ(info.dpi_y, cases[i].y) << i;
+    EXPECT_EQ(make_raster_source(path)->metadata().dpi_y, info.dpi_y) << i;
+    EXPECT_EQ(probe_image(path).dpi_y, info.dpi_y) << i;
+    EXPECT_EQ(load_image(path).dpi_y, info.dpi_x) << i << ", a whole image has one resolution";
+  }
+}
+
+TEST_F(WicImageTest, AlphaDecidesChannelsAndCoverage) {
+  const struct {
+    PngFile file;
+    bool has_alpha;
+  } cases[] = {
+      {{.color_type = PNG_COLOR_TYPE_RGB_ALPHA}, true},
+      {{.color_type = PNG_COLOR_TYPE_GRAY_ALPHA}, true},
+      {{.color_type = PNG_COLOR_TYPE_PALETTE, .depth = 4, .transparency = true}, true},
+      {{.color_type = PNG_COLOR_TYPE_RGB, .depth = 16, .transparency = true}, true},
+      {{.color_type = PNG_COLOR_TYPE_RGB}, false},
+      {{.color_type = PNG_COLOR_TYPE_RGB_ALPHA, .depth = 16}, false},
+  };
+  for (const auto& c : cases) {
+    const std::string path = write("a.PNG", c.file.bytes());
+    const LoadedImage image = load_image(path);
+    EXPECT_TRUE(image.is_rgb && !image.is_cmyk && !image.is_gray);
+    EXPECT_EQ(image.kind, ImageSourceKind::wic);
+    EXPECT_EQ(image.has_alpha, c.has_alpha);
+    EXPECT_EQ(image.channel_count, 4);
+    EXPECT_EQ(image.channels.size(), c.has_alpha ? 4u : 3u);
+    EXPECT_EQ(image.role_index(ChannelRole::alpha), c.has_alpha ? 3 : -1);
+    ASSERT_EQ(image.pixels, c.file.pixels()) << "alpha is delivered in any case";
+    for (std::size_t i = 0; i < image.white_coverage.size(); ++i)
+      ASSERT_EQ(image.white_coverage[i], c.has_alpha ? image.pixels[i * 4 + 3] : 255);
+  }
+}
+
+TEST_F(WicImageTest, TrnsScanReadsChunkHeadersOnly) {
+  using namespace std::string_literals;
+  const std::string signature = "\x89PNG\r\n\x1A\n";
+  const std::string other = "\0\0\0\2abcd..crc-"s, trns = "\0\0\0\1tRNS"s, data = "\0\0\0\1IDAT.crc-"s;
+  const struct {
+    std::string bytes;
+    bool found;
+  } cases[] = {
+      {signature + other + trns, true},
+      {signature + other + data + trns, false},
+      {signature + "\0\0\0\0IENDcrc-"s + trns, false},
+      {signature + "\xFF\xFF\xFF\xFF" + "abcd" + trns, false},
+      {signature + "\0\0\0\1tRN"s, false},
+      {"x" + trns, false},
+      {"", false},
+  };
+  for (std::size_t i = 0; i < std::size(cases); ++i)
+    EXPECT_EQ(png_has_trns(write("a", cases[i].bytes)), cases[i].found) << i;
+  EXPECT_FALSE(png_has_trns(dir_.file("none")));
+  EXPECT_FALSE(png_has_trns(dir_.path()));
+}
+
+TEST_F(WicImageTest, FailuresNameTheirStage) {
+  const std::string png = PngFile{}.bytes();
+  const std::string tiff_in_disguise = write("t.png", "II*\0 and more");
+  EXPECT_EQ(load_failure(tiff_in_disguise), "WIC cannot open: " + tiff_in_disguise);
+  EXPECT_EQ(load_failure(dir_.file("none.png")), "WIC cannot open: " + dir_.file("none.png"));
+  EXPECT_EQ(load_failure(write("a.png", png.substr(0, 20))), "WIC GetFrame failed");
+  EXPECT_EQ(load_failure(write("b.png", png.substr(0, png.size() / 2))), "WIC CopyPixels failed");
+  EXPECT_EQ(load_failure(write("c.png", png_header_only(9000, 9000))), "WIC converter init failed");
+  EXPECT_EQ(load_failure(write("e.bmp", BmpFile{.width = 0}.bytes())), "Empty image: " + dir_.file("e.bmp"));
+
+  // The probe believes a header whose pixels nobody could hold; loading and reading rows do not.
+  const std::string wide = write("wide.png", png_header_only(1'073'741'824, 1));
+  EXPECT_EQ(probe_image(wide).width, 1'073'741'824u);
+  EXPECT_EQ(load_failure(wide), "WIC full decode: image row is too wide");
+  const std::string large = write("large.png", png_header_only(16385, 16384));
+  EXPECT_EQ(load_failure(large), "WIC full decode: image exceeds pixel cap (268451840 > 268435456)");
+  const auto source = make_raster_source(large);
+  EXPECT_FALSE(source->supports_row_reads());
+  EXPECT_EQ(source->read_strategy(), "fallback full-image decode (WIC format converter init failed)");
+  Bytes rows;
+  std::string error;
+  EXPECT_FALSE(source->read_rows(0, 1, rows, &error));
+  EXPECT_EQ(error, "WIC full decode: image exceeds pixel cap (268451840 > 268435456)");
+}
+
+TEST_F(WicImageTest, Caps) {
+  EXPECT_EQ(wic_rgba_layout(16384, 16384, "x").byte_count, 1u << 30);
+  EXPECT_EQ(wic_rgba_layout(3, 2, "x").stride, 12u);
+  EXPECT_EQ(failure_of([] { wic_rgba_layout(0, 1, "x"); }), "x: empty image dimensions");
+  EXPECT_EQ(failure_of([] { wic_rgba_layout(1'073'741'823, 1, "x"); }),
+            "x: image exceeds pixel cap (1073741823 > 268435456)");
+}
+
+TEST_F(WicImageTest, ExtensionsAndBareNames) {
+  const std::string png = PngFile{}.bytes();
+  for (const char* name : {"a.png", "a.JPG", "a.jpeg", "a.b.bmp", "a.WebP", ".png"})
+    EXPECT_EQ(make_raster_source(write(name, png))->metadata().width, 13u) << name;
+
+  const auto old_folder = std::filesystem::current_path();
+  std::filesystem::current_path(dir_.path());
+  for (const std::string name : {"jpeg", "WEBP", "png", "bmp", "a.jpe"}) {
+    write(name, png);
+    const bool loads = name.size() == 4;
+    EXPECT_EQ(failure_of([&] { load_image(name); }),
+              loads ? "" : "ImageLoader: unsupported image extension: " + name);
+    EXPECT_EQ(failure_of([&] { probe_image(name); }),
+              loads ? "" : "ImageMetaProbe: unsupported image extension: " + name);
+    EXPECT_EQ(failure_of([&] { make_raster_source(name); }),
+              "RasterSource: unsupported image extension: " + name);
+  }
+  std::filesystem::current_path(old_folder);
+}
+
+class WicRasterSourceTest : public WicImageTest {
+ protected:
+  Bytes out_;
+  std::string error_;
+
+  /// Rows `y` .. `y + rows - 1` of an image.
+  static Bytes band(const Bytes& pixels, std::uint32_t width, std::uint32_t y, std::uint32_t rows) {
+    const auto at = [&](std::uint32_t row) { return pixels.begin() + row * std::ptrdiff_t{width} * 4; };
+    return {at(y), at(y + rows)};
+  }
+};
+
+TEST_F(WicRasterSourceTest, BandsFromTheBottomEqualTheWholeImage) {
+  // One image that stays in memory, one that goes through a temporary file.
+  for (const std::uint32_t side : {50u, 2100u}) {
+    const Bytes pixels = rgba_image(side, side, busy_pixel);
+    const std::string path =
+        write("a.webp", PngFile{.width = side,
+                                .height = side,
+                                .sample = [](std::uint32_t x, std::uint32_t y,
+                                             unsigned c) { return unsigned{busy_pixel(x, y)[c]}; }}
+                            .bytes());
+    const auto source = make_raster_source(path);
+    const std::uint32_t step = side / 5;
+    for (std::uint32_t y = side - step;; y -= step) {
+      ASSERT_TRUE(source->read_rows(y, step, out_, &error_)) << error_;
+      ASSERT_TRUE(out_ == band(pixels, side, y, step)) << y;
+      if (y == 0) break;
+    }
+    ASSERT_TRUE(source->read_region({side - 3, side - 2, 2, 2}, out_, &error_));
+    Bytes corner = band(pixels, side, side - 2, 1);
+    corner.assign(corner.end() - 12, corner.end() - 4);
+    EXPECT_TRUE(std::equal(corner.begin(), corner.end(), out_.begin()));
+    EXPECT_EQ(out_.size(), 16u);
+    EXPECT_EQ(source->read_strategy(), "native WIC CopyPixels rows");
+    EXPECT_EQ(source->stats().row_reads, 5u);
+    EXPECT_EQ(source->stats().region_reads, 1u);
+    EXPECT_EQ(source->stats().full_decodes, 0u);
+  }
+}
+
+TEST_F(WicRasterSourceTest, DecodesTheWholeImageWhenTheTemporaryFileFails) {
+  const PngFile file{.width = 2100, .height = 2100};
+  const std::string path = write("a.png", file.bytes());
+  const auto source = make_raster_source(path);
+  const char* old = std::getenv("TMPDIR");
+  const std::string old_folder = old ? old : "/tmp";
+  ::setenv("TMPDIR", dir_.file("none").c_str(), 1);
+  EXPECT_TRUE(source->read_rows(2000, 100, out_, &error_));
+  ::setenv("TMPDIR", old_folder.c_str(), 1);
+
+  EXPECT_TRUE(out_ == band(file.pixels(), 2100, 2000, 100));
+  EXPECT_TRUE(source->read_region({1, 1, 2, 2}, out_, &error_));
+  EXPECT_EQ(log_.count("[WARN ] RasterSource(WIC): WIC CopyPixels row read failed; switching to full-load "
+                       "fallback for " +
+                       path),
+            1u);
+  EXPECT_FALSE(source->supports_row_reads());
+  EXPECT_EQ(source->read_strategy(), "fallback full-image decode (WIC CopyPixels row read failed)");
+  EXPECT_EQ(source->stats().full_decodes, 1u);
+  EXPECT_EQ(source->stats().row_reads, 2u);
+}
+
+TEST_F(WicRasterSourceTest, ADamagedFileFailsOnceAndForAll) {
+  const std::string png = PngFile{.width = 200, .height = 200}.bytes();
+  const auto source = make_raster_source(write("a.png", png.substr(0, png.size() / 2)));
+  EXPECT_TRUE(source->read_rows(0, 2, out_, &error_)) << "rows above the damage are there";
+  EXPECT_FALSE(source->read_region({0, 198, 2, 2}, out_, nullptr));
+  EXPECT_FALSE(source->read_rows(0, 2, out_, &error_));
+  EXPECT_EQ(error_, "WIC CopyPixels failed");
+  EXPECT_EQ(log_.count("switching to full-load"), 1u);
+  EXPECT_EQ(source->read_strategy(), "fallback full-image decode (WIC CopyPixels region read failed)");
+  EXPECT_EQ(source->stats().full_decodes, 0u);
+}
+
+}  // namespace
+}  // namespace nvo::test

@@ -1,0 +1,227 @@
+#include "update/signed_manifest.h"
+
+#include <ctime>
+
+#include <gtest/gtest.h>
+
+#include "support/failure.h"
+#include "update/test_service.h"
+
+namespace nvo {
+namespace {
+
+using nlohmann::json;
+
+const test::SigningKey& key() {
+  static const test::SigningKey made;
+  return made;
+}
+
+constexpr const char* kNow = "2024-02-29T12:00:00Z";
+
+ManifestExpectations expectations() {
+  return {"/v1/update/check",    "n",
+          "nvo-update-api-prod", parse_utc_time(kNow),
+          key().public_key(),    {"other.test", "downloads.example.test"}};
+}
+
+json payload() {
+  json good = test::good_payload("n");
+  good["issued_at"] = kNow;
+  return good;
+}
+
+std::string refusal(const std::string& body, const ManifestExpectations& expected) {
+  return test::failure_of([&] { verify_manifest(body, expected); });
+}
+std::string refusal(const json& answer) {
+  return refusal(answer.dump(), expectations());
+}
+
+/// Why a payload is refused although its signature is right.
+std::string refusal_of_signed(const json& changes) {
+  json changed = payload();
+  changed.update(changes);
+  return refusal(key().sign(changed), expectations());
+}
+
+TEST(SignedManifest, AGoodAnswerComesBackWhole) {
+  const UpdateManifest manifest = verify_manifest(key().sign(payload()), expectations());
+  EXPECT_EQ(manifest.latest_build_id, "2000");
+  EXPECT_EQ(manifest.fallback_download_url, std::nullopt);
+  EXPECT_EQ(manifest.size_bytes, 0x40000000u);
+  EXPECT_TRUE(manifest.update_available);
+  EXPECT_EQ(manifest.arch, "x64");
+}
+
+TEST(SignedManifest, RefusesWhatItsSignerShouldNotHaveSigned) {
+  const json no_offer = {
+      {"update_available", false}, {"download_url", ""}, {"sha256", ""}, {"size_bytes", 0}};
+  const auto without_offer = [&](const json& changes) {
+    json all = no_offer;
+    all.update(changes);
+    return all;
+  };
+  struct Case {
+    json changes;
+    std::string text;
+  };
+  const Case cases[] = {
+      {no_offer, ""},
+      {{{"version", 2}}, "Unsupported signed update manifest version"},
+      {{{"version", 0x100000001}}, "Missing/invalid integer field: version"},
+      {{{"issuer", "NVO-update-api-prod"}}, "Signed update manifest issuer mismatch"},
+      {{{"endpoint", "/v1/update"}}, "Signed update manifest endpoint mismatch"},
+      {{{"client_nonce", "m"}}, "Signed update manifest nonce mismatch"},
+      {{{"issued_at", "2024-02-29 12:00:00Z"}}, "Invalid issued_at format"},
+      {{{"issued_at", "2024-02-29T11:50:00Z"}}, ""},
+      {{{"issued_at", "2024-02-29T11:49:59Z"}}, "Signed update manifest is stale"},
+      {{{"issued_at", "2024-02-29T12:05:00Z"}}, ""},
+      {{{"issued_at", "2024-02-29T12:05:01Z"}}, "Signed update manifest is outside future clock-skew window"},
+      {{{"download_url", ""}}, "Cannot parse URL: payload.download_url"},
+      {{{"download_url", "downloads.example.test/x"}}, "Cannot parse URL: payload.download_url"},
+      {{{"download_url", std::string("https://other.test\0.evil", 24)}},
+       "Invalid URL encoding: payload.download_url"},
+      {{{"download_url", "http://other.test/x"}}, "URL must use HTTPS: payload.download_url"},
+      {{{"download_url", "https://EVIL.test/x"}}, "Update download host is not allowed: evil.test"},
+      {{{"download_url", "https://other.test@evil.test/"}}, "Update download host is not allowed: evil.test"},
+      {{{"download_url", "https://sub.other.test/"}}, "Update download host is not allowed: sub.other.test"},
+      {without_offer({{"download_url", "https://evil.test"}}),
+       "Update download host is not allowed: evil.test"},
+      {{{"fallback_download_url", "https://other.test:8443/x"}}, ""},
+      {{{"fallback_download_url", "x"}}, "Cannot parse URL: payload.fallback_download_url"},
+      {without_offer({{"fallback_download_url", "ftp://other.test"}}),
+       "URL must use HTTPS: payload.fallback_download_url"},
+      {{{"sha256", std::string(63, 'a')}}, "Invalid sha256"},
+      {{{"sha256", std::string(63, 'a') + "g"}}, "Invalid sha256"},
+      {{{"size_bytes", 0}}, "Invalid size_bytes"},
+      {{{"size_bytes", 0x40000001}}, "Invalid size_bytes"},
+      {{{"size_bytes", -1}}, "Negative value in field: size_bytes"},
+      {{{"published_at", "yesterday"}}, "Invalid published_at"},
+      {{{"published_at", "2020-01-01T00:00:00.5Z"}}, ""},
+  };
+  for (const Case& c : cases) EXPECT_EQ(refusal_of_signed(c.changes), c.text) << c.changes;
+}
+
+TEST(SignedManifest, MembersHaveTheirTypesAndLengths) {
+  const json good = json::parse(key().sign(payload()));
+  struct Case {
+    const char* where;
+    json value;
+    std::string text;
+  };
+  const Case cases[] = {
+      {"/payload", 3, "Missing payload object"},
+      {"/signature", json::array(), "Missing signature object"},
+      {"/signature/value", nullptr, "Missing/invalid string field: value"},
+      {"/signature/value", "", "Signature is empty"},
+      {"/signature/value", "A*==", "Base64 decode size query failed"},
+      {"/signature/value", std::string(8192, 'A'), "Signature verification failed"},
+      {"/signature/value", std::string(8193, 'A'), "Field too long: signature.value"},
+      {"/signature/algorithm", "rs256", "Unexpected signature algorithm"},
+      {"/signature/key_id", "other", "Unexpected signing key id"},
+      {"/signature/canonicalization", "", "Unexpected signature canonicalization"},
+      {"/payload/version", "1", "Missing/invalid integer field: version"},
+      {"/payload/size_bytes", 1.5, "Missing/invalid integer field: size_bytes"},
+      {"/payload/mandatory", 1, "Missing/invalid bool field: mandatory"},
+      {"/payload/latest_build_id", 7, "Invalid nullable string field: latest_build_id"},
+      {"/payload/arch", std::string(65, 'x'), "Field too long: payload.arch"},
+  };
+  for (const Case& c : cases) {
+    json changed = good;
+    changed[json::json_pointer(c.where)] = c.value;
+    EXPECT_EQ(refusal(changed), c.text) << c.where;
+  }
+  for (const auto& [name, value] : good["payload"].items()) {
+    json lacking = good;
+    lacking["payload"].erase(name);
+    const std::string text = refusal(lacking);
+    EXPECT_TRUE(text.starts_with("Missing") && text.ends_with(" field: " + name)) << text;
+  }
+  json lacking = good;
+  lacking.erase("payload");
+  EXPECT_EQ(refusal(lacking), "Missing payload in signed update manifest");
+  for (const char* body : {"", "[]", "null", "{", "{\"payload\":{}} x", "\xff"})
+    EXPECT_EQ(refusal(body, expectations()), "JSON root must be an object") << body;
+  const std::string text = good.dump();
+  EXPECT_EQ(refusal(text + std::string(0x40000 - text.size(), ' '), expectations()), "");
+  EXPECT_EQ(refusal(text + std::string(0x40001 - text.size(), ' '), expectations()),
+            "JSON body exceeds maximum allowed size");
+  EXPECT_NE(refusal(std::string(0x40000, '['), expectations()), "");
+}
+
+TEST(SignedManifest, EveryValueIsUnderTheSignature) {
+  const json good = json::parse(key().sign(payload()));
+  int changed_values = 0;
+  for (const auto& [name, value] : good["payload"].items()) {
+    if (name == "version" || name == "issuer" || name == "endpoint" || name == "client_nonce") continue;
+    json changed = good;
+    json& member = changed["payload"][name];
+    if (name == "issued_at")
+      member = "2024-02-29T12:00:01Z";
+    else if (value.is_boolean())
+      member = !value.get<bool>();
+    else if (value.is_number())
+      member = value.get<int>() - 1;
+    else if (value.is_null())
+      member = "";
+    else
+      member = name == "sha256" ? std::string(64, 'b') : value.get<std::string>() + "x";
+    EXPECT_EQ(refusal(changed), "Signature verification failed") << name;
+    ++changed_values;
+  }
+  EXPECT_EQ(changed_values, 15);
+
+  const std::string signature = good["signature"]["value"];
+  for (std::size_t i = 0; i < signature.size() - 3; i += 7) {
+    json changed = good;
+    changed["signature"]["value"].get_ref<std::string&>()[i] = signature[i] == 'A' ? 'B' : 'A';
+    EXPECT_EQ(refusal(changed), "Signature verification failed") << i;
+  }
+}
+
+TEST(SignedManifest, SignatureTextMayBeUrlSafeAndUnpadded) {
+  json answer = json::parse(key().sign(payload()));
+  auto& text = answer["signature"]["value"].get_ref<std::string&>();
+  for (char& c : text) c = c == '+' ? '-' : c == '/' ? '_' : c;
+  text.erase(text.find_last_not_of('=') + 1);
+  EXPECT_EQ(refusal(answer), "");
+}
+
+TEST(SignedManifest, NothingIsBelievedWithoutKeyClockOrExpectation) {
+  const std::string body = key().sign(payload());
+  const auto with = [&](auto change) {
+    ManifestExpectations expected = expectations();
+    change(expected);
+    return refusal(body, expected);
+  };
+  EXPECT_EQ(with([](auto& e) { e.public_key = test::SigningKey().public_key(); }),
+            "Signature verification failed");
+  EXPECT_EQ(with([](auto& e) { e.public_key = "AAAA"; }), "Failed to decode SPKI public key");
+  EXPECT_EQ(with([](auto& e) { e.public_key = "?"; }), "Base64 decode size query failed");
+  EXPECT_EQ(
+      with([](auto& e) {  // a key on the curve P-256
+        e.public_key =
+            "MFkwEwYHKoZIzj0CAQYIKoZIzj0DAQcDQgAEaICyX1AnQvyxAuS6GmMStUbU8/4VvziVJ0P0XbFjuBNaMm1eHrr2+CC9"
+            "teZ8+R6BweUZaVdbUwpdPE8OnvAG0A==";
+      }),
+      "Failed to import public key");
+  EXPECT_EQ(with([](auto& e) { e.now.reset(); }), "Cannot read local system time");
+  EXPECT_EQ(with([](auto& e) { e.client_nonce.clear(); }),
+            "Signed update manifest expectations are incomplete");
+  EXPECT_EQ(with([](auto& e) { e.download_hosts.clear(); }),
+            "Update download host is not allowed: downloads.example.test");
+}
+
+TEST(SignedManifest, TimesAreRealUtcTimes) {
+  EXPECT_EQ(parse_utc_time("1970-01-01T00:00:00Z"), 0);
+  EXPECT_EQ(parse_utc_time("2024-02-29T12:00:00Z"), 1709208000);
+  EXPECT_EQ(parse_utc_time("2024-02-29T12:00:00+00Z"), 1709208000) << "what follows the seconds is not read";
+  for (const char* text : {"", "2024-02-29T12:00:00", "2023-02-29T12:00:00Z", "2024-13-01T00:00:00Z",
+                           "2024-01-01T24:00:00Z", "2024-01-01T00:60:00Z", "2024-01-01T00:00:-1Z",
+                           "2024-1-001T00:00:00Z", "abcd-ef-ghTij:kl:mnZ", "2024-01-01t00:00:00Z"})
+    EXPECT_EQ(parse_utc_time(text), std::nullopt) << text;
+}
+
+}  // namespace
+}  // namespace nvo

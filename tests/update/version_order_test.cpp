@@ -1,0 +1,50 @@
+#include "update/version_order.h"
+
+#include <gtest/gtest.h>
+
+namespace nvo {
+namespace {
+
+TEST(VersionOrder, FollowsCoreThenPreRelease) {
+  struct Case {
+    const char *a, *b;
+    int order;
+  };
+  const Case cases[] = {
+      {"1.2", "1.2.0", 0},
+      {" V1", "v1\n", 0},
+      {"1.2.0+a", "1.2.0+b", 0},
+      {"1.2.0+a-rc", "1.2.0", 0},
+      {"1.10", "1.9", 1},
+      {"1.2.0-rc.1", "1.2.0", -1},
+      {"1.2.0-RC.2", "1.2.0-rc.10", -1},
+      {"1-rc.007", "1-rc.7", 0},
+      {"1-99999999999999999999998", "1-99999999999999999999999", -1},
+      {"1-9", "1-alpha", -1},
+      {"1-alpha", "1-alpha.0", -1},
+      {"1-a-b", "1-a", 1},
+      {"1.0.1-rc", "1.0.0", 1},
+      {"", "0", -1},
+      {"1..2", "0.1", -1},
+      {"1.+", "1", -1},
+      {"99999999999999999999", "1", -1},  // no number of 64 bits
+      {"abc", "abcd", -1},
+      {"B", "a", 1},
+      {"-1", "0", -1},
+  };
+  for (const Case& c : cases) {
+    EXPECT_EQ(compare_versions(c.a, c.b), c.order) << c.a << " : " << c.b;
+    EXPECT_EQ(compare_versions(c.b, c.a), -c.order) << c.b << " : " << c.a;
+  }
+}
+
+TEST(VersionOrder, AnotherBuildIsOneOfAnEqualVersion) {
+  EXPECT_TRUE(is_other_build_of_same_version("1.2", "7", "1.2.0", "8"));
+  EXPECT_TRUE(is_other_build_of_same_version("1.2", "7", "1.2.0", ""));
+  EXPECT_FALSE(is_other_build_of_same_version("1.2", " Dev", "1.2.0", "dev "));
+  EXPECT_FALSE(is_other_build_of_same_version("1.2", "7", "1.3", "8"));
+  EXPECT_FALSE(is_other_build_of_same_version("same", "7", "same", "8")) << "no versions";
+}
+
+}  // namespace
+}  // namespace nvo
