@@ -42,6 +42,16 @@ inline void put_little(std::string& bytes, std::uint64_t value, int count) {
   for (int i = 0; i < count; ++i) bytes += static_cast<char>(value >> (8 * i));
 }
 
+/// Appends what is written to `file`.
+inline png_structp png_writer(std::string& file) {
+  png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
+  const auto write = [](png_structp writer, png_bytep data, std::size_t size) {
+    static_cast<std::string*>(png_get_io_ptr(writer))->append(reinterpret_cast<char*>(data), size);
+  };
+  png_set_write_fn(png, &file, write, nullptr);
+  return png;
+}
+
 /// A PNG whose samples are `sample(x, y, channel)`, of `depth` bits; palettes have `palette_size` entries.
 struct PngFile {
   int color_type = PNG_COLOR_TYPE_RGB_ALPHA, depth = 8;
@@ -94,14 +104,8 @@ struct PngFile {
 
   std::string bytes() const {
     std::string file;
-    png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
+    png_structp png = png_writer(file);
     png_infop info = png_create_info_struct(png);
-    png_set_write_fn(
-        png, &file,
-        [](png_structp p, png_bytep data, std::size_t size) {
-          static_cast<std::string*>(png_get_io_ptr(p))->append(reinterpret_cast<char*>(data), size);
-        },
-        nullptr);
     png_set_compression_level(png, 1);
     png_set_IHDR(png, info, width, height, depth, color_type,
                  interlaced ? PNG_INTERLACE_ADAM7 : PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_DEFAULT,
@@ -143,14 +147,8 @@ struct PngFile {
 /// A PNG of 8 bits and this header size, cut off behind its header.
 inline std::string png_header_only(std::uint32_t width, std::uint32_t height) {
   std::string file;
-  png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
+  png_structp png = png_writer(file);
   png_infop info = png_create_info_struct(png);
-  png_set_write_fn(
-      png, &file,
-      [](png_structp p, png_bytep data, std::size_t size) {
-        static_cast<std::string*>(png_get_io_ptr(p))->append(reinterpret_cast<char*>(data), size);
-      },
-      nullptr);
   png_set_user_limits(png, 0x7FFFFFFF, 0x7FFFFFFF);
   png_set_IHDR(png, info, width, height, 8, PNG_COLOR_TYPE_RGB, 0, 0, 0);
   png_write_info(png, info);

@@ -134,7 +134,6 @@ TEST(SpotHostile, PaintIsLimited) {
     file.flate(5, keys, samples).flate(6, keys, samples).flate(7, "/SMask 5 0 R" + keys, samples);
     expect_quick(what, file.text(), 2000);
   };
-  painted("fills", "", "0 0 9 9 re f ");
   painted("images", "9 1 -1 9 0 0 cm ", "/I Do /J Do /K Do ");
 }
 
