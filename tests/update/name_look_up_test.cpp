@@ -57,7 +57,7 @@ class NameLookUp : public testing::Test {
   }
   UpdateCheckResult check(const std::vector<std::string>& origins, const std::string& origin_override = "") {
     UpdateService service{origins, {}, "", dir.file("ca.pem"), {}};
-    service.limits.resolve = std::chrono::milliseconds(300);
+    service.limits.resolve = std::chrono::seconds(1);
     UpdateTrace trace;
     const auto begun = std::chrono::steady_clock::now();
     const auto result =
@@ -88,8 +88,8 @@ TEST_F(NameLookUp, AnUnknownNameIsAskedForOnce) {
 TEST_F(NameLookUp, SilentNameServersAreWaitedForOnceInAll) {
   EXPECT_EQ(check({"https://silent1.test", "https://silent2.test"}).error,
             "WinHTTP send/receive failed (code=28)");
-  EXPECT_GE(took, std::chrono::milliseconds(300));
-  EXPECT_LT(took, std::chrono::milliseconds(580)) << "both names were asked for at the same time";
+  EXPECT_GE(took, std::chrono::seconds(1));
+  EXPECT_LT(took, std::chrono::milliseconds(1900)) << "both names were asked for at the same time";
 }
 
 TEST_F(NameLookUp, TheFallbackIsReachedWhileThePrimaryNameIsMissing) {

@@ -36,11 +36,10 @@ class UpdateRun : public testing::Test {
       return test::http_answer(key().sign(payload));
     };
   }
-  void use(const std::vector<std::string>& origins, const std::string& public_key = key().public_key(),
-           int limit_ms = 10'000) {
+  void use(const std::vector<std::string>& origins, int limit_ms = 10'000) {
     const json record = {{"origins", origins},
                          {"download_hosts", {"downloads.example.test"}},
-                         {"public_key", public_key},
+                         {"public_key", key().public_key()},
                          {"ca_file", ca_file},
                          {"limit_ms", limit_ms}};
     test::write_all(dir.file("service.json"), record.dump());
@@ -74,9 +73,14 @@ class UpdateRun : public testing::Test {
 TEST_F(UpdateRun, AnOptionalUpdateIsLoggedAndTheJobGoesOn) {
   json request;
   const auto good = manifest_with();
-  const test::LoopbackServer server([&](const json& asked) { return request = asked, good(asked); }, ca_file);
-  use({server.origin()});
-  const Outcome outcome = rip(art());
+  std::string origin;
+  Outcome outcome;
+  {
+    const test::LoopbackServer server([&](const json& asked) { return request = asked, good(asked); },
+                                      ca_file);
+    use({origin = server.origin()});
+    outcome = rip(art());
+  }
   EXPECT_EQ(outcome.code, 0) << outcome.out;
   EXPECT_NE(outcome.out.find("[INFO ] Pre-RIP guard allowed RIP [allowed]: Pre-RIP policy guard passed. (An "
                              "update is available.)\n"),
@@ -90,9 +94,9 @@ TEST_F(UpdateRun, AnOptionalUpdateIsLoggedAndTheJobGoesOn) {
   EXPECT_EQ(request, json::parse(R"({"current_version":"0.1.7","channel":"stable","platform":"windows",
                                      "arch":"x64","build_id":"1071"})"));
   const std::string lines = trace();
-  EXPECT_NE(lines.find("\",\"stage\":\"update_check_primary_ok\",\"origin\":\"" + server.origin() +
+  EXPECT_NE(lines.find("\",\"stage\":\"update_check_primary_ok\",\"origin\":\"" + origin +
                        "\",\"latest_version\":\"0.2.0\",\"latest_build_id\":\"2000\",\"effective_url\":\"" +
-                       server.origin() + "/v1/update/check\"}\n"),
+                       origin + "/v1/update/check\"}\n"),
             std::string::npos)
       << lines;
   EXPECT_EQ(lines.rfind("{\"ts\":\"", 0), 0u);
@@ -198,7 +202,7 @@ TEST_F(UpdateRun, SilenceAndAnUnfinishedAnswerEndAtTheLimit) {
   const Answer answers[] = {{"", true}, {"HTTP/1.1 200 OK\r\nContent-Length: 900\r\n\r\n{", true}};
   for (const Answer& answer : answers) {
     const test::LoopbackServer server([&](const json&) { return answer; }, ca_file);
-    use({server.origin()}, key().public_key(), 500);
+    use({server.origin()}, 500);
     const auto begun = std::chrono::steady_clock::now();
     const Outcome outcome = rip(dir.file("none.tif"));
     EXPECT_LT(std::chrono::steady_clock::now() - begun, std::chrono::seconds(8));
