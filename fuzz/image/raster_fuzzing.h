@@ -7,30 +7,10 @@
 #include <string>
 #include <vector>
 
-#include <sys/mman.h>
-#include <unistd.h>
-
 #include "image/decode/raster_decoder.h"
+#include "memory_file.h"
 
 namespace nvo::fuzz {
-
-/// A file in memory, reachable through a path.
-class MemoryFile {
- public:
-  MemoryFile(const std::uint8_t* data, std::size_t size) : descriptor_(::memfd_create("fuzz", MFD_CLOEXEC)) {
-    written_ = descriptor_ >= 0 && ::write(descriptor_, data, size) == static_cast<ssize_t>(size);
-  }
-  ~MemoryFile() { ::close(descriptor_); }
-  MemoryFile(const MemoryFile&) = delete;
-  MemoryFile& operator=(const MemoryFile&) = delete;
-
-  bool written() const { return written_; }
-  std::string path() const { return "/proc/self/fd/" + std::to_string(descriptor_); }
-
- private:
-  int descriptor_;
-  bool written_ = false;
-};
 
 using OpenDecoder = std::unique_ptr<RasterDecoder> (*)(ByteReader reader);
 

@@ -7,33 +7,13 @@
 #include <string>
 #include <vector>
 
-#include <sys/mman.h>
-#include <unistd.h>
-
 #include "core/log.h"
 #include "image/tiff_reader.h"
+#include "memory_file.h"
 
 namespace {
 
 constexpr std::uint64_t kMaxImageBytes = 16 << 20;  // larger images only cost time
-
-/// A file in memory, reachable through a path.
-class MemoryFile {
- public:
-  MemoryFile(const std::uint8_t* data, std::size_t size) : descriptor_(::memfd_create("fuzz", MFD_CLOEXEC)) {
-    written_ = descriptor_ >= 0 && ::write(descriptor_, data, size) == static_cast<ssize_t>(size);
-  }
-  ~MemoryFile() { ::close(descriptor_); }
-  MemoryFile(const MemoryFile&) = delete;
-  MemoryFile& operator=(const MemoryFile&) = delete;
-
-  bool written() const { return written_; }
-  std::string path() const { return "/proc/self/fd/" + std::to_string(descriptor_); }
-
- private:
-  int descriptor_;
-  bool written_ = false;
-};
 
 void read_bands(const std::string& path) {
   nvo::TiffReader reader;
@@ -65,7 +45,7 @@ extern "C" const char* __asan_default_options() {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   static const int sink = nvo::Logger::instance().add_sink([](nvo::LogLevel, const std::string&) {});
   static_cast<void>(sink);
-  const MemoryFile file(data, size);
+  const nvo::fuzz::MemoryFile file(data, size);
   if (!file.written()) return 0;
   try {
     read_bands(file.path());

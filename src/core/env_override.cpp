@@ -5,8 +5,15 @@
 #include <string>
 
 #include "core/log.h"
+#include "core/platform/environment.h"
+#include "core/text.h"
 
 namespace nvo {
+
+bool is_environment_true(const char* name) {
+  const std::string word = ascii_lower(platform::environment(name).value_or(""));
+  return word == "1" || word == "true" || word == "on" || word == "yes";
+}
 
 void warn_ignored_override(const char* name) {
   static std::mutex mutex;

@@ -5,6 +5,7 @@
 #include <sstream>
 #include <vector>
 
+#include "core/env_override.h"
 #include "core/log.h"
 #include "core/platform/environment.h"
 #include "core/platform/paths.h"
@@ -119,8 +120,7 @@ std::string json_line(const StreamRipProfile& p, const std::string& output_path)
 }  // namespace
 
 bool profile_enabled() {
-  const std::string word = ascii_lower(platform::environment("NVO_RIP_PROFILE").value_or(""));
-  return word == "1" || word == "true" || word == "on" || word == "yes";
+  return is_environment_true("NVO_RIP_PROFILE");
 }
 
 void report_profile(const StreamRipProfile& profile, const std::string& output_path) {

@@ -32,11 +32,6 @@ const char* name_of(ResamplingMode mode) {
   return mode == ResamplingMode::hard ? "hard" : "smooth";
 }
 
-bool is_override_set(const char* name) {
-  const std::string word = ascii_lower(platform::environment(name).value_or(""));
-  return word == "1" || word == "true" || word == "on" || word == "yes";
-}
-
 PrintMode checked_print_mode(const RipJobOptions& options) {
   const PrintMode mode = effective_print_mode(options.head(), options.print_mode,
                                               {options.x_dpi, options.y_dpi, options.passes});
@@ -229,7 +224,7 @@ void StreamRip::run(SheetLayout sheet, const std::string& output_path,
   const bool profiling = profile_enabled();
   const PrintMode mode = checked_print_mode(options);
   const ChokePlan choke = plan_choke(options);
-  if (is_override_set(kStrategyOverride)) warn_ignored_override(kStrategyOverride);
+  if (is_environment_true(kStrategyOverride)) warn_ignored_override(kStrategyOverride);
   log_plan(options, choke);
 
   const PlacedSize placed = place_items(sheet, options);

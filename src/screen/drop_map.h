@@ -26,8 +26,8 @@ DropMap make_drop_map(std::uint32_t width, std::uint32_t height);
 enum class DropMapContents { zero, stale };
 
 /// Gives a map another size for a writer that sets every dot: memory it already holds is kept with its old
-/// contents
-/// (`stale`), new memory is zero-filled. Throws as `checked_drop_map_bytes`, leaving the map as it was.
+/// contents (`stale`), new memory is zero-filled. Throws as `checked_drop_map_bytes`, leaving the map as it
+/// was.
 DropMapContents resize_drop_map(DropMap& map, std::uint32_t width, std::uint32_t height);
 
 }  // namespace nvo
