@@ -7,7 +7,7 @@
 #include <new>
 #include <utility>
 
-#include "compose/compose_threads.h"
+#include "plan/compose_threads.h"
 #include "compose/white_underbase.h"
 #include "core/checked.h"
 #include "core/env_override.h"

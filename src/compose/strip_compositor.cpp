@@ -5,7 +5,7 @@
 #include <tuple>
 #include <utility>
 
-#include "compose/compose_threads.h"
+#include "plan/compose_threads.h"
 #include "compose/white_underbase.h"
 #include "core/log.h"
 #include "plan/thread_pool.h"

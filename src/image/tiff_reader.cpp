@@ -2,15 +2,17 @@
 
 #include <algorithm>
 #include <array>
-#include <cstdarg>
-#include <cstdio>
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
+#include <functional>
 #include <optional>
 #include <sstream>
 #include <stdexcept>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include <tiffio.h>
 
@@ -18,67 +20,23 @@
 #include "core/log.h"
 #include "core/out_of_memory.h"
 #include "image/tiff_errors.h"
+#include "image/tiff_file.h"
+#include "image/tiff_predictor.h"
 #include "image/tiff_tags.h"
+#include "plan/compose_threads.h"
+#include "plan/thread_pool.h"
 
 namespace nvo {
 namespace {
 
-constexpr std::size_t kMessageBytes = 512;
-
-// Read calls instead of a mapping of the whole file: memory does not grow with the file, and a file that
-// another program cuts short gives a read error instead of a bus error.
-constexpr const char* kReadUnmapped = "rm";
-
 /// A tile row that a neighbouring band may need too stays decoded if it is no larger than this.
 constexpr std::uint64_t kMaxKeptTileRowBytes = 64 << 20;
 
-/// Logs one of libtiff's messages; 1 tells libtiff that nothing is left to print. No exception may cross the
-/// C library, and a line that cannot be logged is no reason to fail a read.
-int log_message(LogLevel level, const char* format, va_list arguments) noexcept {
-  char text[kMessageBytes];
-  static_cast<void>(std::vsnprintf(text, sizeof text, format, arguments));
-  try {
-    Logger::instance().log(level, "libtiff: ", text);
-  } catch (...) {
-  }
-  return 1;
-}
-
-int on_warning(TIFF*, void*, const char*, const char* format, va_list arguments) {
-  return log_message(LogLevel::warn, format, arguments);
-}
-
-int on_error(TIFF*, void*, const char*, const char* format, va_list arguments) {
-  return log_message(LogLevel::error, format, arguments);
-}
-
-/// libtiff's process-wide handlers print to the console. They see only what the handlers of a file do not:
-/// messages of files opened without options.
-void silence_default_handlers() {
-  static const bool done = [] {
-    TIFFSetWarningHandler(nullptr);
-    TIFFSetErrorHandler(nullptr);
-    return true;
-  }();
-  static_cast<void>(done);
-}
-
-struct TiffCloser {
-  void operator()(TIFF* tiff) const { TIFFClose(tiff); }
-};
-using TiffHandle = std::unique_ptr<TIFF, TiffCloser>;
-
-TiffHandle open_file(const std::string& path) {
-  silence_default_handlers();
-  TIFFOpenOptions* options = TIFFOpenOptionsAlloc();
-  if (options) {
-    TIFFOpenOptionsSetWarningHandlerExtR(options, on_warning, nullptr);
-    TIFFOpenOptionsSetErrorHandlerExtR(options, on_error, nullptr);
-  }
-  TiffHandle tiff(TIFFOpenExt(path.c_str(), kReadUnmapped, options));
-  TIFFOpenOptionsFree(options);
-  return tiff;
-}
+/// Pieces up to this size are decoded side by side, in rounds of so many bytes or pieces.
+constexpr std::uint64_t kMaxParallelPieceBytes = 4 << 20;
+constexpr std::uint64_t kRoundBytes = 16 << 20;
+constexpr std::uint64_t kMinPiecesOfRound = 16;
+constexpr std::size_t kMaxPiecesOfRound = 4096;
 
 /// The rows that a read asks for, and where they go. `out` grows only as rows arrive, so a header that
 /// promises more than the file holds costs no memory before the read fails.
@@ -98,10 +56,16 @@ class Band {
   std::uint64_t end() const { return end_; }
   std::uint64_t row_bytes() const { return row_bytes_; }
 
-  /// Where rows `from` .. `to - 1` of the image belong.
-  std::uint8_t* rows(std::uint64_t from, std::uint64_t to) {
+  /// Makes room for all rows above row `to` of the image.
+  void require(std::uint64_t to) {
     const auto end = (to - first_) * row_bytes_;
     if (out_.size() < end) out_.resize(end);
+  }
+
+  /// Where row `from` of the image belongs, with room up to row `to`. Several threads may ask once there is
+  /// room for all.
+  std::uint8_t* rows(std::uint64_t from, std::uint64_t to) {
+    require(to);
     return out_.data() + (from - first_) * row_bytes_;
   }
 
@@ -224,6 +188,13 @@ std::uint32_t tile_position(std::uint64_t position, std::string_view axis) {
   return static_cast<std::uint32_t>(position);
 }
 
+/// Rows without a gap; see `add_up_row`.
+void add_up_rows(const std::uint8_t* from, std::uint8_t* to, std::uint64_t rows, std::size_t pixels,
+                 std::size_t samples) {
+  for (; rows > 0; --rows, from += pixels * samples, to += pixels * samples)
+    add_up_row(from, to, pixels, samples);
+}
+
 struct TileGrid {
   TileGrid(TIFF* tiff, const TiffMeta& meta) : image_width(meta.width), pixel_bytes(meta.samples_per_pixel) {
     tile_width = tiff_tag_or<std::uint32_t>(tiff, TIFFTAG_TILEWIDTH, 0);
@@ -248,30 +219,98 @@ void invert_gray(const TiffMeta& meta, std::uint32_t rows, std::vector<std::uint
   for (std::size_t i = 0; i < bytes; i += step) samples[i] = static_cast<std::uint8_t>(~samples[i]);
 }
 
+/// A handle on the file and what one thread decodes with it.
+struct Decoder {
+  TiffFile file;
+  DecodeBuffer buffer;
+};
+
+/// What decoding a piece left behind, until its turn comes.
+struct PieceOutcome {
+  std::vector<TiffFile::Message> messages;
+  std::exception_ptr error;
+};
+
+/// The handles of one file. Pieces of the image are decoded side by side, each thread through a handle of its
+/// own; messages and failures come out as if the pieces had been decoded in order.
+class Decoders {
+ public:
+  using DecodePiece = std::function<void(Decoder&, std::size_t)>;
+
+  TiffFile& first() { return decoders_.front().file; }
+  TIFF* tiff() { return first().get(); }
+
+  /// Calls `decode(decoder, i)` for pieces 0 .. `count` - 1 of `piece_bytes` bytes each. Of pieces that
+  /// failed the first one's exception is thrown, as if none behind it had been tried.
+  void decode(std::size_t count, std::uint64_t piece_bytes, std::uint64_t pixels, const DecodePiece& decode) {
+    const bool small = piece_bytes <= kMaxParallelPieceBytes;
+    const std::size_t threads = small ? open(compose_threads(count, pixels)) : 1;
+    if (threads < 2) {
+      for (std::size_t i = 0; i < count; ++i) decode(decoders_.front(), i);
+      return;
+    }
+    for (std::size_t begin = 0; begin < count; begin += kMaxPiecesOfRound)
+      decode_round(begin, std::min(begin + kMaxPiecesOfRound, count), threads, decode);
+  }
+
+ private:
+  void decode_round(std::size_t begin, std::size_t end, std::size_t threads, const DecodePiece& decode) {
+    std::vector<PieceOutcome> outcomes(end - begin);
+    std::atomic<std::size_t> next{begin};
+    parallel_ranges(threads, threads, [&](std::size_t, std::size_t, std::size_t thread) {
+      Decoder& decoder = decoders_[thread];
+      for (std::size_t i = next++; i < end; i = next++) {
+        PieceOutcome& outcome = outcomes[i - begin];
+        decoder.file.hold_messages();
+        try {
+          decode(decoder, i);
+        } catch (...) {
+          outcome.error = std::current_exception();
+        }
+        outcome.messages = decoder.file.take_messages();
+      }
+    });
+    for (const PieceOutcome& outcome : outcomes) {
+      for (const auto& [level, text] : outcome.messages) Logger::instance().log(level, "libtiff: ", text);
+      if (outcome.error) std::rethrow_exception(outcome.error);
+    }
+  }
+
+  /// Opens handles up to `wanted` and returns how many of those there are.
+  std::size_t open(std::size_t wanted) {
+    while (decoders_.size() < wanted) {
+      TiffFile another = first().second();
+      if (!another) break;
+      decoders_.push_back({std::move(another), {}});
+    }
+    return std::min(wanted, decoders_.size());
+  }
+
+  std::vector<Decoder> decoders_ = std::vector<Decoder>(1);
+};
+
 }  // namespace
 
 struct TiffReader::Impl {
-  TiffHandle tiff;
+  Decoders decoders;
   KeptPieces kept;
-  DecodeBuffer tile;
 
-  TiffMeta read_meta() const;
+  TiffMeta read_meta();
   void read_rows(const TiffMeta& meta, std::uint32_t y, std::uint32_t rows, std::vector<std::uint8_t>& out);
 
  private:
+  struct Strip;
   void read_strips(const TiffMeta& meta, Band& band);
   void read_tiles(const TiffMeta& meta, Band& band);
-  std::uint32_t rows_per_strip(std::uint32_t image_height) const;
-  void decode_strip(std::uint32_t strip, std::uint64_t strip_bytes, const RowRange& wanted,
-                    std::uint64_t first_row, std::uint64_t row_bytes, DecodedRows& piece);
+  std::uint32_t rows_per_strip(std::uint32_t image_height);
   template <class RowTarget>
   void decode_tile_row(const TileGrid& grid, std::uint64_t first_row, const RowRange& wanted,
                        const RowTarget& target);
 };
 
-TiffMeta TiffReader::Impl::read_meta() const {
-  if (!tiff) throw std::logic_error("TiffReader::read_meta called before open()");
-  return read_tiff_tags(tiff.get());
+TiffMeta TiffReader::Impl::read_meta() {
+  if (!decoders.first()) throw std::logic_error("TiffReader::read_meta called before open()");
+  return read_tiff_tags(decoders.tiff());
 }
 
 void TiffReader::Impl::read_rows(const TiffMeta& meta, std::uint32_t y, std::uint32_t rows,
@@ -283,60 +322,100 @@ void TiffReader::Impl::read_rows(const TiffMeta& meta, std::uint32_t y, std::uin
   if (y >= meta.height || rows > meta.height - y) fail_tiff("row-range request is out of bounds");
 
   Band band(y, rows, tiff_product(meta.width, meta.samples_per_pixel, "TIFF row bytes"), out);
-  if (TIFFIsTiled(tiff.get()))
+  if (TIFFIsTiled(decoders.tiff()))
     read_tiles(meta, band);
   else
     read_strips(meta, band);
   if (meta.is_gray && meta.min_is_white) invert_gray(meta, rows, out);
 }
 
-std::uint32_t TiffReader::Impl::rows_per_strip(std::uint32_t image_height) const {
-  const auto rows = tiff_tag_or<std::uint32_t>(tiff.get(), TIFFTAG_ROWSPERSTRIP, 0);
+std::uint32_t TiffReader::Impl::rows_per_strip(std::uint32_t image_height) {
+  const auto rows = tiff_tag_or<std::uint32_t>(decoders.tiff(), TIFFTAG_ROWSPERSTRIP, 0);
   if (rows != 0) return rows;
-  return TIFFNumberOfStrips(tiff.get()) == 1 ? image_height : 1;
+  return TIFFNumberOfStrips(decoders.tiff()) == 1 ? image_height : 1;
 }
+
+/// One strip that a band needs.
+struct TiffReader::Impl::Strip {
+  std::uint32_t index = 0;
+  std::uint64_t first_row = 0;
+  RowRange wanted{};
+  DecodedRows* kept = nullptr;  ///< where the strip stays decoded, if it does
+
+  /// Fills `buffer` with the samples of the strip and returns how many whole rows it has got; all wanted rows
+  /// are among them.
+  std::uint64_t decode(const TiffFile& file, std::uint64_t bytes, std::uint64_t row_bytes,
+                       DecodeBuffer& buffer) const {
+    std::uint8_t* const samples = buffer.require(bytes, "strip");
+    const auto decoded = TIFFReadEncodedStrip(file.get(), index, samples, static_cast<tmsize_t>(bytes));
+    if (decoded < 0) {
+      buffer.release();
+      fail_tiff("error reading strip ", index);
+    }
+    buffer.set_used(static_cast<std::uint64_t>(decoded));
+
+    const auto last_offset = tiff_product(wanted.to - 1 - first_row, row_bytes, "TIFF strip row offset");
+    const auto needed = tiff_sum(last_offset, row_bytes, "TIFF strip row end");
+    if (needed > static_cast<std::uint64_t>(decoded))
+      fail_tiff("truncated strip ", index, " (not enough bytes for requested rows)");
+    return static_cast<std::uint64_t>(decoded) / row_bytes;
+  }
+};
 
 void TiffReader::Impl::read_strips(const TiffMeta& meta, Band& band) {
   log_debug("TiffReader: partial stripped read y=", band.first(), " rows=", band.end() - band.first());
-  const auto strip_bytes = TIFFStripSize(tiff.get());
-  if (strip_bytes <= 0) fail_tiff("invalid strip size reported by libtiff");
+  const auto size = TIFFStripSize(decoders.tiff());
+  if (size <= 0) fail_tiff("invalid strip size reported by libtiff");
+  const auto strip_bytes = static_cast<std::uint64_t>(size);
   const std::uint64_t strip_rows = rows_per_strip(meta.height);
 
   kept.deliver(band, strip_rows, meta.height);
-  const auto first_strip = band.first() / strip_rows;
-  for (auto strip = first_strip; strip <= (band.end() - 1) / strip_rows; ++strip) {
+  const auto first_strip = band.first() / strip_rows, last_strip = (band.end() - 1) / strip_rows;
+  std::vector<Strip> strips;
+  for (auto strip = first_strip; strip <= last_strip; ++strip) {
     const auto first_row = strip * strip_rows;
     if (kept.delivered(first_row)) continue;
-    const RowRange wanted = KeptPieces::wanted_rows(first_row, strip_rows, meta.height, band);
-    DecodedRows& piece = kept.place_for(strip - first_strip);
-    decode_strip(static_cast<std::uint32_t>(strip), static_cast<std::uint64_t>(strip_bytes), wanted,
-                 first_row, band.row_bytes(), piece);
-    piece.copy(wanted, band);
+    strips.push_back({.index = static_cast<std::uint32_t>(strip),
+                      .first_row = first_row,
+                      .wanted = KeptPieces::wanted_rows(first_row, strip_rows, meta.height, band)});
+    const bool outer = strip - first_strip < 2 || strip == last_strip;
+    if (outer) strips.back().kept = &kept.place_for(strip - first_strip);
   }
-}
 
-/// Decodes a whole strip into `piece` and makes sure that the rows wanted are in it.
-void TiffReader::Impl::decode_strip(std::uint32_t strip, std::uint64_t strip_bytes, const RowRange& wanted,
-                                    std::uint64_t first_row, std::uint64_t row_bytes, DecodedRows& piece) {
-  std::uint8_t* buffer = piece.buffer.require(strip_bytes, "strip");
-  const auto decoded = TIFFReadEncodedStrip(tiff.get(), strip, buffer, static_cast<tmsize_t>(strip_bytes));
-  if (decoded < 0) {
-    piece.buffer.release();
-    fail_tiff("error reading strip ", strip);
+  const std::size_t samples = meta.samples_per_pixel;
+  const std::size_t round = strip_bytes > kMaxParallelPieceBytes
+                                ? 1
+                                : std::max<std::uint64_t>(kRoundBytes / strip_bytes, kMinPiecesOfRound);
+  for (std::size_t begin = 0; begin < strips.size(); begin += round) {
+    const std::size_t count = std::min(round, strips.size() - begin);
+    const RowRange rows{strips[begin].wanted.from, strips[begin + count - 1].wanted.to};
+    const std::size_t pixels = (rows.to - rows.from) * meta.width;
+    if (count > 1) band.require(rows.to);
+    decoders.decode(count, strip_bytes, pixels, [&](Decoder& decoder, std::size_t i) {
+      const Strip& strip = strips[begin + i];
+      const bool sums = decoder.file.gives_differences();
+      if (strip.kept) {
+        DecodedRows& piece = *strip.kept;
+        piece.rows = strip.decode(decoder.file, strip_bytes, band.row_bytes(), piece.buffer);
+        if (sums) add_up_rows(piece.buffer.data(), piece.buffer.data(), piece.rows, meta.width, samples);
+        piece.first_row = strip.first_row;
+        piece.copy(strip.wanted, band);
+        return;
+      }
+      strip.decode(decoder.file, strip_bytes, band.row_bytes(), decoder.buffer);
+      const auto [from, to] = strip.wanted;
+      const std::uint8_t* source = decoder.buffer.data() + (from - strip.first_row) * band.row_bytes();
+      if (sums)
+        add_up_rows(source, band.rows(from, to), to - from, meta.width, samples);
+      else
+        std::memcpy(band.rows(from, to), source, (to - from) * band.row_bytes());
+    });
   }
-  piece.buffer.set_used(static_cast<std::uint64_t>(decoded));
-
-  const auto last_offset = tiff_product(wanted.to - 1 - first_row, row_bytes, "TIFF strip row offset");
-  const auto needed = tiff_sum(last_offset, row_bytes, "TIFF strip row end");
-  if (needed > static_cast<std::uint64_t>(decoded))
-    fail_tiff("truncated strip ", strip, " (not enough bytes for requested rows)");
-  piece.first_row = first_row;
-  piece.rows = static_cast<std::uint64_t>(decoded) / row_bytes;
 }
 
 void TiffReader::Impl::read_tiles(const TiffMeta& meta, Band& band) {
   log_debug("TiffReader: partial tiled read y=", band.first(), " rows=", band.end() - band.first());
-  const TileGrid grid(tiff.get(), meta);
+  const TileGrid grid(decoders.tiff(), meta);
 
   kept.deliver(band, grid.tile_length, meta.height);
   const auto first_tile_row = band.first() - band.first() % grid.tile_length;
@@ -358,25 +437,30 @@ void TiffReader::Impl::read_tiles(const TiffMeta& meta, Band& band) {
       piece.rows = whole.to - whole.from;
       piece.copy(wanted, band);
     } else {
+      if (whole_bytes && *whole_bytes <= kMaxKeptTileRowBytes) band.require(wanted.to);
       decode_tile_row(grid, first_row, wanted, [&](std::uint64_t row) { return band.rows(row, row + 1); });
     }
   }
 }
 
-/// Decodes the tiles that begin at `first_row` one by one and copies each one's wanted rows to `target(row)`.
+/// Decodes the tiles that begin at `first_row` and copies each one's wanted rows to `target(row)`, which
+/// several threads may call.
 template <class RowTarget>
 void TiffReader::Impl::decode_tile_row(const TileGrid& grid, std::uint64_t first_row, const RowRange& wanted,
                                        const RowTarget& target) {
   const auto tile_y = tile_position(first_row, "row");
-  for (std::uint64_t column = 0; column < grid.image_width; column += grid.tile_width) {
+  const auto tiles = static_cast<std::size_t>((grid.image_width - 1) / grid.tile_width + 1);
+  const std::uint64_t pixels = (wanted.to - wanted.from) * grid.image_width;
+  decoders.decode(tiles, grid.tile_bytes, pixels, [&](Decoder& decoder, std::size_t tile) {
+    const std::uint64_t column = tile * grid.tile_width;
     const auto tile_x = tile_position(column, "column");
-    std::uint8_t* const samples = tile.require(grid.tile_bytes, "tile");
-    const auto decoded = TIFFReadTile(tiff.get(), samples, tile_x, tile_y, 0, 0);
+    std::uint8_t* const samples = decoder.buffer.require(grid.tile_bytes, "tile");
+    const auto decoded = TIFFReadTile(decoder.file.get(), samples, tile_x, tile_y, 0, 0);
     if (decoded < 0) {
-      tile.release();
+      decoder.buffer.release();
       fail_tiff("error reading tile at ", tile_x, ",", tile_y);
     }
-    tile.set_used(static_cast<std::uint64_t>(decoded));
+    decoder.buffer.set_used(static_cast<std::uint64_t>(decoded));
 
     const auto columns = std::min(grid.image_width - column, grid.tile_width);
     const auto copy_bytes = tiff_product(columns, grid.pixel_bytes, "TIFF tile copy bytes");
@@ -384,9 +468,13 @@ void TiffReader::Impl::decode_tile_row(const TileGrid& grid, std::uint64_t first
       const auto offset = tiff_product(row - first_row, grid.tile_row_bytes, "TIFF tile row offset");
       if (tiff_sum(offset, copy_bytes, "TIFF tile row end") > static_cast<std::uint64_t>(decoded))
         fail_tiff("truncated tile at ", tile_x, ",", tile_y);
-      std::memcpy(target(row) + column * grid.pixel_bytes, samples + offset, copy_bytes);
+      std::uint8_t* const to = target(row) + column * grid.pixel_bytes;
+      if (decoder.file.gives_differences())
+        add_up_row(samples + offset, to, columns, grid.pixel_bytes);
+      else
+        std::memcpy(to, samples + offset, copy_bytes);
     }
-  }
+  });
 }
 
 TiffReader::TiffReader() : impl_(std::make_unique<Impl>()) {}
@@ -396,8 +484,8 @@ TiffReader& TiffReader::operator=(TiffReader&&) noexcept = default;
 
 void TiffReader::open(const std::string& path) {
   close();
-  impl_->tiff = open_file(path);
-  if (!impl_->tiff) fail_tiff("cannot open '", path, "'");
+  impl_->decoders.first() = TiffFile::open(path);
+  if (!impl_->decoders.first()) fail_tiff("cannot open '", path, "'");
 }
 
 TiffMeta TiffReader::read_meta() {

@@ -13,7 +13,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "compose/compose_threads.h"
+#include "plan/compose_threads.h"
 #include "compose/content_signature.h"
 #include "compose/fifo_cache.h"
 #include "compose/item_caches.h"

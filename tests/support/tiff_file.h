@@ -25,6 +25,7 @@ struct TiffFile {
   std::uint16_t planar = PLANARCONFIG_CONTIG;
   std::uint16_t sample_format = SAMPLEFORMAT_UINT;
   std::uint16_t compression = COMPRESSION_LZW;
+  std::uint16_t predictor = 0;  ///< 0 leaves the tag out
   std::uint32_t rows_per_strip = 3;
   std::uint32_t tile_width = 0, tile_length = 0;  ///< 0 for strips
   float x_resolution = 0.0f, y_resolution = 0.0f;
@@ -76,6 +77,7 @@ inline void set_tags(TIFF* tiff, const TiffFile& file) {
   TIFFSetField(tiff, TIFFTAG_PLANARCONFIG, file.planar);
   TIFFSetField(tiff, TIFFTAG_SAMPLEFORMAT, file.sample_format);
   TIFFSetField(tiff, TIFFTAG_COMPRESSION, file.compression);
+  if (file.predictor != 0) TIFFSetField(tiff, TIFFTAG_PREDICTOR, file.predictor);
   if (file.photometric) TIFFSetField(tiff, TIFFTAG_PHOTOMETRIC, *file.photometric);
   if (!file.extra_samples.empty())
     TIFFSetField(tiff, TIFFTAG_EXTRASAMPLES, static_cast<int>(file.extra_samples.size()),

@@ -46,6 +46,10 @@ class File {
   int descriptor_ = -1;
 };
 
+/// Reads up to `size` bytes of an open file from `offset` on, without its position; `read` tells how many
+/// there were. Several threads may read one file so. Returns 0 or the system's error.
+int read_at(int descriptor, std::uint64_t offset, void* data, std::size_t size, std::size_t& read) noexcept;
+
 /// Moves `from` over `to` in one step and makes the change durable. `to` is the old or the new file, never a
 /// part.
 int replace_file(const std::string& from, const std::string& to);

@@ -17,7 +17,7 @@
 namespace nvo::platform {
 namespace {
 
-constexpr std::size_t kMaxWrite = std::size_t{1} << 30;  // one call takes less than 2 GiB
+constexpr std::size_t kMaxTransfer = std::size_t{1} << 30;  // one call takes less than 2 GiB
 
 // The names are kept where a signal handler may read them: fixed storage, published by an atomic state.
 constexpr int kMaxTemporaries = 64;
@@ -82,7 +82,7 @@ int File::create_exclusive(const std::string& path) {
 int File::write_some(const void* data, std::size_t size, std::size_t& written) {
   written = 0;
   for (;;) {
-    const ssize_t result = ::write(descriptor_, data, size < kMaxWrite ? size : kMaxWrite);
+    const ssize_t result = ::write(descriptor_, data, size < kMaxTransfer ? size : kMaxTransfer);
     if (result >= 0) {
       written = static_cast<std::size_t>(result);
       return 0;
@@ -127,6 +127,19 @@ int File::flush() {
 int File::close() {
   if (descriptor_ < 0) return 0;
   return ::close(std::exchange(descriptor_, -1)) == 0 ? 0 : errno;
+}
+
+int read_at(int descriptor, std::uint64_t offset, void* data, std::size_t size, std::size_t& read) noexcept {
+  read = 0;
+  while (read < size) {
+    const ssize_t got = ::pread(descriptor, static_cast<char*>(data) + read,
+                                std::min(size - read, kMaxTransfer), static_cast<off_t>(offset + read));
+    if (got < 0 && errno == EINTR) continue;
+    if (got < 0) return errno;
+    if (got == 0) break;
+    read += static_cast<std::size_t>(got);
+  }
+  return 0;
 }
 
 int replace_file(const std::string& from, const std::string& to) {

@@ -8,6 +8,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include "core/platform/file.h"
 #include "core/platform/spool_file.h"
 
 namespace nvo::platform {
@@ -60,17 +61,9 @@ int SpoolFile::append(const void* data, std::size_t size) {
 }
 
 int SpoolFile::read_at(std::uint64_t offset, void* data, std::size_t size) const {
-  auto* bytes = static_cast<char*>(data);
-  while (size != 0) {
-    const ssize_t got = ::pread(descriptor_, bytes, std::min(size, kMaxTransfer), static_cast<off_t>(offset));
-    if (got < 0 && errno == EINTR) continue;
-    if (got < 0) return errno;
-    if (got == 0) return EIO;
-    bytes += got;
-    offset += static_cast<std::uint64_t>(got);
-    size -= static_cast<std::size_t>(got);
-  }
-  return 0;
+  std::size_t read = 0;
+  if (const int error = platform::read_at(descriptor_, offset, data, size, read)) return error;
+  return read == size ? 0 : EIO;
 }
 
 }  // namespace nvo::platform

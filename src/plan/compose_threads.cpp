@@ -1,4 +1,4 @@
-#include "compose/compose_threads.h"
+#include "plan/compose_threads.h"
 
 #include <algorithm>
 
