@@ -10,6 +10,7 @@
 
 #include "core/log.h"
 #include "screen/column_taps.h"
+#include "screen/kernels/drop_code.h"
 #include "screen/kernels/screening_kernels.h"
 #include "screen/plain_rip_engine.h"
 #include "screen/rip_engine.h"
@@ -38,24 +39,36 @@ struct Stages {
   std::vector<std::uint8_t> base, threshold, mask, dots;
   std::vector<std::uint8_t> source;
   std::vector<std::uint64_t> kept;
+  std::vector<CodeWord> codes;
+  std::vector<float> mixed;
+  std::vector<std::uint8_t> pair_base, pair_threshold, packed;
 
   Stages()
       : inks(kSourceWidth + taps.taps + kPixelPadding),
         filtered(kDeviceWidth),
         sum(kDeviceWidth),
-        base(kDeviceWidth),
-        threshold(kDeviceWidth),
+        base(kDeviceWidth + kScreenBlock),
+        threshold(kDeviceWidth + kScreenBlock),
         mask(grainy_photo(4)),
         dots(kDeviceWidth),
         source(grainy_photo(2)),
-        kept((kDeviceWidth + 63) / 64, 0x0123456789abcdefu) {
-    for (std::size_t x = 0; x < kSourceWidth; ++x) inks[x] = static_cast<float>(source[x]) * 0.8f;
+        kept((kDeviceWidth + 63) / 64, 0x0123456789abcdefu),
+        codes(kSourceWidth + kPixelPadding),
+        mixed(2 * kSourceWidth),
+        pair_base(2 * (kSourceWidth + kPixelPadding)),
+        pair_threshold(2 * (kSourceWidth + kPixelPadding)),
+        packed(kDeviceWidth / 4) {
+    for (std::size_t x = 0; x < kSourceWidth; ++x) {
+      inks[x] = static_cast<float>(source[x]) * 0.8f;
+      const DropCode code = drop_code(inks[x]);
+      codes[x] = static_cast<CodeWord>(code.base | code.threshold << 8);
+    }
     kScalarKernels.filter_columns(inks.data(), taps.view(), filtered.data());
     kScalarKernels.encode_row(filtered.data(), kDeviceWidth, base.data(), threshold.data());
   }
 };
 
-enum Stage { filter, blend, encode, spread, screen, keep };
+enum Stage { filter, blend, encode, pairs, mix, spread, screen, keep, screen_to_packed };
 
 void run_stage(Stage stage, const ScreeningKernels& k, Stages& s) {
   switch (stage) {
@@ -65,13 +78,21 @@ void run_stage(Stage stage, const ScreeningKernels& k, Stages& s) {
       return k.add_scaled_row(s.filtered.data(), 0.0f, s.sum.data(), kDeviceWidth);
     case encode:
       return k.encode_row(s.filtered.data(), kDeviceWidth, s.base.data(), s.threshold.data());
+    case pairs:
+      return k.encode_pairs(s.inks.data(), s.codes.data(), s.taps.pairs.weights(), kSourceWidth,
+                            s.pair_base.data(), s.pair_threshold.data());
+    case mix:
+      return k.mix_pairs(s.inks.data(), s.taps.pairs.weights(), kSourceWidth, s.mixed.data());
     case spread:
-      return k.spread_codes(s.source.data(), s.source.data() + kSourceWidth, s.taps.start.data(),
-                            kDeviceWidth, s.base.data(), s.threshold.data());
+      return k.spread_codes(s.pair_base.data(), s.pair_threshold.data(), s.taps.pairs.spread.view(),
+                            s.base.data(), s.threshold.data());
     case screen:
       return k.screen_row(s.base.data(), s.threshold.data(), s.mask.data(), kDeviceWidth, s.dots.data());
     case keep:
       return k.keep_dots(s.kept.data(), kDeviceWidth, s.dots.data());
+    case screen_to_packed:
+      return k.screen_packed(s.base.data(), s.threshold.data(), s.mask.data(), s.kept.data(), s.kept.data(),
+                             kDeviceWidth, s.packed.data());
   }
 }
 
@@ -165,7 +186,8 @@ const bool registered = [] {
     const char* name;
     Stage stage;
   } stages[] = {{"filter_columns", filter}, {"add_scaled_row", blend}, {"encode_row", encode},
-                {"spread_codes", spread},   {"screen_row", screen},    {"keep_dots", keep}};
+                {"encode_pairs", pairs},    {"mix_pairs", mix},        {"spread_codes", spread},
+                {"screen_row", screen},     {"keep_dots", keep},       {"screen_packed", screen_to_packed}};
   for (const auto& stage : stages)
     for (const auto& set : sets)
       benchmark::RegisterBenchmark((std::string(stage.name) + "/" + set.name).c_str(), kernel_row,

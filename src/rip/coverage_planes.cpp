@@ -5,19 +5,13 @@
 #include <cmath>
 #include <limits>
 
+#include "rip/coverage_kernels.h"
+#include "rip/coverage_steps.h"
+
 namespace nvo {
 namespace {
 
-constexpr float kByteToUnit = 0.003921569f;  // 1 / 255
-constexpr float kCubeRootFrom = 0.008856f;   // CIE 1976 L*: below it the function is linear
-
-float printed_luminance(std::uint8_t cyan, std::uint8_t magenta, std::uint8_t yellow, std::uint8_t black) {
-  const float c = 1.0f - static_cast<float>(cyan) * kByteToUnit;
-  const float m = 1.0f - static_cast<float>(magenta) * kByteToUnit;
-  const float y = 1.0f - static_cast<float>(yellow) * kByteToUnit;
-  const float k = 1.0f - static_cast<float>(black) * kByteToUnit;
-  return c * k * 0.2126f + m * k * 0.7152f + y * k * 0.0722f;
-}
+constexpr float kCubeRootFrom = 0.008856f;  // CIE 1976 L*: below it the function is linear
 
 // Non-negative floats sort like their bits.
 float from_order(std::uint32_t order) {
@@ -27,8 +21,7 @@ float from_order(std::uint32_t order) {
 }  // namespace
 
 void colour_coverage(const ColourPlanes& planes, std::uint8_t* out) {
-  for (std::size_t i = 0; i < planes.count; ++i)
-    out[i] = std::max(std::max(planes.c[i], planes.m[i]), std::max(planes.y[i], planes.k[i]));
+  coverage_kernels().largest(planes.c, planes.m, planes.y, planes.k, planes.count, out);
 }
 
 float printed_lightness(float luminance) {
@@ -67,14 +60,14 @@ LightProtection::LightProtection(float threshold)
 }
 
 void LightProtection::protect(const ColourPlanes& planes, std::uint8_t* out) const {
-  const auto luminance = [&](std::size_t i) {
-    return printed_luminance(planes.c[i], planes.m[i], planes.y[i], planes.k[i]);
-  };
   if (by_luminance_) {
-    for (std::size_t i = 0; i < planes.count; ++i) out[i] = luminance(i) >= least_luminance_ ? 255 : 0;
-  } else {
-    for (std::size_t i = 0; i < planes.count; ++i)
-      out[i] = printed_lightness(luminance(i)) >= threshold_ ? 255 : 0;
+    coverage_kernels().at_least(planes.c, planes.m, planes.y, planes.k, planes.count, least_luminance_, out);
+    return;
+  }
+  for (std::size_t i = 0; i < planes.count; ++i) {
+    const float luminance =
+        coverage_steps::printed_luminance(planes.c[i], planes.m[i], planes.y[i], planes.k[i]);
+    out[i] = printed_lightness(luminance) >= threshold_ ? 255 : 0;
   }
 }
 

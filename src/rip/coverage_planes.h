@@ -12,6 +12,11 @@ struct ColourPlanes {
   const std::uint8_t* y = nullptr;
   const std::uint8_t* k = nullptr;
   std::size_t count = 0;
+
+  /// Pixels `begin` .. `begin + pixels - 1`.
+  ColourPlanes part(std::size_t begin, std::size_t pixels) const {
+    return {c + begin, m + begin, y + begin, k + begin, pixels};
+  }
 };
 
 /// Largest of the four inks of each pixel.

@@ -89,8 +89,11 @@ std::vector<DropMap> rip_sheet(SheetRun& run, const SheetPlanes& sheet, const Ch
 
 void run_full_buffer(SheetRun& run) {
   const SheetPlanes sheet = compose_sheet(run);
-  const ChokePlanes choke_planes = make_choke_planes(sheet.planes, sheet.explicit_white.size(), run.choke,
-                                                     run.profile.occupancy, run.profile.occupancy);
+  ChokePlanes choke_planes;
+  {
+    const ScopedTimer timer(run.profile.occupancy);
+    make_choke_planes(run, sheet.planes, run.src_h, choke_planes);
+  }
   ChokeContext context;
   if (!choke_planes.coverage.empty()) {
     const ScopedTimer timer(run.profile.choke_context);

@@ -55,10 +55,10 @@ struct ChokePlanes {
   std::vector<std::uint8_t> light;     ///< empty unless light areas are protected
 };
 
-/// Fills the planes for `pixels` pixels; both stay zero where the composed planes are too few or too short.
-/// The two durations, in nanoseconds, are added up.
-ChokePlanes make_choke_planes(const std::vector<std::vector<std::uint8_t>>& planes, std::size_t pixels,
-                              const ChokePlan& choke, std::uint64_t& coverage_ns, std::uint64_t& light_ns);
+/// Fills `result`, whose memory is used again, for `rows` rows of the run's width, on the threads of `run`;
+/// both planes are zero where the composed planes are too few or too short.
+void make_choke_planes(const SheetRun& run, const std::vector<std::vector<std::uint8_t>>& planes,
+                       std::uint32_t rows, ChokePlanes& result);
 
 /// Strip by strip from the bottom of the sheet to its top.
 void run_streaming(SheetRun& run);

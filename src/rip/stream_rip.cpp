@@ -163,25 +163,31 @@ void SheetRun::throw_if_cancelled() const {
   throw RipCancelledError("RIP cancelled");
 }
 
-ChokePlanes make_choke_planes(const std::vector<std::vector<std::uint8_t>>& planes, std::size_t pixels,
-                              const ChokePlan& choke, std::uint64_t& coverage_ns, std::uint64_t& light_ns) {
-  ChokePlanes result;
-  if (!choke.device_choke) return result;
-  result.coverage.resize(pixels);
-  if (choke.light) result.light.resize(pixels);
+void make_choke_planes(const SheetRun& run, const std::vector<std::vector<std::uint8_t>>& planes,
+                       std::uint32_t rows, ChokePlanes& result) {
+  const std::size_t pixels = std::size_t{run.src_w} * rows;
+  result.coverage.resize(run.choke.device_choke ? pixels : 0);
+  result.light.resize(run.choke.device_choke && run.choke.light ? pixels : 0);
+  if (!run.choke.device_choke) return;
   const auto is_short = [&](std::size_t channel) { return planes[channel].size() < pixels; };
-  if (planes.size() < 4 || is_short(0) || is_short(1) || is_short(2) || is_short(3)) return result;
+  if (planes.size() < 4 || is_short(0) || is_short(1) || is_short(2) || is_short(3)) {
+    std::ranges::fill(result.coverage, std::uint8_t{0});
+    std::ranges::fill(result.light, std::uint8_t{0});
+    return;
+  }
 
   const ColourPlanes inks{planes[0].data(), planes[1].data(), planes[2].data(), planes[3].data(), pixels};
-  {
-    const ScopedTimer timer(coverage_ns);
-    colour_coverage(inks, result.coverage.data());
-  }
-  if (choke.light) {
-    const ScopedTimer timer(light_ns);
-    choke.light->protect(inks, result.light.data());
-  }
-  return result;
+  const RipEngineParams& params = run.engine.params();
+  const std::uint32_t threads =
+      row_threads(rows, run.src_w, hardware_threads(), params.performance_env, params.performance);
+  parallel_ranges(rows, threads, [&](std::size_t begin, std::size_t end, std::size_t) {
+    for (std::size_t y = begin; y < end; ++y) {  // both planes while the row is in cache
+      const std::size_t first = y * run.src_w;
+      const ColourPlanes row = inks.part(first, run.src_w);
+      colour_coverage(row, result.coverage.data() + first);
+      if (run.choke.light) run.choke.light->protect(row, result.light.data() + first);
+    }
+  });
 }
 
 void StreamRip::rip_single(const std::string& input_path, const std::string& output_path,

@@ -16,8 +16,8 @@ struct StreamingStripResult {
   std::uint32_t src_y = 0, src_rows = 0;
   std::uint32_t dev_y = 0;
   std::uint64_t source_strip_pixels = 0;  ///< source width x composed rows, halo included
-  std::uint64_t compose = 0, colour_coverage = 0, light_protection = 0, device_choke = 0;  ///< nanoseconds
-  std::array<std::uint64_t, kChannelCount> rip_ch{};                                       ///< nanoseconds
+  std::uint64_t compose = 0, occupancy = 0, device_choke = 0;  ///< nanoseconds
+  std::array<std::uint64_t, kChannelCount> rip_ch{};           ///< nanoseconds
   StripCycles cycles;  ///< the screened rows, as the print file holds them
 };
 
@@ -72,14 +72,16 @@ class StripTask {
       const ScopedTimer timer(result.compose);
       strip_buffer = run_.compositor.compose_strip(place.first, place.rows, std::move(strip_buffer));
     }
-    const ChokePlanes choke_planes = make_choke_planes(strip_buffer.planes, pixels, run_.choke,
-                                                       result.colour_coverage, result.light_protection);
-    ChokeContext context;
-    if (!choke_planes.coverage.empty()) {
-      const ScopedTimer timer(result.device_choke);
-      context = prepare_choke(place, strip_buffer, choke_planes);
+    {
+      const ScopedTimer timer(result.occupancy);
+      make_choke_planes(run_, strip_buffer.planes, place.rows, choke_planes_);
     }
-    rip_channels(place, strip_buffer, choke_planes, context, result);
+    ChokeContext context;
+    if (!choke_planes_.coverage.empty()) {
+      const ScopedTimer timer(result.device_choke);
+      context = prepare_choke(place, strip_buffer, choke_planes_);
+    }
+    rip_channels(place, strip_buffer, choke_planes_, context, result);
     return result;
   }
 
@@ -132,14 +134,15 @@ class StripTask {
   }
 
   SheetRun& run_;
-  StripBuffer strip_buffer_;         ///< of the strip before; its memory serves the next
+  StripBuffer strip_buffer_;  ///< of the strip before; its memory serves the next, as that of all below
+  ChokePlanes choke_planes_;
   std::vector<std::uint8_t> zeros_;  ///< stands for a plane that the compositor did not give
 };
 
 void add_to_profile(const StreamingStripResult& result, std::uint32_t dev_w, StreamRipProfile& profile) {
   profile.source_strip_pixels += result.source_strip_pixels;
   profile.compose += result.compose;
-  profile.occupancy += result.colour_coverage + result.light_protection;
+  profile.occupancy += result.occupancy;
   profile.choke_context += result.device_choke;
   profile.device_channel_pixels += std::uint64_t{dev_w} * result.cycles.rows * kChannelCount;
   for (std::size_t channel = 0; channel < kChannelCount; ++channel)

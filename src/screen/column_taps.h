@@ -3,9 +3,21 @@
 #include <cstdint>
 #include <vector>
 
+#include "screen/code_spread.h"
 #include "screen/kernels/screening_kernels.h"
 
 namespace nvo {
+
+/// The same filter where every device column lies in one source pixel, or on two neighbours of which no other
+/// column's mean is taken. A column inside one pixel has the weight 1 exactly, so its code is that of the
+/// pixel; the others are as many as there are pixels at most, and are worked out side by side.
+struct ColumnPairs {
+  std::vector<float> left, right;  ///< see `PairWeights`; one a source pixel and padding
+  CodeSpread spread;               ///< from the codes of pixels and pairs to device columns
+
+  bool usable() const { return spread.usable(); }
+  PairWeights weights() const { return {left.data(), right.data()}; }
+};
 
 /// The horizontal half of the area filter: which source columns each device column covers, and by what share.
 /// Stored as one plane of weights a tap, so that a kernel reads the weights of neighbouring columns together.
@@ -15,6 +27,7 @@ struct ColumnTaps {
   std::int32_t reach = 0;              ///< see `ColumnTapsView`
   std::vector<std::int32_t> start;     ///< ascending; a column that covers nothing repeats its neighbour's
   std::vector<float> weights;          ///< `taps` x `dev_w`
+  ColumnPairs pairs;                   ///< not usable for coarser device grids
 
   ColumnTapsView view() const { return {start.data(), weights.data(), start.size(), taps, reach}; }
 };

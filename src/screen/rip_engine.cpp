@@ -97,16 +97,12 @@ void choke_colour_plane(const ChokeContext& choke, std::vector<float>& plane) {
   }
 }
 
-/// `dots` is null for a row without drops.
-void put_packed_row(const std::uint8_t* dots, std::size_t row, const PackedRows& out) {
+/// Completes a row of `out` that holds its dots, or none if it is `blank`.
+void finish_packed_row(bool blank, std::uint8_t* row, const PackedRows& out) {
   const std::size_t packed = packed_dots_bytes(out.width);
-  std::uint8_t* const target = out.top + static_cast<std::ptrdiff_t>(row) * out.step;
-  if (dots != nullptr)
-    pack_row(dots, out.width, target);
-  else
-    std::memset(target, 0, packed);
-  std::memset(target + packed, 0, out.padding);
-  for (const std::ptrdiff_t copy : out.copies) std::memcpy(target + copy, target, packed + out.padding);
+  if (blank) std::memset(row, 0, packed);
+  std::memset(row + packed, 0, out.padding);
+  for (const std::ptrdiff_t copy : out.copies) std::memcpy(row + copy, row, packed + out.padding);
 }
 
 const ScreeningKernels& chosen_kernels(const std::optional<InstructionSet>& set) {
@@ -233,11 +229,11 @@ void RipEngine::pack_strip(const PackedRows& out, const std::uint8_t* src, std::
                                  &window);
   if (job.dev_w != out.width) throw std::invalid_argument("RipEngine::pack_strip: width mismatch");
   if (job.window.rows == 0) return;
-  screen_rows(job, [&](RowScreener& screener, RowBuffers& buffers, std::size_t y, std::size_t row) {
-    buffers.dots.resize(job.dev_w);
-    const bool has_drops = screener.screen(y, buffers.dots.data());
+  screen_rows(job, [&](RowScreener& screener, RowBuffers&, std::size_t y, std::size_t row) {
+    std::uint8_t* const target = out.top + static_cast<std::ptrdiff_t>(row) * out.step;
+    const bool has_drops = screener.screen_packed(y, target);
     const std::uint64_t start = out.pack_ns ? platform::monotonic_nanoseconds() : 0;
-    put_packed_row(has_drops ? buffers.dots.data() : nullptr, row, out);
+    finish_packed_row(!has_drops, target, out);
     if (out.pack_ns) *out.pack_ns += platform::monotonic_nanoseconds() - start;
   });
 }

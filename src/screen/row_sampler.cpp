@@ -38,6 +38,9 @@ void nearest_row_spans(std::vector<RowSpan>& out, std::uint32_t first_row, std::
 void set_curve(StripSampling& sampling, const float* curve) {
   sampling.curve = curve;
   std::transform(curve, curve + sampling.code_of_byte.size(), sampling.code_of_byte.begin(), drop_code);
+  std::ranges::transform(sampling.code_of_byte, sampling.code_word_of_byte.begin(), [](DropCode code) {
+    return static_cast<CodeWord>(code.base | code.threshold << 8);
+  });
 }
 
 void set_nearest_columns(StripSampling& sampling) {
@@ -45,6 +48,19 @@ void set_nearest_columns(StripSampling& sampling) {
   for (std::uint32_t x = 0; x < sampling.dev_w; ++x)
     sampling.nearest_column[x] =
         static_cast<std::int32_t>(nearest_source_index(x, sampling.dev_w, sampling.src_w));
+  sampling.nearest_spread = build_code_spread(sampling.nearest_column);
+}
+
+bool is_blank_row(const StripSampling& sampling, const std::uint8_t* row) {
+  return sampling.curve[0] == 0.0f && row[0] == 0 && std::memcmp(row, row + 1, sampling.src_w - 1) == 0;
+}
+
+void size_code_buffers(const StripSampling& sampling, RowBuffers& buffers) {
+  const std::size_t blocks = (sampling.dev_w + kScreenBlock - 1) / kScreenBlock * kScreenBlock;
+  for (auto* codes : {&buffers.base, &buffers.threshold}) {
+    codes->resize(blocks);
+    std::fill(codes->begin() + sampling.dev_w, codes->end(), std::uint8_t{0});
+  }
 }
 
 RowSampler::RowSampler(const StripSampling& sampling, RowBuffers& buffers)
@@ -57,8 +73,7 @@ RowSampler::RowSampler(const StripSampling& sampling, RowBuffers& buffers)
     buffers.source_base.resize(std::size_t{sampling.src_w} + kPixelPadding);
     buffers.source_threshold.resize(std::size_t{sampling.src_w} + kPixelPadding);
   }
-  buffers.base.resize(sampling.dev_w);
-  buffers.threshold.resize(sampling.dev_w);
+  size_code_buffers(sampling, buffers);
 }
 
 CodeRow RowSampler::codes(std::size_t y) {
@@ -108,13 +123,8 @@ void RowSampler::load(std::uint32_t row) {
   loaded_ = pixels;
   if (same) return;
   encoded_ = false;
-  blank_ = is_blank(pixels);
+  blank_ = is_blank_row(sampling_, pixels);
   if (!blank_ && sampling_.area()) filter_loaded_row();
-}
-
-/// Weights and curves are never negative, so a row of zero ink filters to zero exactly.
-bool RowSampler::is_blank(const std::uint8_t* row) const {
-  return sampling_.curve[0] == 0.0f && row[0] == 0 && std::memcmp(row, row + 1, sampling_.src_w - 1) == 0;
 }
 
 void RowSampler::filter_loaded_row() {
@@ -150,10 +160,23 @@ void RowSampler::encode_loaded_row() {
       buffers_.source_base[x] = code.base;
       buffers_.source_threshold[x] = code.threshold;
     }
-    kernels_.spread_codes(buffers_.source_base.data(), buffers_.source_threshold.data(),
-                          sampling_.nearest_column.data(), sampling_.dev_w, base, threshold);
+    spread_nearest(base, threshold);
   }
   encoded_ = true;
+}
+
+void RowSampler::spread_nearest(std::uint8_t* base, std::uint8_t* threshold) const {
+  const std::uint8_t* const source_base = buffers_.source_base.data();
+  const std::uint8_t* const source_threshold = buffers_.source_threshold.data();
+  if (sampling_.nearest_spread.usable()) {
+    kernels_.spread_codes(source_base, source_threshold, sampling_.nearest_spread.view(), base, threshold);
+    return;
+  }
+  for (std::size_t x = 0; x < sampling_.dev_w; ++x) {
+    const auto column = static_cast<std::size_t>(sampling_.nearest_column[x]);
+    base[x] = source_base[column];
+    threshold[x] = source_threshold[column];
+  }
 }
 
 namespace {

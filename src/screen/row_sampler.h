@@ -31,17 +31,22 @@ struct StripSampling {
   const ScreeningKernels* kernels = nullptr;
   const std::uint8_t* pixels = nullptr;  ///< source rows of `src_w` bytes
   std::uint32_t src_w = 0, dev_w = 0;
-  const float* curve = nullptr;                ///< 256 ink values, each 0..255
-  std::array<DropCode, 256> code_of_byte{};    ///< of an unfiltered source byte
-  const std::vector<RowSpan>* rows = nullptr;  ///< one a device row
-  const ColumnTaps* taps = nullptr;            ///< area sampling; null for nearest
-  std::vector<std::int32_t> nearest_column;    ///< nearest sampling
+  const float* curve = nullptr;                   ///< 256 ink values, each 0..255
+  std::array<DropCode, 256> code_of_byte{};       ///< of an unfiltered source byte
+  std::array<CodeWord, 256> code_word_of_byte{};  ///< the same
+  const std::vector<RowSpan>* rows = nullptr;     ///< one a device row
+  const ColumnTaps* taps = nullptr;               ///< area sampling; null for nearest
+  std::vector<std::int32_t> nearest_column;       ///< nearest sampling
+  CodeSpread nearest_spread;                      ///< the same, where it is usable
 
   bool area() const { return taps != nullptr; }
 };
 
 void set_curve(StripSampling& sampling, const float* curve);
 void set_nearest_columns(StripSampling& sampling);
+
+/// Whether a source row gives no ink anywhere. Weights and curves are never negative, so zeros stay zeros.
+bool is_blank_row(const StripSampling& sampling, const std::uint8_t* row);
 
 /// The code last worked out for a column of single dots, and the row it was for.
 struct DotMemo {
@@ -54,12 +59,16 @@ struct RowBuffers {
   std::vector<float> inks;      ///< a source row after the curve
   std::vector<float> filtered;  ///< the same at device width
   std::vector<float> blended;   ///< a device row of several source rows
+  std::vector<float> mixed;     ///< pixels and pairs of a source row by turns
   std::vector<std::uint8_t> source_base, source_threshold;
-  std::vector<std::uint8_t> base, threshold;
+  std::vector<std::uint8_t> base, threshold;  ///< in whole blocks of `kScreenBlock`
   std::vector<std::uint64_t> kept;
   std::vector<std::uint8_t> dots;  ///< a row of drop levels on its way to packed form
   std::vector<DotMemo> memo;
 };
+
+/// Room for the codes of a device row; those behind its last dot are 0.
+void size_code_buffers(const StripSampling& sampling, RowBuffers& buffers);
 
 /// The drop codes of one device row; all zero when `blank`, and then without arrays.
 struct CodeRow {
@@ -82,10 +91,10 @@ class RowSampler {
 
  private:
   void load(std::uint32_t row);
-  bool is_blank(const std::uint8_t* row) const;
   void filter_loaded_row();
   bool blend(const RowSpan& span);
   void encode_loaded_row();
+  void spread_nearest(std::uint8_t* base, std::uint8_t* threshold) const;
 
   const StripSampling& sampling_;
   const ScreeningKernels& kernels_;

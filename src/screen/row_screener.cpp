@@ -3,10 +3,16 @@
 #include <algorithm>
 #include <cstring>
 
+#include "screen/packed_dots.h"
+
 namespace nvo {
 
 RowScreener::RowScreener(const StripScreening& strip, RowBuffers& buffers)
-    : strip_(strip), buffers_(buffers), rows_(strip.sampling, buffers) {
+    : strip_(strip), buffers_(buffers) {
+  if (strip.sampling.area() && strip.sampling.taps->pairs.usable())
+    pairs_.emplace(strip.sampling, buffers);
+  else
+    rows_.emplace(strip.sampling, buffers);
   if (strip.colour_choke != nullptr && !strip.colour_choke->ring.empty())
     ring_.emplace(strip.sampling, buffers.memo);
 }
@@ -14,40 +20,85 @@ RowScreener::RowScreener(const StripScreening& strip, RowBuffers& buffers)
 /// The choke acts on the dots: a value that it sets to 0 gives level 0, and only the dots of the ring need
 /// the value of another dot.
 bool RowScreener::screen(std::size_t y, std::uint8_t* dots) {
-  const std::size_t width = strip_.sampling.dev_w;
+  const CodeRow row = codes(y);
+  if (row.blank && !has_ring(y)) return false;
   const std::uint8_t* mask = mask_row(strip_, y);
-  const CodeRow codes = rows_.codes(y);
-  const bool has_ring = ring_ && !strip_.colour_choke->ring_of_row(y).empty();
-  if (codes.blank && !has_ring) return false;
-  if (codes.blank) {
-    std::memset(dots, 0, width);
+  if (row.blank) {
+    std::memset(dots, 0, strip_.sampling.dev_w);
   } else {
-    screen_codes(strip_, codes, mask, dots);
-    if (const std::uint64_t* kept = kept_dots(y)) strip_.sampling.kernels->keep_dots(kept, width, dots);
+    screen_codes(strip_, row, mask, dots);
+    keep_dots(kept(y), dots);
   }
-  if (has_ring) add_ring(y, mask, dots);
+  add_ring(y, mask, [dots](std::uint32_t x, std::uint8_t level) { dots[x] = level; });
   return true;
 }
 
-/// The dots that stay as sampled; null for all. Ring dots are not among them.
-const std::uint64_t* RowScreener::kept_dots(std::size_t y) {
-  if (strip_.white_choke != nullptr) return strip_.white_choke->keep.row(y);
-  if (strip_.colour_choke == nullptr) return nullptr;
-  const std::uint64_t* grown = strip_.colour_choke->grown.row(y);
-  const std::uint64_t* core = strip_.colour_choke->colour_core.row(y);
-  buffers_.kept.resize(strip_.colour_choke->grown.words_per_row);
-  for (std::size_t i = 0; i < buffers_.kept.size(); ++i) buffers_.kept[i] = grown[i] & core[i];
-  return buffers_.kept.data();
+bool RowScreener::screen_packed(std::size_t y, std::uint8_t* out) {
+  if (strip_.no_mask.size() % kScreenBlock != 0) {  // a block of dots would need the masks of two tiles
+    buffers_.dots.resize(strip_.sampling.dev_w);
+    if (!screen(y, buffers_.dots.data())) return false;
+    pack_row(buffers_.dots.data(), strip_.sampling.dev_w, out);
+    return true;
+  }
+  const CodeRow row = codes(y);
+  if (row.blank && !has_ring(y)) return false;
+  const std::uint8_t* mask = mask_row(strip_, y);
+  if (row.blank) std::memset(out, 0, packed_dots_bytes(strip_.sampling.dev_w));
+  if (!row.blank) screen_codes_packed(row, mask, kept(y), out);
+  add_ring(y, mask, [out](std::uint32_t x, std::uint8_t level) {
+    const unsigned shift = 2 * (kDotsPerByte - 1 - x % kDotsPerByte);
+    std::uint8_t& four = out[x / kDotsPerByte];
+    four = static_cast<std::uint8_t>((four & ~(3u << shift)) | unsigned{level} << shift);
+  });
+  return true;
 }
 
-void RowScreener::add_ring(std::size_t y, const std::uint8_t* mask, std::uint8_t* dots) {
+void RowScreener::screen_codes_packed(const CodeRow& codes, const std::uint8_t* mask, const Kept& kept,
+                                      std::uint8_t* out) const {
+  const std::size_t width = strip_.sampling.dev_w, tile = strip_.no_mask.size();
+  const auto from = [](const std::uint64_t* bits, std::size_t x) { return bits ? bits + x / 64 : nullptr; };
+  for (std::size_t x = 0; x < width; x += tile)
+    strip_.sampling.kernels->screen_packed(codes.base + x, codes.threshold + x, mask, from(kept.row, x),
+                                           from(kept.also, x), std::min(tile, width - x),
+                                           out + x / kDotsPerByte);
+}
+
+CodeRow RowScreener::codes(std::size_t y) {
+  return pairs_ ? pairs_->codes(y) : rows_->codes(y);
+}
+
+RowScreener::Kept RowScreener::kept(std::size_t y) const {
+  if (strip_.white_choke != nullptr) {
+    const std::uint64_t* keep = strip_.white_choke->keep.row(y);
+    return {keep, keep};
+  }
+  if (strip_.colour_choke == nullptr) return {};
+  return {strip_.colour_choke->grown.row(y), strip_.colour_choke->colour_core.row(y)};
+}
+
+bool RowScreener::has_ring(std::size_t y) const {
+  return ring_ && !strip_.colour_choke->ring_of_row(y).empty();
+}
+
+void RowScreener::keep_dots(const Kept& kept, std::uint8_t* dots) {
+  if (kept.row == nullptr) return;
+  const std::size_t width = strip_.sampling.dev_w;
+  buffers_.kept.resize((width + 63) / 64);
+  for (std::size_t i = 0; i < buffers_.kept.size(); ++i) buffers_.kept[i] = kept.row[i] & kept.also[i];
+  strip_.sampling.kernels->keep_dots(buffers_.kept.data(), width, dots);
+}
+
+/// Calls `put(x, level)` for each dot of the ring.
+template <class PutDot>
+void RowScreener::add_ring(std::size_t y, const std::uint8_t* mask, const PutDot& put) {
+  if (!has_ring(y)) return;
   const ChokeContext& choke = *strip_.colour_choke;
   const auto tile = static_cast<std::uint32_t>(strip_.no_mask.size());
   std::uint32_t tile_x = 0;
   for (const RingDot& dot : choke.ring_of_row(y)) {
     if (!choke.grown.test(dot.x, y) || choke.colour_core.test(dot.x, y)) continue;
     if (dot.x - tile_x >= tile) tile_x = dot.x - dot.x % tile;
-    dots[dot.x] = drop_level(ring_->code(dot.source_x, dot.source_y), mask[dot.x - tile_x]);
+    put(dot.x, drop_level(ring_->code(dot.source_x, dot.source_y), mask[dot.x - tile_x]));
   }
 }
 

@@ -8,6 +8,7 @@
 
 #include "screen/choke_context.h"
 #include "screen/mask_cache.h"
+#include "screen/pair_sampler.h"
 #include "screen/row_sampler.h"
 
 namespace nvo {
@@ -23,8 +24,7 @@ struct StripScreening {
   const ChokeContext* white_choke = nullptr;  ///< the same for a white channel; at most one of the two is set
 };
 
-/// The rows of one worker from codes to dots: mask, choke, ring. A row's ingredients (codes, mask row, kept
-/// dots, ring dots) are separate steps, so that dots can be written in another form than one byte each.
+/// The rows of one worker from codes to dots: mask, choke, ring.
 class RowScreener {
  public:
   RowScreener(const StripScreening& strip, RowBuffers& buffers);
@@ -33,13 +33,30 @@ class RowScreener {
   /// hold no drop answers false and leaves `dots` as it was.
   bool screen(std::size_t y, std::uint8_t* dots);
 
+  /// The same in packed form, `packed_dots_bytes` bytes, without a row of bytes between.
+  bool screen_packed(std::size_t y, std::uint8_t* out);
+
  private:
-  const std::uint64_t* kept_dots(std::size_t y);
-  void add_ring(std::size_t y, const std::uint8_t* mask, std::uint8_t* dots);
+  /// The dots that stay as sampled: those that both planes keep, all if they are null. Ring dots are not
+  /// among them.
+  struct Kept {
+    const std::uint64_t* row = nullptr;
+    const std::uint64_t* also = nullptr;
+  };
+
+  void screen_codes_packed(const CodeRow& codes, const std::uint8_t* mask, const Kept& kept,
+                           std::uint8_t* out) const;
+  CodeRow codes(std::size_t y);
+  Kept kept(std::size_t y) const;
+  bool has_ring(std::size_t y) const;
+  void keep_dots(const Kept& kept, std::uint8_t* dots);
+  template <class PutDot>
+  void add_ring(std::size_t y, const std::uint8_t* mask, const PutDot& put);
 
   const StripScreening& strip_;
   RowBuffers& buffers_;
-  RowSampler rows_;
+  std::optional<PairSampler> pairs_;  ///< one of the two
+  std::optional<RowSampler> rows_;
   std::optional<DotSampler> ring_;  ///< where a colour choke has ring dots
 };
 

@@ -7,8 +7,10 @@
 
 #include <gtest/gtest.h>
 
+#include "screen/code_spread.h"
 #include "screen/kernels/drop_code.h"
 #include "screen/kernels/screening_kernels.h"
+#include "screen/packed_dots.h"
 #include "screen/plain_rip_engine.h"
 
 namespace nvo {
@@ -64,10 +66,11 @@ struct KernelInput {
 
   KernelInput(std::size_t columns, std::size_t offset)
       : width(columns), misalignment(offset), random(static_cast<std::uint32_t>(columns * 64 + offset)) {
-    const std::size_t size = offset + columns * 8 + 64;
+    const std::size_t size = offset + columns * 8 + 64 + kScreenBlock;
     for (std::size_t i = 0; i < size; ++i) {
       base.push_back(static_cast<std::uint8_t>(random() % 4));
       threshold.push_back(static_cast<std::uint8_t>(random() % 4 == 0 ? 255 * (random() & 1) : random()));
+      if (base.back() == 3) threshold.back() = 0;
       mask.push_back(static_cast<std::uint8_t>(random() % 4 == 0 ? 255 * (random() & 1) : random()));
       inks.push_back(std::uniform_real_distribution<float>(0.0f, 256.0f)(random));
       row.push_back(std::uniform_real_distribution<float>(0.0f, 255.0f)(random));
@@ -118,9 +121,6 @@ std::vector<std::uint8_t> run_all(const ScreeningKernels& kernels, KernelInput i
     taps.weights = weights.data();
     for (std::size_t x = 0; x + 8 <= n; x += 8) taps.reach = std::max(taps.reach, start[x + 7] - start[x]);
     floats([&](float* out) { kernels.filter_columns(in.row.data() + m, taps, out); });
-    bytes([&](std::uint8_t* a, std::uint8_t* b) {
-      kernels.spread_codes(in.base.data() + m, in.threshold.data() + m, start.data(), n, a, b);
-    });
   }
   floats([&](float* out) { kernels.add_scaled_row(in.row.data() + m, 0.3f, out, n); });
   bytes([&](std::uint8_t* a, std::uint8_t* b) { kernels.encode_row(in.inks.data() + m, n, a, b); });
@@ -128,6 +128,43 @@ std::vector<std::uint8_t> run_all(const ScreeningKernels& kernels, KernelInput i
     kernels.screen_row(in.base.data() + m, in.threshold.data() + m, in.mask.data() + m, n, a);
   });
   bytes([&](std::uint8_t* a, std::uint8_t*) { kernels.keep_dots(in.kept.data(), n, a); });
+
+  const PairWeights weights{in.inks.data() + m, in.inks.data() + m + n};
+  if (n % 2 == 0) {  // two outputs a pixel
+    std::vector<CodeWord> codes;
+    for (std::size_t i = 0; i < in.base.size(); ++i)
+      codes.push_back(static_cast<CodeWord>(in.base[i] | in.threshold[i] << 8));
+    bytes([&](std::uint8_t* a, std::uint8_t* b) {
+      kernels.encode_pairs(in.row.data() + m, codes.data() + m, weights, n / 2, a, b);
+    });
+    floats([&](float* out) { kernels.mix_pairs(in.row.data() + m, weights, n / 2, out); });
+  }
+  if (n % kSpreadGroup == 0) {
+    auto columns = in.starts(2);
+    for (std::int32_t& column : columns) column = in.random() % 9 == 0 ? -1 : column;
+    const CodeSpread spread = build_code_spread(columns);
+    EXPECT_TRUE(spread.usable());
+    bytes([&](std::uint8_t* a, std::uint8_t* b) {
+      kernels.spread_codes(in.base.data() + m, in.threshold.data() + m, spread.view(), a, b);
+    });
+  }
+  std::fill(in.base.begin() + static_cast<std::ptrdiff_t>(m + n), in.base.end(), std::uint8_t{0});
+  std::fill(in.threshold.begin() + static_cast<std::ptrdiff_t>(m + n), in.threshold.end(), std::uint8_t{0});
+  std::vector<std::uint64_t> also(in.kept.rbegin(), in.kept.rend());
+  for (const bool all : {false, true})
+    bytes([&](std::uint8_t* a, std::uint8_t* dots) {
+      const std::vector<std::uint8_t> before(a, a + n);
+      kernels.screen_packed(in.base.data() + m, in.threshold.data() + m, in.mask.data() + m,
+                            all ? nullptr : in.kept.data(), also.data(), n, a);
+      kernels.screen_row(in.base.data() + m, in.threshold.data() + m, in.mask.data() + m, n, dots);
+      for (std::size_t i = 0; !all && i < also.size(); ++i) also[i] &= in.kept[i];
+      if (!all) kernels.keep_dots(also.data(), n, dots);
+      std::vector<std::uint8_t> packed(packed_dots_bytes(static_cast<std::uint32_t>(n)));
+      pack_row(dots, static_cast<std::uint32_t>(n), packed.data());
+      EXPECT_TRUE(std::equal(packed.begin(), packed.end(), a));
+      EXPECT_TRUE(
+          std::equal(a + packed.size(), a + n, before.begin() + static_cast<std::ptrdiff_t>(packed.size())));
+    });
   return result;
 }
 

@@ -34,15 +34,15 @@ RipEngineParams base_params(std::uint32_t x_dpi = 720, std::uint32_t y_dpi = 180
   params.x_dpi = x_dpi;
   params.y_dpi = y_dpi;
   params.n_channels = 5;
-  params.tile_w = odd_tile ? 24 : 64;
-  params.tile_h = odd_tile ? 20 : 64;
+  params.tile_w = odd_tile ? 24 : 128;
+  params.tile_h = odd_tile ? 20 : 32;
   params.n_masks = 5;
   params.cache_dir = masks.path().string();
   return params;
 }
 
-/// Flat patches (often of whole levels, where the last bit of a sum shows), equal rows, blank rows and noise,
-/// so that every shortcut is taken somewhere.
+/// Flat patches (often of whole levels, where the last bit of a sum shows), equal rows, rows without ink or
+/// with a short stretch of it and noise, so that every shortcut is taken somewhere.
 std::vector<std::uint8_t> random_plane(Random& random, std::uint32_t width, std::uint32_t rows) {
   std::vector<std::uint8_t> plane;
   for (std::uint32_t y = 0; y < rows; ++y) {
@@ -52,8 +52,12 @@ std::vector<std::uint8_t> random_plane(Random& random, std::uint32_t width, std:
       continue;
     }
     const auto flat = static_cast<std::uint8_t>(random() % 2 == 0 ? 85 * (1 + random() % 2) : random());
+    const std::uint32_t ink_from = kind == 3 ? random() % width : 0;
+    const std::uint32_t ink_to = kind == 3 ? ink_from + random() % 9 : kind == 1 ? 0 : width;
     for (std::uint32_t x = 0; x < width; ++x)
-      plane.push_back(kind == 1 ? 0 : kind == 2 ? flat : static_cast<std::uint8_t>(random()));
+      plane.push_back(x < ink_from || x >= ink_to ? 0
+                      : kind == 2                 ? flat
+                                                  : static_cast<std::uint8_t>(random()));
   }
   return plane;
 }

@@ -36,12 +36,40 @@ static inline void encode_row(const float* inks, std::size_t count, std::uint8_t
   }
 }
 
+static inline float pair_ink(const float* pixel, float left, float right) {
+  float sum = pixel[0] * left;
+  sum += pixel[1] * right;
+  sum = sum > 0.0f ? sum : 0.0f;
+  return sum < kMaxMaskByte ? sum : kMaxMaskByte;
+}
+
+static inline void encode_pairs(const float* inks, const CodeWord* codes, const PairWeights& weights,
+                                std::size_t pixels, std::uint8_t* base, std::uint8_t* threshold,
+                                std::size_t i) {
+  for (; i < pixels; ++i) {
+    const DropCode pair = drop_code(pair_ink(inks + i, weights.left[i], weights.right[i]));
+    base[2 * i] = static_cast<std::uint8_t>(codes[i]);
+    threshold[2 * i] = static_cast<std::uint8_t>(codes[i] >> 8);
+    base[2 * i + 1] = pair.base;
+    threshold[2 * i + 1] = pair.threshold;
+  }
+}
+
+static inline void mix_pairs(const float* inks, const PairWeights& weights, std::size_t pixels, float* out,
+                             std::size_t i) {
+  for (; i < pixels; ++i) {
+    out[2 * i] = inks[i];
+    out[2 * i + 1] = pair_ink(inks + i, weights.left[i], weights.right[i]);
+  }
+}
+
 static inline void spread_codes(const std::uint8_t* base_in, const std::uint8_t* threshold_in,
-                                const std::int32_t* column, std::size_t count, std::uint8_t* base,
-                                std::uint8_t* threshold, std::size_t x) {
-  for (; x < count; ++x) {
-    base[x] = base_in[column[x]];
-    threshold[x] = threshold_in[column[x]];
+                                const CodeSpreadView& spread, std::uint8_t* base, std::uint8_t* threshold) {
+  for (std::size_t x = 0; x < spread.groups * kSpreadGroup; ++x) {
+    const std::int32_t first = spread.first[x / kSpreadGroup];
+    const std::uint8_t offset = spread.offset[x];
+    base[x] = offset == kNoCode ? 0 : base_in[first + offset];
+    threshold[x] = offset == kNoCode ? 0 : threshold_in[first + offset];
   }
 }
 
@@ -56,6 +84,20 @@ static inline void keep_dots(const std::uint64_t* kept, std::size_t count, std::
   for (; x < count; ++x) {
     const auto bit = static_cast<std::uint8_t>(kept[x / 64] >> (x % 64) & 1u);
     dots[x] = static_cast<std::uint8_t>(dots[x] * bit);
+  }
+}
+
+static inline void screen_packed(const std::uint8_t* base, const std::uint8_t* threshold,
+                                 const std::uint8_t* mask, const std::uint64_t* kept,
+                                 const std::uint64_t* also_kept, std::size_t count, std::uint8_t* out) {
+  for (std::size_t x = 0; x < count; x += 4) {
+    unsigned four = 0;
+    for (std::size_t i = x; i < x + 4; ++i) {
+      unsigned level = i < count ? drop_level({base[i], threshold[i]}, mask[i]) : 0u;
+      if (kept != nullptr && i < count && !((kept[i / 64] & also_kept[i / 64]) >> (i % 64) & 1u)) level = 0;
+      four = four << 2 | level;
+    }
+    out[x / 4] = static_cast<std::uint8_t>(four);
   }
 }
 

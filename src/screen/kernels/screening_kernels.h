@@ -18,8 +18,34 @@ struct ColumnTapsView {
   std::int32_t reach = 0;  ///< greatest distance between the starts of columns 8n and 8n + 7
 };
 
-/// Values that must be readable (and finite) behind a row of pixels that a kernel filters or spreads.
+/// A `DropCode` in one word: `base` + 256 x `threshold`.
+using CodeWord = std::uint16_t;
+
+/// Weights of the device column that lies on pixels i and i + 1, for each i; 0 where there is none.
+struct PairWeights {
+  const float* left = nullptr;
+  const float* right = nullptr;
+
+  PairWeights from(std::size_t pixel) const { return {left + pixel, right + pixel}; }
+};
+
+/// Device columns in groups of `kSpreadGroup`: column x of group g takes code `first[g] + offset[x]`, or
+/// none where the offset is `kNoCode`.
+struct CodeSpreadView {
+  const std::int32_t* first = nullptr;
+  const std::uint8_t* offset = nullptr;  ///< below `kSpreadReach`, or `kNoCode`
+  std::size_t groups = 0;
+};
+inline constexpr std::size_t kSpreadGroup = 16;
+inline constexpr std::int32_t kSpreadReach = 32;
+inline constexpr std::uint8_t kNoCode = 0xff;
+
+/// Values that must be readable (and finite) behind a row of pixels or codes that a kernel filters
+/// or spreads.
 inline constexpr std::size_t kPixelPadding = 32;
+
+/// Dots that `screen_packed` takes at a time.
+inline constexpr std::size_t kScreenBlock = 128;
 
 /// The inner loops of screening for one instruction set. All variants give the same bytes: they do the same
 /// f32 operations in the same order, without fused products. No pointer needs an alignment; nothing but the
@@ -37,11 +63,18 @@ struct ScreeningKernels {
   /// The drop codes of a row of ink values, as `drop_code`.
   void (*encode_row)(const float* inks, std::size_t count, std::uint8_t* base, std::uint8_t* threshold);
 
-  /// Nearest sampling of a row that is already in codes: out[x] = in[column[x]] for both bytes; columns
-  /// ascend.
+  /// The codes of a source row on which every device column lies in one pixel or on two neighbours: that of
+  /// pixel i, `codes[i]`, goes to 2i, that of the weighted ink of pixels i and i + 1 to 2i + 1. Writes
+  /// 2 x `pixels` bytes to both outputs.
+  void (*encode_pairs)(const float* inks, const CodeWord* codes, const PairWeights& weights,
+                       std::size_t pixels, std::uint8_t* base, std::uint8_t* threshold);
+
+  /// The ink values of the same, in the same order.
+  void (*mix_pairs)(const float* inks, const PairWeights& weights, std::size_t pixels, float* out);
+
+  /// Takes codes to device columns: groups x `kSpreadGroup` bytes for each output.
   void (*spread_codes)(const std::uint8_t* base_in, const std::uint8_t* threshold_in,
-                       const std::int32_t* column, std::size_t count, std::uint8_t* base,
-                       std::uint8_t* threshold);
+                       const CodeSpreadView& spread, std::uint8_t* base, std::uint8_t* threshold);
 
   /// dots[x] = base[x] + (mask[x] < threshold[x]).
   void (*screen_row)(const std::uint8_t* base, const std::uint8_t* threshold, const std::uint8_t* mask,
@@ -49,6 +82,12 @@ struct ScreeningKernels {
 
   /// Clears the dots whose bit is 0; dot x is bit x % 64 of word x / 64.
   void (*keep_dots)(const std::uint64_t* kept, std::size_t count, std::uint8_t* dots);
+
+  /// `screen_row`, `keep_dots` for the dots that both planes keep (all of them if null) and `pack_row` in one
+  /// pass. Mask and codes are readable up to whole blocks of `kScreenBlock`; codes behind `count` are 0.
+  void (*screen_packed)(const std::uint8_t* base, const std::uint8_t* threshold, const std::uint8_t* mask,
+                        const std::uint64_t* kept, const std::uint64_t* also_kept, std::size_t count,
+                        std::uint8_t* out);
 };
 
 /// The variant for one instruction set, or null where this machine cannot run it.

@@ -16,9 +16,18 @@ void encode_row(const float* inks, std::size_t count, std::uint8_t* base, std::u
   scalar_steps::encode_row(inks, count, base, threshold, 0);
 }
 
-void spread_codes(const std::uint8_t* base_in, const std::uint8_t* threshold_in, const std::int32_t* column,
-                  std::size_t count, std::uint8_t* base, std::uint8_t* threshold) {
-  scalar_steps::spread_codes(base_in, threshold_in, column, count, base, threshold, 0);
+void encode_pairs(const float* inks, const CodeWord* codes, const PairWeights& weights, std::size_t pixels,
+                  std::uint8_t* base, std::uint8_t* threshold) {
+  scalar_steps::encode_pairs(inks, codes, weights, pixels, base, threshold, 0);
+}
+
+void mix_pairs(const float* inks, const PairWeights& weights, std::size_t pixels, float* out) {
+  scalar_steps::mix_pairs(inks, weights, pixels, out, 0);
+}
+
+void spread_codes(const std::uint8_t* base_in, const std::uint8_t* threshold_in, const CodeSpreadView& spread,
+                  std::uint8_t* base, std::uint8_t* threshold) {
+  scalar_steps::spread_codes(base_in, threshold_in, spread, base, threshold);
 }
 
 void screen_row(const std::uint8_t* base, const std::uint8_t* threshold, const std::uint8_t* mask,
@@ -30,9 +39,16 @@ void keep_dots(const std::uint64_t* kept, std::size_t count, std::uint8_t* dots)
   scalar_steps::keep_dots(kept, count, dots, 0);
 }
 
+void screen_packed(const std::uint8_t* base, const std::uint8_t* threshold, const std::uint8_t* mask,
+                   const std::uint64_t* kept, const std::uint64_t* also_kept, std::size_t count,
+                   std::uint8_t* out) {
+  scalar_steps::screen_packed(base, threshold, mask, kept, also_kept, count, out);
+}
+
 }  // namespace
 
-const ScreeningKernels kScalarKernels = {InstructionSet::scalar, filter_columns, add_scaled_row, encode_row,
-                                         spread_codes,           screen_row,     keep_dots};
+const ScreeningKernels kScalarKernels = {
+    InstructionSet::scalar, filter_columns, add_scaled_row, encode_row,   encode_pairs, mix_pairs,
+    spread_codes,           screen_row,     keep_dots,      screen_packed};
 
 }  // namespace nvo
