@@ -14,7 +14,7 @@
 
 namespace nvo {
 
-/// How a front end watches and stops a job; the command line leaves all three empty.
+/// How a front end watches and stops a job; any of the three may be empty.
 struct JobCallbacks {
   std::function<void(LogLevel, const std::string&)> log;
   std::function<void(const RipProgress&)> progress;

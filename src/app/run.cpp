@@ -2,13 +2,17 @@
 
 #include <cstdio>
 #include <exception>
+#include <optional>
 
 #include "app/job_driver.h"
 #include "app/output_path.h"
+#include "app/progress_line.h"
 #include "app/update_policy.h"
 #include "config/job_settings.h"
 #include "config/rip_settings.h"
+#include "core/env_override.h"
 #include "core/log.h"
+#include "core/platform/terminal.h"
 
 namespace nvo {
 namespace {
@@ -25,6 +29,10 @@ void adopt_job_values(RipSettings& rip_settings, const JobSettings& job) {
   rip_settings.nesting_gap_in = job.repeated_file_gap_in;
   rip_settings.sheet_width_in = job.sheet_width_in;
   rip_settings.max_length_in = job.max_length_in;
+}
+
+bool wants_progress_line() {
+  return is_environment_true("NVO_RIP_PROGRESS") && platform::standard_error_is_terminal();
 }
 
 int run_guarded(const std::string& input_path, const std::string& explicit_output,
@@ -52,7 +60,12 @@ int run_guarded(const std::string& input_path, const std::string& explicit_outpu
   if (!update_policy_allows_run(update_service)) return kExitUpdateRequired;
 
   adopt_job_values(rip_settings, job);
-  run_job(input_path, output_path, rip_settings, job.icc, 0.0f, 0.0f, JobCallbacks(), &job, 0.0f);
+  {
+    std::optional<ProgressLine> line;
+    if (wants_progress_line()) line.emplace(standard_error_terminal());
+    run_job(input_path, output_path, rip_settings, job.icc, 0.0f, 0.0f,
+            line ? line->callbacks() : JobCallbacks(), &job, 0.0f);
+  }
   log_info("Done: ", output_path);
   return kExitDone;
 }

@@ -45,7 +45,7 @@ struct SheetRun {
   std::array<RipEngine::ProcessScratch, kChannelCount> scratch{};
   StreamRipProfile profile;
 
-  void report(int stage, int stage_count, float percent, std::string message) const;
+  void report(int stage, int stage_count, float percent, std::string message, std::uint64_t rows = 0) const;
   void throw_if_cancelled() const;
 };
 

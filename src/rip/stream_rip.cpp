@@ -153,8 +153,9 @@ void log_streaming(std::uint32_t src_dpi, std::uint32_t y_dpi) {
 
 }  // namespace
 
-void SheetRun::report(int stage, int stage_count, float percent, std::string message) const {
-  if (job.progress) job.progress({stage, stage_count, percent, std::move(message)});
+void SheetRun::report(int stage, int stage_count, float percent, std::string message,
+                      std::uint64_t rows) const {
+  if (job.progress) job.progress({stage, stage_count, percent, std::move(message), rows});
 }
 
 void SheetRun::throw_if_cancelled() const {

@@ -11,10 +11,11 @@
 namespace nvo {
 
 struct RipProgress {
-  int stage = 0;
+  int stage = 0;  ///< stages done
   int stage_count = 0;
   float percent = 0.0f;
-  std::string message;
+  std::string message;     ///< what begins
+  std::uint64_t rows = 0;  ///< device rows screened; 0 where a sheet isn't screened row by row
 };
 
 /// The caller's cancel poll said yes; no print file was written.

@@ -166,10 +166,11 @@ void run_streaming(SheetRun& run) {
   const auto start_strip = [&](std::uint32_t strip) {
     run.throw_if_cancelled();
     const std::uint32_t stage = run.strips - 1 - strip;
+    const StripPlace place = place_strip(run, strip, halo);
     run.report(static_cast<int>(stage), static_cast<int>(run.strips),
                static_cast<float>(stage) / static_cast<float>(run.strips) * 95.0f,
-               "Streaming strip " + std::to_string(run.strips - strip) + "/" + std::to_string(run.strips));
-    const StripPlace place = place_strip(run, strip, halo);
+               "Streaming strip " + std::to_string(run.strips - strip) + "/" + std::to_string(run.strips),
+               run.dev_h - (place.dev_y + place.dev_rows));
     log_debug("StreamRip: strip ", run.strips - strip, "/", run.strips, " src_y=", place.src_y,
               " h=", place.src_rows, place.has_halo() ? " with halo" : "");
     StripCycles cycles = run.writer.make_strip_cycles(place.dev_rows, place.dev_y, std::move(written));
@@ -195,7 +196,7 @@ void run_streaming(SheetRun& run) {
   if (rows_written != run.dev_h) throw std::runtime_error("StreamRip: streamed row count mismatch");
 
   run.report(static_cast<int>(run.strips), static_cast<int>(run.strips), 97.0f,
-             "Finalizing " + std::string(print_extension(options.head())));
+             "Finalizing " + std::string(print_extension(options.head())), run.dev_h);
   const ScopedTimer timer(run.profile.finalize);
   run.writer.end_stream_write();
 }

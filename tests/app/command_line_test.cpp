@@ -2,7 +2,10 @@
 #include <filesystem>
 #include <thread>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <pty.h>
+#include <sys/resource.h>
 
 #include "support/child_process.h"
 #include "support/print_file.h"
@@ -26,6 +29,25 @@ class CommandLine : public testing::Test {
   }
   std::map<std::string, std::string> environment() const {
     return {{"XDG_CONFIG_HOME", dir.file("config")}, {"TZ", "UTC"}};
+  }
+  /// The program with a terminal of 40 columns on its standard error.
+  Outcome rip_on_terminal(std::vector<std::string> arguments, const std::string& progress) const {
+    int screen = -1, descriptor = -1;
+    winsize size{24, 40, 0, 0};
+    if (::openpty(&screen, &descriptor, nullptr, nullptr, &size) != 0)
+      throw std::runtime_error("no terminal");
+    auto variables = environment();
+    variables["NVO_RIP_PROGRESS"] = progress;
+    test::ChildProcess child(command(std::move(arguments)), variables, descriptor);
+    ::close(descriptor);
+    Outcome outcome;
+    char bytes[4096];
+    for (ssize_t got = 0; (got = ::read(screen, bytes, sizeof bytes)) > 0;)
+      outcome.err.append(bytes, static_cast<std::size_t>(got));
+    ::close(screen);
+    outcome.code = child.wait();
+    outcome.out = child.out();
+    return outcome;
   }
   Outcome rip(std::vector<std::string> arguments) const {
     test::ChildProcess child(command(std::move(arguments)), environment());
@@ -150,6 +172,39 @@ TEST_F(CommandLine, FailuresHaveTheirTextAndCodeAndLeaveNothing) {
     EXPECT_EQ(names(), before) << c.arguments.back();
   }
   EXPECT_EQ(test::read_all(dir.file("there.prt")), "older");
+}
+
+TEST_F(CommandLine, ProgressIsForThoseWhoAskOnATerminal) {
+  const auto without_times = [](std::string log) {
+    for (std::size_t at = 0; at < log.size(); at = log.find('\n', at) + 1)
+      log.erase(at, log.find('[', at) - at);
+    return log;
+  };
+  const std::string input = art("art.tif", 60, 40);
+  const std::string log = without_times(rip({input}).out);
+  const std::string bytes = test::read_all(dir.file("art.prt"));
+
+  const Outcome watched = rip_on_terminal({input}, "1");
+  EXPECT_EQ(watched.code, 0);
+  EXPECT_EQ(without_times(watched.out), log);
+  EXPECT_EQ(test::read_all(dir.file("art.prt")), bytes);
+  EXPECT_THAT(watched.err, testing::StartsWith("\rStreaming strip 1/1: 0 done, 0 %"));
+  EXPECT_THAT(watched.err, testing::ContainsRegex("\rFinalizing .prt: 1 done, 97 %, [0-9]+ r"));
+  EXPECT_THAT(watched.err, testing::ContainsRegex("\r +\r$")) << "gone at the end";
+
+  EXPECT_EQ(rip_on_terminal({input}, "0").err, "");
+  ::setenv("NVO_RIP_PROGRESS", "1", 1);
+  EXPECT_EQ(rip({input}).err, "") << "no terminal";
+  ::unsetenv("NVO_RIP_PROGRESS");
+
+  rlimit unlimited{};
+  ::getrlimit(RLIMIT_FSIZE, &unlimited);
+  const rlimit small{20'000, unlimited.rlim_max};  // less than the print file takes
+  ::setrlimit(RLIMIT_FSIZE, &small);
+  const Outcome failed = rip_on_terminal({input}, "1");
+  ::setrlimit(RLIMIT_FSIZE, &unlimited);
+  EXPECT_EQ(failed.code, 2);
+  EXPECT_THAT(failed.err, testing::ContainsRegex("strip 1/1.*\r +\r$"));
 }
 
 TEST_F(CommandLine, TerminationInTheMiddleKeepsTheOldFileAndNoOther) {

@@ -14,17 +14,19 @@
 
 namespace nvo::test {
 
-/// A program running with arguments, extra environment and its two outputs in files.
+/// A program running with arguments, extra environment and its two outputs in files, or its standard error in
+/// the descriptor given.
 class ChildProcess {
  public:
-  ChildProcess(const std::vector<std::string>& command,
-               const std::map<std::string, std::string>& environment) {
+  ChildProcess(const std::vector<std::string>& command, const std::map<std::string, std::string>& environment,
+               int standard_error = -1) {
     const std::string out = outputs_.file("out"), err = outputs_.file("err");
     id_ = ::fork();
     if (id_ < 0) throw std::runtime_error("fork failed");
     if (id_ != 0) return;
     redirect(out, STDOUT_FILENO);
     redirect(err, STDERR_FILENO);
+    if (standard_error >= 0) ::dup2(standard_error, STDERR_FILENO);
     for (const auto& [name, value] : environment) ::setenv(name.c_str(), value.c_str(), 1);
     std::vector<char*> arguments;
     for (const std::string& argument : command) arguments.push_back(const_cast<char*>(argument.c_str()));

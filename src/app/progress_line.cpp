@@ -1,0 +1,92 @@
+#include "app/progress_line.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <utility>
+
+#include "core/platform/clock.h"
+#include "core/platform/terminal.h"
+
+namespace nvo {
+namespace {
+
+constexpr std::uint64_t kDrawInterval = 100'000'000;  // nanoseconds
+constexpr double kNanosecondsPerSecond = 1e9;
+
+/// As in "0:07" or "1:02:30".
+std::string clock_text(std::uint64_t seconds) {
+  const auto two_digits = [](std::uint64_t value) { return (value < 10 ? "0" : "") + std::to_string(value); };
+  const std::uint64_t minutes = seconds / 60;
+  const std::string tail = ":" + two_digits(seconds % 60);
+  return minutes < 60 ? std::to_string(minutes) + tail
+                      : std::to_string(minutes / 60) + ":" + two_digits(minutes % 60) + tail;
+}
+
+}  // namespace
+
+ProgressTerminal standard_error_terminal() {
+  return {[](const std::string& text) { std::fwrite(text.data(), 1, text.size(), stderr); },
+          platform::standard_error_columns, platform::monotonic_nanoseconds};
+}
+
+std::string progress_text(const RipProgress& progress, std::uint64_t elapsed_ns) {
+  std::string text = progress.message + ": " + std::to_string(progress.stage) + " done, " +
+                     std::to_string(static_cast<int>(progress.percent)) + " %";
+  const double seconds = static_cast<double>(elapsed_ns) / kNanosecondsPerSecond;
+  if (elapsed_ns == 0 || !(progress.percent > 0.0f)) return text;
+  if (progress.rows != 0)
+    text += ", " + std::to_string(std::llround(static_cast<double>(progress.rows) / seconds)) + " rows/s";
+  const double left = seconds * (100.0 - progress.percent) / progress.percent;
+  return text + ", " + clock_text(static_cast<std::uint64_t>(std::ceil(left))) + " left";
+}
+
+ProgressLine::ProgressLine(ProgressTerminal terminal) : terminal_(std::move(terminal)) {}
+
+ProgressLine::~ProgressLine() {
+  draw("");
+}
+
+JobCallbacks ProgressLine::callbacks() {
+  JobCallbacks callbacks;
+  callbacks.progress = [this](const RipProgress& progress) { show(progress); };
+  callbacks.log = [this](LogLevel, const std::string& line) {
+    step_aside([&] {
+      std::puts(line.c_str());
+      std::fflush(stdout);
+    });
+  };
+  return callbacks;
+}
+
+void ProgressLine::show(const RipProgress& progress) {
+  const std::lock_guard lock(mutex_);
+  const std::uint64_t now = terminal_.nanoseconds();
+  if (!start_) start_ = now;
+  const bool last_stages = progress.stage >= progress.stage_count;
+  if (drawn_at_ && now - *drawn_at_ < kDrawInterval && !last_stages) return;
+  drawn_at_ = now;
+  draw(progress_text(progress, now - *start_));
+}
+
+void ProgressLine::step_aside(const std::function<void()>& print) {
+  const std::lock_guard lock(mutex_);
+  const std::string text = shown_;
+  draw("");
+  print();
+  draw(text);
+}
+
+void ProgressLine::draw(const std::string& text) {
+  // A line that reaches the last column would wrap, and a carriage return no longer find its start.
+  const std::size_t room = std::max<std::size_t>(terminal_.columns(), 1) - 1;
+  const std::size_t old_length = std::min(shown_.size(), room);
+  shown_ = text.substr(0, room);
+  if (shown_.empty() && old_length == 0) return;
+  std::string out = "\r" + shown_;
+  if (old_length > shown_.size()) out.append(old_length - shown_.size(), ' ');
+  if (shown_.empty()) out += '\r';
+  terminal_.write(out);
+}
+
+}  // namespace nvo
