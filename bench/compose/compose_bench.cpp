@@ -1,9 +1,11 @@
+#include <algorithm>
 #include <cstdint>
 #include <vector>
 
 #include <benchmark/benchmark.h>
 
 #include "compose/item_raster.h"
+#include "compose/white_underbase.h"
 #include "image/image_loader.h"
 
 namespace {
@@ -91,6 +93,25 @@ void blit(benchmark::State& state) {
       benchmark::Counter(double{kWidth} * kRows, benchmark::Counter::kIsIterationInvariantRate);
 }
 
+void white_limit(benchmark::State& state) {
+  nvo::StripBuffer strip;
+  strip.width = kWidth, strip.height = kRows;
+  strip.explicit_white.resize(std::size_t{kWidth} * kRows);
+  strip.planes.assign(5, strip.explicit_white);
+  for (std::size_t plane = 0; plane < 4; ++plane)
+    for (std::size_t i = 0; i < strip.explicit_white.size(); ++i)
+      strip.planes[plane][i] = static_cast<std::uint8_t>(i * (plane + 3) >> 2);
+  nvo::WhiteUnderbaseParams params;
+  params.white_ink_limit_enabled = true;
+  for (auto _ : state) {
+    std::fill(strip.planes[4].begin(), strip.planes[4].end(), std::uint8_t{255});
+    nvo::apply_white_underbase(strip, 300, params);
+    benchmark::ClobberMemory();
+  }
+  state.counters["pixels"] =
+      benchmark::Counter(double{kWidth} * kRows, benchmark::Counter::kIsIterationInvariantRate);
+}
+
 BENCHMARK_CAPTURE(compose, cmyk_1to1, kCmyk, kWidth, kRows, false, true);
 BENCHMARK_CAPTURE(compose, cmyk_white_1to1, kCmykWhite, kWidth, kRows, false, true);
 BENCHMARK_CAPTURE(compose, rgba_1to1, kRgba, kWidth, kRows, false, false);
@@ -99,5 +120,6 @@ BENCHMARK_CAPTURE(compose, cmyk_white_240_to_300, kCmykWhite, kWidth * 4 / 5, kR
 BENCHMARK_CAPTURE(compose, cmyk_white_600_to_300, kCmykWhite, kWidth * 2, kRows * 2, false, true);
 BENCHMARK_CAPTURE(compose, rgba_turned_1to1, kRgba, kRows, kWidth, true, false);
 BENCHMARK(blit);
+BENCHMARK(white_limit);
 
 }  // namespace

@@ -97,11 +97,9 @@ void run_stage(Stage stage, const ScreeningKernels& k, Stages& s) {
 }
 
 void kernel_row(benchmark::State& state, Stage stage, InstructionSet set) {
-  const ScreeningKernels* kernels = kernels_for(set);
-  if (kernels == nullptr) return state.SkipWithError("not on this machine");
   Stages stages;
   for (auto _ : state) {
-    run_stage(stage, *kernels, stages);
+    run_stage(stage, *kernels_for(set), stages);
     benchmark::ClobberMemory();
   }
   state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations()) * kDeviceWidth);
@@ -125,7 +123,6 @@ std::unique_ptr<RipEngine> make_engine(std::uint32_t y_dpi, SamplingMode mode, I
 }
 
 void strip(benchmark::State& state, std::uint32_t y_dpi, SamplingMode mode, InstructionSet set, bool reuse) {
-  if (kernels_for(set) == nullptr) return state.SkipWithError("not on this machine");
   const auto engine = make_engine(y_dpi, mode, set);
   const auto plane = grainy_photo(kSourceRows);
   RipEngine::ProcessScratch scratch;
@@ -177,11 +174,13 @@ void plain_strip(benchmark::State& state) {
 }
 
 const bool registered = [] {
-  const struct {
+  struct Variant {
     const char* name;
     InstructionSet set;
-  } sets[] = {
+  };
+  std::vector<Variant> sets = {
       {"scalar", InstructionSet::scalar}, {"sse41", InstructionSet::sse41}, {"avx2", InstructionSet::avx2}};
+  std::erase_if(sets, [](const Variant& variant) { return kernels_for(variant.set) == nullptr; });
   const struct {
     const char* name;
     Stage stage;
