@@ -2,7 +2,6 @@
 
 #include <cstdlib>
 #include <functional>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -11,13 +10,19 @@
 
 #include "output/test_drops.h"
 #include "output/writer_threads.h"
+#include "support/failure.h"
 #include "support/log_capture.h"
 #include "support/temp_dir.h"
 
 namespace nvo {
 namespace {
 
+using test::cut_rows;
+using test::failure_of;
+using test::make_channels;
+
 using Maps = std::vector<DropMap>;
+using Names = std::vector<std::string>;
 constexpr std::uint32_t kI3200 = 0, kI1600 = 1, kXp600 = 2;
 
 HosonWriterOptions options_for(std::uint32_t head, std::vector<std::uint32_t> map = {}) {
@@ -27,17 +32,15 @@ HosonWriterOptions options_for(std::uint32_t head, std::vector<std::uint32_t> ma
 }
 
 /// The file that the maps must give, dot by dot; `slots` are indices into the maps, -1 for a blank slot.
-std::string expected_file(std::uint32_t head, const Maps& maps, const std::vector<int>& slots) {
+std::string expected_file(std::uint32_t head, const Maps& maps,
+                          const std::vector<int>& slots = {3, 0, 1, 2, 4, 4}) {
   const std::uint32_t width = maps[0].width, height = maps[0].height, alignment = head == kXp600 ? 8 : 4;
   const std::uint32_t stride = ((width + 3) / 4 + alignment - 1) / alignment * alignment;
   const PrintMode& mode = default_print_mode({0, head});
+  const std::uint32_t passes = head == kI1600 ? 4u : head == kXp600 ? 0u : mode.passes;
   std::string file;
   for (const std::uint32_t field : {0x5555u, mode.x_dpi, mode.y_dpi, stride, height, width, 0u,
-                                    static_cast<std::uint32_t>(slots.size()), 2u,
-                                    head == kI1600   ? 4u
-                                    : head == kXp600 ? 0u
-                                                     : mode.passes,
-                                    0u, 0u})
+                                    static_cast<std::uint32_t>(slots.size()), 2u, passes, 0u, 0u})
     for (int shift = 0; shift < 32; shift += 8) file += static_cast<char>(field >> shift);
   for (std::uint32_t row = height; row-- > 0;) {
     for (const int slot : slots) {
@@ -51,17 +54,14 @@ std::string expected_file(std::uint32_t head, const Maps& maps, const std::vecto
   return file;
 }
 
-std::string failure_of(const std::function<void()>& act) {
-  try {
-    act();
-  } catch (const std::invalid_argument& e) {
-    return std::string("invalid argument: ") + e.what();
-  } catch (const std::overflow_error& e) {
-    return std::string("overflow: ") + e.what();
-  } catch (const std::runtime_error& e) {
-    return std::string("runtime: ") + e.what();
+void write_in_strips(HosonWriter& writer, const std::string& path, const Maps& maps, std::uint32_t rows) {
+  writer.begin_stream_write(path, maps[0].width, maps[0].height);
+  for (std::uint32_t end = maps[0].height; end > 0;) {
+    const std::uint32_t begin = end > rows ? end - rows : 0;
+    writer.write_dropmaps_strip(cut_rows(maps, begin, end), begin);
+    end = begin;
   }
-  return "";
+  writer.end_stream_write();
 }
 
 /// Writes five rows that the caller packs, in strips of two, two and one that share their memory.
@@ -86,25 +86,6 @@ void write_packed(HosonWriter& writer, const std::string& path, const Maps& maps
   writer.end_stream_write();
 }
 
-TEST(HosonWriter, PackedStripsKeepTheOrderToo) {
-  const test::TempDir dir;
-  HosonWriter writer(options_for(kI3200));
-  EXPECT_EQ(failure_of([&] { writer.make_strip_cycles(1, 0); }),
-            "runtime: HosonWriter::make_strip_cycles: stream is not open");
-  EXPECT_EQ(failure_of([&] { writer.write_cycles_strip({}, 0); }),
-            "runtime: HosonWriter::write_cycles_strip: stream is not open");
-  writer.begin_stream_write(dir.file("a.prt"), 8, 5);
-  writer.write_cycles_strip(writer.make_strip_cycles(0, 3), 3);
-  const StripCycles two = writer.make_strip_cycles(2, 2);
-  EXPECT_EQ(
-      failure_of([&] { writer.write_cycles_strip(two, 2); }),
-      "runtime: HosonWriter::write_dropmaps_strip: strips must be written in descending image-row order");
-  EXPECT_TRUE(dir.names().empty()) << "a bad strip costs the file";
-  writer.begin_stream_write(dir.file("a.prt"), 8, 5);
-  EXPECT_EQ(failure_of([&] { writer.write_cycles_strip(two, 4); }),
-            "runtime: HosonWriter::write_dropmaps_strip: strip is out of device bounds");
-}
-
 TEST(HosonWriter, PutsEachChannelIntoItsSlots) {
   struct Case {
     const char* name;
@@ -114,9 +95,8 @@ TEST(HosonWriter, PutsEachChannelIntoItsSlots) {
     std::vector<int> slots;
   };
   const std::vector<Case> cases = {
-      {"i3200 default", kI3200, {}, 9, 5, {3, 0, 1, 2, 4, 4}},
-      {"one dot", kI3200, {}, 1, 5, {3, 0, 1, 2, 4, 4}},
-      {"unknown head", 77, {}, 8, 5, {3, 0, 1, 2, 4, 4}},
+      {"i3200 default, one dot", kI3200, {}, 1, 5, {3, 0, 1, 2, 4, 4}},
+      {"unknown head", 77, {}, 9, 5, {3, 0, 1, 2, 4, 4}},
       {"i1600 default", kI1600, {}, 33, 5, {3, 0, 1, 2, 4, -1}},
       {"xp600 default", kXp600, {}, 33, 5, {3, 0, 1, 2, -1, -1, 4}},
       {"xp600, old map without white", kXp600, {3, 0, 1, 2, 5, 5, 5}, 16, 5, {3, 0, 1, 2, -1, -1, 4}},
@@ -129,185 +109,141 @@ TEST(HosonWriter, PutsEachChannelIntoItsSlots) {
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     const test::TempDir dir;
-    Maps maps = test::make_channels(c.width, 5, c.channels);
+    const std::string path = dir.file("a.prt");
+    Maps maps = make_channels(c.width, 5, c.channels);
     if (c.channels == 6) maps[4] = {};
     const std::string expected = expected_file(c.head, maps, c.slots);
     if (std::string(c.name) == "empty yellow") maps[2] = {c.width, 0, {}};
 
     HosonWriter writer(options_for(c.head, c.map));
-    for (const std::uint32_t strip_rows : {5u, 2u, 1u}) {
-      const std::string path = dir.file("strips.prt");
-      writer.begin_stream_write(path, c.width, 5);
-      for (std::uint32_t end = 5; end > 0;) {
-        const std::uint32_t begin = end > strip_rows ? end - strip_rows : 0;
-        writer.write_dropmaps_strip(test::cut_rows(maps, begin, end), begin);
-        end = begin;
-      }
-      writer.end_stream_write();
-      EXPECT_EQ(test::read_all(path), expected) << strip_rows << " rows a strip";
+    for (const std::uint32_t rows : {5u, 2u, 1u}) {
+      write_in_strips(writer, path, maps, rows);
+      EXPECT_EQ(test::read_all(path), expected) << rows << " rows a strip";
     }
     if (c.channels == 5 && !maps[2].empty()) {
-      write_packed(writer, dir.file("packed.prt"), maps);
-      EXPECT_EQ(test::read_all(dir.file("packed.prt")), expected) << "rows that come packed";
+      write_packed(writer, path, maps);
+      EXPECT_EQ(test::read_all(path), expected) << "rows that come packed";
     }
   }
 }
 
 TEST(HosonWriter, BlankSlotsAreZeroAfterAStripThatFilledThem) {
   const test::TempDir dir;
-  Maps maps = test::make_channels(21, 6, 5);
+  Maps maps = make_channels(21, 6, 5);
   HosonWriter writer(options_for(kI3200));
   writer.begin_stream_write(dir.file("a.prt"), 21, 6);
-  writer.write_dropmaps_strip(test::cut_rows(maps, 3, 6), 3);
-  Maps top = test::cut_rows(maps, 0, 3);
+  writer.write_dropmaps_strip(cut_rows(maps, 3, 6), 3);
+  Maps top = cut_rows(maps, 0, 3);
   top[4] = {};
   writer.write_dropmaps_strip(top, 0);
   writer.end_stream_write();
-
   std::fill_n(maps[4].data.begin(), 3 * 21, std::uint8_t{0});
-  EXPECT_EQ(test::read_all(dir.file("a.prt")), expected_file(kI3200, maps, {3, 0, 1, 2, 4, 4}));
+  EXPECT_EQ(test::read_all(dir.file("a.prt")), expected_file(kI3200, maps));
 }
 
-TEST(HosonWriter, RejectsABadStripAndEndsTheStream) {
-  const Maps good = test::make_channels(8, 4, 5);
+TEST(HosonWriter, AFailureCostsTheStreamAndNeverTheOldFile) {
+  const test::TempDir dir;
+  const std::string path = dir.file("a.prt");
+  const Maps good = make_channels(8, 4, 5);
   const auto with = [&](const std::function<void(Maps&)>& change) {
     Maps maps = good;
     change(maps);
     return maps;
   };
-  const std::string strip = "HosonWriter::write_dropmaps_strip: ";
-  const std::string too_few = "invalid argument: " + strip + "need at least 4 non-empty dropmaps (CMYK)";
-  const std::string sizes = "runtime: " + strip + "inconsistent strip dropmap sizes";
-  const std::string bounds = "runtime: " + strip + "strip is out of device bounds";
-  struct Case {
-    Maps maps;
-    std::uint32_t y;
-    std::string message;
+  using Act = std::function<void(HosonWriter&)>;
+  const auto strip = [&](Maps maps, std::uint32_t y) -> Act {
+    return [=](HosonWriter& w) {
+      w.begin_stream_write(path, 8, 10);
+      w.write_dropmaps_strip({{8, 0, {}}, {}, {}, {}}, 99);  // no rows: nothing else is looked at
+      w.write_dropmaps_strip(maps, y);
+    };
   };
-  const std::vector<Case> cases = {
-      {{}, 6, too_few},
-      {with([](Maps& m) { m.resize(3); }), 6, too_few},
-      {with([](Maps& m) { m[0] = {}; }), 6, too_few},
-      {with([](Maps& m) { m[0].data.clear(); }), 6, too_few},
-      {test::make_channels(9, 4, 5), 6, "runtime: " + strip + "width mismatch"},
-      {{{9, 0, {}}, {}, {}, {}}, 6, "runtime: " + strip + "width mismatch"},
-      {good, 10, bounds},
-      {good, 7, bounds},
-      {good, 0xFFFFFFFF, bounds},
-      {with([](Maps& m) { m[4] = test::make_drops(8, 3, 1); }), 6, sizes},
-      {with([](Maps& m) { m[1].data.pop_back(); }), 6, sizes},
-      {with([](Maps& m) { m[0].data.pop_back(); }), 6, sizes},
-      {good, 5, "runtime: " + strip + "strips must be written in descending image-row order"},
+  const auto packed_strip = [&](std::uint32_t y) -> Act {
+    return [=](HosonWriter& w) {
+      w.begin_stream_write(path, 8, 5);
+      w.write_cycles_strip(w.make_strip_cycles(2, 2), y);
+    };
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.message);
-    const test::TempDir dir;
-    test::write_all(dir.file("a.prt"), "old");
-    HosonWriter writer(options_for(kI3200));
-    writer.begin_stream_write(dir.file("a.prt"), 8, 10);
-    writer.write_dropmaps_strip({{8, 0, {}}, {}, {}, {}}, 99);  // no rows: nothing else is looked at
-    EXPECT_EQ(dir.names().size(), 2u);
-    EXPECT_EQ(failure_of([&] { writer.write_dropmaps_strip(c.maps, c.y); }), c.message);
-    EXPECT_EQ(dir.names(), std::vector<std::string>{"a.prt"});
-    EXPECT_EQ(test::read_all(dir.file("a.prt")), "old");
-    EXPECT_EQ(failure_of([&] { writer.write_dropmaps_strip(good, 6); }),
-              "runtime: " + strip + "stream is not open");
-
-    writer.begin_stream_write(dir.file("a.prt"), 8, 4);
-    writer.write_dropmaps_strip(good, 0);
-    writer.end_stream_write();
-    EXPECT_EQ(test::read_all(dir.file("a.prt")), expected_file(kI3200, good, {3, 0, 1, 2, 4, 4}));
-  }
-}
-
-TEST(HosonWriter, AnUnfinishedStreamLeavesTheOldFile) {
-  const test::TempDir dir;
-  const Maps maps = test::make_channels(8, 4, 5);
-  test::write_all(dir.file("a.prt"), "old");
-  {
-    HosonWriter writer(options_for(kI3200));
-    writer.end_stream_write();  // without a stream
-    writer.begin_stream_write(dir.file("a.prt"), 8, 8);
-    EXPECT_EQ(failure_of([&] { writer.begin_stream_write(dir.file("b.prt"), 8, 8); }),
-              "runtime: HosonWriter::begin_stream_write: stream is already open");
-    writer.write_dropmaps_strip(maps, 4);
-    EXPECT_EQ(failure_of([&] { writer.end_stream_write(); }),
-              "runtime: HosonWriter::end_stream_write: stream finished before all rows were written");
-    EXPECT_EQ(dir.names(), std::vector<std::string>{"a.prt"});
-
-    writer.begin_stream_write(dir.file("a.prt"), 8, 8);
-    writer.write_dropmaps_strip(maps, 4);
-    EXPECT_THAT(dir.names(), testing::Contains(testing::StartsWith("a.prt.nvo_tmp_")));
-  }
-  EXPECT_EQ(dir.names(), std::vector<std::string>{"a.prt"});
-  EXPECT_EQ(test::read_all(dir.file("a.prt")), "old");
-}
-
-TEST(HosonWriter, RejectsABadStart) {
-  const test::TempDir dir;
-  const std::string nowhere = dir.file("missing/a.prt");
-  const std::string cannot_open = "runtime: HosonWriter::begin_stream_write: cannot open output file: ";
-  struct Case {
-    std::string path;
-    std::uint32_t width, height;
-    std::string message;
+  const auto begin = [&](const std::string& name, std::uint32_t width, std::uint32_t height) -> Act {
+    return [=, target = dir.file(name)](HosonWriter& w) { w.begin_stream_write(target, width, height); };
   };
-  const std::vector<Case> cases = {
-      {dir.file("a.prt"), 0, 1, "invalid argument: HosonWriter::begin_stream_write: invalid device size"},
-      {dir.file("a.prt"), 1, 0, "invalid argument: HosonWriter::begin_stream_write: invalid device size"},
-      {dir.file("a.prt"), 0xFFFFFFF0, 1, "overflow: HosonWriter stride cycle_len overflow"},
-      {nowhere, 1, 1, cannot_open + nowhere},
-      {dir.file("\xC0\xAF.prt"), 1, 1, cannot_open + dir.file("\xC0\xAF.prt")},
-      {dir.file(std::string("a\0b", 3)), 1, 1, cannot_open + dir.file("a")},
+  std::filesystem::create_directory(dir.file("folder"));
+  const std::string in_strip = "HosonWriter::write_dropmaps_strip: ";
+  const std::string too_few = "need at least 4 non-empty dropmaps (CMYK)";
+  const std::string in_begin = "HosonWriter::begin_stream_write: ";
+  const std::string cannot_open = in_begin + "cannot open output file: ";
+  const std::vector<std::pair<std::string, Act>> cases = {
+      {in_strip + too_few, strip({}, 6)},
+      {in_strip + too_few, strip(with([](Maps& m) { m.resize(3); }), 6)},
+      {in_strip + too_few, strip(with([](Maps& m) { m[0].data.clear(); }), 6)},
+      {in_strip + "width mismatch", strip(make_channels(9, 4, 5), 6)},
+      {in_strip + "width mismatch", strip({{9, 0, {}}, {}, {}, {}}, 6)},
+      {in_strip + "inconsistent strip dropmap sizes", strip(with([](Maps& m) { m[4].height = 3; }), 6)},
+      {in_strip + "inconsistent strip dropmap sizes", strip(with([](Maps& m) { m[1].data.pop_back(); }), 6)},
+      {in_strip + "inconsistent strip dropmap sizes", strip(with([](Maps& m) { m[0].data.pop_back(); }), 6)},
+      {in_strip + "strip is out of device bounds", strip(good, 7)},
+      {in_strip + "strip is out of device bounds", strip(good, 0xFFFFFFFF)},
+      {in_strip + "strip is out of device bounds", packed_strip(4)},
+      {in_strip + "strips must be written in descending image-row order", strip(good, 5)},
+      {in_strip + "strips must be written in descending image-row order", packed_strip(2)},
+      {in_strip + "stream is not open", [&](HosonWriter& w) { w.write_dropmaps_strip(good, 6); }},
+      {"HosonWriter::make_strip_cycles: stream is not open", [](auto& w) { w.make_strip_cycles(1, 0); }},
+      {"HosonWriter::write_cycles_strip: stream is not open", [](auto& w) { w.write_cycles_strip({}, 0); }},
+      {in_begin + "invalid device size", begin("a.prt", 0, 1)},
+      {in_begin + "invalid device size", begin("a.prt", 1, 0)},
+      {"HosonWriter stride cycle_len overflow", begin("a.prt", 0xFFFFFFF0, 1)},
+      {cannot_open + dir.file("missing/a.prt"), begin("missing/a.prt", 1, 1)},
+      {cannot_open + dir.file("\xC0\xAF.prt"), begin("\xC0\xAF.prt", 1, 1)},
+      {cannot_open + dir.file("a"), begin(std::string("a\0b", 3), 1, 1)},
+      {"write_dropmaps: " + too_few,
+       [&](auto& w) {
+         w.write_dropmaps({{}, good[1], good[2], good[3]}, path);
+       }},
+      {"HosonWriter::end_stream_write: atomic replace failed: " + dir.file("folder"),
+       [&](HosonWriter& w) { w.write_dropmaps(good, dir.file("folder")); }},
+      {"HosonWriter::end_stream_write: stream finished before all rows were written",
+       [&](HosonWriter& w) {
+         w.begin_stream_write(path, 8, 8);
+         EXPECT_EQ(failure_of([&] { w.begin_stream_write(dir.file("b.prt"), 8, 8); }),
+                   in_begin + "stream is already open");
+         w.write_dropmaps_strip(good, 4);
+         EXPECT_THAT(dir.names(), testing::Contains(testing::StartsWith("a.prt.nvo_tmp_")));
+         w.end_stream_write();
+       }},
+      {"", [&](HosonWriter& w) { w.end_stream_write(); }},  // without a stream
+      {"", [&](HosonWriter&) { HosonWriter(options_for(kI3200)).begin_stream_write(path, 8, 4); }},
   };
   const test::LogCapture log;
+  test::write_all(path, "old");
   HosonWriter writer(options_for(kI3200));
-  for (const Case& c : cases)
-    EXPECT_EQ(failure_of([&] { writer.begin_stream_write(c.path, c.width, c.height); }), c.message);
-  EXPECT_TRUE(dir.names().empty());
-
-  std::filesystem::create_directory(dir.file("folder.prt"));
-  EXPECT_EQ(failure_of([&] { writer.write_dropmaps(test::make_channels(8, 1, 5), dir.file("folder.prt")); }),
-            "runtime: HosonWriter::end_stream_write: atomic replace failed: " + dir.file("folder.prt"));
-  EXPECT_EQ(dir.names(), std::vector<std::string>{"folder.prt"});
+  for (const auto& [message, act] : cases) {
+    EXPECT_EQ(failure_of([&, &act = act] { act(writer); }), message);
+    EXPECT_EQ(dir.names(), (Names{"a.prt", "folder"})) << message;
+    EXPECT_EQ(test::read_all(path), "old") << message;
+  }
+  write_in_strips(writer, path, good, 4);
+  EXPECT_EQ(test::read_all(path), expected_file(kI3200, good)) << "the writer serves on";
 }
 
-TEST(HosonWriter, OneCallWritesTheWholeFileAndLogs) {
+TEST(HosonWriter, OneCallWritesTheWholeFileOnAnyNumberOfThreads) {
   const test::TempDir dir;
-  const Maps maps = test::make_channels(33, 40'000, 5);
+  const std::string path = dir.file("a.prt");
+  const Maps maps = make_channels(33, 40'000, 5);
+  const std::string expected = expected_file(kXp600, maps, {3, 0, 1, 2, -1, -1, 4});
   HosonWriter writer(options_for(kXp600));
   writer.set_timing(true);
-  const test::LogCapture log;
-  writer.write_dropmaps(maps, dir.file("a.prt"));
-  EXPECT_EQ(test::read_all(dir.file("a.prt")), expected_file(kXp600, maps, {3, 0, 1, 2, -1, -1, 4}));
-  EXPECT_EQ(log.lines(),
-            (std::vector<std::string>{
-                "[INFO ] write_dropmaps: 33x40000 stride=16 cycle=112 size=~4MB -> " + dir.file("a.prt"),
-                "[INFO ] write_dropmaps: done -> " + dir.file("a.prt")}));
-  EXPECT_EQ(writer.counters().rows, 40'000u);
-  EXPECT_EQ(writer.counters().bytes, 40'000u * 112u);
-  EXPECT_GT(writer.counters().pack_ns, 0u);
-  EXPECT_GT(writer.counters().file_ns, 0u);
-  writer.reset_counters();
-  EXPECT_EQ(writer.counters().rows, 0u);
-
-  EXPECT_EQ(failure_of([&] {
-              writer.write_dropmaps({DropMap{}, maps[1], maps[2], maps[3]}, dir.file("b.prt"));
-            }),
-            "invalid argument: write_dropmaps: need at least 4 non-empty dropmaps (CMYK)");
-  EXPECT_EQ(dir.names(), std::vector<std::string>{"a.prt"});
-}
-
-TEST(HosonWriter, ThreadsDoNotChangeTheBytes) {
-  const test::LogCapture log;
-  const test::TempDir dir;
-  const Maps maps = test::make_channels(203, 37, 5);
-  const std::string expected = expected_file(kI3200, maps, {3, 0, 1, 2, 4, 4});
+  test::LogCapture log;
   ::setenv("NVO_RIP_PARALLEL_WRITER_ROWS", "Force", 1);
   for (const char* threads : {"1", "2", "5", "32"}) {
     ::setenv("NVO_RIP_WRITER_THREADS", threads, 1);
-    HosonWriter(options_for(kI3200)).write_dropmaps(maps, dir.file("a.prt"));
-    EXPECT_EQ(test::read_all(dir.file("a.prt")), expected) << threads << " threads";
+    writer.reset_counters();
+    writer.write_dropmaps(maps, path);
+    EXPECT_TRUE(test::read_all(path) == expected) << threads << " threads";
+    EXPECT_EQ(log.take(), (Names{"[INFO ] write_dropmaps: 33x40000 stride=16 cycle=112 size=~4MB -> " + path,
+                                 "[INFO ] write_dropmaps: done -> " + path}));
+    EXPECT_EQ(writer.counters().rows, 40'000u);
+    EXPECT_EQ(writer.counters().bytes, 40'000u * 112u);
+    EXPECT_GT(std::min(writer.counters().pack_ns, writer.counters().file_ns), 0u);
   }
   ::unsetenv("NVO_RIP_PARALLEL_WRITER_ROWS");
   ::unsetenv("NVO_RIP_WRITER_THREADS");
@@ -326,7 +262,6 @@ TEST(WriterThreads, FollowTheStripTheMachineAndTheEnvironment) {
       {512, 0x8000, 8, unset, unset, 4},  // 16 MiB exactly, 128 rows a thread
       {512, 0x7FFF, 8, unset, unset, 1},     {6144, 23760, 8, "OFF", "8", 1},
       {10, 24, 8, "Yes", unset, 8},          {3, 24, 8, "1", "20", 3},
-      {1, 24, 8, "force", "8", 1},
   };
   for (const Case& c : cases)
     EXPECT_EQ(writer_threads(c.rows, c.cycle_len, c.hardware, {c.parallel_rows, c.threads}), c.expected)

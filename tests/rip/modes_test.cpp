@@ -1,16 +1,17 @@
-// Every print mode of every head, from the file that a designer made to the drops of each slot.
+// Every print mode of every head, from the file that a designer made to the drops of each slot, against
+// screening dot by dot.
 
 #include <algorithm>
 #include <array>
 #include <cmath>
 #include <string>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "rip/coverage_planes.h"
 #include "rip/rip_job.h"
 #include "screen/plain_rip_engine.h"
-#include "screen/rip_engine.h"
 
 namespace nvo {
 namespace {
@@ -21,18 +22,13 @@ using test::PrintFile;
 struct HeadCase {
   PrintHead head;
   std::uint32_t stride_alignment;
-  std::vector<std::uint32_t> slots;
+  std::vector<std::uint32_t> map, slots;  ///< as a job gives it, and as it has to be printed
   std::string extension;
-
-  HeadConfig config() const { return {0, static_cast<std::uint32_t>(head)}; }
-  std::uint32_t pass_field(const PrintMode& mode) const {
-    return head == PrintHead::i3200 ? mode.passes : head == PrintHead::i1600 ? 4 : 0;
-  }
 };
 
-const std::vector<HeadCase> kHeads = {{PrintHead::i3200, 4, {3, 0, 1, 2, 4, 4}, ".prt"},
-                                      {PrintHead::i1600, 4, {3, 0, 1, 2, 4, 5}, ".prn"},
-                                      {PrintHead::xp600, 8, {3, 0, 1, 2, 5, 5, 4}, ".prt"}};
+const HeadCase kHeads[] = {{PrintHead::i3200, 4, {}, {3, 0, 1, 2, 4, 4}, ".prt"},
+                           {PrintHead::i1600, 4, {0, 4, 1}, {0, 4, 1, 2, 4, 5}, ".prn"},
+                           {PrintHead::xp600, 8, {3, 0, 1, 2, 5, 5, 5}, {3, 0, 1, 2, 5, 5, 4}, ".prt"}};
 
 /// The five planes of a sheet on the source grid.
 struct Planes {
@@ -67,34 +63,21 @@ Planes draw(const std::string& path, std::uint32_t src_dpi, bool own_white, std:
   test::write_tiff(path, tiff);
 
   Planes planes{tiff.width + 2 * pad, tiff.height + 2 * pad, {}};
-  for (std::uint32_t channel = 0; channel < kChannelCount; ++channel) {
-    auto& plane = planes.inks[channel];
-    plane.resize(std::size_t{planes.width} * planes.height);
-    for (std::uint32_t y = 0; y < tiff.height; ++y)
-      for (std::uint32_t x = 0; x < tiff.width; ++x) {
-        const auto inks = art(x / zoom, y / zoom);
+  for (auto& plane : planes.inks) plane.resize(std::size_t{planes.width} * planes.height);
+  for (std::uint32_t y = 0; y < tiff.height; ++y)
+    for (std::uint32_t x = 0; x < tiff.width; ++x) {
+      const auto inks = art(x / zoom, y / zoom);
+      for (std::uint32_t channel = 0; channel < kChannelCount; ++channel)
         if (own_white || inks[kChannelW] != 0)
-          plane[std::size_t{y + pad} * planes.width + x + pad] = inks[channel];
-      }
-  }
+          planes.inks[channel][std::size_t{y + pad} * planes.width + x + pad] = inks[channel];
+    }
   return planes;
 }
 
 /// The drops of the planes, dot by dot.
 std::vector<DropMap> plain_drops(const Planes& planes, const Job& job, bool whole) {
   const RipJobOptions& options = job.rip.options;
-  RipEngineParams params;
-  params.src_dpi = options.src_dpi;
-  params.x_dpi = options.print_mode.x_dpi, params.y_dpi = options.print_mode.y_dpi;
-  params.n_channels = kChannelCount;
-  params.cache_dir = options.cache_dir;
-  params.linear_lut = channel_curves(job.settings);
-  params.white_resampling = SamplingMode::smooth;
-  params.white_choke_enabled = options.white_choke_enabled;
-  params.white_choke_amount_px_at_300dpi = options.white_choke_amount_px_at_300dpi;
-  params.white_choke_algorithm = DeviceChokeAlgorithm::adaptive;
-  const RipEngine engine(params);
-
+  const RipEngine engine(job.engine_params());
   const std::size_t pixels = planes.inks[0].size();
   std::vector<std::uint8_t> coverage(pixels), light(pixels);
   const ColourPlanes colours{planes.inks[0].data(), planes.inks[1].data(), planes.inks[2].data(),
@@ -115,82 +98,64 @@ std::vector<DropMap> plain_drops(const Planes& planes, const Job& job, bool whol
   return drops;
 }
 
-/// Every slot of the file holds its channel's drops, and an empty slot nothing.
-void expect_slots(const PrintFile& file, const std::vector<std::uint32_t>& slots,
-                  const std::vector<DropMap>& drops) {
-  ASSERT_TRUE(file.is_whole);
-  ASSERT_EQ(file.slots, slots.size());
-  const std::vector<std::uint8_t> blank(file.drops[0].size());
-  for (std::size_t slot = 0; slot < slots.size(); ++slot)
-    EXPECT_EQ(file.drops[slot], slots[slot] == kChannelOff ? blank : drops[slots[slot]].data) << slot;
-}
+class PrintModes : public testing::TestWithParam<std::tuple<std::uint32_t, bool, ResamplingMode>> {};
 
-class PrintModes : public testing::TestWithParam<std::tuple<std::uint32_t, bool>> {};
-
-TEST_P(PrintModes, FromEndToEnd) {
-  const auto [src_dpi, choke] = GetParam();
+TEST_P(PrintModes, FromEndToEndInFewAndInManyStrips) {
+  const auto [src_dpi, choke, sampling] = GetParam();
   for (const HeadCase& head : kHeads) {
-    for (const PrintMode& mode : print_modes_for(head.config())) {
-      SCOPED_TRACE(mode.id);
+    const HeadConfig config{0, static_cast<std::uint32_t>(head.head)};
+    for (const PrintMode& mode : print_modes_for(config)) {
       Job job;
       RipJobOptions& options = job.rip.options;
       options.src_dpi = src_dpi;
-      options.print_head = head.config().print_head;
+      options.print_head = config.print_head;
       options.print_mode = mode;
+      options.output_channel_map = head.map;
       options.white_choke_enabled = choke;
-      options.performance.mode = PerformanceMode::manual;  // the small sheet stays on one thread
-      options.performance.parallel_channels = TriState::off;
+      options.color_resampling_mode = options.white_resampling_mode = sampling;
       job.settings = RipSettings();
       std::vector<std::string> messages;
       job.rip.progress = [&](const RipProgress& p) { messages.push_back(p.message); };
       const std::uint32_t pad = !choke ? 0 : src_dpi == 300 ? 2 : 3;  // whole pixels that hold the choke
       const Planes planes = draw(job.input, src_dpi, !choke, pad);
-      const PrintFile file = job.run();
-
-      const auto dots = [&](std::uint32_t pixels, std::uint32_t dpi) {
-        return static_cast<std::uint32_t>(std::lround(double{1} * pixels * dpi / src_dpi));
-      };
-      const std::uint32_t alignment = head.stride_alignment;
-      EXPECT_EQ(std::tuple(file.x_dpi, file.y_dpi, file.passes, file.bits),
-                std::tuple(mode.x_dpi, mode.y_dpi, head.pass_field(mode), 2u));
-      EXPECT_EQ(std::pair(file.width, file.height),
-                std::pair(dots(planes.width, mode.x_dpi), dots(planes.height, mode.y_dpi)));
-      EXPECT_EQ(file.stride, ((file.width + 3) / 4 + alignment - 1) / alignment * alignment);
       const bool streams = mode.y_dpi >= src_dpi;
-      EXPECT_NE(std::find(messages.begin(), messages.end(),
-                          (streams ? "Finalizing " : "Writing ") + head.extension),
-                messages.end());
-      expect_slots(file, head.slots, plain_drops(planes, job, !streams));
+      const std::vector<DropMap> drops = plain_drops(planes, job, !streams);
+
+      for (const std::uint32_t strip_h : {1024u, 7u}) {
+        SCOPED_TRACE(mode.id + " in strips of " + std::to_string(strip_h));
+        options.strip_h_px = strip_h;
+        const PrintFile file = job.run();
+        const auto dots = [&](std::uint32_t pixels, std::uint32_t dpi) {
+          return static_cast<std::uint32_t>(std::lround(1.0 * pixels * dpi / src_dpi));
+        };
+        const std::uint32_t passes = head.head == PrintHead::i3200   ? mode.passes
+                                     : head.head == PrintHead::i1600 ? 4
+                                                                     : 0;
+        EXPECT_EQ(std::tuple(file.x_dpi, file.y_dpi, file.passes, file.bits),
+                  std::tuple(mode.x_dpi, mode.y_dpi, passes, 2u));
+        ASSERT_EQ(std::tuple(file.width, file.height, file.slots),
+                  std::tuple(dots(planes.width, mode.x_dpi), dots(planes.height, mode.y_dpi),
+                             static_cast<std::uint32_t>(head.slots.size())));
+        EXPECT_EQ(file.stride, ((file.width + 3) / 4 + head.stride_alignment - 1) / head.stride_alignment *
+                                   head.stride_alignment);
+        ASSERT_TRUE(file.is_whole);
+        const std::vector<std::uint8_t> blank(file.drops[0].size());
+        for (std::size_t slot = 0; slot < head.slots.size(); ++slot)
+          EXPECT_TRUE(file.drops[slot] ==
+                      (head.slots[slot] == kChannelOff ? blank : drops[head.slots[slot]].data))
+              << "slot " << slot;
+      }
+      EXPECT_THAT(messages, testing::Contains((streams ? "Finalizing " : "Writing ") + head.extension));
     }
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(SourcesAndChoke, PrintModes,
-                         testing::Combine(testing::Values(300u, 600u), testing::Bool()));
-
-TEST(ChannelMaps, AJobsMapIsLaidOverThatOfTheHead) {
-  struct Case {
-    std::size_t head;
-    std::vector<std::uint32_t> given, slots;
-  };
-  const std::vector<Case> cases = {
-      {0, {4, 4}, {4, 4, 1, 2, 4, 4}},
-      {0, {5, 5, 5, 5, 5, 2, 0, 0}, {5, 5, 5, 5, 5, 2}},
-      {1, {0, 1, 2, 3, 5, 4}, {0, 1, 2, 3, 5, 4}},
-      {2, {3, 0, 1, 2, 5, 5, 5}, {3, 0, 1, 2, 5, 5, 4}},
-      {2, {3, 0, 1, 2, 4, 5, 5}, {3, 0, 1, 2, 4, 5, 5}},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(testing::PrintToString(c.given));
-    Job job;
-    const HeadConfig head = kHeads[c.head].config();
-    job.rip.options.print_head = head.print_head;
-    job.rip.options.print_mode = default_print_mode(head);
-    job.rip.options.output_channel_map = c.given;
-    const Planes planes = draw(job.input, 300, true, 0);
-    expect_slots(job.run(), c.slots, plain_drops(planes, job, false));
-  }
-}
+INSTANTIATE_TEST_SUITE_P(SourceChokeSampling, PrintModes,
+                         testing::Values(std::tuple(300u, false, ResamplingMode::smooth),
+                                         std::tuple(300u, true, ResamplingMode::smooth),
+                                         std::tuple(300u, true, ResamplingMode::hard),
+                                         std::tuple(600u, false, ResamplingMode::hard),
+                                         std::tuple(600u, true, ResamplingMode::smooth)));
 
 }  // namespace
 }  // namespace nvo
