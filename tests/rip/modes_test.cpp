@@ -112,7 +112,8 @@ TEST_P(PrintModes, FromEndToEndInFewAndInManyStrips) {
       options.print_mode = mode;
       options.output_channel_map = head.map;
       options.white_choke_enabled = choke;
-      options.color_resampling_mode = options.white_resampling_mode = sampling;
+      options.color_resampling_mode = sampling;
+      options.white_resampling_mode = choke ? ResamplingMode::smooth : sampling;
       job.settings = RipSettings();
       std::vector<std::string> messages;
       job.rip.progress = [&](const RipProgress& p) { messages.push_back(p.message); };
