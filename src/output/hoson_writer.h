@@ -43,8 +43,8 @@ struct StripCycles {
 
 /// Writes a print file (see prt_format.h) as a stream of strips from the bottom of the sheet to its top. The
 /// file takes its name only when it is whole and on the disk; an unfinished stream leaves the old file and no
-/// temporary one. Any failure ends the stream; a writer without a stream can begin another. For one thread,
-/// but the counters may be read by any.
+/// temporary one. Any failure ends the stream; a writer without a stream can begin another. For one thread
+/// but where a function says otherwise; the counters may be read by any.
 class HosonWriter {
  public:
   explicit HosonWriter(HosonWriterOptions options) : options_(std::move(options)) {}
@@ -66,7 +66,8 @@ class HosonWriter {
   void write_cycles_strip(const StripCycles& strip, std::uint32_t y);
 
   /// Room for a strip of `rows` rows, the top one device row `y`, in the form of the open stream's file.
-  /// Blank slots are 0; the rest is for the caller to fill. The memory of `spent` is used again.
+  /// Blank slots are 0; the rest is for the caller to fill. The memory of `spent` is used again. Another
+  /// thread may write meanwhile.
   StripCycles make_strip_cycles(std::uint32_t rows, std::uint32_t y, StripCycles spent = {});
 
   /// Flushes the file and moves it over the target. Without a stream it does nothing.
@@ -74,6 +75,9 @@ class HosonWriter {
 
   /// A whole file in one call.
   void write_dropmaps(const std::vector<DropMap>& dropmaps, const std::string& path);
+
+  /// Bytes of a row cycle of the open stream.
+  std::size_t row_bytes() const { return layout_.cycle_len; }
 
   void set_timing(bool enabled) { timing_ = enabled; }
   HosonWriterCounters counters() const;
@@ -105,7 +109,7 @@ class HosonWriter {
   std::uint32_t height_ = 0;
   PrtRowLayout layout_;
   std::uint64_t next_row_ = kAllRowsWritten;  ///< the device row that the next strip ends with
-  bool open_ = false;
+  std::atomic<bool> open_ = false;
 
   std::unique_ptr<std::uint8_t[]> strip_buffer_;
   std::size_t strip_buffer_size_ = 0;

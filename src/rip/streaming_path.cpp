@@ -4,8 +4,10 @@
 #include <utility>
 
 #include "core/log.h"
+#include "core/scope_exit.h"
 #include "core/scoped_timer.h"
 #include "plan/sheet_geometry.h"
+#include "rip/band_queue.h"
 #include "rip/sheet_run.h"
 
 namespace nvo {
@@ -14,11 +16,10 @@ namespace {
 /// The outcome of one strip.
 struct StreamingStripResult {
   std::uint32_t src_y = 0, src_rows = 0;
-  std::uint32_t dev_y = 0;
+  std::uint32_t dev_y = 0, dev_rows = 0;
   std::uint64_t source_strip_pixels = 0;  ///< source width x composed rows, halo included
   std::uint64_t compose = 0, occupancy = 0, device_choke = 0;  ///< nanoseconds
   std::array<std::uint64_t, kChannelCount> rip_ch{};           ///< nanoseconds
-  StripCycles cycles;  ///< the screened rows, as the print file holds them
 };
 
 /// Where a strip lies on both grids, and the halo around it.
@@ -53,17 +54,33 @@ StripPlace place_strip(const SheetRun& run, std::uint32_t strip, std::uint32_t h
   return place;
 }
 
+/// A strip's rows are screened and written in so many bands, unless these were very small or large: writing
+/// begins early, and a band is a size that memory is cheap for.
+constexpr std::size_t kBandsOfStrip = 6;
+constexpr std::size_t kLeastBandBytes = 4 << 20, kMostBandBytes = 32 << 20;
+/// One is filled, one is written, and one waits between.
+constexpr std::size_t kBandsInFlight = 3;
+
+std::uint32_t rows_of_band(std::uint32_t strip_rows, std::size_t row_bytes) {
+  const std::size_t bytes =
+      std::clamp(strip_rows * row_bytes / kBandsOfStrip, kLeastBandBytes, kMostBandBytes);
+  return static_cast<std::uint32_t>(std::clamp<std::size_t>(bytes / row_bytes, 1, strip_rows));
+}
+
 class StripTask {
  public:
-  explicit StripTask(SheetRun& run) : run_(run) {}
+  StripTask(SheetRun& run, BandQueue& bands) : run_(run), bands_(bands) {}
 
-  /// Composes and screens a strip into `cycles`, which has room for its rows.
-  StreamingStripResult rip_strip(const StripPlace& place, StripCycles cycles) {
+  /// Composes and screens a strip and puts its bands into the queue, from the strip's bottom to its top. The
+  /// last one ends the strip even if an exception does.
+  StreamingStripResult rip_strip(const StripPlace& place) {
+    const ScopeExit end_strip([this] { bands_.put(std::move(last_band_)); });
+    last_band_ = {{}, 0, true};
     StreamingStripResult result;
     result.src_y = place.src_y;
     result.src_rows = place.src_rows;
     result.dev_y = place.dev_y;
-    result.cycles = std::move(cycles);
+    result.dev_rows = place.dev_rows;
     const std::size_t pixels = std::size_t{run_.src_w} * place.rows;
     result.source_strip_pixels = pixels;
 
@@ -112,15 +129,32 @@ class StripTask {
       planes[channel] = channel_plane(strip, channel, pixels);
     const std::uint8_t* coverage = choke_planes.coverage.empty() ? nullptr : choke_planes.coverage.data();
 
-    const DeviceRowWindow own_rows{place.crop_top, place.dev_rows};
-    const auto rip_channel = [&](std::uint32_t channel, std::size_t scratch) {
-      const ScopedTimer timer(result.rip_ch[channel]);
-      const PackedRows& rows = result.cycles.channels[channel];
-      if (!rows.top) return;  // no slot of the board prints this ink
-      run_.engine.pack_strip(rows, planes[channel], run_.src_w, place.rows, place.first, run_.src_h,
-                             static_cast<std::int32_t>(channel), channel < kChannelW ? coverage : nullptr,
-                             coverage ? &context : nullptr, &run_.scratch[scratch], own_rows);
-    };
+    const std::uint32_t band_rows = rows_of_band(place.dev_rows, run_.writer.row_bytes());
+    for (std::uint32_t end = place.dev_rows; end > 0;) {
+      const std::uint32_t rows = std::min(band_rows, end);
+      end -= rows;
+      StripBand band;
+      band.dev_y = place.dev_y + end;
+      band.cycles = run_.writer.make_strip_cycles(rows, band.dev_y, bands_.take_spent());
+      band.ends_strip = end == 0;
+      const DeviceRowWindow window{place.crop_top + end, rows};
+      for_each_channel([&](std::uint32_t channel, std::size_t scratch) {
+        const ScopedTimer timer(result.rip_ch[channel]);
+        const PackedRows& packed = band.cycles.channels[channel];
+        if (!packed.top) return;  // no slot of the board prints this ink
+        run_.engine.pack_strip(packed, planes[channel], run_.src_w, place.rows, place.first, run_.src_h,
+                               static_cast<std::int32_t>(channel), channel < kChannelW ? coverage : nullptr,
+                               coverage ? &context : nullptr, &run_.scratch[scratch], window);
+      });
+      if (band.ends_strip)
+        last_band_ = std::move(band);
+      else
+        bands_.put(std::move(band));
+    }
+  }
+
+  template <class RipChannel>
+  void for_each_channel(const RipChannel& rip_channel) {
     if (run_.pool) {
       std::array<std::future<void>, kChannelCount> pending;
       for (std::uint32_t channel = 0; channel < kChannelCount; ++channel)
@@ -134,6 +168,8 @@ class StripTask {
   }
 
   SheetRun& run_;
+  BandQueue& bands_;
+  StripBand last_band_;       ///< of the strip, put into the queue when all else is done
   StripBuffer strip_buffer_;  ///< of the strip before; its memory serves the next, as that of all below
   ChokePlanes choke_planes_;
   std::vector<std::uint8_t> zeros_;  ///< stands for a plane that the compositor did not give
@@ -144,7 +180,7 @@ void add_to_profile(const StreamingStripResult& result, std::uint32_t dev_w, Str
   profile.compose += result.compose;
   profile.occupancy += result.occupancy;
   profile.choke_context += result.device_choke;
-  profile.device_channel_pixels += std::uint64_t{dev_w} * result.cycles.rows * kChannelCount;
+  profile.device_channel_pixels += std::uint64_t{dev_w} * result.dev_rows * kChannelCount;
   for (std::size_t channel = 0; channel < kChannelCount; ++channel)
     profile.rip_ch[channel] += result.rip_ch[channel];
   ++profile.compose_calls;
@@ -161,8 +197,8 @@ void run_streaming(SheetRun& run) {
                      options.white_resampling_mode == ResamplingMode::hard,
                  run.choke.device_choke, options.white_choke_amount_px_at_300dpi, run.choke.min_width_dots});
 
-  StripTask task(run);
-  StripCycles written;
+  BandQueue bands(kBandsInFlight);
+  StripTask task(run, bands);
   const auto start_strip = [&](std::uint32_t strip) {
     run.throw_if_cancelled();
     const std::uint32_t stage = run.strips - 1 - strip;
@@ -173,25 +209,26 @@ void run_streaming(SheetRun& run) {
                run.dev_h - (place.dev_y + place.dev_rows));
     log_debug("StreamRip: strip ", run.strips - strip, "/", run.strips, " src_y=", place.src_y,
               " h=", place.src_rows, place.has_halo() ? " with halo" : "");
-    StripCycles cycles = run.writer.make_strip_cycles(place.dev_rows, place.dev_y, std::move(written));
-    return std::async(std::launch::async, [&task, place, room = std::move(cycles)]() mutable {
-      return task.rip_strip(place, std::move(room));
-    });
+    return std::async(std::launch::async, [&task, place] { return task.rip_strip(place); });
+  };
+  std::uint64_t rows_written = 0;
+  const auto write = [&](StripBand band) {
+    const ScopedTimer timer(run.profile.writer);
+    run.writer.write_cycles_strip(band.cycles, band.dev_y);
+    rows_written += band.cycles.rows;
+    bands.give_back(std::move(band.cycles));
   };
 
-  // One strip is composed and screened while the one below it is written.
-  std::uint64_t rows_written = 0;
+  // A strip's bands are written while it is screened; the last one while the strip above is composed.
   std::future<StreamingStripResult> next = start_strip(run.strips - 1);
+  const ScopeExit close_bands([&] { bands.close(); });  // lets a waiting strip end before `next` waits for it
   for (std::uint32_t remaining = run.strips; remaining > 0; --remaining) {
-    StreamingStripResult result = next.get();
+    StripBand band = bands.take();
+    for (; !band.ends_strip; band = bands.take()) write(std::move(band));
+    const StreamingStripResult result = next.get();
     if (remaining > 1) next = start_strip(remaining - 2);
-    {
-      const ScopedTimer timer(run.profile.writer);
-      run.writer.write_cycles_strip(result.cycles, result.dev_y);
-    }
-    rows_written += result.cycles.rows;
+    write(std::move(band));
     add_to_profile(result, run.dev_w, run.profile);
-    written = std::move(result.cycles);
   }
   if (rows_written != run.dev_h) throw std::runtime_error("StreamRip: streamed row count mismatch");
 

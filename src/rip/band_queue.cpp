@@ -1,0 +1,49 @@
+#include "rip/band_queue.h"
+
+#include <stdexcept>
+#include <utility>
+
+namespace nvo {
+
+StripCycles BandQueue::take_spent() {
+  std::unique_lock lock(mutex_);
+  changed_.wait(lock, [&] { return closed_ || !spent_.empty(); });
+  if (closed_) throw std::runtime_error("StreamRip: the print file is no longer written");
+  StripCycles cycles = std::move(spent_.back());
+  spent_.pop_back();
+  return cycles;
+}
+
+void BandQueue::put(StripBand band) noexcept {
+  {
+    const std::lock_guard lock(mutex_);
+    filled_.push_back(std::move(band));
+  }
+  changed_.notify_all();
+}
+
+StripBand BandQueue::take() {
+  std::unique_lock lock(mutex_);
+  changed_.wait(lock, [&] { return !filled_.empty(); });
+  StripBand band = std::move(filled_.front());
+  filled_.erase(filled_.begin());
+  return band;
+}
+
+void BandQueue::give_back(StripCycles cycles) {
+  {
+    const std::lock_guard lock(mutex_);
+    spent_.push_back(std::move(cycles));
+  }
+  changed_.notify_all();
+}
+
+void BandQueue::close() {
+  {
+    const std::lock_guard lock(mutex_);
+    closed_ = true;
+  }
+  changed_.notify_all();
+}
+
+}  // namespace nvo
