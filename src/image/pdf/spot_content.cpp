@@ -6,8 +6,8 @@
 namespace nvo {
 namespace {
 
-constexpr std::uint64_t kWorkOfAnyPage = 4'000'000'000;
-constexpr std::uint64_t kWorkOfOnePixel = 32;
+constexpr std::uint64_t kWorkOfAnyPage = 3'000'000'000;
+constexpr std::uint64_t kWorkOfOnePixel = 24;  // a turned image and its mask, which cover the page
 constexpr std::uint64_t kMostPixels = std::uint64_t{1} << 40;  // no raster of this size fits memory
 
 }  // namespace

@@ -13,9 +13,10 @@ namespace {
 
 constexpr double kSmallestArea = 1e-9;  // in square pixels; what is flatter has no inside
 constexpr double kPixelMiddle = 0.5;
+constexpr std::uint64_t kLeastTabledSide = 8;  // in pixels
 
 // Units of work, see WorkBudget.
-constexpr std::uint64_t kUprightPixelWork = 2;
+constexpr std::uint64_t kUprightPixelWork = 3;
 constexpr std::uint64_t kPixelWork = 12;
 
 /// Pixels of the raster along one axis, `end` excluded.
@@ -43,8 +44,11 @@ struct PlacedImage {
   DevicePoint offset(std::uint32_t x, std::uint32_t y) const {
     return {x + kPixelMiddle - origin.x, y + kPixelMiddle - origin.y};
   }
-  /// u depends on the column alone and v on the row alone.
-  bool is_upright() const { return up.x == 0.0 && right.y == 0.0; }
+  /// u depends on the column alone and v on the row alone, and there are enough pixels for a table of columns
+  /// to be worth its time and memory.
+  bool has_column_table() const {
+    return up.x == 0.0 && right.y == 0.0 && std::min(columns.size(), rows.size()) >= kLeastTabledSide;
+  }
 };
 
 std::optional<PlacedImage> place_image(const PdfMatrix& ctm, const PageRaster& page) {
@@ -72,44 +76,39 @@ std::uint32_t sample_index(double t, std::uint32_t size) {
   return std::min(static_cast<std::uint32_t>(std::floor(t * size)), size - 1);
 }
 
-/// One pixel of the raster along an axis and the image's sample that it takes there.
-struct AxisSample {
-  std::uint32_t pixel = 0, sample = 0;
-};
-
-std::vector<AxisSample> column_samples(const PlacedImage& placed, std::uint32_t size) {
-  std::vector<AxisSample> samples;
-  for (std::uint32_t x = placed.columns.first; x < placed.columns.end; ++x) {
-    const double u = placed.u(placed.offset(x, placed.rows.first));
-    if (is_inside(u)) samples.push_back({x, sample_index(u, size)});
-  }
-  return samples;
-}
-
-std::vector<AxisSample> row_samples(const PlacedImage& placed, std::uint32_t size) {
-  std::vector<AxisSample> samples;
-  for (std::uint32_t y = placed.rows.first; y < placed.rows.end; ++y) {
-    const double v = placed.v(placed.offset(placed.columns.first, y));
-    if (is_inside(v)) samples.push_back({y, sample_index(1.0 - v, size)});
-  }
-  return samples;
-}
-
 void raise(std::uint8_t& value, std::uint8_t sample) {
   value = std::max(value, sample);
 }
 
+/// A pixel's column and the image's column that it takes.
+struct ColumnSample {
+  std::uint32_t pixel = 0, sample = 0;
+};
+
+std::vector<ColumnSample> column_samples(const PlacedImage& placed, std::uint32_t width) {
+  std::vector<ColumnSample> samples;
+  samples.reserve(placed.columns.size());
+  for (std::uint32_t x = placed.columns.first; x < placed.columns.end; ++x) {
+    const double u = placed.u(placed.offset(x, placed.rows.first));
+    if (is_inside(u)) samples.push_back({x, sample_index(u, width)});
+  }
+  return samples;
+}
+
 void paint_upright(const CoveragePlane& plane, const PlacedImage& placed, std::uint32_t width,
                    std::uint8_t* target) {
-  const std::vector<AxisSample> columns = column_samples(placed, plane.width);
-  for (const AxisSample row : row_samples(placed, plane.height)) {
-    std::uint8_t* pixels = target + std::uint64_t{row.pixel} * width;
-    for (const AxisSample column : columns) raise(pixels[column.pixel], plane.at(column.sample, row.sample));
+  const std::vector<ColumnSample> columns = column_samples(placed, plane.width);
+  for (std::uint32_t y = placed.rows.first; y < placed.rows.end; ++y) {
+    const double v = placed.v(placed.offset(placed.columns.first, y));
+    if (!is_inside(v)) continue;
+    const std::uint32_t row = sample_index(1.0 - v, plane.height);
+    std::uint8_t* pixels = target + std::uint64_t{y} * width;
+    for (const ColumnSample column : columns) raise(pixels[column.pixel], plane.at(column.sample, row));
   }
 }
 
-void paint_slanted(const CoveragePlane& plane, const PlacedImage& placed, std::uint32_t width,
-                   std::uint8_t* target) {
+void paint_any(const CoveragePlane& plane, const PlacedImage& placed, std::uint32_t width,
+               std::uint8_t* target) {
   for (std::uint32_t y = placed.rows.first; y < placed.rows.end; ++y) {
     std::uint8_t* pixels = target + std::uint64_t{y} * width;
     for (std::uint32_t x = placed.columns.first; x < placed.columns.end; ++x) {
@@ -151,12 +150,12 @@ bool paint_plane(const CoveragePlane& plane, const PdfMatrix& ctm, const PageRas
   if (plane.empty()) return true;
   const auto placed = place_image(ctm, page);
   if (!placed) return true;
-  const bool upright = placed->is_upright();
+  const bool upright = placed->has_column_table();
   const std::uint64_t pixels = placed->columns.size() * placed->rows.size();
   if (pixels == 0) return true;
   if (!work.spend(pixels * (upright ? kUprightPixelWork : kPixelWork))) return false;
   if (target.empty()) target.resize(page.pixels());
-  (upright ? paint_upright : paint_slanted)(plane, *placed, page.width, target.data());
+  (upright ? paint_upright : paint_any)(plane, *placed, page.width, target.data());
   return true;
 }
 

@@ -1,6 +1,7 @@
 #include "image/pdf/spot_path_raster.h"
 
 #include <algorithm>
+#include <bit>
 #include <cmath>
 #include <cstddef>
 #include <cstring>
@@ -11,10 +12,12 @@ namespace nvo {
 namespace {
 
 // Units of work, see WorkBudget.
-constexpr std::uint64_t kCrossingWork = 32;
+constexpr std::uint64_t kEdgeWork = 100;
+constexpr std::uint64_t kCrossingWork = 16;
+constexpr std::uint64_t kComparisonWork = 6;
 constexpr std::uint64_t kSegmentRowWork = 64;
 constexpr std::uint64_t kDistanceWork = 8;
-constexpr std::uint64_t kBytesPerUnit = 16;
+constexpr std::uint64_t kBytesPerUnit = 8;
 
 constexpr double kRowMiddle = 0.5;
 constexpr std::uint8_t kPaint = 255;
@@ -70,10 +73,9 @@ std::vector<Edge> crossing_edges(std::span<const DevicePoint> points, std::uint3
   return edges;
 }
 
-bool spend_on_edges(const std::vector<Edge>& edges, WorkBudget& work) {
-  std::uint64_t crossings = 0;
-  for (const Edge& edge : edges) crossings += edge.end_row - edge.first_row;
-  return work.spend((crossings + edges.size()) * kCrossingWork);
+/// Finding one row's crossings and sorting them.
+std::uint64_t crossings_work(std::uint64_t count) {
+  return count * (kCrossingWork + kComparisonWork * static_cast<std::uint64_t>(std::bit_width(count)));
 }
 
 bool paint_between(const std::vector<double>& crossings, std::uint8_t* row, std::uint32_t width,
@@ -199,8 +201,8 @@ bool stroke_row(const Segment& segment, std::uint8_t* row, double y, std::uint32
 bool fill_subpath(std::span<const DevicePoint> points, const MaskView& mask, WorkBudget& work) {
   constexpr std::size_t kLeastPoints = 3;
   if (points.size() < kLeastPoints || !std::all_of(points.begin(), points.end(), is_paintable)) return true;
+  if (!work.spend(points.size() * kEdgeWork)) return false;
   const std::vector<Edge> edges = crossing_edges(points, mask.height);
-  if (!spend_on_edges(edges, work)) return false;
 
   std::vector<const Edge*> active;
   std::vector<double> crossings;
@@ -212,6 +214,7 @@ bool fill_subpath(std::span<const DevicePoint> points, const MaskView& mask, Wor
       row = edges[next].first_row;
     }
     while (next < edges.size() && edges[next].first_row == row) active.push_back(&edges[next++]);
+    if (!work.spend(crossings_work(active.size()))) return false;
 
     crossings.clear();
     for (const Edge* edge : active) crossings.push_back(edge->crossing(row + kRowMiddle));
