@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstdint>
 #include <filesystem>
-#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -24,6 +23,7 @@ const std::string kBoth = "extracted vector and image spot-white masks";
 const std::string kNothing = "no supported spot-white content found by best-effort parser";
 const std::string kNotNeeded = "no spot-white candidate heuristic detected; extraction not needed";
 const std::string kAborted = "interpreter aborted on unsupported/too-complex spot-white content";
+const std::string kStructure = "; PDF object streams/xref streams are unsupported";
 const std::string kOneAborted = "; one spot-white interpreter aborted on unsupported/too-complex content";
 
 const std::string kWhite = "/ColorSpace <</W [/Separation /White /DeviceCMYK 9 0 R]>>";
@@ -57,40 +57,31 @@ std::string repeat(std::string_view text, int count) {
 
 TEST(SpotWhite, SaysWhatItMet) {
   const std::string box = "/MediaBox [0 0 10 10]", resources = " /Resources <<>> ", type = "<</Type /Page ";
-  const std::string structure = "; PDF object streams/xref streams are unsupported";
-  const struct {
-    const char* what;
-    std::string bytes, status;
-  } cases[] = {
-      {"nothing", "", "parse found no indirect objects supported by the partial parser"},
-      {"a cross-reference stream", "<</Type /XRef>>",
-       "parse found no indirect objects supported by the partial parser" + structure},
-      {"no page", PdfFile().object(1, "<</Type /Pages>>").text(),
-       "parse found no page object supported by the partial parser"},
-      {"an object stream", PdfFile().object(1, "<</Type /ObjStm>>").text(),
-       "parse found no page object supported by the partial parser" + structure},
-      {"no box", PdfFile().object(1, type + resources).text(),
-       "parse found page object but no supported MediaBox"},
-      {"no resources", PdfFile().object(1, type + box).text(),
-       "parse found page object but no supported page resources"},
-      {"resources that are missing", PdfFile().object(1, type + box + "/Resources 7 0 R").text(),
-       "parse found page object but no supported page resources"},
-      {"no content", PdfFile().object(1, type + box + resources).text(),
+  const std::string shape = kUse + "0 0 5 5 re f ";
+  const auto object = [](const std::string& body) { return PdfFile().object(1, body).text(); };
+  const auto page = [](const std::string& content) { return one_page(kWhite, content).text(); };
+  const std::pair<std::string, std::string> cases[] = {
+      {"", "parse found no indirect objects supported by the partial parser"},
+      {"<</Type /XRef>>", "parse found no indirect objects supported by the partial parser" + kStructure},
+      {object("<</Type /Pages>>"), "parse found no page object supported by the partial parser"},
+      {object("<</Type /ObjStm>>"),
+       "parse found no page object supported by the partial parser" + kStructure},
+      {object(type + resources), "parse found page object but no supported MediaBox"},
+      {object(type + box), "parse found page object but no supported page resources"},
+      {object(type + box + "/Resources 7 0 R"), "parse found page object but no supported page resources"},
+      {object(type + box + resources),
        "parse found page/resources but no supported content streams (unsupported filters or stream caps may "
        "apply)"},
-      {"empty content", one_page("", "").text(), kNotNeeded},
-      {"white that is not used", one_page(kWhite, "0 0 5 5 re f").text(), kNothing},
-      {"white", one_page(kWhite, kUse + "0 0 5 5 re f").text(), kVectors},
-      {"too many saved states", one_page(kWhite, kUse + repeat("q ", 129)).text(), kAborted},
-      {"as many as there may be", one_page(kWhite, kUse + "0 0 5 5 re f " + repeat("q ", 128) + "Q q").text(),
-       kVectors},
-      {"too many operands", one_page(kWhite, kUse + "0 0 5 5 re f " + repeat("(a) Tj ", 4097)).text(),
-       kAborted},
-      {"as many as there may be", one_page(kWhite, kUse + "0 0 5 5 re f " + repeat("Tj ", 4096)).text(),
-       kVectors},
+      {one_page("", "").text(), kNotNeeded},
+      {page("0 0 5 5 re f"), kNothing},
+      {page(shape), kVectors},
+      {page(shape + repeat("q ", 128) + "Q q"), kVectors},
+      {page(shape + repeat("q ", 129)), kAborted},
+      {page(shape + repeat("Tj ", 4096)), kVectors},
+      {page(shape + repeat("(a) Tj ", 4097)), kAborted},
   };
-  for (const auto& c : cases)
-    EXPECT_EQ(extract_spot_white_from_bytes(c.bytes, 0, 10, 10).status, c.status) << c.what;
+  for (const auto& [bytes, status] : cases)
+    EXPECT_EQ(extract_spot_white_from_bytes(bytes, 0, 10, 10).status, status) << bytes.substr(0, 300);
   EXPECT_EQ(extract(one_page(kWhite, kUse), 0, 10).status, "skipped: rendered page dimensions are empty");
 }
 
@@ -116,77 +107,58 @@ TEST(SpotWhite, ReadsFilesOfItsSize) {
 }
 
 TEST(SpotWhite, GuessesCandidates) {
-  const struct {
-    const char* text;
-    bool candidate;
-  } cases[] = {
-      {"[/separation /white /devicecmyk", true},
-      {"[/separation/whiteink", true},
-      {"[/separation /spot#20white", true},
-      {"[/separation/spot_1", true},
-      {"[/separation  /white", false},
-      {"[/separation /gold", false},
-      {"[/separation /Gold", false},
-      {"[/devicen [/cyan /white]", true},
-      {"[/cyan /white>> [/devicen", true},
-      {"[/devicen [/cyan /white_ink", true},
-      {"[/devicen [/cyan /whitest", false},
-      {"[/cyan /white ]", false},
-      {"/devicen /white", false},
-      {"", false},
-  };
-  for (const auto& c : cases) EXPECT_EQ(has_spot_white_candidate(c.text), c.candidate) << c.text;
+  for (const char* text : {"[/separation /white /devicecmyk", "[/separation/whiteink",
+                           "[/separation /spot#20white", "[/separation/spot_1", "[/devicen [/cyan /white]",
+                           "[/cyan /white>> [/devicen", "[/devicen [/cyan /white_ink"})
+    EXPECT_TRUE(has_spot_white_candidate(text)) << text;
+  for (const char* text : {"[/separation  /white", "[/separation /gold", "[/devicen [/cyan /whitest",
+                           "[/cyan /white ]", "/devicen /white", ""})
+    EXPECT_FALSE(has_spot_white_candidate(text)) << text;
 }
 
 TEST(SpotWhite, FindsTheWhiteColorant) {
-  const std::string white = "[/Separation /White 0]", gold = "[/Separation /Gold 0]",
-                    red = "[/Separation /Red 0]";
-  const auto spaces = [](const std::string& entries) { return "/ColorSpace <<" + entries + ">>"; };
+  const std::string white = "[/Separation /White 0]", gold = "[/Separation /Gold 0]";
+  const std::string c_white = "/C" + white, mixed = "/C [/DeviceN [/Cyan /Magenta /White] 0]";
   const struct {
-    const char* what;
-    std::string resources, color;
+    std::string spaces, color;
     bool painted;
   } cases[] = {
-      {"white", spaces("/C" + white), "/C cs 1 scn", true},
-      {"any tint", spaces("/C" + white), "/C cs 0.01 sc", true},
-      {"no tint", spaces("/C" + white), "/C cs 0 scn", false},
-      {"no number", spaces("/C" + white), "/C cs 1 scn /P scn", false},
-      {"a colour before the space", spaces("/C" + white), "1 scn /C cs", false},
-      {"the space set again", spaces("/C" + white), "/C cs 1 scn /D cs", false},
-      {"the colour restored", spaces("/C" + white), "q /C cs 1 scn Q", false},
-      {"the space restored", spaces("/C" + white), "/C cs q /D cs Q 1 scn", true},
-      {"stroke colours", spaces("/C" + white), "/C CS 1 SCN", false},
-      {"a written-out name", spaces("/C#31 [/Separation /Spot#20White 0]"), "/C1 cs 1 scn", true},
-      {"folded names", spaces("/C [/Separation /WHITE-Ink 0]"), "/C cs 1 scn", true},
-      {"a name in full", spaces("/C [/Separation /Whitest 0] /D" + white), "/C cs 1 scn", false},
-      {"a sole spot", spaces("/C" + gold), "/C cs 1 scn", true},
-      {"two spots", spaces("/C" + gold + "/D" + red), "/C cs 1 scn", false},
-      {"a spot beside white", spaces("/C" + gold + "/D" + white), "/C cs 1 scn", false},
-      {"white beside a spot", spaces("/C" + gold + "/D" + white), "/D cs 1 scn", true},
-      {"all inks", spaces("/C [/Separation /All 0]"), "/C cs 1 scn", false},
-      {"no ink", spaces("/C [/Separation /None 0]"), "/C cs 1 scn", false},
-      {"the last of two", spaces("/C" + gold + "/C" + white), "/C cs 1 scn", true},
-      {"an array that names white", spaces("/C [/DeviceN [/Cyan /Magenta /White] 0]"), "/C cs 0 0 0.5 scn",
-       true},
-      {"another of its colours", spaces("/C [/DeviceN [/Cyan /Magenta /White] 0]"), "/C cs 1 0 0 scn", false},
-      {"fewer tints", spaces("/C [/DeviceN [/Cyan /Magenta /White] 0]"), "/C cs 0 1 scn", true},
-      {"an array without white", spaces("/C [/DeviceN [/Cyan] 0]"), "/C cs 1 scn", false},
-      {"values of other kinds", spaces("/A [[/X 1] 2] /B <</W 1>> /D /E /C" + white), "/C cs 1 scn", true},
-      {"a reference", spaces("/C 20 0 R"), "/C cs 1 scn", true},
-      {"31 more", spaces("/C 21 0 R"), "/C cs 1 scn", true},
-      {"one too many", spaces("/C 22 0 R"), "/C cs 1 scn", false},
-      {"a circle", spaces("/C 80 0 R"), "/C cs 1 scn", false},
-      {"a space without a name", spaces("/ " + white), "1 scn", true},
-      {"spaces in an object", "/ColorSpace 90 0 R", "/C cs 1 scn", false},
+      {c_white, "/C cs 1 scn", true},
+      {c_white, "/C cs 0.01 sc", true},
+      {c_white, "/C cs 0 scn", false},
+      {c_white, "/C cs 1 scn /P scn", false},
+      {c_white, "1 scn /C cs", false},
+      {c_white, "/C cs 1 scn /D cs", false},
+      {c_white, "/C cs 1 scn 1 0 0 rg", true},  // plain colours are not known, so white goes on
+      {c_white, "q /C cs 1 scn Q", false},
+      {c_white, "/C cs q /D cs Q 1 scn", true},
+      {c_white, "/C CS 1 SCN", false},
+      {"/C#31 [/Separation /Spot#20White 0]", "/C1 cs 1 scn", true},
+      {"/C [/Separation /WHITE-Ink 0]", "/C cs 1 scn", true},
+      {"/C [/Separation /Whitest 0] /D" + white, "/C cs 1 scn", false},
+      {"/C" + gold, "/C cs 1 scn", true},  // the page's only spot
+      {"/C" + gold + "/D" + gold, "/C cs 1 scn", false},
+      {"/C" + gold + "/D" + white, "/C cs 1 scn", false},
+      {"/C" + gold + "/D" + white, "/D cs 1 scn", true},
+      {"/C [/Separation /All 0]", "/C cs 1 scn", false},
+      {"/C [/Separation /None 0]", "/C cs 1 scn", false},
+      {"/C" + gold + "/C" + white, "/C cs 1 scn", true},  // the last of two
+      {mixed, "/C cs 0 0 0.5 scn", true},
+      {mixed, "/C cs 1 0 0 scn", false},
+      {mixed, "/C cs 0 1 scn", true},  // too few tints: the last stands for white
+      {"/C [/DeviceN [/Cyan] 0]", "/C cs 1 scn", false},
+      {"/A [[/X 1] 2] /B <</W 1>> /D /E /C" + white, "/C cs 1 scn", true},
+      {"/C 20 0 R", "/C cs 1 scn", true},
+      {"/C 80 0 R", "/C cs 1 scn", false},  // a circle
+      {"/ " + white, "1 scn", true},
+      {">> /ColorSpace <<" + c_white, "/C cs 1 scn", false},  // the first list of two
   };
   for (const auto& c : cases) {
-    PdfFile file = one_page(c.resources, std::string(c.color) + " 0 0 10 10 re f");
-    file.object(20, white).object(80, "80 0 R").object(90, "<</C" + white + ">>");
-    file.object(21, "30 0 R").object(22, "23 0 R").object(23, "30 0 R");
-    for (int i = 30; i < 60; ++i) file.object(i, std::to_string(i + 1) + " 0 R");
-    file.object(60, white);
-    EXPECT_EQ(!extract(file).spot_white_coverage.empty(), c.painted) << c.what;
+    PdfFile file = one_page("/ColorSpace <<" + c.spaces + ">>", c.color + " 0 0 10 10 re f");
+    file.object(20, "21 0 R").object(21, white).object(80, "80 0 R").object(90, "<</C" + white + ">>");
+    EXPECT_EQ(!extract(file).spot_white_coverage.empty(), c.painted) << c.spaces << ": " << c.color;
   }
+  EXPECT_EQ(vector_art("/C cs 1 scn 0 9 1 1 re f", "/ColorSpace 90 0 R"), "") << "a list behind a reference";
 }
 
 TEST(SpotWhite, PaintsStraightShapes) {
@@ -233,19 +205,9 @@ TEST(SpotWhite, MapsTheBoxOntoTheRaster) {
   PdfFile file;
   file.object(1, "<</Type /Page /MediaBox [0 0 612 792] /Contents 2 0 R /Resources <<" + kWhite + ">> >>");
   file.stream(2, "", kUse + "10 10 50 50 re f");
-  const auto plane = extract(file, 2550, 3300).spot_white_coverage;
-  ASSERT_EQ(plane.size(), 2550u * 3300u);
-  std::set<std::size_t> columns, rows;
-  for (std::size_t i = 0; i < plane.size(); ++i) {
-    if (plane[i] == 0) continue;
-    columns.insert(i % 2550);
-    rows.insert(i / 2550);
-  }
-  EXPECT_EQ(*columns.begin(), 41u);
-  EXPECT_EQ(*columns.rbegin(), 249u);
-  EXPECT_EQ(*rows.begin(), 3050u);
-  EXPECT_EQ(*rows.rbegin(), 3257u);
-  EXPECT_EQ(std::count(plane.begin(), plane.end(), 255), 209 * 208);
+  std::vector<std::uint8_t> expected(2550 * 3300);
+  for (std::size_t y = 3050; y <= 3257; ++y) std::fill_n(expected.begin() + y * 2550 + 41, 249 - 41 + 1, 255);
+  EXPECT_TRUE(extract(file, 2550, 3300).spot_white_coverage == expected);
 }
 
 TEST(SpotWhite, RunsOnFromStreamToStream) {
@@ -305,48 +267,45 @@ TEST(SpotWhite, PaintsImages) {
 }
 
 TEST(SpotWhite, UnderstandsTheseImages) {
-  const std::string gold = "[/Separation /Gold 0]", spaces = "/ColorSpace ";
-  const auto indexed = [](const char* rest) {
-    return "/ColorSpace [/Indexed [/Separation /White 0] "s + rest + "]";
-  };
-  const std::string shown = "#####+++++\n+++++.....\n", indices = "\1\2\3\0"s;
+  const std::string gold = "[/Separation /Gold 0] ", indices = "\1\2\3\0"s;
   const struct {
-    const char* what;
-    std::string keys, samples, resources, art;
+    std::string keys, spaces = {}, samples = kFour;
+    bool painted = true;
+    std::string size = kTwoByTwo;
   } cases[] = {
-      {"gray", kTwoByTwo + "/ColorSpace /DeviceGray", kFour, "", ""},
-      {"no space", kTwoByTwo, kFour, "", ""},
-      {"an unusable name", kTwoByTwo + "/ColorSpace [/Separation /All 0]", kFour, "", ""},
-      {"a space in an object", kTwoByTwo + "/ColorSpace 6 0 R", kFour, "", shown},
-      {"a space of the resources", kTwoByTwo + "/ColorSpace /C#31", kFour, spaces + "<</C1 6 0 R>>", shown},
-      {"the first of two", kTwoByTwo + "/ColorSpace /C", kFour, spaces + "<</C 6 0 R /C /DeviceGray>>",
-       shown},
-      {"a name that means itself", kTwoByTwo + "/ColorSpace /C", kFour, spaces + "<</C /C>>", ""},
-      {"a sole spot", kTwoByTwo + "/ColorSpace " + gold, kFour, "", shown},
-      {"beside itself", kTwoByTwo + "/ColorSpace " + gold, kFour, spaces + "<</A" + gold + ">>", shown},
-      {"beside another", kTwoByTwo + "/ColorSpace " + gold, kFour,
-       spaces + "<</A" + gold + "/B" + gold + ">>", ""},
-      {"beside white", kTwoByTwo + "/ColorSpace " + gold, kFour, spaces + "<</A 6 0 R>>", ""},
-      {"4 bits", "/Width 2 /Height 2 /BitsPerComponent 4 /ColorSpace 6 0 R", kFour, "", ""},
-      {"too few samples", "/Width 2 /Height 3 /BitsPerComponent 8 /ColorSpace 6 0 R", kFour, "", ""},
-      {"too many samples", "/Width 1 /Height 2 /BitsPerComponent 8 /ColorSpace 6 0 R", kFour, "", ""},
-      {"no height", "/Width 2 /Height 0 /BitsPerComponent 8 /ColorSpace 6 0 R", kFour, "", ""},
-      {"differences", kWhiteImage + "/DecodeParms <</Predictor 2>>", "\xFF\x81\x01\xFF"s, "", shown},
-      {"a look-up stream", kTwoByTwo + indexed("3 7 0 R"), indices, "", shown},
-      {"a look-up string", kTwoByTwo + indexed("3 8 0 R"), indices, "", shown},
-      {"an index beyond it", kTwoByTwo + indexed("2 8 0 R"), "\1\2\2\3"s, "", shown},
-      {"a look-up too short", kTwoByTwo + indexed("5 8 0 R"), indices, "", ""},
-      {"a stream too long", kTwoByTwo + indexed("2 7 0 R"), indices, "", ""},
-      {"an inline look-up", kTwoByTwo + indexed("3 <00ff8001>"), indices, "", ""},
-      {"indices into gray", kTwoByTwo + "/ColorSpace [/Indexed /DeviceGray 3 7 0 R]", indices, "", ""},
-      {"an infinite index", kTwoByTwo + indexed("inf 7 0 R"), indices, "", ""},
+      {.keys = "/ColorSpace /DeviceGray", .painted = false},
+      {.keys = "", .painted = false},
+      {.keys = "/ColorSpace [/Separation /All 0]", .painted = false},
+      {.keys = "/ColorSpace 6 0 R"},
+      {.keys = "/ColorSpace /C#31", .spaces = "/C1 6 0 R"},
+      {.keys = "/ColorSpace /C", .spaces = "/C 6 0 R /C /DeviceGray"},
+      {.keys = "/ColorSpace /C", .spaces = "/C /C", .painted = false},
+      {.keys = "/ColorSpace " + gold},
+      {.keys = "/ColorSpace " + gold, .spaces = "/A" + gold},
+      {.keys = "/ColorSpace " + gold, .spaces = "/A" + gold + "/B" + gold, .painted = false},
+      {.keys = "/ColorSpace " + gold, .spaces = "/A 6 0 R", .painted = false},
+      {.keys = "/ColorSpace 6 0 R", .painted = false, .size = "/Width 2 /Height 2 /BitsPerComponent 4 "},
+      {.keys = "/ColorSpace 6 0 R", .painted = false, .size = "/Width 2 /Height 3 /BitsPerComponent 8 "},
+      {.keys = "/ColorSpace 6 0 R", .painted = false, .size = "/Width 1 /Height 2 /BitsPerComponent 8 "},
+      {.keys = "/ColorSpace 6 0 R", .painted = false, .size = "/Width 2 /Height 0 /BitsPerComponent 8 "},
+      {.keys = "/ColorSpace 6 0 R /DecodeParms <</Predictor 2>>", .samples = "\xFF\x81\x01\xFF"s},
+      {.keys = "/ColorSpace [/Indexed 6 0 R 3 7 0 R]", .samples = indices},
+      {.keys = "/ColorSpace [/Indexed 6 0 R 3 8 0 R]", .samples = indices},
+      {.keys = "/ColorSpace [/Indexed 6 0 R 2 8 0 R]", .samples = "\1\2\2\3"s},  // 3 lies beyond the table
+      {.keys = "/ColorSpace [/Indexed 6 0 R 5 8 0 R]", .samples = indices, .painted = false},  // too short
+      {.keys = "/ColorSpace [/Indexed 6 0 R 2 7 0 R]", .samples = indices, .painted = false},  // too long
+      {.keys = "/ColorSpace [/Indexed 6 0 R 3 <00ff8001>]", .samples = indices, .painted = false},
+      {.keys = "/ColorSpace [/Indexed /DeviceGray 3 7 0 R]", .samples = indices, .painted = false},
+      {.keys = "/ColorSpace [/Indexed 6 0 R inf 7 0 R]", .samples = indices, .painted = false},
   };
   for (const auto& c : cases) {
-    PdfFile file = image_page(c.keys, c.samples, "10 0 0 2 0 8 cm /I Do", c.resources);
+    PdfFile file =
+        image_page(c.size + c.keys, c.samples, "10 0 0 2 0 8 cm /I Do", "/ColorSpace <<" + c.spaces + ">>");
     file.object(6, "[/Separation /White 0]")
         .stream(7, "", "\0\xFF\x80\1"s)
         .object(8, "(\\000\xFF\\200\\1\\\n1)");
-    EXPECT_EQ(art(extract(file).spot_white_coverage), c.art) << c.what;
+    EXPECT_EQ(art(extract(file).spot_white_coverage), c.painted ? "#####+++++\n+++++.....\n" : "")
+        << c.size << c.keys << c.spaces;
   }
 }
 
