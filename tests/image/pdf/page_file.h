@@ -1,10 +1,8 @@
 #pragma once
 
-#include <cstdio>
 #include <string>
-#include <vector>
 
-#include "support/temp_dir.h"
+#include "pdf_file.h"
 
 namespace nvo::test {
 
@@ -17,28 +15,18 @@ struct PageFile {
   int pages = 1;
 };
 
-/// The file's bytes, with a cross-reference table.
+/// The file's bytes, without a cross-reference table: both renderers make their own.
 inline std::string pdf_bytes(const PageFile& file) {
   std::string kids;
-  for (int i = 0; i < file.pages; ++i) kids += std::to_string(4 + i) + " 0 R ";
-  std::vector<std::string> objects = {
-      "<< /Type /Catalog /Pages 2 0 R >>",
-      "<< /Type /Pages /Kids [" + kids + "] /Count " + std::to_string(file.pages) + " >>",
-      "<< /Length " + std::to_string(file.content.size()) + " >>\nstream\n" + file.content + "\nendstream"};
-  for (int i = 0; i < file.pages; ++i)
-    objects.push_back("<< /Type /Page /Parent 2 0 R " + file.boxes + " /Contents 3 0 R /Resources << " +
+  PdfFile pdf;
+  for (int i = 4; i < 4 + file.pages; ++i) {
+    kids += std::to_string(i) + " 0 R ";
+    pdf.object(i, "<< /Type /Page /Parent 2 0 R " + file.boxes + " /Contents 3 0 R /Resources << " +
                       file.resources + " >> >>");
-
-  std::string bytes = "%PDF-1.4\n";
-  std::string table = "xref\n0 " + std::to_string(objects.size() + 1) + "\n0000000000 65535 f \n";
-  for (std::size_t i = 0; i < objects.size(); ++i) {
-    char entry[32];
-    std::snprintf(entry, sizeof entry, "%010zu 00000 n \n", bytes.size());
-    table += entry;
-    bytes += std::to_string(i + 1) + " 0 obj\n" + objects[i] + "\nendobj\n";
   }
-  return bytes + table + "trailer << /Size " + std::to_string(objects.size() + 1) + " /Root 1 0 R " +
-         file.trailer + " >>\nstartxref\n" + std::to_string(bytes.size()) + "\n%%EOF\n";
+  pdf.object(1, "<< /Type /Catalog /Pages 2 0 R >>").stream(3, "", file.content);
+  pdf.object(2, "<< /Type /Pages /Kids [" + kids + "] /Count " + std::to_string(file.pages) + " >>");
+  return pdf.text() + "trailer << /Root 1 0 R " + file.trailer + " >>\n%%EOF\n";
 }
 
 /// A filled rectangle that touches two corners of its crop box when the page is turned clockwise.

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <filesystem>
+#include <sstream>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -55,6 +56,13 @@ std::string repeat(std::string_view text, int count) {
   return all;
 }
 
+std::vector<std::string> split(const std::string& alternatives) {
+  std::vector<std::string> parts;
+  std::istringstream list(alternatives);
+  for (std::string part; std::getline(list, part, '|');) parts.push_back(part);
+  return parts;
+}
+
 TEST(SpotWhite, SaysWhatItMet) {
   const std::string box = "/MediaBox [0 0 10 10]", resources = " /Resources <<>> ", type = "<</Type /Page ";
   const std::string shape = kUse + "0 0 5 5 re f ";
@@ -87,23 +95,21 @@ TEST(SpotWhite, SaysWhatItMet) {
 
 TEST(SpotWhite, ReadsFilesOfItsSize) {
   const TempDir dir;
-  const std::string unreadable =
-      "skipped: could not read PDF bytes within the 64 MiB spot-white extractor cap";
-  EXPECT_EQ(extract_spot_white(dir.file("missing.pdf"), 0, 10, 10).status, unreadable);
-  EXPECT_EQ(extract_spot_white(dir.path().string(), 0, 10, 10).status, unreadable);
-
+  const auto status = [](const std::string& path, std::uint32_t page = 0) {
+    return extract_spot_white(path, page, 10, 10).status;
+  };
   const std::string path = dir.file("a.pdf");
+  for (const std::string& unreadable : {path, dir.path().string()})
+    EXPECT_EQ(status(unreadable),
+              "skipped: could not read PDF bytes within the 64 MiB spot-white extractor cap");
   write_all(path, one_page(kWhite, kUse + "0 0 5 5 re f").text());
-  EXPECT_EQ(extract_spot_white(path, 0, 10, 10).status, kVectors);
-  EXPECT_EQ(extract_spot_white(path, 1, 10, 10).status,
-            "parse found no page object supported by the partial parser");
+  EXPECT_EQ(status(path, 1), "parse found no page object supported by the partial parser");
   std::filesystem::resize_file(path, 64 << 20);
-  EXPECT_EQ(extract_spot_white(path, 0, 10, 10).status, kVectors);
+  EXPECT_EQ(status(path), kVectors);
   std::filesystem::resize_file(path, (64 << 20) + 1);
-  EXPECT_EQ(
-      extract_spot_white(path, 0, 10, 10).status,
-      "skipped: PDF file is over 64 MiB spot-white extractor cap; visual render may still work under the "
-      "512 MiB PDF render cap");
+  EXPECT_EQ(status(path),
+            "skipped: PDF file is over 64 MiB spot-white extractor cap; visual render may still work "
+            "under the 512 MiB PDF render cap");
 }
 
 TEST(SpotWhite, GuessesCandidates) {
@@ -118,47 +124,36 @@ TEST(SpotWhite, GuessesCandidates) {
 
 TEST(SpotWhite, FindsTheWhiteColorant) {
   const std::string white = "[/Separation /White 0]", gold = "[/Separation /Gold 0]";
-  const std::string c_white = "/C" + white, mixed = "/C [/DeviceN [/Cyan /Magenta /White] 0]";
   const struct {
-    std::string spaces, color;
-    bool painted;
+    std::string spaces, painted, unpainted;  // content that ends in a fill, alternatives behind bars
   } cases[] = {
-      {c_white, "/C cs 1 scn", true},
-      {c_white, "/C cs 0.01 sc", true},
-      {c_white, "/C cs 0 scn", false},
-      {c_white, "/C cs 1 scn /P scn", false},
-      {c_white, "1 scn /C cs", false},
-      {c_white, "/C cs 1 scn /D cs", false},
-      {c_white, "/C cs 1 scn 1 0 0 rg", true},  // plain colours are not known, so white goes on
-      {c_white, "q /C cs 1 scn Q", false},
-      {c_white, "/C cs q /D cs Q 1 scn", true},
-      {c_white, "/C CS 1 SCN", false},
-      {"/C#31 [/Separation /Spot#20White 0]", "/C1 cs 1 scn", true},
-      {"/C [/Separation /WHITE-Ink 0]", "/C cs 1 scn", true},
-      {"/C [/Separation /Whitest 0] /D" + white, "/C cs 1 scn", false},
-      {"/C" + gold, "/C cs 1 scn", true},  // the page's only spot
-      {"/C" + gold + "/D" + gold, "/C cs 1 scn", false},
-      {"/C" + gold + "/D" + white, "/C cs 1 scn", false},
-      {"/C" + gold + "/D" + white, "/D cs 1 scn", true},
-      {"/C [/Separation /All 0]", "/C cs 1 scn", false},
-      {"/C [/Separation /None 0]", "/C cs 1 scn", false},
-      {"/C" + gold + "/C" + white, "/C cs 1 scn", true},  // the last of two
-      {mixed, "/C cs 0 0 0.5 scn", true},
-      {mixed, "/C cs 1 0 0 scn", false},
-      {mixed, "/C cs 0 1 scn", true},  // too few tints: the last stands for white
-      {"/C [/DeviceN [/Cyan] 0]", "/C cs 1 scn", false},
-      {"/A [[/X 1] 2] /B <</W 1>> /D /E /C" + white, "/C cs 1 scn", true},
-      {"/C 20 0 R", "/C cs 1 scn", true},
-      {"/C 80 0 R", "/C cs 1 scn", false},  // a circle
-      {"/ " + white, "1 scn", true},
-      {">> /ColorSpace <<" + c_white, "/C cs 1 scn", false},  // the first list of two
+      // Plain colours are not known, so white goes on.
+      {"/C" + white, "/C cs 1 scn|/C cs 0.01 sc|/C cs q /D cs Q 1 scn|/C cs 1 scn 1 0 0 rg",
+       "/C cs 0 scn|/C cs 1 scn /P scn|1 scn /C cs|/C cs 1 scn /D cs|q /C cs 1 scn Q|/C CS 1 SCN"},
+      {"/C#31 [/Separation /Spot#20White 0]", "/C1 cs 1 scn", ""},
+      {"/C [/Separation /WHITE-Ink 0] /D [/Separation /Whitest 0]", "/C cs 1 scn", "/D cs 1 scn"},
+      {"/C" + gold, "/C cs 1 scn", ""},  // the page's only spot
+      {"/C" + gold + "/D" + gold, "", "/C cs 1 scn|/D cs 1 scn"},
+      {"/C" + gold + "/D" + white, "/D cs 1 scn", "/C cs 1 scn"},
+      {"/C [/Separation /All 0] /D [/Separation /None 0] /E [/DeviceN [/Cyan] 0]", "",
+       "/C cs 1 scn|/D cs 1 scn|/E cs 1 scn"},
+      {"/C" + gold + "/C" + white, "/C cs 1 scn", ""},  // the last of two
+      {"/C [/DeviceN [/Cyan /Magenta /White] 0]", "/C cs 0 0 0.5 scn|/C cs 0 1 scn", "/C cs 1 0 0 scn"},
+      {"/A [[/X 1] 2] /B <</W 1>> /D /E /C" + white, "/C cs 1 scn", ""},
+      {"/C 20 0 R /D 80 0 R", "/C cs 1 scn", "/D cs 1 scn"},  // a chain and a circle
+      {"/ " + white, "1 scn", ""},
+      {">> /ColorSpace <</C" + white, "", "/C cs 1 scn"},  // the first list of two
+      {">> /ColorSpace 90 0 R /X <<", "", "/C cs 1 scn"},
   };
   for (const auto& c : cases) {
-    PdfFile file = one_page("/ColorSpace <<" + c.spaces + ">>", c.color + " 0 0 10 10 re f");
-    file.object(20, "21 0 R").object(21, white).object(80, "80 0 R").object(90, "<</C" + white + ">>");
-    EXPECT_EQ(!extract(file).spot_white_coverage.empty(), c.painted) << c.spaces << ": " << c.color;
+    const auto paints = [&](const std::string& content) {
+      PdfFile file = one_page("/ColorSpace <<" + c.spaces + ">>", content + " 0 0 10 10 re f");
+      file.object(20, "21 0 R").object(21, white).object(80, "80 0 R").object(90, "<</C" + white + ">>");
+      return !extract(file).spot_white_coverage.empty();
+    };
+    for (const auto& content : split(c.painted)) EXPECT_TRUE(paints(content)) << c.spaces << content;
+    for (const auto& content : split(c.unpainted)) EXPECT_FALSE(paints(content)) << c.spaces << content;
   }
-  EXPECT_EQ(vector_art("/C cs 1 scn 0 9 1 1 re f", "/ColorSpace 90 0 R"), "") << "a list behind a reference";
 }
 
 TEST(SpotWhite, PaintsStraightShapes) {
@@ -219,17 +214,17 @@ TEST(SpotWhite, RunsOnFromStreamToStream) {
 }
 
 TEST(SpotWhite, LimitsAPath) {
-  const auto status = [](const std::string& path) {
-    return extract(one_page(kWhite, kUse + path + "f")).status;
-  };
-  const std::string point = "m\n", line = "1 9 l\n", most = "0 9 5 1 re " + repeat(point, 249'994);
-  EXPECT_EQ(status(most + point + line), kVectors);
-  EXPECT_EQ(status(most + point + line + point), kAborted);
-  EXPECT_EQ(status(most + point + line + line), kAborted);
-  EXPECT_EQ(status(most + point + line + "h "), kAborted);
-  EXPECT_EQ(status("0 9 5 1 re " + repeat(point, 249'992) + "0 0 1 1 re "), kVectors);
-  EXPECT_EQ(status("0 9 5 1 re " + repeat(point, 249'993) + "0 0 1 1 re "), kAborted);
-  EXPECT_EQ(status(most + point + line + "f " + most), kVectors) << "painting makes room";
+  const std::string point = "m\n", line = "1 9 l\n", rectangle = "0 9 5 1 re ";
+  const std::pair<std::string, std::string> cases[] = {
+      {repeat(point, 249'995) + line, kVectors},
+      {repeat(point, 249'996) + point, kAborted},
+      {repeat(point, 249'996) + line, kAborted},
+      {repeat(point, 249'996) + "h ", kAborted},
+      {repeat(point, 249'992) + rectangle, kVectors},
+      {repeat(point, 249'993) + rectangle, kAborted},
+      {repeat(point, 249'996) + "f " + rectangle + repeat(point, 249'996), kVectors}};
+  for (const auto& [path, status] : cases)
+    EXPECT_EQ(extract(one_page(kWhite, kUse + rectangle + path + "f")).status, status) << path.size();
 }
 
 /// A page with one image, `/I`, painted by `content`.
@@ -269,43 +264,35 @@ TEST(SpotWhite, PaintsImages) {
 TEST(SpotWhite, UnderstandsTheseImages) {
   const std::string gold = "[/Separation /Gold 0] ", indices = "\1\2\3\0"s;
   const struct {
-    std::string keys, spaces = {}, samples = kFour;
-    bool painted = true;
-    std::string size = kTwoByTwo;
+    std::string samples, spaces, painted, unpainted;  // keys of the image, alternatives behind bars
   } cases[] = {
-      {.keys = "/ColorSpace /DeviceGray", .painted = false},
-      {.keys = "", .painted = false},
-      {.keys = "/ColorSpace [/Separation /All 0]", .painted = false},
-      {.keys = "/ColorSpace 6 0 R"},
-      {.keys = "/ColorSpace /C#31", .spaces = "/C1 6 0 R"},
-      {.keys = "/ColorSpace /C", .spaces = "/C 6 0 R /C /DeviceGray"},
-      {.keys = "/ColorSpace /C", .spaces = "/C /C", .painted = false},
-      {.keys = "/ColorSpace " + gold},
-      {.keys = "/ColorSpace " + gold, .spaces = "/A" + gold},
-      {.keys = "/ColorSpace " + gold, .spaces = "/A" + gold + "/B" + gold, .painted = false},
-      {.keys = "/ColorSpace " + gold, .spaces = "/A 6 0 R", .painted = false},
-      {.keys = "/ColorSpace 6 0 R", .painted = false, .size = "/Width 2 /Height 2 /BitsPerComponent 4 "},
-      {.keys = "/ColorSpace 6 0 R", .painted = false, .size = "/Width 2 /Height 3 /BitsPerComponent 8 "},
-      {.keys = "/ColorSpace 6 0 R", .painted = false, .size = "/Width 1 /Height 2 /BitsPerComponent 8 "},
-      {.keys = "/ColorSpace 6 0 R", .painted = false, .size = "/Width 2 /Height 0 /BitsPerComponent 8 "},
-      {.keys = "/ColorSpace 6 0 R /DecodeParms <</Predictor 2>>", .samples = "\xFF\x81\x01\xFF"s},
-      {.keys = "/ColorSpace [/Indexed 6 0 R 3 7 0 R]", .samples = indices},
-      {.keys = "/ColorSpace [/Indexed 6 0 R 3 8 0 R]", .samples = indices},
-      {.keys = "/ColorSpace [/Indexed 6 0 R 2 8 0 R]", .samples = "\1\2\2\3"s},  // 3 lies beyond the table
-      {.keys = "/ColorSpace [/Indexed 6 0 R 5 8 0 R]", .samples = indices, .painted = false},  // too short
-      {.keys = "/ColorSpace [/Indexed 6 0 R 2 7 0 R]", .samples = indices, .painted = false},  // too long
-      {.keys = "/ColorSpace [/Indexed 6 0 R 3 <00ff8001>]", .samples = indices, .painted = false},
-      {.keys = "/ColorSpace [/Indexed /DeviceGray 3 7 0 R]", .samples = indices, .painted = false},
-      {.keys = "/ColorSpace [/Indexed 6 0 R inf 7 0 R]", .samples = indices, .painted = false},
+      {kFour, "", "/ColorSpace 6 0 R|/ColorSpace " + gold,
+       "/Interpolate true|/ColorSpace /DeviceGray|/ColorSpace [/Separation /All 0]|/ColorSpace /C"},
+      {kFour, "", "",
+       "/BitsPerComponent 4 /ColorSpace 6 0 R|/Height 3 /ColorSpace 6 0 R|/Width 1 /ColorSpace 6 0 R|"
+       "/Height 0 /ColorSpace 6 0 R"},
+      {kFour, "/C1 6 0 R /D /D /E 6 0 R /E /DeviceGray", "/ColorSpace /C#31|/ColorSpace /E",
+       "/ColorSpace /D|/ColorSpace " + gold},
+      {kFour, "/A" + gold, "/ColorSpace " + gold, ""},
+      {kFour, "/A" + gold + "/B" + gold, "", "/ColorSpace " + gold},
+      {"\xFF\x81\x01\xFF"s, "", "/ColorSpace 6 0 R /DecodeParms <</Predictor 2>>", ""},
+      {indices, "", "/ColorSpace [/Indexed 6 0 R 3 7 0 R]|/ColorSpace [/Indexed 6 0 R 3 8 0 R]",
+       // too short, too long, inline, no separation
+       "/ColorSpace [/Indexed 6 0 R 5 8 0 R]|/ColorSpace [/Indexed 6 0 R 2 7 0 R]|"
+       "/ColorSpace [/Indexed 6 0 R 3 <00ff8001>]|/ColorSpace [/Indexed /DeviceGray 3 7 0 R]|"
+       "/ColorSpace [/Indexed 6 0 R inf 7 0 R]"},
+      {"\1\2\2\3"s, "", "/ColorSpace [/Indexed 6 0 R 2 8 0 R]", ""},  // 3 lies beyond the table
   };
   for (const auto& c : cases) {
-    PdfFile file =
-        image_page(c.size + c.keys, c.samples, "10 0 0 2 0 8 cm /I Do", "/ColorSpace <<" + c.spaces + ">>");
-    file.object(6, "[/Separation /White 0]")
-        .stream(7, "", "\0\xFF\x80\1"s)
-        .object(8, "(\\000\xFF\\200\\1\\\n1)");
-    EXPECT_EQ(art(extract(file).spot_white_coverage), c.painted ? "#####+++++\n+++++.....\n" : "")
-        << c.size << c.keys << c.spaces;
+    const auto picture = [&](const std::string& keys) {
+      PdfFile file = image_page(keys + kTwoByTwo, c.samples, "10 0 0 2 0 8 cm /I Do",
+                                "/ColorSpace <<" + c.spaces + ">>");
+      file.object(6, "[/Separation /White 0]").stream(7, "", "\0\xFF\x80\1"s);
+      return art(extract(file.object(8, "(\\000\xFF\\200\\1\\\n1)")).spot_white_coverage);
+    };
+    for (const auto& keys : split(c.painted))
+      EXPECT_EQ(picture(keys), "#####+++++\n+++++.....\n") << keys << c.spaces;
+    for (const auto& keys : split(c.unpainted)) EXPECT_EQ(picture(keys), "") << keys << c.spaces;
   }
 }
 
