@@ -93,12 +93,11 @@ class StripTask {
       const ScopedTimer timer(result.occupancy);
       make_choke_planes(run_, strip_buffer.planes, place.rows, choke_planes_);
     }
-    ChokeContext context;
     if (!choke_planes_.coverage.empty()) {
       const ScopedTimer timer(result.device_choke);
-      context = prepare_choke(place, strip_buffer, choke_planes_);
+      choke_ = prepare_choke(place, strip_buffer, choke_planes_);
     }
-    rip_channels(place, strip_buffer, choke_planes_, context, result);
+    rip_channels(place, strip_buffer, choke_planes_, choke_, result);
     return result;
   }
 
@@ -109,10 +108,10 @@ class StripTask {
       return plane.size() >= pixels ? plane.data() : nullptr;
     };
     const bool has_white = run_.choke.adaptive && strip.planes.size() > kChannelW;
-    return run_.engine.prepare_device_white(planes.coverage.data(), run_.src_w, place.rows, place.first,
-                                            run_.src_h, if_whole(strip.explicit_white),
-                                            has_white ? if_whole(strip.planes[kChannelW]) : nullptr,
-                                            planes.light.empty() ? nullptr : planes.light.data());
+    return run_.engine.prepare_device_white(
+        planes.coverage.data(), run_.src_w, place.rows, place.first, run_.src_h,
+        if_whole(strip.explicit_white), has_white ? if_whole(strip.planes[kChannelW]) : nullptr,
+        planes.light.empty() ? nullptr : planes.light.data(), std::move(choke_));
   }
 
   const std::uint8_t* channel_plane(const StripBuffer& strip, std::uint32_t channel, std::size_t pixels) {
@@ -172,6 +171,7 @@ class StripTask {
   StripBand last_band_;       ///< of the strip, put into the queue when all else is done
   StripBuffer strip_buffer_;  ///< of the strip before; its memory serves the next, as that of all below
   ChokePlanes choke_planes_;
+  ChokeContext choke_;
   std::vector<std::uint8_t> zeros_;  ///< stands for a plane that the compositor did not give
 };
 

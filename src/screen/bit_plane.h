@@ -20,6 +20,14 @@ struct BitPlane {
         words_per_row((std::size_t{plane_width} + 63) / 64),
         words(words_per_row * plane_height) {}
 
+  /// Gives the plane another size in the memory that it has; what its words hold then means nothing.
+  void reshape(std::uint32_t plane_width, std::uint32_t plane_height) {
+    width = plane_width;
+    height = plane_height;
+    words_per_row = (std::size_t{plane_width} + 63) / 64;
+    words.resize(words_per_row * plane_height);
+  }
+
   bool empty() const { return words.empty(); }
   std::uint64_t* row(std::size_t y) { return words.data() + y * words_per_row; }
   const std::uint64_t* row(std::size_t y) const { return words.data() + y * words_per_row; }

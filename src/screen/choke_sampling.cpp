@@ -7,6 +7,7 @@
 #include <functional>
 
 #include "plan/thread_pool.h"
+#include "screen/kernels/screening_kernels.h"
 
 namespace nvo {
 namespace {
@@ -15,77 +16,67 @@ using Word = std::uint64_t;
 
 constexpr std::uint8_t kLeastColour = 3;  ///< coverage below this counts as bare film
 
-/// Bits of eight bytes that are at least `least` (1 to 128), lowest bit for the first byte.
-Word bytes_at_least(const std::uint8_t* bytes, std::uint8_t least) {
-  Word eight = 0;
-  for (int i = 0; i < 8; ++i) eight |= Word{bytes[i]} << (8 * i);
-  constexpr Word kEachByte = 0x0101010101010101, kHighBits = 0x8080808080808080;
-  const Word reached = (eight | ((eight & ~kHighBits) + kEachByte * (0x80u - least))) & kHighBits;
-  return (reached >> 7) * 0x0102040810204080 >> 56;
+/// Sets bits `begin` up to `end` of a row.
+void set_bits(Word* row, std::uint32_t begin, std::uint32_t end) {
+  if (begin >= end) return;
+  const std::uint32_t first = begin / 64, last = (end - 1) / 64;
+  const Word from_begin = ~Word{0} << (begin % 64), to_end = ~Word{0} >> (63 - (end - 1) % 64);
+  if (first == last) {
+    row[first] |= from_begin & to_end;
+    return;
+  }
+  row[first] |= from_begin;
+  std::fill(row + first + 1, row + last, ~Word{0});
+  row[last] |= to_end;
 }
 
 /// Samples rows of source bytes at the device columns, as bits.
 class ColumnSampler {
  public:
   ColumnSampler(std::uint32_t src_w, std::uint32_t dev_w)
-      : src_w_(src_w), first_column_(std::size_t{src_w} + 1), source_bits_(std::size_t{src_w} / 64 + 1) {
+      : kernels_(best_kernels()),
+        src_w_(src_w),
+        first_column_(std::size_t{src_w} + 1),
+        source_bits_(std::size_t{src_w} / 64 + 1) {
     std::uint32_t column = 0;
     for (std::uint32_t source = 0; source <= src_w; ++source) {
       while (column < dev_w && nearest_source_index(column, dev_w, src_w) < source) ++column;
       first_column_[source] = column;
     }
-    edges_.resize(std::size_t{dev_w} / 64 + 1);
   }
 
-  /// Sets the dots of `out`, a clear row, whose source byte is at least `least`. False if there are none.
+  /// Writes the dots of `out` whose source byte is at least `least`. False if there are none.
   bool sample(const std::uint8_t* bytes, std::uint8_t least, Word* out, std::size_t out_words) {
-    threshold(bytes, least);
-    if (!mark_edges()) return false;
-    fill_between_edges(out, out_words);
-    return true;
-  }
-
- private:
-  void threshold(const std::uint8_t* bytes, std::uint8_t least) {
-    std::ranges::fill(source_bits_, 0);
-    const std::uint32_t whole = src_w_ / 8 * 8;
-    for (std::uint32_t x = 0; x < whole; x += 8)
-      source_bits_[x / 64] |= bytes_at_least(bytes + x, least) << (x % 64);
-    for (std::uint32_t x = whole; x < src_w_; ++x)
-      source_bits_[x / 64] |= Word{bytes[x] >= least} << (x % 64);
-  }
-
-  /// Device columns where a run of set dots begins or ends. Runs that no column samples cancel out.
-  bool mark_edges() {
-    std::ranges::fill(edges_, 0);
+    kernels_.bits_at_least(bytes, least, src_w_, source_bits_.data());
+    std::fill_n(out, out_words, Word{0});
     bool any = false;
+    std::uint32_t run_begin = 0;
+    bool in_run = false;
     Word previous = 0;
     for (std::size_t i = 0; i < source_bits_.size(); ++i) {
+      // Bits where a run of set source bytes begins or ends; the last word has a clear one behind the row.
       Word changes = source_bits_[i] ^ (source_bits_[i] << 1 | previous >> 63);
       previous = source_bits_[i];
       any |= changes != 0;
       for (; changes != 0; changes &= changes - 1) {
-        const std::uint32_t column = first_column_[i * 64 + std::countr_zero(changes)];
-        edges_[column / 64] ^= Word{1} << (column % 64);
+        const std::uint32_t column =
+            first_column_[i * 64 + static_cast<std::size_t>(std::countr_zero(changes))];
+        if (in_run)
+          set_bits(out, run_begin, column);
+        else
+          run_begin = column;
+        in_run = !in_run;
       }
     }
     return any;
   }
 
-  void fill_between_edges(Word* out, std::size_t out_words) const {
-    Word inside = 0;  // all ones while a run goes on
-    for (std::size_t i = 0; i < out_words; ++i) {
-      Word parity = edges_[i];
-      for (int shift = 1; shift < 64; shift *= 2) parity ^= parity << shift;
-      out[i] = parity ^ inside;
-      inside = ~(out[i] >> 63) + 1;
-    }
-  }
-
+ private:
+  const ScreeningKernels& kernels_;
   std::uint32_t src_w_;
   std::vector<std::uint32_t>
       first_column_;  ///< first device column that samples a source column or one behind it
-  std::vector<Word> source_bits_, edges_;
+  std::vector<Word> source_bits_;
 };
 
 /// Takes the masks of a strip from the source grid to the device grid.
@@ -159,14 +150,17 @@ ChokeRowMap::ChokeRowMap(const DeviceChokeInput& input, std::uint32_t dev_h, Dev
 
 void sample_choke_masks(const DeviceChokeInput& input, const ChokeRowMap& row_map, std::uint32_t threads,
                         ChokeContext& context) {
-  context.colour_core = BitPlane(context.width, context.height);
-  if (input.exempt_mask != nullptr) context.exempt = BitPlane(context.width, context.height);
-  if (context.adaptive) context.support = BitPlane(context.width, context.height);
-  if (context.protect_light) context.light = BitPlane(context.width, context.height);
+  const auto size_plane = [&](BitPlane& plane, bool wanted) {
+    plane.reshape(wanted ? context.width : 0, wanted ? context.height : 0);
+  };
+  size_plane(context.colour_core, true);
+  size_plane(context.exempt, input.exempt_mask != nullptr);
+  size_plane(context.support, context.adaptive);
+  size_plane(context.light, context.adaptive && context.protect_light);
   StripSampler sampler(input, row_map, context);
   parallel_ranges(context.height, threads,
                   [&](std::size_t begin, std::size_t end, std::size_t) { sampler.sample_rows(begin, end); });
-  if (!sampler.any_exempt()) context.exempt = {};
+  if (!sampler.any_exempt()) context.exempt.reshape(0, 0);
 }
 
 }  // namespace nvo

@@ -64,7 +64,7 @@ class ThinWhite {
   std::vector<Word> before_;
 };
 
-/// Rows of the plane that a decision is written to.
+/// Rows of the plane that a decision is written to, all of them in time.
 struct KeepRows {
   BitPlane& plane;
   std::size_t begin, end;
@@ -89,12 +89,15 @@ class ThinRows final : public ComputedRows {
  protected:
   bool compute(std::size_t y, Word* thin) override {
     const Word* support = context_.support.row(y);
-    if (!any_set(support, words())) return false;  // `keep` starts clear
+    Word* keep = y >= keep_.begin && y < keep_.end ? keep_.plane.row(y) : unwanted_.data();
+    if (!any_set(support, words())) {
+      std::fill_n(keep, words(), Word{0});
+      return false;
+    }
     const Word* restored = or_clear(restored_.row(y));
     const Word* solid = or_clear(solid_.row(y));
     const Word* light = context_.light.empty() ? clear_.data() : context_.light.row(y);
     const Word* exempt = context_.exempt.empty() ? clear_.data() : context_.exempt.row(y);
-    Word* keep = y >= keep_.begin && y < keep_.end ? keep_.plane.row(y) : unwanted_.data();
     for (std::size_t i = 0; i < words(); ++i) {
       const Word is_protected = support[i] & light[i];
       keep[i] = exempt[i] | is_protected | (solid[i] & restored[i]);

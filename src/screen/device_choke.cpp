@@ -46,6 +46,20 @@ OffsetShape shape_of(std::span<const ChokeOffset> offsets) {
   return shape;
 }
 
+/// A fresh context on the memory of another one; its planes have no size yet.
+ChokeContext with_memory_of(ChokeContext spent) {
+  ChokeContext context;
+  for (BitPlane ChokeContext::*plane :
+       {&ChokeContext::colour_core, &ChokeContext::exempt, &ChokeContext::grown, &ChokeContext::support,
+        &ChokeContext::keep, &ChokeContext::light}) {
+    context.*plane = std::move(spent.*plane);
+    (context.*plane).reshape(0, 0);
+  }
+  context.ring = std::move(spent.ring);
+  context.ring.clear();
+  return context;
+}
+
 /// Fills `keep`, `grown` and the ring of a context whose other masks are there.
 class StripChoke {
  public:
@@ -54,8 +68,8 @@ class StripChoke {
 
   void run(std::uint32_t threads) {
     const std::size_t rows = context_.height;
-    if (context_.adaptive) context_.keep = BitPlane(context_.width, context_.height);
-    context_.grown = context_.colour_core;
+    if (context_.adaptive) context_.keep.reshape(context_.width, context_.height);
+    context_.grown.reshape(context_.width, context_.height);
     context_.ring_rows.assign(rows + 1, 0);
     std::vector<std::vector<RingDot>> rings(std::clamp<std::size_t>(threads, 1, rows));
     parallel_ranges(rows, rings.size(), [&](std::size_t begin, std::size_t end, std::size_t worker) {
@@ -73,6 +87,7 @@ class StripChoke {
     std::vector<RingDot> ring;
     for (std::size_t y = begin; y < end; ++y) {
       const std::size_t before = ring.size();
+      std::copy_n(context_.colour_core.row(y), context_.colour_core.words_per_row, context_.grown.row(y));
       const std::uint64_t* halo = white ? white->halo_row(y) : nullptr;
       if (!white || halo != nullptr) colour.grow_row(y, halo, context_.grown.row(y), ring);
       context_.ring_rows[y + 1] = ring.size() - before;
@@ -99,10 +114,11 @@ class StripChoke {
 
 }  // namespace
 
-ChokeContext prepare_device_choke(const DeviceChokeInput& input, const DeviceChokeParams& params) {
-  ChokeContext context;
+ChokeContext prepare_device_choke(const DeviceChokeInput& input, const DeviceChokeParams& params,
+                                  ChokeContext spent) {
   if (input.coverage == nullptr || input.src_w == 0 || input.strip_rows == 0 || input.total_src_rows == 0)
-    return context;
+    return {};
+  ChokeContext context = with_memory_of(std::move(spent));
   const DeviceScale scale(params.src_dpi, params.x_dpi, params.y_dpi);
   const std::uint32_t dev_h = device_extent(input.total_src_rows, scale.y);
   const DeviceRows rows = device_rows_of_strip(input.strip_src_y, input.strip_rows, scale.y, dev_h);

@@ -26,7 +26,9 @@ struct DeviceChokeParams {
   std::uint32_t threads = 1;  ///< the result does not depend on it
 };
 
-/// Computes the choke masks of a strip. A null coverage plane or a zero size gives an empty context.
-ChokeContext prepare_device_choke(const DeviceChokeInput& input, const DeviceChokeParams& params);
+/// Computes the choke masks of a strip, in the memory of `spent`. A null coverage plane or a zero size gives
+/// an empty context.
+ChokeContext prepare_device_choke(const DeviceChokeInput& input, const DeviceChokeParams& params,
+                                  ChokeContext spent = {});
 
 }  // namespace nvo

@@ -259,7 +259,7 @@ ChokeContext RipEngine::prepare_device_white(const std::uint8_t* coverage, std::
                                              std::uint32_t strip_rows, std::uint32_t strip_src_y,
                                              std::uint32_t total_src_rows, const std::uint8_t* exempt_mask,
                                              const std::uint8_t* support_plane,
-                                             const std::uint8_t* light_mask) const {
+                                             const std::uint8_t* light_mask, ChokeContext spent) const {
   const DeviceChokeInput input{.coverage = coverage,
                                .exempt_mask = exempt_mask,
                                .support_plane = support_plane,
@@ -281,7 +281,7 @@ ChokeContext RipEngine::prepare_device_white(const std::uint8_t* coverage, std::
       .lightness_threshold = params_.white_choke_adaptive_lightness_threshold,
       .threads = row_threads(rows.end - rows.first, device_extent(src_w, scale_.x), hardware_threads(),
                              params_.performance_env, params_.performance)};
-  return prepare_device_choke(input, params);
+  return prepare_device_choke(input, params, std::move(spent));
 }
 
 /// Fills in what follows from the engine's parameters: the kind of sampling and the size of the device grid.
@@ -396,8 +396,7 @@ std::size_t RipEngine::row_workers(const PlaneJob& job) const {
                      params_.performance);
 }
 
-StripScreening RipEngine::screening_of(const PlaneJob& job, const ChokeContext* choke,
-                                       std::vector<RowSpan>& spans) const {
+StripScreening RipEngine::screening_of(const PlaneJob& job, const ChokeContext* choke, RowMap& rows) const {
   StripScreening strip{.sampling = {},
                        .masks = &masks_,
                        .no_mask = no_mask_,
@@ -410,26 +409,36 @@ StripScreening RipEngine::screening_of(const PlaneJob& job, const ChokeContext* 
   sampling.pixels = job.src;
   sampling.src_w = job.src_w;
   sampling.dev_w = job.dev_w;
-  sampling.rows = &spans;
+  sampling.rows = &rows.spans;
   set_curve(sampling, params_.linear_lut[strip.channel].data());
-  spans.resize(job.height());
+  map_rows(job, rows);
   if (job.hard) {
-    nearest_row_spans(spans, job.dev_rows.first, job.dev_h, job.total_src_rows, job.strip_src_y,
-                      job.strip_rows);
     set_nearest_columns(sampling);
   } else {
-    area_row_spans(spans, job.dev_rows.first, scale_.y, job.strip_src_y, job.strip_rows);
     sampling.taps = &taps_;
   }
   return strip;
 }
 
+void RipEngine::map_rows(const PlaneJob& job, RowMap& rows) const {
+  const RowMap::Key key{job.hard,  scale_.y,        job.dev_rows.first, job.dev_rows.end,
+                        job.dev_h, job.strip_src_y, job.strip_rows,     job.total_src_rows};
+  if (rows.key == key) return;
+  rows.spans.resize(job.height());
+  if (job.hard)
+    nearest_row_spans(rows.spans, job.dev_rows.first, job.dev_h, job.total_src_rows, job.strip_src_y,
+                      job.strip_rows);
+  else
+    area_row_spans(rows.spans, job.dev_rows.first, scale_.y, job.strip_src_y, job.strip_rows);
+  rows.key = key;
+}
+
 /// The diagnostic form of the same: the whole plane of values is sampled and choked before it is screened.
 void RipEngine::screen_captured(const PlaneJob& job, DropMap& out) {
-  std::vector<RowSpan> spans;
+  RowMap rows;
   RowBuffers buffers;
   const AppliedChoke applied = begin(job);
-  const StripScreening strip = screening_of(job, applied.context(), spans);
+  const StripScreening strip = screening_of(job, applied.context(), rows);
   const std::size_t width = job.dev_w, height = job.height();
   std::vector<float> plane(width * height);
   RowSampler sampler(strip.sampling, buffers);

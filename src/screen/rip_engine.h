@@ -62,9 +62,24 @@ struct DeviceRowWindow {
 /// at once for different channels and strips after `ensure_column_taps` was called for their widths.
 class RipEngine {
  public:
-  /// Buffers that a caller's worker keeps from call to call; their contents mean nothing between calls.
+  /// The source rows of each device row of a strip.
+  struct RowMap {
+    /// All that they follow from.
+    struct Key {
+      bool hard = false;
+      float scale = 0.0f;
+      std::uint32_t first_row = 0, end_row = 0, dev_h = 0;
+      std::uint32_t strip_src_y = 0, strip_rows = 0, total_src_rows = 0;
+
+      bool operator==(const Key&) const = default;
+    };
+    Key key;
+    std::vector<RowSpan> spans;
+  };
+
+  /// Buffers that a caller's worker keeps from call to call, for their memory and for what can be taken over.
   struct ProcessScratch {
-    std::vector<RowSpan> rows;        ///< source rows of each device row
+    RowMap rows;
     std::vector<RowBuffers> workers;  ///< one a row worker
   };
 
@@ -121,11 +136,12 @@ class RipEngine {
 
   /// The white choke of a strip, from planes of `src_w` x `strip_rows` bytes on the source grid: colour
   /// coverage, explicit white (may be null), the composed white (null unless adaptive) and the light areas
-  /// (may be null).
+  /// (may be null). The memory of `spent` is used again.
   ChokeContext prepare_device_white(const std::uint8_t* coverage, std::uint32_t src_w,
                                     std::uint32_t strip_rows, std::uint32_t strip_src_y,
                                     std::uint32_t total_src_rows, const std::uint8_t* exempt_mask,
-                                    const std::uint8_t* support_plane, const std::uint8_t* light_mask) const;
+                                    const std::uint8_t* support_plane, const std::uint8_t* light_mask,
+                                    ChokeContext spent = {}) const;
 
  private:
   struct PlaneJob;
@@ -142,8 +158,8 @@ class RipEngine {
   bool white_choke_active(const PlaneJob& job) const;
   AppliedChoke select_choke(const PlaneJob& job) const;
   void log_choke(const PlaneJob& job, const ChokeContext& choke) const;
-  StripScreening screening_of(const PlaneJob& job, const ChokeContext* choke,
-                              std::vector<RowSpan>& spans) const;
+  StripScreening screening_of(const PlaneJob& job, const ChokeContext* choke, RowMap& rows) const;
+  void map_rows(const PlaneJob& job, RowMap& rows) const;
   std::size_t row_workers(const PlaneJob& job) const;
   void screen_captured(const PlaneJob& job, DropMap& out);
   void log_progress(const PlaneJob& job, std::size_t y) const;

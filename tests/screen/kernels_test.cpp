@@ -150,6 +150,12 @@ std::vector<std::uint8_t> run_all(const ScreeningKernels& kernels, KernelInput i
   }
   std::fill(in.base.begin() + static_cast<std::ptrdiff_t>(m + n), in.base.end(), std::uint8_t{0});
   std::fill(in.threshold.begin() + static_cast<std::ptrdiff_t>(m + n), in.threshold.end(), std::uint8_t{0});
+  for (const int least : {1, 3, 128, 255}) {
+    std::vector<std::uint64_t> words((n + 63) / 64 + 1, ~std::uint64_t{0});
+    kernels.bits_at_least(in.mask.data() + m, static_cast<std::uint8_t>(least), n, words.data());
+    for (const std::uint64_t word : words)
+      for (int i = 0; i < 8; ++i) result.push_back(static_cast<std::uint8_t>(word >> 8 * i));
+  }
   std::vector<std::uint64_t> also(in.kept.rbegin(), in.kept.rend());
   for (const bool all : {false, true})
     bytes([&](std::uint8_t* a, std::uint8_t* dots) {

@@ -101,4 +101,15 @@ static inline void screen_packed(const std::uint8_t* base, const std::uint8_t* t
   }
 }
 
+/// From byte `x` on, the first of a word.
+static inline void bits_at_least(const std::uint8_t* bytes, std::uint8_t least, std::size_t count,
+                                 std::uint64_t* words, std::size_t x) {
+  for (; x < count; x += 64) {
+    std::uint64_t word = 0;
+    for (std::size_t i = 0; i < 64 && x + i < count; ++i)
+      word |= static_cast<std::uint64_t>(bytes[x + i] >= least) << i;
+    words[x / 64] = word;
+  }
+}
+
 }  // namespace nvo::scalar_steps

@@ -247,10 +247,22 @@ void screen_packed(const std::uint8_t* base, const std::uint8_t* threshold, cons
   }
 }
 
+void bits_at_least(const std::uint8_t* bytes, std::uint8_t least, std::size_t count, std::uint64_t* words) {
+  const __m256i limit = _mm256_set1_epi8(static_cast<char>(least));
+  const auto bits = [&](const std::uint8_t* from) {
+    const __m256i value = load(from);
+    const int mask = _mm256_movemask_epi8(_mm256_cmpeq_epi8(_mm256_max_epu8(value, limit), value));
+    return std::uint64_t{static_cast<std::uint32_t>(mask)};
+  };
+  std::size_t x = 0;
+  for (; x + 64 <= count; x += 64) words[x / 64] = bits(bytes + x) | bits(bytes + x + kBytes) << 32;
+  scalar_steps::bits_at_least(bytes, least, count, words, x);
+}
+
 }  // namespace
 
 const ScreeningKernels kAvx2Kernels = {
-    InstructionSet::avx2, filter_columns, add_scaled_row, encode_row,   encode_pairs, mix_pairs,
-    spread_codes,         screen_row,     keep_dots,      screen_packed};
+    InstructionSet::avx2, filter_columns, add_scaled_row, encode_row,    encode_pairs, mix_pairs,
+    spread_codes,         screen_row,     keep_dots,      screen_packed, bits_at_least};
 
 }  // namespace nvo

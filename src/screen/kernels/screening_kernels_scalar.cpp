@@ -45,10 +45,14 @@ void screen_packed(const std::uint8_t* base, const std::uint8_t* threshold, cons
   scalar_steps::screen_packed(base, threshold, mask, kept, also_kept, count, out);
 }
 
+void bits_at_least(const std::uint8_t* bytes, std::uint8_t least, std::size_t count, std::uint64_t* words) {
+  scalar_steps::bits_at_least(bytes, least, count, words, 0);
+}
+
 }  // namespace
 
 const ScreeningKernels kScalarKernels = {
-    InstructionSet::scalar, filter_columns, add_scaled_row, encode_row,   encode_pairs, mix_pairs,
-    spread_codes,           screen_row,     keep_dots,      screen_packed};
+    InstructionSet::scalar, filter_columns, add_scaled_row, encode_row,    encode_pairs, mix_pairs,
+    spread_codes,           screen_row,     keep_dots,      screen_packed, bits_at_least};
 
 }  // namespace nvo

@@ -183,10 +183,25 @@ void screen_packed(const std::uint8_t* base, const std::uint8_t* threshold, cons
   }
 }
 
+void bits_at_least(const std::uint8_t* bytes, std::uint8_t least, std::size_t count, std::uint64_t* words) {
+  const __m128i limit = _mm_set1_epi8(static_cast<char>(least));
+  std::size_t x = 0;
+  for (; x + 64 <= count; x += 64) {
+    std::uint64_t word = 0;
+    for (std::size_t i = 0; i < 64; i += kBytes) {
+      const __m128i value = load(bytes + x + i);
+      const int bits = _mm_movemask_epi8(_mm_cmpeq_epi8(_mm_max_epu8(value, limit), value));
+      word |= static_cast<std::uint64_t>(static_cast<unsigned>(bits)) << i;
+    }
+    words[x / 64] = word;
+  }
+  scalar_steps::bits_at_least(bytes, least, count, words, x);
+}
+
 }  // namespace
 
 const ScreeningKernels kSse41Kernels = {
-    InstructionSet::sse41, filter_columns, add_scaled_row, encode_row,   encode_pairs, mix_pairs,
-    spread_codes,          screen_row,     keep_dots,      screen_packed};
+    InstructionSet::sse41, filter_columns, add_scaled_row, encode_row,    encode_pairs, mix_pairs,
+    spread_codes,          screen_row,     keep_dots,      screen_packed, bits_at_least};
 
 }  // namespace nvo
