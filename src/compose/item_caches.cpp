@@ -1,5 +1,8 @@
 #include "compose/item_caches.h"
 
+#include <exception>
+#include <new>
+#include <stdexcept>
 #include <utility>
 
 #include "core/fnv1a.h"
@@ -14,6 +17,20 @@ Value find_or_null(const FifoCache<Value>& cache, const std::string& key) {
   return found != nullptr ? *found : Value{};
 }
 
+/// Runs `attempt` unless an earlier one has failed: then throws its text again.
+template <class Attempt>
+auto try_once(DecodeFailures& failures, DecodeStage stage, const Attempt& attempt) {
+  if (const auto known = failures.failure(stage)) throw std::runtime_error(*known);
+  try {
+    return attempt();
+  } catch (const std::bad_alloc&) {
+    throw;
+  } catch (const std::exception& failure) {
+    failures.remember(stage, failure.what());
+    throw;
+  }
+}
+
 }  // namespace
 
 std::unique_lock<std::mutex> KeyedGate::enter(const std::string& key) {
@@ -26,6 +43,14 @@ void ItemCaches::clear() {
   sources_.clear();
   rasters_.clear();
   classifications_.clear();
+  failures_.clear();
+}
+
+SharedFailures ItemCaches::failures_of(const ContentSignature& signature) {
+  auto failures = std::make_shared<DecodeFailures>();
+  if (!signature.valid) return failures;
+  const std::lock_guard lock(cache_mutex_);
+  return failures_.insert(signature.key, std::move(failures));
 }
 
 std::shared_ptr<SharedSource> ItemCaches::open_raster_source(const ContentSignature& signature,
@@ -35,7 +60,9 @@ std::shared_ptr<SharedSource> ItemCaches::open_raster_source(const ContentSignat
     if (auto open = find_or_null(sources_, signature.key)) return open;
   }
   auto source = std::make_shared<SharedSource>();
-  source->reader = make_raster_source(path);
+  const SharedFailures failures = failures_of(signature);
+  source->reader =
+      try_once(*failures, DecodeStage::open_source, [&] { return make_raster_source(path, failures); });
   if (!signature.valid) return source;
   const std::lock_guard lock(cache_mutex_);
   return sources_.insert(signature.key, std::move(source));
@@ -56,7 +83,8 @@ std::shared_ptr<const LoadedImage> ItemCaches::load_image_cached(const ContentSi
     const std::lock_guard lock(cache_mutex_);
     if (auto loaded = find_or_null(images_, signature.key)) return loaded;
   }
-  auto image = std::make_shared<const LoadedImage>(load_image(path));
+  auto image = try_once(*failures_of(signature), DecodeStage::load,
+                        [&] { return std::make_shared<const LoadedImage>(load_image(path)); });
   const std::lock_guard lock(cache_mutex_);
   return images_.insert(signature.key, std::move(image));
 }

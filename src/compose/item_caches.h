@@ -37,7 +37,8 @@ class ItemCaches {
  public:
   void clear();
 
-  /// Opens, or hands out the open source. Throws when the file cannot be opened.
+  /// Opens, or hands out the open source. Throws when the file cannot be opened; after that it isn't tried
+  /// again, nor is a load that failed.
   std::shared_ptr<SharedSource> open_raster_source(const ContentSignature& signature,
                                                    const std::string& path);
   /// Forgets `source`, but not another that has taken its place.
@@ -57,11 +58,14 @@ class ItemCaches {
   void store_classification(const ContentSignature& signature, bool binary);
 
  private:
+  SharedFailures failures_of(const ContentSignature& signature);
+
   mutable std::mutex cache_mutex_;
   FifoCache<std::shared_ptr<const LoadedImage>> images_{32};
   FifoCache<std::shared_ptr<SharedSource>> sources_{16};
   FifoCache<std::shared_ptr<const PreparedItemRaster>> rasters_{64};
   FifoCache<bool> classifications_{64};
+  FifoCache<SharedFailures> failures_{64};
   KeyedGate image_gate_, raster_gate_;
 };
 

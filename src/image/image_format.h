@@ -24,7 +24,7 @@ struct ImageFormat {
   float default_dpi;                             ///< for files that state no resolution
   ImageExtent (*probe)(const std::string& path);
   LoadedImage (*load)(const std::string& path);
-  std::shared_ptr<RasterSource> (*open_source)(const std::string& path);
+  std::shared_ptr<RasterSource> (*open_source)(const std::string& path, SharedFailures failures);
 };
 
 /// The format that reads files of this extension (lower case, without the dot), or null.

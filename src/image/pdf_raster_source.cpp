@@ -36,7 +36,7 @@ class PdfRasterSource final : public BandedRasterSource {
 
 }  // namespace
 
-std::shared_ptr<RasterSource> open_pdf_source(const std::string& path) {
+std::shared_ptr<RasterSource> open_pdf_source(const std::string& path, SharedFailures) {
   return std::make_shared<PdfRasterSource>(load_first_pdf_page(path));
 }
 

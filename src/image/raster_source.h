@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "image/decode_failures.h"
 #include "image/image_types.h"
 
 namespace nvo {
@@ -38,7 +39,11 @@ class RasterSource {
   virtual RasterReadStats stats() const = 0;
 };
 
+/// What is known of a file's damage, and learns more while its rows are read.
+using SharedFailures = std::shared_ptr<DecodeFailures>;
+
 /// Opens a file by its extension. Throws when it cannot be opened or the extension is not supported.
-std::shared_ptr<RasterSource> make_raster_source(const std::string& path);
+std::shared_ptr<RasterSource> make_raster_source(
+    const std::string& path, SharedFailures failures = std::make_shared<DecodeFailures>());
 
 }  // namespace nvo

@@ -15,8 +15,11 @@ namespace {
 
 class TiffRasterSource final : public BandedRasterSource {
  public:
-  TiffRasterSource(const std::string& path, TiffReader reader, TiffMeta tiff)
-      : BandedRasterSource(describe_tiff(path, tiff)), tiff_(std::move(tiff)), reader_(std::move(reader)) {}
+  TiffRasterSource(const std::string& path, TiffReader reader, TiffMeta tiff, SharedFailures failures)
+      : BandedRasterSource(describe_tiff(path, tiff)),
+        tiff_(std::move(tiff)),
+        reader_(std::move(reader)),
+        failures_(std::move(failures)) {}
 
   bool supports_row_reads() const override { return true; }
 
@@ -70,32 +73,38 @@ class TiffRasterSource final : public BandedRasterSource {
 
   bool decode_full_image(std::string& error) {
     if (!full_image_.empty()) return true;
+    if (const auto known = failures_->failure(DecodeStage::whole_image)) {
+      error = *known;
+      return false;
+    }
+    error = try_full_decode();
+    if (error.empty()) return true;
+    failures_->remember(DecodeStage::whole_image, error);
+    return false;
+  }
+
+  /// Empty, or why there is no image.
+  std::string try_full_decode() try {
     std::vector<std::uint8_t> image;
-    try {
-      read_presented(0, tiff_.height, image);
-    } catch (const std::bad_alloc&) {
-      throw;
-    } catch (const std::exception& failure) {
-      error = failure.what();
-      return false;
-    } catch (...) {
-      error = "unknown TIFF decode error";
-      return false;
-    }
-    if (image.empty()) {
-      error = "TIFF full decode produced empty image";
-      return false;
-    }
+    read_presented(0, tiff_.height, image);
+    if (image.empty()) return "TIFF full decode produced empty image";
     full_image_ = std::move(image);
     ++stats_.full_decodes;
     // From here on only the image itself is needed.
     reader_.close();
     std::vector<std::uint8_t>().swap(gray_band_);
-    return true;
+    return {};
+  } catch (const std::bad_alloc&) {
+    throw;
+  } catch (const std::exception& failure) {
+    return failure.what();
+  } catch (...) {
+    return "unknown TIFF decode error";
   }
 
   TiffMeta tiff_;
   TiffReader reader_;
+  SharedFailures failures_;
   std::vector<std::uint8_t> gray_band_;   // as the file has it; its memory serves all reads
   std::vector<std::uint8_t> full_image_;  // empty until a band read has failed
   bool fallback_ = false;
@@ -104,11 +113,11 @@ class TiffRasterSource final : public BandedRasterSource {
 
 }  // namespace
 
-std::shared_ptr<RasterSource> open_tiff_source(const std::string& path) {
+std::shared_ptr<RasterSource> open_tiff_source(const std::string& path, SharedFailures failures) {
   TiffReader reader;
   reader.open(path);
   TiffMeta tiff = reader.read_meta();
-  return std::make_shared<TiffRasterSource>(path, std::move(reader), std::move(tiff));
+  return std::make_shared<TiffRasterSource>(path, std::move(reader), std::move(tiff), std::move(failures));
 }
 
 }  // namespace nvo

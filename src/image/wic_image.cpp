@@ -137,6 +137,8 @@ LoadedImage load_wic(const std::string& path) {
   WicDecodedImage decoded;
   try {
     decoded = wic_decode_rgba(path);
+  } catch (const std::bad_alloc&) {
+    throw;
   } catch (const std::exception& failure) {
     throw std::runtime_error("ImageLoader: failed to load raster image '" + path + "': " + failure.what());
   }

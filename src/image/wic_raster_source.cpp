@@ -2,6 +2,8 @@
 
 #include <exception>
 #include <memory>
+#include <new>
+#include <stdexcept>
 #include <utility>
 #include <vector>
 
@@ -16,11 +18,14 @@ namespace {
 
 class WicRasterSource final : public BandedRasterSource {
  public:
-  WicRasterSource(const std::string& path, WicFile file) : BandedRasterSource(describe_wic(path, file.info)) {
+  WicRasterSource(const std::string& path, WicFile file, SharedFailures failures)
+      : BandedRasterSource(describe_wic(path, file.info)), failures_(std::move(failures)) {
     try {
       if (file.decoder->info().needs_whole_frame) wic_rgba_layout(meta_.width, meta_.height, "WIC frame");
       file.decoder->start();
       native_ = std::make_unique<SpooledRows>(std::move(file.decoder));
+    } catch (const std::bad_alloc&) {
+      throw;
     } catch (const std::exception& failure) {
       native_error_ = "WIC format converter init failed";
       explain(failure);
@@ -59,26 +64,43 @@ class WicRasterSource final : public BandedRasterSource {
       return false;
     }
     try {
+      // The decoder starts at the top, so it would meet the damage that another source of this file has met.
+      if (region.y + region.height > failures_->sound_rows())
+        throw std::runtime_error("known to be damaged above the last of these rows");
       out.resize(stride * region.height);
       native_->read(region.x, region.y, region.width, region.height, out.data());
       return true;
+    } catch (const std::bad_alloc&) {
+      throw;
+    } catch (const DecodeError& failure) {
+      failures_->remember_damage_below(native_->rows_decoded());
+      give_up_native(what, failure);
     } catch (const std::exception& failure) {
-      native_error_ = "WIC CopyPixels " + what + " read failed";
-      native_.reset();
-      log_warn("RasterSource(WIC): ", native_error_, "; switching to full-load fallback for ", meta_.path);
-      explain(failure);
+      give_up_native(what, failure);
     }
     return false;
   }
 
-  bool decode_full_image(std::string& error) {
-    if (!full_image_.empty()) return true;
-    if (full_error_.empty()) full_error_ = try_full_decode();
-    error = full_error_;
-    return full_error_.empty();
+  void give_up_native(const std::string& what, const std::exception& failure) {
+    native_error_ = "WIC CopyPixels " + what + " read failed";
+    native_.reset();
+    log_warn("RasterSource(WIC): ", native_error_, "; switching to full-load fallback for ", meta_.path);
+    explain(failure);
   }
 
-  /// Empty, or why there is no image. A second try would cost the same time for the same answer.
+  bool decode_full_image(std::string& error) {
+    if (!full_image_.empty()) return true;
+    if (const auto known = failures_->failure(DecodeStage::whole_image)) {
+      error = *known;
+      return false;
+    }
+    error = try_full_decode();
+    if (error.empty()) return true;
+    failures_->remember(DecodeStage::whole_image, error);
+    return false;
+  }
+
+  /// Empty, or why there is no image.
   std::string try_full_decode() try {
     WicDecodedImage image = wic_decode_rgba(meta_.path);
     if (image.pixels.empty()) return "WIC full decode produced empty image";
@@ -87,6 +109,8 @@ class WicRasterSource final : public BandedRasterSource {
     full_image_ = std::move(image.pixels);
     ++stats_.full_decodes;
     return {};
+  } catch (const std::bad_alloc&) {
+    throw;
   } catch (const std::exception& failure) {
     return failure.what();
   } catch (...) {
@@ -99,14 +123,14 @@ class WicRasterSource final : public BandedRasterSource {
 
   std::unique_ptr<SpooledRows> native_;  // null once rows come from the full image
   std::string native_error_;
-  Bytes full_image_;        // empty until a native read has failed
-  std::string full_error_;  // of the full decode
+  Bytes full_image_;  // empty until a native read has failed
+  SharedFailures failures_;
 };
 
 }  // namespace
 
-std::shared_ptr<RasterSource> open_wic_source(const std::string& path) {
-  return std::make_shared<WicRasterSource>(path, open_wic_file(path));
+std::shared_ptr<RasterSource> open_wic_source(const std::string& path, SharedFailures failures) {
+  return std::make_shared<WicRasterSource>(path, open_wic_file(path), std::move(failures));
 }
 
 }  // namespace nvo

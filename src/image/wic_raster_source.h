@@ -11,6 +11,6 @@ namespace nvo {
 /// asked, and reads come from the decoded rows, which lie in a temporary file when there are many. When that
 /// fails the source decodes the whole image into memory and serves rows from there, for the rest of its life.
 /// Throws when the file cannot be opened.
-std::shared_ptr<RasterSource> open_wic_source(const std::string& path);
+std::shared_ptr<RasterSource> open_wic_source(const std::string& path, SharedFailures failures);
 
 }  // namespace nvo

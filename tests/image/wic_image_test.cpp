@@ -56,6 +56,7 @@ TEST_F(WicImageTest, ResolutionRules) {
       {jpeg(1, 300, 150), 300, 150},
       {jpeg(2, 100, 50), 254, 127},
       {jpeg(0, 3, 2), 96, 96},
+      {jpeg(3, 300, 300), 96, 96},
       {bmp(10000, 0), 254, 254},
       {bmp(0, 10000), 96, 254},
       {bmp(-10000, -1), 96, 96},
@@ -239,14 +240,24 @@ TEST_F(WicRasterSourceTest, DecodesTheWholeImageWhenTheTemporaryFileFails) {
 
 TEST_F(WicRasterSourceTest, ADamagedFileFailsOnceAndForAll) {
   const std::string png = PngFile{.width = 200, .height = 200}.bytes();
-  const auto source = make_raster_source(write("a.png", png.substr(0, png.size() / 2)));
-  EXPECT_TRUE(source->read_rows(0, 2, out_, &error_)) << "rows above the damage are there";
-  EXPECT_FALSE(source->read_region({0, 198, 2, 2}, out_, nullptr));
-  EXPECT_FALSE(source->read_rows(0, 2, out_, &error_));
-  EXPECT_EQ(error_, "WIC CopyPixels failed");
-  EXPECT_EQ(log_.count("switching to full-load"), 1u);
-  EXPECT_EQ(source->read_strategy(), "fallback full-image decode (WIC CopyPixels region read failed)");
-  EXPECT_EQ(source->stats().full_decodes, 0u);
+  const std::string path = write("a.png", png.substr(0, png.size() / 2));
+  const auto failures = std::make_shared<DecodeFailures>();
+  for (const std::size_t decodes : {2u, 0u}) {  // the second source knows where the damage is
+    const auto source = make_raster_source(path, failures);
+    const std::uint32_t sound = std::min(failures->sound_rows(), 2u);
+    EXPECT_TRUE(source->read_rows(0, sound, out_, &error_)) << "rows above the damage are there";
+    log_.take();
+    EXPECT_FALSE(source->read_region({0, 198, 2, 2}, out_, nullptr));
+    EXPECT_FALSE(source->read_rows(0, 2, out_, &error_));
+    EXPECT_EQ(error_, "WIC CopyPixels failed");
+    EXPECT_EQ(log_.count("switching to full-load"), 1u);
+    EXPECT_EQ(log_.count("PNG: "), decodes);
+    EXPECT_EQ(source->read_strategy(), "fallback full-image decode (WIC CopyPixels region read failed)");
+    EXPECT_EQ(source->stats().full_decodes, 0u);
+  }
+  const std::uint32_t sound = failures->sound_rows();
+  EXPECT_TRUE(make_raster_source(path, failures)->read_rows(0, sound, out_, nullptr)) << sound;
+  EXPECT_FALSE(make_raster_source(path)->read_rows(sound, 1, out_, nullptr)) << sound;
 }
 
 }  // namespace

@@ -21,7 +21,7 @@ namespace {
 constexpr int kMaxScans = 100;  // a progressive file has about ten; each costs a pass over the whole image
 constexpr std::uint64_t kBlocksPerByte =
     8;  // the shortest Huffman code has one bit, and a block has one code
-constexpr UINT8 kDensityPerCm = 2;
+constexpr UINT8 kDensityPerInch = 1, kDensityPerCm = 2;
 constexpr double kCmPerInch = 2.54;
 constexpr JOCTET kEndOfImage[] = {0xFF, JPEG_EOI};
 
@@ -168,8 +168,9 @@ class JpegDecoder final : public RasterDecoder {
     info_.width = jpeg_.image_width;
     info_.height = jpeg_.image_height;
     info_.needs_whole_frame = state_->multi_scan;
-    if (!jpeg_.saw_JFIF_marker || jpeg_.density_unit == 0) return;
-    const double per_inch = jpeg_.density_unit == kDensityPerCm ? kCmPerInch : 1.0;
+    const UINT8 unit = jpeg_.density_unit;
+    if (!jpeg_.saw_JFIF_marker || (unit != kDensityPerInch && unit != kDensityPerCm)) return;
+    const double per_inch = unit == kDensityPerCm ? kCmPerInch : 1.0;
     info_.dpi_x = jpeg_.X_density * per_inch;
     info_.dpi_y = jpeg_.Y_density * per_inch;
   }

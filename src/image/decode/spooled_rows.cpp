@@ -1,10 +1,8 @@
 #include "image/decode/spooled_rows.h"
 
 #include <algorithm>
-#include <string>
+#include <system_error>
 #include <utility>
-
-#include "core/platform/file.h"
 
 namespace nvo {
 namespace {
@@ -13,7 +11,7 @@ constexpr std::size_t kMaxInMemory = 16 << 20;  // a compositor keeps several so
 constexpr std::size_t kBlockBytes = 1 << 20;    // stays in the cache between decoder and file
 
 void require(int error, const char* what) {
-  if (error != 0) throw DecodeError(what + platform::error_text(error));
+  if (error != 0) throw std::system_error(error, std::generic_category(), what);
 }
 
 }  // namespace
@@ -36,7 +34,7 @@ void SpooledRows::decode_to(std::uint32_t end) {
   if (memory_.empty()) {
     const bool small = row_bytes_ <= kMaxInMemory / rows_;
     const std::size_t block_rows = std::max<std::size_t>(1, kBlockBytes / row_bytes_);
-    if (!small) require(file_.emplace().create(), "cannot make a temporary file: ");
+    if (!small) require(file_.emplace().create(), "cannot make a temporary file");
     memory_.resize((small ? rows_ : block_rows) * row_bytes_);
   }
   const auto block_rows =
@@ -49,14 +47,15 @@ void SpooledRows::decode_to(std::uint32_t end) {
 
 void SpooledRows::append_rows(std::uint32_t count) {
   std::uint8_t* first = memory_.data() + (is_filed() ? 0 : rows_done_ * row_bytes_);
-  for (std::uint32_t row = 0; row < count; ++row) decoder_->read_row(first + row * row_bytes_);
-  if (is_filed()) require(file_->append(first, count * row_bytes_), "cannot write a temporary file: ");
+  for (std::uint32_t row = 0; row < count; ++row, ++rows_decoded_)
+    decoder_->read_row(first + row * row_bytes_);
+  if (is_filed()) require(file_->append(first, count * row_bytes_), "cannot write a temporary file");
   rows_done_ += count;
 }
 
 void SpooledRows::copy(std::uint64_t offset, std::size_t bytes, std::uint8_t* out) const {
   if (is_filed())
-    require(file_->read_at(offset, out, bytes), "cannot read a temporary file: ");
+    require(file_->read_at(offset, out, bytes), "cannot read a temporary file");
   else
     std::copy_n(memory_.data() + offset, bytes, out);
 }

@@ -20,8 +20,11 @@ class SpooledRows {
   explicit SpooledRows(std::unique_ptr<RasterDecoder> decoder);
 
   /// Copies `height` rows of `width` RGBA pixels; the rectangle lies within the image. Throws DecodeError
-  /// when the file is damaged before the rectangle's last row or the temporary file fails.
+  /// when the file is damaged before the rectangle's last row, system_error when the temporary file fails.
   void read(std::uint32_t x, std::uint32_t y, std::uint32_t width, std::uint32_t height, std::uint8_t* out);
+
+  /// Rows that the decoder has given.
+  std::uint32_t rows_decoded() const { return rows_decoded_; }
 
  private:
   void decode_to(std::uint32_t end);
@@ -32,7 +35,8 @@ class SpooledRows {
   std::unique_ptr<RasterDecoder> decoder_;  // null once it has given all rows
   std::size_t row_bytes_;
   std::uint32_t rows_;
-  std::uint32_t rows_done_ = 0;
+  std::uint32_t rows_decoded_ = 0;
+  std::uint32_t rows_done_ = 0;  // of them, where `copy` finds them
   std::vector<std::uint8_t> memory_;  // the image, or a block of rows on their way to the file
   std::optional<platform::SpoolFile> file_;
 };
