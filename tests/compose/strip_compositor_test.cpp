@@ -306,17 +306,18 @@ TEST(StripCompositor, UnreadableItemsAreLoggedAndLeftOut) {
   std::fill_n(bytes.begin() + static_cast<std::ptrdiff_t>(bytes.size() / 2), bytes.size() / 4, '\xFF');
   test::write_all(damaged, bytes);
   compositor.set_layout({{item_at(damaged, 0, 0, 20, 8)}, 0.08f});
-  // Every strip says so, but only the first one decodes the whole file, once for its rows and once to load it.
+  // Every strip says so, but only the first one decodes the whole file, once for its rows and once to load
+  // it.
   for (const std::size_t band_reads : {3u, 1u}) {
     EXPECT_THAT(compositor.compose_strip(0, 8).planes[4], testing::Each(0));
     EXPECT_EQ(log.count("[ERROR] libtiff: "), band_reads);
     EXPECT_THAT(
         take_own(log),
-        ElementsAre(testing::AllOf(
-                        StartsWith("[WARN ] StripCompositor: TIFF low-memory row read fallback for '" +
-                                   damaged + "': "),
-                        HasSubstr(" [fallback full-image decode (")),
-                    StartsWith("[WARN ] StripCompositor: cannot open: " + damaged + ": ")));
+        ElementsAre(
+            testing::AllOf(StartsWith("[WARN ] StripCompositor: TIFF low-memory row read fallback for '" +
+                                      damaged + "': "),
+                           HasSubstr(" [fallback full-image decode (")),
+            StartsWith("[WARN ] StripCompositor: cannot open: " + damaged + ": ")));
   }
 }
 

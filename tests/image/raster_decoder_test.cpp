@@ -8,6 +8,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "core/fnv1a.h"
 #include "raster_files.h"
 #include "support/failure.h"
 #include "support/temp_dir.h"
@@ -17,6 +18,7 @@ namespace {
 
 using namespace std::string_literals;
 using ::testing::HasSubstr;
+using ::testing::StartsWith;
 
 class RasterDecoderTest : public ::testing::Test {
  protected:
@@ -68,6 +70,29 @@ TEST_F(RasterDecoderTest, PngOfEveryKind) {
           EXPECT_EQ(info_.has_alpha, kind.alpha_at_8_bits && depth == 8);
           EXPECT_EQ(info_.needs_whole_frame, interlaced);
         }
+}
+
+TEST_F(RasterDecoderTest, PngSuiteFiles) {
+  // Sums of the pixels that an independent decoder delivers, and failures.
+  const struct {
+    const char* name;
+    std::uint64_t sum;
+    const char* failure;
+  } cases[] = {
+      {"basi3p02", 0xE1B97808C557CB25, ""},    {"s05i3p02", 0x85FA2012B72FFAC6, ""},
+      {"tbbn2c16", 0x1E1F86E420F8AD04, ""},    {"oi9n2c16", 0x14FBA4B7A7C90773, ""},
+      {"f99n0g04", 0x912A1204BB211775, ""},    {"xcsn0g01", 0, "PNG: IDAT: CRC error"},
+      {"xs4n0g01", 0, "not an image"},         {"xdtn0g01", 0, "PNG: "},
+      {"xhdn0g08", 0, "PNG: IHDR: CRC error"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    const std::string file = read_all(NVO_TEST_IMAGES "/"s + c.name + ".png");
+    EXPECT_THAT(failure(file), StartsWith(c.failure));
+    if (*c.failure != '\0') continue;
+    const Bytes pixels = decode(file);
+    EXPECT_EQ(fnv1a(pixels.data(), pixels.size()), c.sum);
+  }
 }
 
 TEST_F(RasterDecoderTest, PngChunksBesideThePixelsAreSkipped) {
@@ -160,6 +185,12 @@ TEST_F(RasterDecoderTest, BmpVariants) {
         .palette = {colors[0], colors[1]},
         .data = "\xA0\0\0\0"s},
        indexed({1, 0, 1})},
+      {"core header, 8 bit with a short palette",
+       {.header = 12, .width = 3, .height = 1, .bits = 8, .palette = colors, .data = "\x03\x01\x02\0"s},
+       indexed({3, 1, 2})},
+      {"OS/2 header of 16 bytes",
+       {.header = 16, .width = 2, .height = 1, .bits = 4, .palette = colors, .data = "\x31\0\0\0"s},
+       indexed({3, 1})},
       {"4 bit", {.height = 1, .bits = 4, .palette = colors, .data = "\x13\x20\0\0"s}, indexed({1, 3, 2})},
       {"index without a palette entry",
        {.width = 1, .height = 1, .bits = 8, .palette = colors, .data = "\x09\0\0\0"s},
@@ -240,7 +271,8 @@ TEST_F(RasterDecoderTest, BmpRefusals) {
     const char* text;
   } cases[] = {
       {{.header = 41}, "unknown header size"},
-      {{.header = 12, .width = 900, .height = 900, .bits = 8}, "the header ends early"},
+      {{.header = 12, .width = 900, .height = 900, .bits = 8},
+       "the file is too short for its size in pixels"},
       {{.width = -3}, "negative width"},
       {{.bits = 2}, "unknown pixel size"},
       {{.bits = 24, .compression = 3, .masks = {1, 2, 4}}, "unknown compression"},
@@ -261,6 +293,9 @@ TEST_F(RasterDecoderTest, BmpRefusals) {
        "the file ends early"},
   };
   for (const auto& c : cases) EXPECT_EQ(failure(c.file.bytes()), "BMP: "s + c.text);
+  std::string overlapping = BmpFile{.bits = 8, .palette = colors, .data = "12345678"}.bytes();
+  overlapping[10] = 60;
+  EXPECT_EQ(failure(overlapping), "BMP: pixels overlap the palette");
 }
 
 TEST_F(RasterDecoderTest, CutFilesFailAtEveryLength) {

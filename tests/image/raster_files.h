@@ -251,7 +251,7 @@ struct BmpFile {
     put_little(info, static_cast<std::uint32_t>(height), side);
     put_little(info, 1, 2);
     put_little(info, bits, 2);
-    if (header != 12) {
+    if (header > 16) {
       for (const std::uint32_t field :
            {compression, 0u, static_cast<std::uint32_t>(per_metre_x), static_cast<std::uint32_t>(per_metre_y),
             static_cast<std::uint32_t>(palette.size()), 0u})

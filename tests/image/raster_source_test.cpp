@@ -113,7 +113,8 @@ TEST_F(RasterSourceTest, FallsBackToAFullDecodeOnce) {
       .samples = 2, .height = 40, .compression = COMPRESSION_ADOBE_DEFLATE, .rows_per_strip = 10};
   write_tiff(path, file);
   const std::string reason = "native row read failed: TiffReader: error reading strip 2";
-  const std::string warning = "RasterSource(TIFF): " + reason + "; switching to full-load fallback for " + path;
+  const std::string warning =
+      "RasterSource(TIFF): " + reason + "; switching to full-load fallback for " + path;
   const auto failures = std::make_shared<DecodeFailures>();
   damage_piece(path, 2);
   for (const std::size_t decodes : {2u, 1u}) {  // the second source knows what the first has learned

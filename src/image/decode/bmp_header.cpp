@@ -11,7 +11,8 @@ namespace {
 
 constexpr std::size_t kFileHeaderBytes = 14;
 constexpr std::size_t kDataStartAt = 10;  // in the file header
-constexpr std::size_t kCoreBytes = 12, kInfoBytes = 40, kWithMasksBytes = 52, kWithAlphaMaskBytes = 56;
+constexpr std::size_t kCoreBytes = 12, kShortOs2Bytes = 16, kInfoBytes = 40, kWithMasksBytes = 52,
+                      kWithAlphaMaskBytes = 56;
 constexpr std::size_t kOs2Bytes = 64, kV4Bytes = 108, kV5Bytes = 124;
 constexpr std::uint32_t kNone = 0, kRle8 = 1, kRle4 = 2, kBitFields = 3, kAlphaBitFields = 6;
 constexpr double kInchesPerMetre = 0.0254;
@@ -46,8 +47,8 @@ void read_exactly(ByteReader& reader, void* out, std::size_t count) {
 }
 
 InfoBlock read_info_block(ByteReader& reader) {
-  constexpr std::size_t kSizes[] = {kCoreBytes, kInfoBytes, kWithMasksBytes, kWithAlphaMaskBytes,
-                                    kOs2Bytes,  kV4Bytes,   kV5Bytes};
+  constexpr std::size_t kSizes[] = {kCoreBytes,          kShortOs2Bytes, kInfoBytes, kWithMasksBytes,
+                                    kWithAlphaMaskBytes, kOs2Bytes,      kV4Bytes,   kV5Bytes};
   InfoBlock block;
   read_exactly(reader, block.bytes.data(), sizeof(std::uint32_t));
   block.size = block.u32(0);
@@ -107,8 +108,11 @@ void read_palette(ByteReader& reader, const InfoBlock& block, BmpHeader& bmp) {
   constexpr std::size_t kColorsUsedAt = 32;
   const std::size_t entry_bytes = block.is_core() ? 3 : 4;
   const std::size_t possible = std::size_t{1} << bmp.bits_per_pixel;
-  std::size_t used = block.u32(kColorsUsedAt);
-  if (used == 0 || used > possible) used = possible;
+  std::size_t stated = block.u32(kColorsUsedAt);
+  if (stated > possible) stated = 0;
+  const std::uint64_t room = bmp.data_start - kFileHeaderBytes - block.size;
+  if (stated * entry_bytes > room) fail("pixels overlap the palette");
+  const auto used = stated != 0 ? stated : std::min<std::uint64_t>(possible, room / entry_bytes);
 
   bmp.palette.assign(possible, {0, 0, 0, 0xFF});
   for (std::size_t i = 0; i < used; ++i) {
@@ -146,9 +150,9 @@ BmpHeader read_bmp_header(ByteReader& reader) {
   set_geometry(block, bmp);
   const std::uint32_t method = block.is_core() ? kNone : block.u32(kCompressionAt);
   bmp.compression = compression_of(method, block, bmp);
+  if (bmp.data_start < kFileHeaderBytes + block.size) fail("pixels overlap the header");
   if (bmp.bits_per_pixel == 16 || bmp.bits_per_pixel == 32) set_fields(reader, block, method, bmp);
   if (bmp.bits_per_pixel <= 8) read_palette(reader, block, bmp);
-  if (bmp.data_start < kFileHeaderBytes + block.size) fail("pixels overlap the header");
   return bmp;
 }
 

@@ -36,7 +36,7 @@ class SpooledRows {
   std::size_t row_bytes_;
   std::uint32_t rows_;
   std::uint32_t rows_decoded_ = 0;
-  std::uint32_t rows_done_ = 0;  // of them, where `copy` finds them
+  std::uint32_t rows_done_ = 0;       // of them, where `copy` finds them
   std::vector<std::uint8_t> memory_;  // the image, or a block of rows on their way to the file
   std::optional<platform::SpoolFile> file_;
 };
