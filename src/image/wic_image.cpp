@@ -36,10 +36,9 @@ void start(RasterDecoder& decoder, const std::string& path) try {
   throw std::runtime_error("WIC converter init failed");
 }
 
-std::vector<std::uint8_t> read_all_rows(RasterDecoder& decoder, std::uint64_t bytes,
-                                        const std::string& path) try {
-  std::vector<std::uint8_t> pixels(bytes);
-  for (std::uint64_t at = 0; at < bytes; at += decoder.row_bytes()) decoder.read_row(pixels.data() + at);
+std::vector<std::uint8_t> read_image(RasterDecoder& decoder, const std::string& path) try {
+  std::vector<std::uint8_t> pixels;
+  decoder.read_image(pixels);
   return pixels;
 } catch (const DecodeError& failure) {
   log_debug("RasterDecoder: ", path, ": ", failure.what());
@@ -71,10 +70,9 @@ WicImageInfo wic_read_info(const std::string& path) {
 WicDecodedImage wic_decode_rgba(const std::string& path) {
   const WicFile file = open_wic_file(path);
   const WicImageInfo& info = file.info;
-  const WicRgbaLayout layout = wic_rgba_layout(info.width, info.height, "WIC full decode");
+  wic_rgba_layout(info.width, info.height, "WIC full decode");
   start(*file.decoder, path);
-  return {info.width, info.height, info.dpi_x, info.has_alpha,
-          read_all_rows(*file.decoder, layout.byte_count, path)};
+  return {info.width, info.height, info.dpi_x, info.has_alpha, read_image(*file.decoder, path)};
 }
 
 WicRgbaLayout wic_rgba_layout(std::uint32_t width, std::uint32_t height, const std::string& label) {

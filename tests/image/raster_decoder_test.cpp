@@ -7,6 +7,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 #include "core/fnv1a.h"
 #include "raster_files.h"
@@ -33,6 +34,14 @@ class RasterDecoderTest : public ::testing::Test {
     decoder->start();
     Bytes pixels(decoder->row_bytes() * info_.height);
     for (std::size_t at = 0; at < pixels.size(); at += decoder->row_bytes()) decoder->read_row(&pixels[at]);
+    return pixels;
+  }
+  /// The last image again, not by rows.
+  Bytes decode_at_once() const {
+    const auto decoder = open_raster_decoder(dir_.file("image"));
+    decoder->start();
+    Bytes pixels;
+    decoder->read_image(pixels);
     return pixels;
   }
   std::string failure(const std::string& file) {
@@ -67,6 +76,7 @@ TEST_F(RasterDecoderTest, PngOfEveryKind) {
                        << (interlaced ? ", interlaced" : "") << (transparency ? ", tRNS" : ""));
           const PngFile file{kind.color_type, depth, interlaced, transparency};
           ASSERT_EQ(decode(file.bytes()), file.pixels());
+          ASSERT_EQ(decode_at_once(), file.pixels());
           EXPECT_EQ(info_.has_alpha, kind.alpha_at_8_bits && depth == 8);
           EXPECT_EQ(info_.needs_whole_frame, interlaced);
         }
@@ -141,6 +151,7 @@ TEST_F(RasterDecoderTest, WebpLosslessAndLossy) {
   // Larger than one piece of the incremental decoder.
   const Bytes busy = rgba_image(401, 399, busy_pixel);
   EXPECT_EQ(decode(webp_bytes(busy, 401, 399, true)), busy);
+  EXPECT_EQ(decode_at_once(), busy);
   EXPECT_TRUE(info_.has_alpha);
 
   const auto smooth = rgba_image(60, 50, [](std::uint32_t x, std::uint32_t y) {
@@ -327,17 +338,60 @@ TEST_F(RasterDecoderTest, DamageInThePixelsIsAnError) {
   EXPECT_THAT(failure(jpeg), HasSubstr("JPEG: Corrupt JPEG data"));
 }
 
-TEST_F(RasterDecoderTest, BombsAreRefused) {
-  EXPECT_THAT(failure(JpegFile{.components = 1, .stored = JCS_GRAYSCALE, .extra_scans = 150}.bytes()),
-              HasSubstr("too many scans"));
-  EXPECT_EQ(failure(JpegFile{.components = 1, .stored = JCS_GRAYSCALE, .extra_scans = 60}.bytes()), "");
+/// A file with its last scan `times` times more.
+std::string with_repeated_scan(const std::string& jpeg, int times) {
+  const std::size_t scan = jpeg.rfind("\xFF\xDA"), end = jpeg.size() - 2;
+  std::string file = jpeg.substr(0, end);
+  for (int i = 0; i < times; ++i) file += jpeg.substr(scan, end - scan);
+  return file + jpeg.substr(end);
+}
 
-  std::string jpeg = JpegFile{.progressive = true}.bytes();
-  const std::size_t frame = jpeg.find("\xFF\xC2"s);
-  jpeg.replace(frame + 5, 4, "\x75\x30\x75\x30");
-  EXPECT_EQ(failure(jpeg), "JPEG: the file is too short for its size in pixels");
-  EXPECT_EQ(failure(png_header_only(12000, 12000)), "PNG: the file is too short for its size in pixels");
-  EXPECT_EQ(failure(png_header_only(1'000'000'000, 1)), "rows are too long");
+double cpu_seconds(const rusage& use) {
+  return static_cast<double>(use.ru_utime.tv_sec) + static_cast<double>(use.ru_utime.tv_usec) * 1e-6;
+}
+
+TEST_F(RasterDecoderTest, BombsCostLittle) {
+#ifdef __SANITIZE_ADDRESS__
+  constexpr double kMaxSeconds = 10.0;
+#else
+  constexpr double kMaxSeconds = 1.0;
+#endif
+  constexpr long kMaxKibibytes = 256 << 10;
+  const auto scans = [](int extra) {
+    return JpegFile{.components = 1, .stored = JCS_GRAYSCALE, .extra_scans = extra}.bytes();
+  };
+  const JpegFile flat{.components = 1,
+                      .stored = JCS_GRAYSCALE,
+                      .progressive = true,
+                      .width = 6500,
+                      .height = 6500,
+                      .sample = [](std::uint32_t, std::uint32_t, int) { return std::uint8_t{99}; }};
+  std::string claim = JpegFile{.progressive = true}.bytes();
+  claim.replace(claim.find("\xFF\xC2"s) + 5, 4, "\x75\x30\x75\x30");
+  const std::string png = PngFile{}.bytes();
+  std::string chunks = png.substr(0, 33);
+  for (int i = 0; i < 300'000; ++i) chunks += "\0\0\0\1tEXtacrc?"s;
+  chunks += png.substr(33);
+  const struct {
+    const char* name;
+    std::string file, failure;
+  } cases[] = {
+      {"scans", scans(150), "JPEG: too many scans"},
+      {"fewer scans", scans(60), ""},
+      {"scans of a large image", with_repeated_scan(flat.bytes(), 60), "JPEG: too many scans"},
+      {"JPEG size", claim, "JPEG: the file is too short for its size in pixels"},
+      {"PNG size", png_header_only(12000, 12000), "PNG: the file is too short for its size in pixels"},
+      {"PNG width", png_header_only(1'000'000'000, 1), "rows are too long"},
+      {"PNG chunks", chunks, ""},
+  };
+  for (const auto& c : cases) {
+    rusage before{}, after{};
+    ::getrusage(RUSAGE_SELF, &before);
+    EXPECT_EQ(failure(c.file), c.failure) << c.name;
+    ::getrusage(RUSAGE_SELF, &after);
+    EXPECT_LT(cpu_seconds(after) - cpu_seconds(before), kMaxSeconds) << c.name;
+    EXPECT_LT(after.ru_maxrss - before.ru_maxrss, kMaxKibibytes) << c.name;
+  }
 }
 
 }  // namespace

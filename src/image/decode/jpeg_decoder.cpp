@@ -18,7 +18,9 @@ namespace {
 #error "libjpeg-turbo with RGBA output is needed"
 #endif
 
-constexpr int kMaxScans = 100;  // a progressive file has about ten; each costs a pass over the whole image
+// A progressive file has 10 to 18 scans. Each costs a pass over the whole image, so a large image may have
+// fewer.
+constexpr std::uint64_t kMaxScans = 100, kMaxScansOfAnySize = 24, kMaxScannedPixels = std::uint64_t{1} << 30;
 constexpr std::uint64_t kBlocksPerByte =
     8;  // the shortest Huffman code has one bit, and a block has one code
 constexpr UINT8 kDensityPerInch = 1, kDensityPerCm = 2;
@@ -65,7 +67,10 @@ void on_message(j_common_ptr jpeg, int level) {
 void on_output(j_common_ptr) {}
 
 void on_progress(j_common_ptr jpeg) {
-  if (reinterpret_cast<j_decompress_ptr>(jpeg)->input_scan_number > kMaxScans) fail(jpeg, "too many scans");
+  const auto& file = *reinterpret_cast<j_decompress_ptr>(jpeg);
+  const std::uint64_t pixels = std::uint64_t{file.image_width} * file.image_height;
+  const auto most = std::clamp(kMaxScannedPixels / pixels, kMaxScansOfAnySize, kMaxScans);
+  if (static_cast<std::uint64_t>(file.input_scan_number) > most) fail(jpeg, "too many scans");
 }
 
 void no_source_call(j_decompress_ptr) {}

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <memory>
 #include <utility>
+#include <vector>
 
 #include <png.h>
 
@@ -86,11 +87,20 @@ class PngDecoder final : public RasterDecoder {
 
   void read_row(std::uint8_t* rgba) override {
     if (info_.needs_whole_frame) {
-      if (!frame_) decode_frame();
+      if (!frame_) {
+        frame_ = std::make_unique_for_overwrite<std::uint8_t[]>(row_bytes() * info_.height);
+        decode_passes(frame_.get());
+      }
       std::copy_n(frame_.get() + next_row_++ * row_bytes(), row_bytes(), rgba);
       return;
     }
     if (!guarded(png_, [&] { png_read_row(png_, rgba, nullptr); })) throw failure();
+  }
+
+  void read_image(std::vector<std::uint8_t>& pixels) override {
+    if (!info_.needs_whole_frame) return RasterDecoder::read_image(pixels);
+    pixels.resize(row_bytes() * info_.height);
+    decode_passes(pixels.data());
   }
 
  private:
@@ -133,12 +143,10 @@ class PngDecoder final : public RasterDecoder {
   }
 
   /// Each pass of an interlaced file adds pixels to all rows.
-  void decode_frame() {
-    frame_ = std::make_unique_for_overwrite<std::uint8_t[]>(row_bytes() * info_.height);
+  void decode_passes(std::uint8_t* frame) {
     const bool decoded = guarded(png_, [&] {
       for (int pass = 0; pass < passes_; ++pass)
-        for (std::size_t y = 0; y < info_.height; ++y)
-          png_read_row(png_, frame_.get() + y * row_bytes(), nullptr);
+        for (std::size_t y = 0; y < info_.height; ++y) png_read_row(png_, frame + y * row_bytes(), nullptr);
     });
     if (!decoded) throw failure();
   }

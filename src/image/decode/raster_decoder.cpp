@@ -1,5 +1,6 @@
 #include "image/decode/raster_decoder.h"
 
+#include <algorithm>
 #include <array>
 #include <string_view>
 #include <utility>
@@ -11,6 +12,7 @@ using namespace std::string_view_literals;
 
 constexpr std::size_t kMaxRowBytes = 64 << 20;  // far wider than any film
 constexpr std::size_t kSignatureBytes = 12;
+constexpr std::size_t kBlockBytes = 1 << 20;  // stays in the cache between clearing and decoding
 
 struct Codec {
   std::string_view start;     ///< first bytes of every file
@@ -30,6 +32,19 @@ constexpr Codec kCodecs[] = {
 void RasterDecoder::start() {
   if (row_bytes() > kMaxRowBytes) throw DecodeError("rows are too long");
   prepare();
+}
+
+/// The buffer grows with the rows, so that a file that turns out to be damaged costs no more than what it
+/// held.
+void RasterDecoder::read_image(std::vector<std::uint8_t>& pixels) {
+  pixels.clear();
+  pixels.reserve(row_bytes() * info_.height);
+  const std::size_t block_rows = std::max<std::size_t>(1, kBlockBytes / row_bytes());
+  for (std::size_t y = 0; y < info_.height;) {
+    const std::size_t end = std::min<std::size_t>(info_.height, y + block_rows);
+    pixels.resize(end * row_bytes());
+    for (; y < end; ++y) read_row(pixels.data() + y * row_bytes());
+  }
 }
 
 std::unique_ptr<RasterDecoder> open_raster_decoder(const std::string& path) {

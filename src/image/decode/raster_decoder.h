@@ -5,6 +5,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include "image/decode/byte_reader.h"
 
@@ -44,6 +45,9 @@ class RasterDecoder {
 
   /// Writes the next row, `row_bytes()` long. Throws DecodeError; no row can be read after that.
   virtual void read_row(std::uint8_t* rgba) = 0;
+
+  /// Fills `pixels` with the whole image, instead of reading its rows. Throws DecodeError.
+  virtual void read_image(std::vector<std::uint8_t>& pixels);
 
  protected:
   virtual void prepare() = 0;

@@ -39,16 +39,27 @@ class WebpDecoder final : public RasterDecoder {
   }
 
   void read_row(std::uint8_t* rgba) override {
+    if (!decoder_) {
+      frame_ = std::make_unique_for_overwrite<std::uint8_t[]>(row_bytes() * info_.height);
+      decode_into(frame_.get());
+    }
     while (next_row_ >= rows_done_) decode_piece();
     std::memcpy(rgba, frame_.get() + next_row_++ * row_bytes(), row_bytes());
+  }
+
+  void read_image(std::vector<std::uint8_t>& pixels) override {
+    pixels.resize(row_bytes() * info_.height);
+    decode_into(pixels.data());
+    while (rows_done_ < info_.height) decode_piece();
   }
 
  private:
   void prepare() override {
     if (riff_bytes_ + kRiffHeaderBytes > reader_.size()) throw DecodeError("WebP: the file ends early");
-    const std::size_t bytes = row_bytes() * info_.height;
-    frame_ = std::make_unique_for_overwrite<std::uint8_t[]>(bytes);
-    decoder_.reset(WebPINewRGB(MODE_RGBA, frame_.get(), bytes, static_cast<int>(row_bytes())));
+  }
+
+  void decode_into(std::uint8_t* frame) {
+    decoder_.reset(WebPINewRGB(MODE_RGBA, frame, row_bytes() * info_.height, static_cast<int>(row_bytes())));
     if (!decoder_) throw std::bad_alloc();
     piece_.resize(kPieceBytes);
   }
