@@ -52,92 +52,30 @@ inline png_structp png_writer(std::string& file) {
   return png;
 }
 
-/// A PNG whose samples are `sample(x, y, channel)`, of `depth` bits; palettes have `palette_size` entries.
+/// A PNG of 8-bit RGBA whose pixels are `pixel(x, y)`.
 struct PngFile {
-  int color_type = PNG_COLOR_TYPE_RGB_ALPHA, depth = 8;
   bool interlaced = false;
-  bool transparency = false;  ///< a tRNS chunk: the colour of pixel (0, 0), or falling alpha of entries
   std::uint32_t width = 13, height = 11;
   std::uint32_t per_metre_x = 0, per_metre_y = 0;
   int unit = PNG_RESOLUTION_METER;
-  std::function<unsigned(std::uint32_t x, std::uint32_t y, unsigned channel)> sample =
-      [](std::uint32_t x, std::uint32_t y, unsigned channel) {
-        return x * 7919u + y * 104729u + channel * 31u + x * y;
-      };
+  std::function<Rgba(std::uint32_t x, std::uint32_t y)> pixel = busy_pixel;
 
-  unsigned channels() const {
-    return color_type == PNG_COLOR_TYPE_PALETTE ? 1 : 1 + (color_type & 2) + ((color_type & 4) != 0 ? 1 : 0);
-  }
-  unsigned top() const { return (1u << depth) - 1; }
-  unsigned value(std::uint32_t x, std::uint32_t y, unsigned channel) const {
-    return sample(x, y, channel) & top();
-  }
-  static png_color entry(unsigned index) {
-    return {static_cast<png_byte>(index * 3), static_cast<png_byte>(255 - index),
-            static_cast<png_byte>(index * 7)};
-  }
-
-  /// What the format's definition says the pixel is.
-  Rgba pixel(std::uint32_t x, std::uint32_t y) const {
-    const auto byte = [&](unsigned c) {
-      return static_cast<std::uint8_t>((value(x, y, c) * 510 + top()) / (2 * top()));
-    };
-    if (color_type == PNG_COLOR_TYPE_PALETTE) {
-      const unsigned index = value(x, y, 0);
-      const png_color color = entry(index);
-      const bool listed = transparency && index < 2;
-      return {color.red, color.green, color.blue, static_cast<std::uint8_t>(listed ? index * 90 : 255)};
-    }
-    const bool gray = (color_type & PNG_COLOR_MASK_COLOR) == 0;
-    std::uint8_t alpha = 255;
-    if ((color_type & PNG_COLOR_MASK_ALPHA) != 0) alpha = byte(channels() - 1);
-    if (transparency) {
-      bool same = true;
-      for (unsigned c = 0; c < channels(); ++c) same = same && value(x, y, c) == value(0, 0, c);
-      if (same) alpha = 0;
-    }
-    return gray ? Rgba{byte(0), byte(0), byte(0), alpha} : Rgba{byte(0), byte(1), byte(2), alpha};
-  }
-  Bytes pixels() const {
-    return rgba_image(width, height, [this](std::uint32_t x, std::uint32_t y) { return pixel(x, y); });
-  }
+  Bytes pixels() const { return rgba_image(width, height, pixel); }
 
   std::string bytes() const {
     std::string file;
     png_structp png = png_writer(file);
     png_infop info = png_create_info_struct(png);
     png_set_compression_level(png, 1);
-    png_set_IHDR(png, info, width, height, depth, color_type,
+    png_set_IHDR(png, info, width, height, 8, PNG_COLOR_TYPE_RGB_ALPHA,
                  interlaced ? PNG_INTERLACE_ADAM7 : PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_DEFAULT,
                  PNG_FILTER_TYPE_DEFAULT);
-    if (color_type == PNG_COLOR_TYPE_PALETTE) {
-      std::vector<png_color> palette;
-      for (unsigned i = 0; i <= top(); ++i) palette.push_back(entry(i));
-      png_set_PLTE(png, info, palette.data(), static_cast<int>(palette.size()));
-    }
-    if (transparency) {
-      png_byte alphas[] = {0, 90};
-      const auto c = [&](unsigned channel) { return static_cast<png_uint_16>(value(0, 0, channel)); };
-      png_color_16 color{0, c(0), c(1), c(2), c(0)};
-      png_set_tRNS(png, info, alphas, 2, &color);
-    }
     if (per_metre_x != 0) png_set_pHYs(png, info, per_metre_x, per_metre_y, unit);
     png_write_info(png, info);
-    std::vector<Bytes> rows(height, Bytes(png_get_rowbytes(png, info)));
-    std::vector<png_bytep> pointers;
-    for (std::uint32_t y = 0; y < height; ++y) {
-      for (std::uint32_t x = 0; x < width; ++x)
-        for (unsigned c = 0; c < channels(); ++c) {
-          const std::size_t bit = (std::size_t{x} * channels() + c) * static_cast<unsigned>(depth);
-          if (depth == 16) rows[y][bit / 8] = static_cast<std::uint8_t>(value(x, y, c) >> 8);
-          if (depth == 16) rows[y][bit / 8 + 1] = static_cast<std::uint8_t>(value(x, y, c));
-          if (depth <= 8)
-            rows[y][bit / 8] |=
-                static_cast<std::uint8_t>(value(x, y, c) << (8 - static_cast<unsigned>(depth) - bit % 8));
-        }
-      pointers.push_back(rows[y].data());
-    }
-    png_write_image(png, pointers.data());
+    Bytes samples = pixels();
+    std::vector<png_bytep> rows;
+    for (std::uint32_t y = 0; y < height; ++y) rows.push_back(samples.data() + std::size_t{y} * width * 4);
+    png_write_image(png, rows.data());
     png_write_end(png, info);
     png_destroy_write_struct(&png, &info);
     return file;

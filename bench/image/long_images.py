@@ -1,0 +1,61 @@
+#!/usr/bin/env python3
+"""Time and memory of whole jobs on PNG and JPEG of growing length: long_images.py NVO_RIP [WIDTH [ROWS...]]
+
+Needs python3-pil, and disk space of five times the longest image in TMPDIR. Prints a Markdown table.
+"""
+import os
+import pathlib
+import subprocess
+import sys
+import tempfile
+import time
+
+import PIL.Image
+
+TILE = 1000
+
+
+def artwork(width, rows):
+    """Soft colours and small detail, on ground that is transparent in places."""
+    ramp = PIL.Image.linear_gradient("L").resize((TILE, TILE))
+    noise = PIL.Image.effect_noise((TILE, TILE), 60)
+    alpha = PIL.Image.radial_gradient("L").resize((TILE, TILE)).point(lambda v: 255 if v < 160 else 0)
+    tile = PIL.Image.merge("RGBA", (ramp, noise, ramp.rotate(90), alpha))
+    image = PIL.Image.new("RGBA", (width, rows))
+    for y in range(0, rows, TILE):
+        for x in range(0, width, TILE):
+            image.paste(tile, (x, y))
+    return image
+
+
+def run(program, path, folder):
+    start = time.monotonic()
+    job = subprocess.Popen([program, str(path), str(folder / "out.prt")], stdout=subprocess.DEVNULL,
+                           stderr=subprocess.DEVNULL, env={**os.environ, "XDG_CONFIG_HOME": str(folder / "config")})
+    _, status, use = os.wait4(job.pid, 0)
+    assert status == 0, path
+    (folder / "out.prt").unlink()
+    return time.monotonic() - start, use.ru_utime + use.ru_stime, use.ru_maxrss / 1024
+
+
+def main(program, width=6000, *rows):
+    print("| File | Rows | File size, MB | Seconds | CPU seconds | CPU us a row | Memory, MiB |")
+    print("|---|---|---|---|---|---|---|")
+    with tempfile.TemporaryDirectory() as name:
+        folder = pathlib.Path(name)
+        small = folder / "small.png"
+        artwork(TILE, TILE).save(small)
+        run(program, small, folder)  # makes the masks
+        for count in map(int, rows or (10000, 20000, 40000)):
+            image = artwork(int(width), count)
+            for suffix, options in (("png", {"compress_level": 1}), ("jpg", {"quality": 92})):
+                path = folder / f"long.{suffix}"
+                (image if suffix == "png" else image.convert("RGB")).save(path, dpi=(300, 300), **options)
+                wall, cpu, memory = run(program, path, folder)
+                size = path.stat().st_size / 1e6
+                print(f"| {suffix.upper()} | {count} | {size:.0f} | {wall:.1f} | {cpu:.1f} | {cpu / count * 1e6:.0f} | {memory:.0f} |",
+                      flush=True)
+                path.unlink()
+
+
+main(*sys.argv[1:])
