@@ -3,6 +3,7 @@
 
 Needs python3-pil, and disk space of five times the longest image in TMPDIR. Prints a Markdown table.
 """
+import multiprocessing
 import os
 import pathlib
 import subprocess
@@ -28,6 +29,19 @@ def artwork(width, rows):
     return image
 
 
+def write(path, width, rows, options):
+    image = artwork(width, rows)
+    (image if path.suffix == ".png" else image.convert("RGB")).save(path, dpi=(300, 300), **options)
+
+
+def write_elsewhere(*arguments):
+    """In another process: a job's peak of memory begins with that of the process that starts it."""
+    writer = multiprocessing.Process(target=write, args=arguments)
+    writer.start()
+    writer.join()
+    assert writer.exitcode == 0
+
+
 def run(program, path, folder):
     start = time.monotonic()
     job = subprocess.Popen([program, str(path), str(folder / "out.prt")], stdout=subprocess.DEVNULL,
@@ -44,13 +58,12 @@ def main(program, width=6000, *rows):
     with tempfile.TemporaryDirectory() as name:
         folder = pathlib.Path(name)
         small = folder / "small.png"
-        artwork(TILE, TILE).save(small)
+        write_elsewhere(small, TILE, TILE, {})
         run(program, small, folder)  # makes the masks
         for count in map(int, rows or (10000, 20000, 40000)):
-            image = artwork(int(width), count)
             for suffix, options in (("png", {"compress_level": 1}), ("jpg", {"quality": 92})):
                 path = folder / f"long.{suffix}"
-                (image if suffix == "png" else image.convert("RGB")).save(path, dpi=(300, 300), **options)
+                write_elsewhere(path, int(width), count, options)
                 wall, cpu, memory = run(program, path, folder)
                 size = path.stat().st_size / 1e6
                 print(f"| {suffix.upper()} | {count} | {size:.0f} | {wall:.1f} | {cpu:.1f} | {cpu / count * 1e6:.0f} | {memory:.0f} |",

@@ -15,7 +15,6 @@ namespace nvo::test {
 namespace {
 
 using ::testing::ElementsAre;
-using ::testing::HasSubstr;
 using ::testing::ThrowsMessage;
 using Bytes = std::vector<std::uint8_t>;
 
@@ -71,9 +70,6 @@ TEST_F(ImageLoaderTest, NamesTheFileThatFails) {
   EXPECT_THAT([&] { load_image(path); },
               ThrowsMessage<std::runtime_error>("ImageLoader: failed to load TIFF '" + path +
                                                 "': TiffReader: cannot open '" + path + "'"));
-  EXPECT_THAT([] { load_image("a.tif.bak"); },
-              ThrowsMessage<std::runtime_error>("ImageLoader: unsupported image extension: a.tif.bak"));
-  EXPECT_THAT([] { load_image("tiff"); }, ThrowsMessage<std::runtime_error>(HasSubstr("unsupported")));
 }
 
 TEST(WhiteCoverage, RefusesRecordsThatContradictThemselves) {

@@ -9,6 +9,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "support/failure.h"
 #include "support/log_capture.h"
 #include "support/temp_dir.h"
 #include "support/tiff_file.h"
@@ -39,15 +40,6 @@ class TiffReaderTest : public ::testing::Test {
     return lines;
   }
 };
-
-std::string error_of(const auto& action) {
-  try {
-    action();
-  } catch (const std::exception& failure) {
-    return failure.what();
-  }
-  return "no exception";
-}
 
 // --- what samples mean ---
 
@@ -186,18 +178,18 @@ TEST_F(TiffReaderTest, RefusesWhatItCannotProcess) {
   };
   for (const auto& c : cases) {
     TiffReader reader = open(c.file);
-    EXPECT_EQ(error_of([&] { reader.read_meta(); }), c.text);
+    EXPECT_EQ(failure_of([&] { reader.read_meta(); }), c.text);
   }
 
   TiffReader reader;
   EXPECT_THROW(reader.read_meta(), std::logic_error);
-  EXPECT_EQ(error_of([&] { reader.read_rows(0, 1); }), "TiffReader::read_meta called before open()");
+  EXPECT_EQ(failure_of([&] { reader.read_rows(0, 1); }), "TiffReader::read_meta called before open()");
   const std::string missing = dir_.file("missing.tif");
   log_.take();
-  EXPECT_EQ(error_of([&] { reader.open(missing); }), "TiffReader: cannot open '" + missing + "'");
+  EXPECT_EQ(failure_of([&] { reader.open(missing); }), "TiffReader: cannot open '" + missing + "'");
   EXPECT_THAT(log_.take(),
               ::testing::ElementsAre("[ERROR] libtiff: " + missing + ": No such file or directory"));
-  EXPECT_EQ(error_of([&] { reader.open(dir_.path()); }),
+  EXPECT_EQ(failure_of([&] { reader.open(dir_.path()); }),
             "TiffReader: cannot open '" + dir_.path().string() + "'");
 }
 
@@ -236,7 +228,7 @@ TEST_F(TiffReaderTest, ReadsAnyBandInAnyOrder) {
 
     EXPECT_TRUE(reader.read_rows(file.height + 9, 0).empty());
     for (auto [y, rows] : {std::pair{file.height, 1u}, {1u, file.height}, {0u, 0xFFFFFFFFu}})
-      EXPECT_EQ(error_of([&, y = y, rows = rows] { reader.read_rows(y, rows); }),
+      EXPECT_EQ(failure_of([&, y = y, rows = rows] { reader.read_rows(y, rows); }),
                 "TiffReader: row-range request is out of bounds");
   }
 }
@@ -281,9 +273,9 @@ TEST_F(TiffReaderTest, FindsDamageOnlyInTheRowsReadAndStaysUsable) {
     TiffReader reader = open(file);
     damage_piece(path_, 3);
     EXPECT_EQ(reader.read_rows(0, 48), file.band(0, 48));
-    EXPECT_EQ(error_of([&] { reader.read_rows(40, 9); }), text);
+    EXPECT_EQ(failure_of([&] { reader.read_rows(40, 9); }), text);
     EXPECT_EQ(reader.read_rows(30, 18), file.band(30, 18));
-    EXPECT_EQ(error_of([&] { reader.read_rows(63, 1); }), text);
+    EXPECT_EQ(failure_of([&] { reader.read_rows(63, 1); }), text);
   }
 }
 
