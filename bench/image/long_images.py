@@ -66,8 +66,8 @@ def main(program, width=6000, *rows):
                 write_elsewhere(path, int(width), count, options)
                 wall, cpu, memory = run(program, path, folder)
                 size = path.stat().st_size / 1e6
-                print(f"| {suffix.upper()} | {count} | {size:.0f} | {wall:.1f} | {cpu:.1f} | {cpu / count * 1e6:.0f} | {memory:.0f} |",
-                      flush=True)
+                figures = f"{size:.0f} | {wall:.1f} | {cpu:.1f} | {cpu / count * 1e6:.0f} | {memory:.0f}"
+                print(f"| {suffix.upper()} | {count} | {figures} |", flush=True)
                 path.unlink()
 
 

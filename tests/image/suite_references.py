@@ -24,7 +24,8 @@ def png_chunks(data):
     while at + 12 <= len(data):
         size, kind = struct.unpack(">I4s", data[at : at + 8])
         body = data[at + 8 : at + 8 + size]
-        checked = zlib.crc32(kind + body) == struct.unpack(">I", data[at + 8 + size : at + 12 + size].rjust(4, b"\0"))[0]
+        stated = data[at + 8 + size : at + 12 + size]
+        checked = struct.pack(">I", zlib.crc32(kind + body)) == stated
         critical = not kind[0] & 32
         if not checked and critical:
             raise ValueError("checksum")
