@@ -25,6 +25,10 @@ std::uint8_t sample(std::uint32_t x, std::uint32_t y, std::uint32_t channel) {
   return static_cast<std::uint8_t>((x * (channel + 1) + y * 3) / 16 + (x * 2654435761u ^ y * 40503u) % 4);
 }
 
+test::Rgba rgba_sample(std::uint32_t x, std::uint32_t y) {
+  return {sample(x, y, 0), sample(x, y, 1), sample(x, y, 2), sample(x, y, 3)};
+}
+
 /// The same art in every format.
 class Files {
  public:
@@ -42,7 +46,7 @@ class Files {
 
     test::PngFile png;
     png.width = kWidth, png.height = kHeight;
-    png.sample = sample;
+    png.pixel = rgba_sample;
     test::write_all(dir_.file("rgba.png"), png.bytes());
     test::JpegFile jpeg;
     jpeg.width = kWidth, jpeg.height = kHeight;
@@ -50,9 +54,7 @@ class Files {
       return sample(x, y, static_cast<std::uint32_t>(component));
     };
     test::write_all(dir_.file("rgb.jpg"), jpeg.bytes());
-    const auto rgba = test::rgba_image(kWidth, kHeight, [](auto x, auto y) -> test::Rgba {
-      return {sample(x, y, 0), sample(x, y, 1), sample(x, y, 2), sample(x, y, 3)};
-    });
+    const auto rgba = test::rgba_image(kWidth, kHeight, rgba_sample);
     test::write_all(dir_.file("rgba.webp"), test::webp_bytes(rgba, kWidth, kHeight, true));
   }
   std::string path(const std::string& name) const { return dir_.file(name); }
