@@ -19,6 +19,9 @@ using std::chrono::milliseconds;
 
 constexpr const char* kUserAgent = "nvo_rip_update/1.0";
 constexpr std::size_t kMaxHeaderBytes = 0x40000;
+/// The library doesn't always wake for the second address of a name whose first one is silent (curl issue
+/// 11920).
+constexpr milliseconds kLongestNap{100};
 
 template <class T, auto free_object>
 struct Deleter {
@@ -248,8 +251,10 @@ class HttpsTransport::Session {
     options.set(CURLOPT_CAPATH, static_cast<const char*>(nullptr));
   }
 
-  static void set_request(Options& options, const Headers& headers, std::string_view json,
-                          Response& response) {
+  void set_request(Options& options, const Headers& headers, std::string_view json,
+                   Response& response) const {
+    // With a limit of its own the library leaves a silent address in time to try the next one.
+    options.set(CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(limits_.connect.count()));
     options.set(CURLOPT_HTTPHEADER, headers.get());
     options.set(CURLOPT_USERAGENT, kUserAgent);
     options.set(CURLOPT_POST, 1L);
@@ -310,7 +315,8 @@ class HttpsTransport::Session {
       else if (left <= milliseconds(0))
         transfer.finish(CURLE_OPERATION_TIMEDOUT);
       else
-        curl_multi_poll(multi_.get(), nullptr, 0, static_cast<int>(left.count()), nullptr);
+        curl_multi_poll(multi_.get(), nullptr, 0, static_cast<int>(std::min(left, kLongestNap).count()),
+                        nullptr);
     }
     return *transfer.result();
   }

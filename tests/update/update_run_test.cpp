@@ -3,6 +3,7 @@
 #include <chrono>
 #include <filesystem>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "support/child_process.h"
@@ -15,27 +16,47 @@ namespace {
 
 using nlohmann::json;
 using test::Answer;
+using test::LoopbackServer;
+using testing::HasSubstr;
+using Variables = std::map<std::string, std::string>;
+
+const std::string kFailed = "WinHTTP send/receive failed (code=";
 
 struct Outcome {
   int code = 0;
   std::string out, err;
+  std::chrono::milliseconds took{};
+
+  /// Why the check failed, as the log has it.
+  std::string failure() const {
+    const std::string start = "[WARN ] Update check unavailable: ";
+    const auto at = out.find(start);
+    if (at == std::string::npos) return {};
+    return out.substr(at + start.size(), out.find('\n', at) - at - start.size());
+  }
 };
+
+const test::SigningKey& key() {
+  static const test::SigningKey made;
+  return made;
+}
+
+std::string signed_answer(const json& request, const json& changes = json::object()) {
+  json payload = test::good_payload(request.at("client_nonce"));
+  payload.update(changes);
+  return key().sign(payload);
+}
+
+/// Answers with a good manifest and these members in it.
+LoopbackServer::Script manifest_with(const json& changes = json::object()) {
+  return [changes](const json& request) { return test::http_answer(signed_answer(request, changes)); };
+}
+LoopbackServer::Script always(const Answer& answer) {
+  return [answer](const json&) { return answer; };
+}
 
 class UpdateRun : public testing::Test {
  protected:
-  static const test::SigningKey& key() {
-    static const test::SigningKey made;
-    return made;
-  }
-  static std::string nonce_of(const json& request) { return request.at("client_nonce"); }
-  /// Answers with a good manifest and these members in it.
-  static test::LoopbackServer::Script manifest_with(const json& changes = json::object()) {
-    return [changes](const json& request) {
-      json payload = test::good_payload(nonce_of(request));
-      payload.update(changes);
-      return test::http_answer(key().sign(payload));
-    };
-  }
   void use(const std::vector<std::string>& origins, int limit_ms = 10'000) {
     const json record = {{"origins", origins},
                          {"download_hosts", {"downloads.example.test"}},
@@ -44,27 +65,33 @@ class UpdateRun : public testing::Test {
                          {"limit_ms", limit_ms}};
     test::write_all(dir.file("service.json"), record.dump());
   }
-  Outcome rip(const std::string& input, const char* program = NVO_UPDATE_TEST_PROGRAM,
-              const std::string& language = "C") const {
-    test::ChildProcess child({program, input}, {{"XDG_CONFIG_HOME", dir.file("config")},
-                                                {"NVO_UPDATE_TEST_SERVICE", dir.file("service.json")},
-                                                {"LC_ALL", language},
-                                                {"no_proxy", "*"}});
+  Outcome rip(const std::string& input, Variables environment = {},
+              const char* program = NVO_UPDATE_TEST_PROGRAM) const {
+    environment.insert({{"XDG_CONFIG_HOME", dir.file("config")},
+                        {"NVO_UPDATE_TEST_SERVICE", dir.file("service.json")},
+                        {"LC_ALL", "C"},
+                        {"no_proxy", "*"}});
+    const auto begun = std::chrono::steady_clock::now();
+    test::ChildProcess child({program, input}, environment);
     const int code = child.wait();
-    return {code, child.out(), child.err()};
+    const auto took = std::chrono::steady_clock::now() - begun;
+    return {code, child.out(), child.err(), std::chrono::duration_cast<std::chrono::milliseconds>(took)};
+  }
+  /// A run without an image, which ends behind the check.
+  Outcome check(const std::vector<std::string>& origins, int limit_ms = 10'000,
+                const Variables& environment = {}) {
+    use(origins, limit_ms);
+    Outcome outcome = rip(dir.file("none.tif"), environment);
+    EXPECT_EQ(outcome.code, 2) << outcome.out << outcome.err;
+    return outcome;
   }
   std::string art() const {
-    const auto pixel = [](std::uint32_t x, std::uint32_t y, std::uint8_t* ink) {
-      for (std::uint32_t c = 0; c < 5; ++c) ink[c] = static_cast<std::uint8_t>(x * y * c);
-    };
-    test::write_tiff(dir.file("art.tif"), test::cmykw_tiff(16, 16, pixel));
+    test::write_tiff(dir.file("art.tif"), test::cmykw_tiff(16, 16, {}));
     return dir.file("art.tif");
   }
   std::string trace() const { return test::read_all(dir.file("config/NVO_RIP/logs/update_trace.log")); }
   /// Nothing listens there any more.
-  std::string dead_origin() const {
-    return test::LoopbackServer([](const json&) { return Answer(); }, dir.file("dead.pem")).origin();
-  }
+  static std::string dead_origin() { return "https://127.0.0.1:" + test::Listener().port(); }
 
   test::TempDir dir;
   std::string ca_file = dir.file("ca.pem");
@@ -72,181 +99,198 @@ class UpdateRun : public testing::Test {
 
 TEST_F(UpdateRun, AnOptionalUpdateIsLoggedAndTheJobGoesOn) {
   json request;
-  const auto good = manifest_with();
-  std::string origin;
-  Outcome outcome;
-  {
-    const test::LoopbackServer server([&](const json& asked) { return request = asked, good(asked); },
-                                      ca_file);
-    use({origin = server.origin()});
-    outcome = rip(art());
-  }
+  const auto keep_request = [&](const json& asked) {
+    request = asked;
+    return test::http_answer(signed_answer(asked));
+  };
+  const LoopbackServer server(keep_request, ca_file);
+  const std::string origin = server.origin();
+  use({origin});
+  const Outcome outcome = rip(art());
   EXPECT_EQ(outcome.code, 0) << outcome.out;
-  EXPECT_NE(outcome.out.find("[INFO ] Pre-RIP guard allowed RIP [allowed]: Pre-RIP policy guard passed. (An "
-                             "update is available.)\n"),
-            std::string::npos);
-  EXPECT_NE(outcome.out.find("[INFO ] Update available: 0.2.0\n"), std::string::npos);
+  EXPECT_THAT(outcome.out,
+              HasSubstr("[INFO ] Pre-RIP guard allowed RIP [allowed]: Pre-RIP policy guard passed. "
+                        "(An update is available.)\n"));
+  EXPECT_THAT(outcome.out, HasSubstr("[INFO ] Update available: 0.2.0\n"));
   EXPECT_TRUE(std::filesystem::exists(dir.file("art.prt")));
 
-  EXPECT_EQ(nonce_of(request).size(), 32u);
-  EXPECT_EQ(nonce_of(request).find_first_not_of("0123456789abcdef"), std::string::npos);
+  EXPECT_THAT(request.at("client_nonce").get<std::string>(), testing::MatchesRegex("[0-9a-f]{32}"));
   request.erase("client_nonce");
   EXPECT_EQ(request, json::parse(R"({"current_version":"0.1.7","channel":"stable","platform":"windows",
                                      "arch":"x64","build_id":"1071"})"));
-  const std::string lines = trace();
-  EXPECT_NE(lines.find("\",\"stage\":\"update_check_primary_ok\",\"origin\":\"" + origin +
-                       "\",\"latest_version\":\"0.2.0\",\"latest_build_id\":\"2000\",\"effective_url\":\"" +
-                       origin + "/v1/update/check\"}\n"),
-            std::string::npos)
-      << lines;
-  EXPECT_EQ(lines.rfind("{\"ts\":\"", 0), 0u);
+  EXPECT_THAT(trace(), testing::StartsWith("{\"ts\":\""));
+  EXPECT_THAT(trace(),
+              HasSubstr("Z\",\"stage\":\"update_check_start\",\"current_version\":\"0.1.7\",\"build_id\":"
+                        "\"1071\",\"channel\":\"stable\",\"platform\":\"windows\",\"arch\":\"x64\"}\n"));
+  EXPECT_THAT(trace(),
+              HasSubstr("\",\"stage\":\"update_check_primary_ok\",\"origin\":\"" + origin +
+                        "\",\"latest_version\":\"0.2.0\",\"latest_build_id\":\"2000\",\"effective_url\":\"" +
+                        origin + "/v1/update/check\"}\n"));
 }
 
 TEST_F(UpdateRun, AMandatoryUpdateBlocksAlsoWithoutTheServerUntilTheNewBuildRuns) {
   const std::string input = art();
   const auto is_blocked = [&](const std::string& reason) {
     const Outcome outcome = rip(input);
-    const std::string line = "Pre-RIP guard blocked RIP [mandatory_update_required]: " + reason + "\n";
     EXPECT_EQ(outcome.code, 4);
     EXPECT_EQ(outcome.err, "Pre-RIP guard blocked RIP: " + reason + " (mandatory_update_required)\n");
-    EXPECT_NE(outcome.out.find("[ERROR] " + line), std::string::npos) << outcome.out;
+    EXPECT_THAT(outcome.out,
+                HasSubstr("[ERROR] Pre-RIP guard blocked RIP [mandatory_update_required]: " + reason + "\n"));
     EXPECT_FALSE(std::filesystem::exists(dir.file("art.prt")));
   };
+  const std::string remembered = "Update check unavailable, but a mandatory update was previously confirmed.";
   {
-    const test::LoopbackServer server(manifest_with({{"mandatory", true}}), ca_file);
+    const LoopbackServer server(manifest_with({{"mandatory", true}}), ca_file);
     use({server.origin()});
     is_blocked("A mandatory update is required.");
-    EXPECT_EQ(rip(input, NVO_UPDATE_TEST_PROGRAM, "ru_RU.UTF-8").err,
+    EXPECT_EQ(rip(input, {{"LC_ALL", "ru_RU.UTF-8"}}).err,
               "Pre-RIP guard blocked RIP: A mandatory update is required. (mandatory_update_required)\n"
               "Перед обработкой (RIP) необходимо установить обязательное обновление.\n");
   }
-  is_blocked("Update check unavailable, but a mandatory update was previously confirmed.");
-  EXPECT_EQ(rip(input, NVO_NEXT_BUILD_TEST_PROGRAM).code, 0);
+  is_blocked(remembered);
+  EXPECT_EQ(rip(input, {}, NVO_NEXT_BUILD_TEST_PROGRAM).code, 0);
   EXPECT_TRUE(std::filesystem::remove(dir.file("art.prt")));
-  is_blocked("Update check unavailable, but a mandatory update was previously confirmed.");
-  const test::LoopbackServer server(manifest_with({{"update_available", false}}), ca_file);
+  is_blocked(remembered);
+  const LoopbackServer server(manifest_with({{"update_available", false}}), ca_file);
   use({server.origin()});
   EXPECT_EQ(rip(input).code, 0) << "the service took it back";
 }
 
 TEST_F(UpdateRun, EveryBadAnswerEndsTheCheckWithItsTextAndNothingElse) {
-  const auto good_body = [](const json& request) {
-    return key().sign(test::good_payload(nonce_of(request)));
+  const std::string too_large = "Update response exceeds maximum allowed size", ok = "HTTP/1.1 200 OK\r\n";
+  const auto by_another_key = [](const json& request) {
+    return test::http_answer(test::SigningKey().sign(test::good_payload(request.at("client_nonce"))));
   };
-  const auto plain = [](Answer answer) { return [answer](const json&) { return answer; }; };
-  const std::string send_failed = "WinHTTP send/receive failed (code=";
-  struct Case {
-    std::string name;
-    test::LoopbackServer::Script script;
-    std::string error;
+  const auto with_flipped_byte = [](const json& request) {
+    std::string body = signed_answer(request);
+    body[body.find("0.2.0") + 4] ^= 1;
+    return test::http_answer(body);
   };
-  const std::vector<Case> cases = {
-      {"stale", manifest_with({{"issued_at", test::good_payload("", 605)["issued_at"]}}),
+  const auto busy = [](const json& request) { return test::http_answer(signed_answer(request), "503 Busy"); };
+  std::string endless_headers = ok;
+  while (endless_headers.size() < 0x50000) endless_headers += "X: " + std::string(500, 'x') + "\r\n";
+  const std::vector<std::pair<LoopbackServer::Script, std::string>> cases = {
+      {manifest_with({{"issued_at", test::good_payload("", 605)["issued_at"]}}),
        "Signed update manifest is stale"},
-      {"future", manifest_with({{"issued_at", test::good_payload("", -330)["issued_at"]}}),
+      {manifest_with({{"issued_at", test::good_payload("", -330)["issued_at"]}}),
        "Signed update manifest is outside future clock-skew window"},
-      {"nonce of another request", manifest_with({{"client_nonce", std::string(32, '0')}}),
-       "Signed update manifest nonce mismatch"},
-      {"host", manifest_with({{"download_url", "https://127.0.0.1/x"}}),
+      {manifest_with({{"client_nonce", std::string(32, '0')}}), "Signed update manifest nonce mismatch"},
+      {manifest_with({{"download_url", "https://127.0.0.1/x"}}),
        "Update download host is not allowed: 127.0.0.1"},
-      {"another key",
-       [](const json& request) {
-         return test::http_answer(test::SigningKey().sign(test::good_payload(nonce_of(request))));
-       },
-       "Signature verification failed"},
-      {"flipped byte",
-       [&](const json& request) {
-         std::string body = good_body(request);
-         body[body.find("0.2.0") + 4] ^= 1;
-         return test::http_answer(body);
-       },
-       "Signature verification failed"},
-      {"status", [&](const json& request) { return test::http_answer(good_body(request), "503 Busy"); },
-       "HTTP 503"},
-      {"no JSON", plain(test::http_answer("<html>Sign in to this network</html>")),
+      {by_another_key, "Signature verification failed"},
+      {with_flipped_byte, "Signature verification failed"},
+      {busy, "HTTP 503"},
+      {always(test::http_answer("<html>Sign in to this network</html>")), "JSON root must be an object"},
+      {always(test::http_answer("")), "JSON root must be an object"},
+      {always({"HTTP/1.1 302 Found\r\nLocation: https://127.0.0.1:1/\r\nContent-Length: 0\r\n\r\n"}),
        "JSON root must be an object"},
-      {"empty", plain(test::http_answer("")), "JSON root must be an object"},
-      {"redirect",
-       plain({"HTTP/1.1 302 Found\r\nLocation: https://127.0.0.1:1/\r\nContent-Length: 0\r\n\r\n"}),
-       "JSON root must be an object"},
-      {"too large", plain(test::http_answer(std::string(0x40001, ' '))),
-       "Update response exceeds maximum allowed size"},
-      {"without end", plain({"HTTP/1.1 200 OK\r\n\r\n" + std::string(0x80000, ' '), true}),
-       "Update response exceeds maximum allowed size"},
-      {"headers without end",
-       plain({"HTTP/1.1 200 OK\r\n" +
-                  [] {
-                    std::string lines;
-                    while (lines.size() < 0x50000) lines += "X: " + std::string(500, 'x') + "\r\n";
-                    return lines;
-                  }(),
-              true}),
-       "Update response exceeds maximum allowed size"},
-      {"half closed", plain({"HTTP/1.1 200 OK\r\nContent-Length: 900\r\n\r\n{\"payload\":{"}),
-       send_failed + "18)"},
-      {"closed", plain({}), send_failed + "52)"},
-      {"no HTTP", plain({"220 mail.test ESMTP\r\n"}), send_failed + "1)"},
+      {always(test::http_answer(std::string(0x40001, ' '))), too_large},
+      {always({ok + "\r\n" + std::string(0x80000, ' '), Answer::hold}), too_large},
+      {always({endless_headers, Answer::hold}), too_large},
+      {always({ok + "Content-Length: 900\r\n\r\n{\"payload\":{"}), kFailed + "18)"},
+      {always({}), kFailed + "52)"},
+      {always({"220 mail.test ESMTP\r\n"}), kFailed + "1)"},
   };
-  for (const Case& c : cases) {
-    const test::LoopbackServer server(c.script, ca_file);
-    use({server.origin()});
-    const Outcome outcome = rip(dir.file("none.tif"));
-    EXPECT_EQ(outcome.code, 2) << c.name << ": ended by the missing image, not by the check";
-    EXPECT_NE(outcome.out.find("[WARN ] Update check unavailable: " + c.error + "\n"), std::string::npos)
-        << c.name << ": " << outcome.out;
-    EXPECT_EQ(outcome.err, "") << c.name;
+  for (const auto& [script, text] : cases) {
+    const LoopbackServer server(script, ca_file);
+    const Outcome outcome = check({server.origin()});
+    EXPECT_EQ(outcome.failure(), text) << &text - &cases[0].second;
+    EXPECT_EQ(outcome.err, "");
   }
 }
 
-TEST_F(UpdateRun, SilenceAndAnUnfinishedAnswerEndAtTheLimit) {
-  const Answer answers[] = {{"", true}, {"HTTP/1.1 200 OK\r\nContent-Length: 900\r\n\r\n{", true}};
-  for (const Answer& answer : answers) {
-    const test::LoopbackServer server([&](const json&) { return answer; }, ca_file);
-    use({server.origin()}, 500);
-    const auto begun = std::chrono::steady_clock::now();
-    const Outcome outcome = rip(dir.file("none.tif"));
-    EXPECT_LT(std::chrono::steady_clock::now() - begun, std::chrono::seconds(8));
-    EXPECT_NE(outcome.out.find("Update check unavailable: WinHTTP send/receive failed (code=28)\n"),
-              std::string::npos)
-        << outcome.out;
+TEST_F(UpdateRun, NobodyHoldsTheRunBeyondTheLimits) {
+  const std::string ok = "HTTP/1.1 200 OK\r\n";
+  for (const Answer& answer :
+       {Answer{"", Answer::hold}, Answer{ok + "Content-Length: 900\r\n\r\n{", Answer::hold},
+        Answer{ok + "\r\n", Answer::trickle}, Answer{ok + "X: ", Answer::trickle}}) {
+    const LoopbackServer server(always(answer), ca_file);
+    const Outcome outcome = check({server.origin()}, 400);
+    EXPECT_EQ(outcome.failure(), kFailed + "28)") << answer.bytes;
+    EXPECT_LT(outcome.took, std::chrono::seconds(8)) << answer.bytes;
+  }
+  test::Listener listener;
+  for (const char* name : {"without TLS", "without a connection"}) {
+    const Outcome outcome = check({"https://127.0.0.1:" + listener.port()}, 400);
+    EXPECT_EQ(outcome.failure(), kFailed + "28)") << name;
+    EXPECT_LT(outcome.took, std::chrono::seconds(8)) << name;
+    listener.fall_silent();
   }
 }
 
 TEST_F(UpdateRun, OnlyAnUnreachableOriginLeadsToTheFallback) {
-  const test::LoopbackServer good(manifest_with(), ca_file);
+  const LoopbackServer good(manifest_with(), ca_file);
   const std::string dead = dead_origin();
-  use({dead, good.origin()});
-  Outcome outcome = rip(dir.file("none.tif"));
-  EXPECT_NE(outcome.out.find("[WARN ] Update check transport failed on origin " + dead +
-                             ": WinHTTP send/receive failed (code=7)\n"),
-            std::string::npos);
-  EXPECT_NE(outcome.out.find("[INFO ] Update check fallback origin succeeded: " + good.origin() + "\n"),
-            std::string::npos)
-      << outcome.out;
-  EXPECT_NE(trace().find("\"update_check_primary_fail\",\"origin\":\"" + dead +
-                         "\",\"error\":\"WinHTTP send/receive failed (code=7)\",\"winhttp_error_code\":\"7\","
-                         "\"reason\":\"transport failed\"}\n"),
-            std::string::npos);
-  EXPECT_NE(trace().find("\"update_check_fallback_ok\""), std::string::npos);
+  EXPECT_THAT(
+      check({dead, good.origin()}).out,
+      testing::AllOf(
+          HasSubstr("[WARN ] Update check transport failed on origin " + dead + ": " + kFailed + "7)\n"),
+          HasSubstr("[INFO ] Update check fallback origin succeeded: " + good.origin() + "\n")));
+  EXPECT_THAT(trace(),
+              HasSubstr("\"update_check_primary_fail\",\"origin\":\"" + dead + "\",\"error\":\"" + kFailed +
+                        "7)\",\"winhttp_error_code\":\"7\",\"reason\":\"transport failed\"}\n"));
+  EXPECT_THAT(trace(), HasSubstr("\"update_check_fallback_ok\""));
 
-  const test::LoopbackServer bad([](const json&) { return test::http_answer("{}"); }, dir.file("bad.pem"));
-  use({bad.origin(), good.origin()});
-  outcome = rip(dir.file("none.tif"));
-  EXPECT_NE(outcome.out.find("[WARN ] Update check transport failed on origin " + bad.origin() +
-                             ": WinHTTP send/receive failed (code=60)\n"),
-            std::string::npos)
-      << "a certificate of an unknown authority";
-  EXPECT_NE(outcome.out.find("fallback origin succeeded"), std::string::npos);
-
+  const LoopbackServer bad(always(test::http_answer("{}")), dir.file("bad.pem"));
   ca_file = dir.file("bad.pem");
-  use({bad.origin(), good.origin()});
-  outcome = rip(dir.file("none.tif"));
-  EXPECT_NE(outcome.out.find("Update check unavailable: Missing payload in signed update manifest\n"),
-            std::string::npos);
-  EXPECT_NE(
-      trace().find("\"http_status\":\"200\",\"parse_error\":\"Missing payload in signed update manifest\","
-                   "\"reason\":\"response parse failed\"}\n"),
-      std::string::npos);
+  EXPECT_EQ(check({bad.origin(), good.origin()}).failure(), "Missing payload in signed update manifest");
+  EXPECT_THAT(trace(), HasSubstr("\"http_status\":\"200\",\"parse_error\":\"Missing payload in signed update "
+                                 "manifest\",\"reason\":\"response parse failed\"}\n"));
+}
+
+TEST_F(UpdateRun, AServerIsKnownByItsCertificate) {
+  const auto failure_with = [&](const test::ServerTerms& terms, const std::string& file,
+                                const std::string& host) {
+    const LoopbackServer server(manifest_with(), file, terms);
+    return check({server.origin(host)}).failure();
+  };
+  test::ServerTerms other_name, expired;
+  other_name.names = "DNS:service.test,IP:127.0.0.2";
+  expired.authority_has_expired = true;
+  EXPECT_EQ(failure_with({}, ca_file, "127.0.0.1"), "");
+  EXPECT_EQ(failure_with(other_name, ca_file, "127.0.0.1"), kFailed + "60)");
+  EXPECT_EQ(failure_with(expired, ca_file, "127.0.0.1"), kFailed + "60)");
+  EXPECT_EQ(failure_with({}, dir.file("unknown.pem"), "127.0.0.1"), kFailed + "60)");
+  try {
+    test::Listener("::1");
+  } catch (const std::exception&) {
+    GTEST_SKIP() << "no IPv6 on this machine";
+  }
+  test::ServerTerms v6;
+  v6.address = "::1";
+  EXPECT_EQ(failure_with(v6, ca_file, "[::1]"), "");
+}
+
+TEST_F(UpdateRun, AProxyOfTheSystemIsUsedButNotTrusted) {
+  const auto failure_behind = [&](const Answer& as_proxy, const char* names, const Variables& more = {}) {
+    test::ServerTerms terms;
+    terms.as_proxy = as_proxy;
+    terms.names = names;
+    const LoopbackServer server(manifest_with(), ca_file, terms);
+    Variables environment = {{"https_proxy", "http://127.0.0.1:" + server.port()}, {"no_proxy", ""}};
+    environment.insert(more.begin(), more.end());
+    const Outcome outcome = check({"https://service.test"}, 400, environment);
+    EXPECT_LT(outcome.took, std::chrono::seconds(8));
+    return outcome.failure();
+  };
+  const std::string ok = "HTTP/1.1 200 OK\r\n";
+  EXPECT_EQ(failure_behind({ok + "\r\n"}, "DNS:service.test"), "");
+  EXPECT_EQ(failure_behind({ok + "\r\n"}, "DNS:proxy.test"), kFailed + "60)")
+      << "it answers in the service's place";
+  EXPECT_EQ(failure_behind({"HTTP/1.1 407 No\r\n\r\n"}, "DNS:service.test"), kFailed + "56)");
+  EXPECT_EQ(failure_behind({ok + "X: ", Answer::trickle}, "DNS:service.test"), kFailed + "28)");
+
+  const test::Listener silent;
+  const LoopbackServer server(manifest_with(), ca_file);
+  for (const auto& [port, excepted, text] : std::vector<std::tuple<std::string, std::string, std::string>>{
+           {silent.port(), "", kFailed + "28)"},
+           {dead_origin().substr(18), "", kFailed + "7)"},
+           {silent.port(), "127.0.0.1", ""}}) {
+    const Outcome outcome =
+        check({server.origin()}, 400, {{"https_proxy", "http://127.0.0.1:" + port}, {"no_proxy", excepted}});
+    EXPECT_EQ(outcome.failure(), text);
+    EXPECT_LT(outcome.took, std::chrono::seconds(8));
+  }
 }
 
 }  // namespace
