@@ -15,11 +15,6 @@
 namespace nvo {
 namespace {
 
-struct Outcome {
-  int code = 0;
-  std::string out, err;
-};
-
 /// A folder with inputs in which the real program runs.
 class CommandLine : public testing::Test {
  protected:
@@ -31,7 +26,7 @@ class CommandLine : public testing::Test {
     return {{"XDG_CONFIG_HOME", dir.file("config")}, {"TZ", "UTC"}};
   }
   /// The program with a terminal of 40 columns on its standard error.
-  Outcome rip_on_terminal(std::vector<std::string> arguments, const std::string& progress) const {
+  test::Outcome rip_on_terminal(std::vector<std::string> arguments, const std::string& progress) const {
     int screen = -1, descriptor = -1;
     winsize size{24, 40, 0, 0};
     if (::openpty(&screen, &descriptor, nullptr, nullptr, &size) != 0)
@@ -40,7 +35,7 @@ class CommandLine : public testing::Test {
     variables["NVO_RIP_PROGRESS"] = progress;
     test::ChildProcess child(command(std::move(arguments)), variables, descriptor);
     ::close(descriptor);
-    Outcome outcome;
+    test::Outcome outcome;
     char bytes[4096];
     for (ssize_t got = 0; (got = ::read(screen, bytes, sizeof bytes)) > 0;)
       outcome.err.append(bytes, static_cast<std::size_t>(got));
@@ -49,10 +44,8 @@ class CommandLine : public testing::Test {
     outcome.out = child.out();
     return outcome;
   }
-  Outcome rip(std::vector<std::string> arguments) const {
-    test::ChildProcess child(command(std::move(arguments)), environment());
-    const int code = child.wait();
-    return {code, child.out(), child.err()};
+  test::Outcome rip(std::vector<std::string> arguments) const {
+    return test::run_to_end(command(std::move(arguments)), environment());
   }
   std::string art(const std::string& name, std::uint32_t width, std::uint32_t height) const {
     const auto pixel = [](std::uint32_t x, std::uint32_t y, std::uint8_t* ink) {
@@ -75,36 +68,29 @@ TEST_F(CommandLine, ArgumentsAreReadInTheirOrder) {
   const std::string version =
       "{\"version\":\"0.1.7\",\"build_id\":\"1071\",\"channel\":\"stable\",\"platform\":\"windows\",\"arch\":"
       "\"x64\"}\n";
-  struct Case {
-    std::vector<std::string> arguments;
-    int code;
-    std::string out, err;
-  };
-  const std::vector<Case> cases = {
-      {{},
-       1,
-       "NVO RIP CLI   Hoson i3200\n\nUsage: nvo_rip <input_image> [output.prt|output.prn]\n\n"
-       "For nesting: use nvo_rip_gui.exe\n",
-       ""},
-      {{"--print-app-version-json"}, 0, version, ""},
+  const std::string usage =
+      "NVO RIP CLI   Hoson i3200\n\nUsage: nvo_rip <input_image> [output.prt|output.prn]\n\n"
+      "For nesting: use nvo_rip_gui.exe\n";
+  const std::vector<std::tuple<std::vector<std::string>, int, std::string, std::string>> cases = {
+      {{}, 1, usage, ""},
       {{"--print-app-version-json", "extra"}, 0, version, ""},
       {{""}, 1, "", "Invalid input path encoding.\n"},
       {{"bad\xff.tif"}, 1, "", "Invalid input path encoding.\n"},
       {{"a.tif", ""}, 1, "", "Invalid output path encoding.\n"},
       {{"a.tif", "\xC0\xAF"}, 1, "", "Invalid output path encoding.\n"},
   };
-  for (const Case& c : cases) {
-    const Outcome outcome = rip(c.arguments);
-    EXPECT_EQ(outcome.code, c.code);
-    EXPECT_EQ(outcome.out, c.out);
-    EXPECT_EQ(outcome.err, c.err);
+  for (const auto& [arguments, code, out, err] : cases) {
+    const test::Outcome outcome = rip(arguments);
+    EXPECT_EQ(outcome.code, code);
+    EXPECT_EQ(outcome.out, out);
+    EXPECT_EQ(outcome.err, err);
   }
   EXPECT_EQ(rip({dir.file("--PRINT-APP-VERSION-JSON")}).code, 2) << "taken as an input";
 }
 
 TEST_F(CommandLine, AGoodJobLeavesOneWholeFileTheSameEveryTime) {
   const std::string input = art("My Art.tif", 60, 40);
-  const Outcome first = rip({input});
+  const test::Outcome first = rip({input});
   EXPECT_EQ(first.code, 0) << first.out;
   EXPECT_NE(first.out.find("[INFO ] NVO RIP CLI\n"), std::string::npos);
   EXPECT_NE(first.out.find("[INFO ] Input:  " + input + "\n"), std::string::npos);
@@ -114,7 +100,7 @@ TEST_F(CommandLine, AGoodJobLeavesOneWholeFileTheSameEveryTime) {
   EXPECT_EQ(rip({input}).code, 0) << "a derived target is replaced";
   EXPECT_EQ(test::read_all(dir.file("My_Art.prt")), bytes);
 
-  const Outcome placed = rip({input, dir.file("new/dir/o.prt"), "ignored", "arguments"});
+  const test::Outcome placed = rip({input, dir.file("new/dir/o.prt"), "ignored", "arguments"});
   EXPECT_EQ(placed.code, 0);
   EXPECT_EQ(placed.out.rfind("Output path info: explicit output parent directory created.\n", 0), 0u);
   EXPECT_EQ(test::read_all(dir.file("new/dir/o.prt")), bytes);
@@ -125,51 +111,27 @@ TEST_F(CommandLine, FailuresHaveTheirTextAndCodeAndLeaveNothing) {
   const std::string good = art("good.tif", 40, 600);
   const std::string bytes = test::read_all(good);
   test::write_all(dir.file("cut.tif"), bytes.substr(0, bytes.size() / 2));
-  test::write_all(dir.file("empty.tif"), "");
   test::write_all(dir.file("text.xyz"), "x");
   test::write_all(dir.file("there.prt"), "older");
-  std::filesystem::create_directory(dir.file("folder.tif"));
-  {
-    TIFF* deep = TIFFOpen(dir.file("deep.tif").c_str(), "w");
-    TIFFSetField(deep, TIFFTAG_IMAGEWIDTH, 1), TIFFSetField(deep, TIFFTAG_IMAGELENGTH, 1);
-    TIFFSetField(deep, TIFFTAG_BITSPERSAMPLE, 16), TIFFSetField(deep, TIFFTAG_SAMPLESPERPIXEL, 1);
-    TIFFSetField(deep, TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_MINISBLACK);
-    std::uint16_t pixel = 7;
-    TIFFWriteScanline(deep, &pixel, 0, 0);
-    TIFFClose(deep);
-  }
   const auto before = names();
-  struct Case {
-    std::vector<std::string> arguments;
-    std::string out, err;
-  };
-  const std::vector<Case> cases = {
-      {{dir.file("none.tif")}, "[ERROR] Fatal: TiffReader: cannot open '" + dir.file("none.tif") + "'", ""},
-      {{dir.file("folder.tif")},
-       "[ERROR] Fatal: TiffReader: cannot open '" + dir.file("folder.tif") + "'",
-       ""},
-      {{dir.file("empty.tif")}, "[ERROR] Fatal: TiffReader: cannot open '" + dir.file("empty.tif") + "'", ""},
-      {{dir.file("cut.tif")}, "[ERROR] Fatal: TiffReader: cannot open '" + dir.file("cut.tif") + "'", ""},
-      {{dir.file("deep.tif")},
-       "[ERROR] Fatal: TiffReader: unsupported TIFF bits-per-sample=16. Only 8-bit TIFF is supported.",
-       ""},
+  const std::string fatal = "[ERROR] Fatal: ";
+  const std::vector<std::tuple<std::vector<std::string>, std::string, std::string>> cases = {
+      {{dir.file("none.tif")}, fatal + "TiffReader: cannot open '" + dir.file("none.tif") + "'", ""},
+      {{dir.file("cut.tif")}, fatal + "TiffReader: cannot open '" + dir.file("cut.tif") + "'", ""},
       {{dir.file("text.xyz")},
-       "[ERROR] Fatal: ImageMetaProbe: unsupported image extension: " + dir.file("text.xyz"),
+       fatal + "ImageMetaProbe: unsupported image extension: " + dir.file("text.xyz"),
        ""},
       {{good, dir.file("there.prt")}, "", "Output path error: Explicit output target already exists.\n"},
-      {{good, dir.file("there.prt/o.prt")},
-       "",
-       "Output path error: Explicit output parent path is not a directory.\n"},
       {{good, "/proc/nowhere.prt"},
-       "[ERROR] Fatal: HosonWriter::begin_stream_write: cannot open output file: /proc/nowhere.prt",
+       fatal + "HosonWriter::begin_stream_write: cannot open output file: /proc/nowhere.prt",
        ""},
   };
-  for (const Case& c : cases) {
-    const Outcome outcome = rip(c.arguments);
-    EXPECT_EQ(outcome.code, 2) << c.arguments.back();
-    EXPECT_NE(outcome.out.find(c.out), std::string::npos) << outcome.out;
-    EXPECT_EQ(outcome.err, c.err);
-    EXPECT_EQ(names(), before) << c.arguments.back();
+  for (const auto& [arguments, out, err] : cases) {
+    const test::Outcome outcome = rip(arguments);
+    EXPECT_EQ(outcome.code, 2) << arguments.back();
+    EXPECT_THAT(outcome.out, testing::HasSubstr(out));
+    EXPECT_EQ(outcome.err, err);
+    EXPECT_EQ(names(), before) << arguments.back();
   }
   EXPECT_EQ(test::read_all(dir.file("there.prt")), "older");
 }

@@ -64,4 +64,16 @@ class ChildProcess {
   bool waited_ = false;
 };
 
+struct Outcome {
+  int code = 0;  ///< as of `ChildProcess::wait`
+  std::string out, err;
+};
+
+inline Outcome run_to_end(const std::vector<std::string>& command,
+                          const std::map<std::string, std::string>& environment) {
+  ChildProcess child(command, environment);
+  const int code = child.wait();
+  return {code, child.out(), child.err()};
+}
+
 }  // namespace nvo::test

@@ -14,14 +14,11 @@ namespace {
 
 const UpdateIdentity kIdentity = {"0.1.7", "1071", "stable", "windows", "x64"};
 
-UpdateCheckResult offer(bool available, bool mandatory, const std::string& version = "0.2",
-                        const std::string& build = "2000") {
+UpdateCheckResult offer(bool available, bool mandatory, const std::string& version = "0.2") {
   UpdateCheckResult result;
   result.ok = true;
-  result.update_available = available;
-  result.mandatory = mandatory;
-  result.latest_version = version;
-  result.latest_build_id = build;
+  result.update_available = available, result.mandatory = mandatory;
+  result.latest_version = version, result.latest_build_id = "2000";
   return result;
 }
 UpdateCheckResult failure(const std::string& error) {
@@ -44,54 +41,43 @@ class UpdateManagerTest : public testing::Test {
 };
 
 TEST_F(UpdateManagerTest, AnAnswerDecidesByItsFlagsAndSaysWhatItOffers) {
-  struct Case {
-    UpdateCheckResult result;
-    bool allowed;
-    UpdateState state;
-    UpdateLevel level;
-    std::string message, status_line;
-  };
+  using State = UpdateState;
   const std::string none = "No update available.", one = "An update is available.",
                     build = "A newer build of this version is available.",
                     needed_build = "A newer build of this version is required.";
-  const Case cases[] = {
-      {offer(false, false), true, UpdateState::none, UpdateLevel::none, none, none},
-      {offer(false, true), true, UpdateState::none, UpdateLevel::none, none, none},
-      {offer(true, false), true, UpdateState::optional, UpdateLevel::optional, one, one},
-      {offer(true, true), false, UpdateState::mandatory, UpdateLevel::mandatory,
-       "A mandatory update is required.", "A mandatory update is required before RIP."},
-      {offer(true, false, "0.1.7.0"), true, UpdateState::optional, UpdateLevel::optional, build, build},
-      {offer(true, true, "0.1.7"), false, UpdateState::mandatory, UpdateLevel::mandatory, needed_build,
-       needed_build},
-      {offer(true, false, "0.1.6"), true, UpdateState::optional, UpdateLevel::none, none, one},
-      {failure("x"), true, UpdateState::unavailable, UpdateLevel::none, "Update check unavailable.",
+  const std::tuple<UpdateCheckResult, UpdateState, UpdateLevel, std::string, std::string> cases[] = {
+      {offer(false, false), State::none, UpdateLevel::none, none, none},
+      {offer(false, true), State::none, UpdateLevel::none, none, none},
+      {offer(true, false), State::optional, UpdateLevel::optional, one, one},
+      {offer(true, true), State::mandatory, UpdateLevel::mandatory, "A mandatory update is required.",
+       "A mandatory update is required before RIP."},
+      {offer(true, false, "0.1.7.0"), State::optional, UpdateLevel::optional, build, build},
+      {offer(true, true, "0.1.7"), State::mandatory, UpdateLevel::mandatory, needed_build, needed_build},
+      {offer(true, false, "0.1.6"), State::optional, UpdateLevel::none, none, one},
+      {failure("x"), State::unavailable, UpdateLevel::none, "Update check unavailable.",
        "Update check unavailable (non-blocking)."},
   };
-  for (const Case& c : cases) {
+  for (const auto& [result, state, level, message, status_line] : cases) {
     std::filesystem::remove(latch());
-    UpdateManager manager(kIdentity, [&](const UpdateCheckRequest& request) {
-      EXPECT_EQ(request.build_id, "1071");
-      return c.result;
-    });
+    UpdateManager manager(kIdentity, [answer = result](const UpdateCheckRequest&) { return answer; });
     const UpdateDecision decision = manager.check();
-    EXPECT_EQ(decision.allowed, c.allowed) << c.message;
-    EXPECT_EQ(decision.state, c.state) << c.message;
-    EXPECT_EQ(decision.availability_level, c.level) << c.message;
-    EXPECT_EQ(decision.message, c.message);
-    EXPECT_EQ(update_status_text(decision, 1), c.status_line);
-    EXPECT_EQ(std::filesystem::exists(latch()), c.result.ok) << "only an answer touches the latch";
+    EXPECT_EQ(decision.allowed, state != State::mandatory) << message;
+    EXPECT_EQ(decision.state, state) << message;
+    EXPECT_EQ(decision.availability_level, level) << message;
+    EXPECT_EQ(decision.message, message);
+    EXPECT_EQ(update_status_text(decision, 1), status_line);
+    EXPECT_EQ(std::filesystem::exists(latch()), result.ok) << "only an answer touches the latch";
   }
 }
 
 TEST_F(UpdateManagerTest, AConfirmedMandatoryUpdateBlocksItsBuildUntilAnAnswerClearsIt) {
   EXPECT_TRUE(guard(failure("no route")).allowed);
-  EXPECT_EQ(log.take(),
-            std::vector<std::string>{
-                "[INFO ] Pre-RIP guard allowed RIP [allowed]: Pre-RIP policy guard passed. (no route)"});
   EXPECT_FALSE(guard(offer(true, true)).allowed);
-  EXPECT_EQ(log.take(),
-            std::vector<std::string>{"[INFO ] Pre-RIP guard blocked RIP [mandatory_update_required]: "
-                                     "A mandatory update is required."});
+  EXPECT_EQ(
+      log.take(),
+      (std::vector<std::string>{
+          "[INFO ] Pre-RIP guard allowed RIP [allowed]: Pre-RIP policy guard passed. (no route)",
+          "[INFO ] Pre-RIP guard blocked RIP [mandatory_update_required]: A mandatory update is required."}));
   const GuardOutcome offline = guard(failure("no route"));
   EXPECT_FALSE(offline.allowed);
   EXPECT_EQ(offline.code, "mandatory_update_required");

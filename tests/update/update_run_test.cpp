@@ -22,10 +22,8 @@ using Variables = std::map<std::string, std::string>;
 
 const std::string kFailed = "WinHTTP send/receive failed (code=";
 
-struct Outcome {
-  int code = 0;
-  std::string out, err;
-  std::chrono::milliseconds took{};
+struct Outcome : test::Outcome {
+  std::chrono::nanoseconds took{};
 
   /// Why the check failed, as the log has it.
   std::string failure() const {
@@ -72,10 +70,8 @@ class UpdateRun : public testing::Test {
                         {"LC_ALL", "C"},
                         {"no_proxy", "*"}});
     const auto begun = std::chrono::steady_clock::now();
-    test::ChildProcess child({program, input}, environment);
-    const int code = child.wait();
-    const auto took = std::chrono::steady_clock::now() - begun;
-    return {code, child.out(), child.err(), std::chrono::duration_cast<std::chrono::milliseconds>(took)};
+    const test::Outcome outcome = test::run_to_end({program, input}, environment);
+    return {outcome, std::chrono::steady_clock::now() - begun};
   }
   /// A run without an image, which ends behind the check.
   Outcome check(const std::vector<std::string>& origins, int limit_ms = 10'000,
