@@ -41,6 +41,9 @@ void read_bands(const std::string& path) {
 extern "C" const char* __asan_default_options() {
   return "allocator_may_return_null=1";
 }
+extern "C" const char* __tsan_default_options() {
+  return __asan_default_options();
+}
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   static const int sink = nvo::Logger::instance().add_sink([](nvo::LogLevel, const std::string&) {});

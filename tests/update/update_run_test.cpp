@@ -95,14 +95,17 @@ class UpdateRun : public testing::Test {
 
 TEST_F(UpdateRun, AnOptionalUpdateIsLoggedAndTheJobGoesOn) {
   json request;
-  const auto keep_request = [&](const json& asked) {
-    request = asked;
-    return test::http_answer(signed_answer(asked));
-  };
-  const LoopbackServer server(keep_request, ca_file);
-  const std::string origin = server.origin();
-  use({origin});
-  const Outcome outcome = rip(art());
+  std::string origin;
+  Outcome outcome;
+  {
+    const auto keep_request = [&](const json& asked) {
+      request = asked;
+      return test::http_answer(signed_answer(asked));
+    };
+    const LoopbackServer server(keep_request, ca_file);
+    use({origin = server.origin()});
+    outcome = rip(art());
+  }
   EXPECT_EQ(outcome.code, 0) << outcome.out;
   EXPECT_THAT(outcome.out,
               HasSubstr("[INFO ] Pre-RIP guard allowed RIP [allowed]: Pre-RIP policy guard passed. "
