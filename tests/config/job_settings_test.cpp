@@ -34,8 +34,6 @@ TEST_F(JobSettingsFile, ValuesAreCutFloorsHoldAndLaterKeysWin) {
   const std::vector<Case> cases = {
       {R"({"white_choke_amount_px_at_300dpi":9})",
        [](auto& j) { return j.white_choke_amount_px_at_300dpi == 2.5f; }},
-      {R"({"white_choke_amount_px_at_300dpi":-1})",
-       [](auto& j) { return j.white_choke_amount_px_at_300dpi == 0.0f; }},
       {R"({"expansion_amount_px_at_300dpi":1,"white_choke_amount_px_at_300dpi":2})",
        [](auto& j) { return j.white_choke_amount_px_at_300dpi == 1.0f; }},
       {R"({"nesting_gap_in":1,"repeated_file_gap_in":2})",
@@ -47,12 +45,8 @@ TEST_F(JobSettingsFile, ValuesAreCutFloorsHoldAndLaterKeysWin) {
        [](auto& j) { return j.min_white_pct == 20.0f && j.max_white_pct == 20.0f; }},
       {R"({"white_choke_adaptive_min_width_dots":2.5})",
        [](auto& j) { return j.white_choke_adaptive_min_width_dots == 3; }},
-      {R"({"adaptive_white_choke_min_width_dots":99})",
-       [](auto& j) { return j.white_choke_adaptive_min_width_dots == 16; }},
       {R"({"white_choke_adaptive_min_width_dots":1e300})",
        [](auto& j) { return j.white_choke_adaptive_min_width_dots == 16; }},
-      {R"({"adaptive_white_choke_lightness_threshold":101})",
-       [](auto& j) { return j.white_choke_adaptive_lightness_threshold == 100.0f; }},
       {R"({"use_color_expansion_over_white":false})", [](auto& j) { return !j.white_choke_enabled; }},
       {R"({"white_choke_enabled":0,"sheet_width_in":"9","print_head":3})",
        [](auto& j) {

@@ -73,7 +73,8 @@ class NameLookUp : public testing::Test {
   }
   UpdateCheckResult check(const std::vector<std::string>& origins, const std::string& origin_override = "") {
     UpdateService service{origins, {}, "", dir.file("ca.pem"), {}};
-    service.limits.resolve = service.limits.connect = milliseconds(1000);
+    service.limits.resolve = milliseconds(1000);
+    service.limits.connect = milliseconds(3000);
     UpdateTrace trace;
     const auto begun = std::chrono::steady_clock::now();
     const auto result =
