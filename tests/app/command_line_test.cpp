@@ -146,7 +146,7 @@ TEST_F(CommandLine, ProgressIsForThoseWhoAskOnATerminal) {
   const std::string log = without_times(rip({input}).out);
   const std::string bytes = test::read_all(dir.file("art.prt"));
 
-  const Outcome watched = rip_on_terminal({input}, "1");
+  const test::Outcome watched = rip_on_terminal({input}, "1");
   EXPECT_EQ(watched.code, 0);
   EXPECT_EQ(without_times(watched.out), log);
   EXPECT_EQ(test::read_all(dir.file("art.prt")), bytes);
@@ -163,7 +163,7 @@ TEST_F(CommandLine, ProgressIsForThoseWhoAskOnATerminal) {
   ::getrlimit(RLIMIT_FSIZE, &unlimited);
   const rlimit small{20'000, unlimited.rlim_max};  // less than the print file takes
   ::setrlimit(RLIMIT_FSIZE, &small);
-  const Outcome failed = rip_on_terminal({input}, "1");
+  const test::Outcome failed = rip_on_terminal({input}, "1");
   ::setrlimit(RLIMIT_FSIZE, &unlimited);
   EXPECT_EQ(failed.code, 2);
   EXPECT_THAT(failed.err, testing::ContainsRegex("strip 1/1.*\r +\r$"));
