@@ -12,14 +12,16 @@ namespace {
 TEST(ThreadPool, ShutdownDrainsOrDiscardsTheQueue) {
   for (const bool discard : {false, true}) {
     ThreadPool pool(1);
-    std::promise<void> gate;
+    std::promise<void> begun, gate;
     std::atomic<int> ran{0};
     auto first = pool.submit(
-        [opened = gate.get_future().share()](std::size_t scratch) {
+        [&begun, opened = gate.get_future().share()](std::size_t scratch) {
+          begun.set_value();
           opened.wait();
           return scratch;
         },
         3);
+    begun.get_future().wait();  // else it could be thrown away with the rest
     std::vector<std::future<void>> rest;
     for (int i = 0; i < 20; ++i) rest.push_back(pool.submit([&](std::size_t) { ++ran; }, 0));
     // A shutdown that is waiting for the blocked worker has already dealt with the queue once submitting
