@@ -5,9 +5,10 @@
 #include <tuple>
 #include <utility>
 
-#include "plan/compose_threads.h"
 #include "compose/white_underbase.h"
+#include "core/large_vector.h"
 #include "core/log.h"
+#include "plan/compose_threads.h"
 #include "plan/thread_pool.h"
 
 namespace nvo {
@@ -124,8 +125,12 @@ StripBuffer StripCompositor::blank_strip(std::uint32_t y, std::uint32_t height, 
   strip.channel_count = config_.channel_count;
   const std::size_t pixels = std::size_t{strip.width} * strip.height;
   strip.planes.resize(strip.channel_count);
-  for (auto& plane : strip.planes) plane.assign(pixels, 0);
-  strip.explicit_white.assign(pixels, 0);
+  const auto blank = [pixels](std::vector<std::uint8_t>& plane) {
+    reserve_large(plane, pixels);
+    plane.assign(pixels, 0);
+  };
+  for (auto& plane : strip.planes) blank(plane);
+  blank(strip.explicit_white);
   return strip;
 }
 

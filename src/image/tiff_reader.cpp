@@ -17,6 +17,7 @@
 #include <tiffio.h>
 
 #include "core/checked.h"
+#include "core/large_vector.h"
 #include "core/log.h"
 #include "core/out_of_memory.h"
 #include "image/tiff_errors.h"
@@ -45,10 +46,7 @@ class Band {
   Band(std::uint32_t first, std::uint32_t count, std::uint64_t row_bytes, std::vector<std::uint8_t>& out)
       : first_(first), end_(std::uint64_t{first} + count), row_bytes_(row_bytes), out_(out) {
     const auto bytes = tiff_product(count, row_bytes, "TIFF row buffer size");
-    if (out.capacity() < bytes) {
-      std::vector<std::uint8_t>().swap(out);  // its content is not worth copying
-      out.reserve(bytes);
-    }
+    reserve_large(out, bytes);  // its content is not worth copying
     if (out.size() > bytes) out.resize(bytes);
   }
 

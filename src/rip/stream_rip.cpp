@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "core/env_override.h"
+#include "core/large_vector.h"
 #include "core/log.h"
 #include "core/platform/environment.h"
 #include "core/scoped_timer.h"
@@ -167,8 +168,8 @@ void SheetRun::throw_if_cancelled() const {
 void make_choke_planes(const SheetRun& run, const std::vector<std::vector<std::uint8_t>>& planes,
                        std::uint32_t rows, ChokePlanes& result) {
   const std::size_t pixels = std::size_t{run.src_w} * rows;
-  result.coverage.resize(run.choke.device_choke ? pixels : 0);
-  result.light.resize(run.choke.device_choke && run.choke.light ? pixels : 0);
+  resize_large(result.coverage, run.choke.device_choke ? pixels : 0);
+  resize_large(result.light, run.choke.device_choke && run.choke.light ? pixels : 0);
   if (!run.choke.device_choke) return;
   const auto is_short = [&](std::size_t channel) { return planes[channel].size() < pixels; };
   if (planes.size() < 4 || is_short(0) || is_short(1) || is_short(2) || is_short(3)) {

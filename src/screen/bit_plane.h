@@ -4,6 +4,8 @@
 #include <cstdint>
 #include <vector>
 
+#include "core/large_vector.h"
+
 namespace nvo {
 
 /// One bit a dot: `height` rows of `words_per_row` words; dot x is bit x % 64 of word x / 64. Bits past the
@@ -25,7 +27,7 @@ struct BitPlane {
     width = plane_width;
     height = plane_height;
     words_per_row = (std::size_t{plane_width} + 63) / 64;
-    words.resize(words_per_row * plane_height);
+    resize_large(words, words_per_row * plane_height);
   }
 
   bool empty() const { return words.empty(); }

@@ -12,6 +12,7 @@
 
 #include "core/checked.h"
 #include "core/fnv1a.h"
+#include "core/large_vector.h"
 #include "core/log.h"
 #include "core/platform/clock.h"
 #include "core/platform/file.h"
@@ -111,7 +112,8 @@ std::optional<std::vector<std::uint8_t>> load_masks(const fs::path& path, const 
     log_warn("MaskCache: params exceed supported cache size, regenerating.");
     return std::nullopt;
   }
-  std::vector<std::uint8_t> masks(*size);
+  std::vector<std::uint8_t> masks;
+  resize_large(masks, *size);
   if (!read_exactly(file, masks.data(), masks.size())) return std::nullopt;
   if (fnv1a(masks.data(), masks.size()) != get_little_endian<std::uint64_t>(header.data() + kHashOffset)) {
     log_warn("MaskCache: CRC mismatch, regenerating.");
