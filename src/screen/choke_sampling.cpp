@@ -1,7 +1,6 @@
 #include "screen/choke_sampling.h"
 
 #include <algorithm>
-#include <array>
 #include <atomic>
 #include <bit>
 #include <functional>
@@ -85,28 +84,15 @@ class StripSampler {
   StripSampler(const DeviceChokeInput& input, const ChokeRowMap& row_map, ChokeContext& context)
       : input_(input), row_map_(row_map), context_(context) {}
 
-  /// Device rows `begin` up to `end` of the context; rows of different calls are independent.
-  void sample_rows(std::size_t begin, std::size_t end) {
+  /// Groups `begin` up to `end` of equal device rows; those of different calls are independent.
+  void sample_groups(std::size_t begin, std::size_t end) {
     ColumnSampler columns(input_.src_w, context_.width);
-    for (std::size_t y = begin; y < end; ++y) {
-      if (y > begin && row_map_.first_equal[y] != y)
-        for (BitPlane* plane : planes()) repeat_row_above(*plane, y);
-      else
-        sample_row(columns, y);
-    }
+    for (std::size_t group = begin; group < end; ++group) sample_row(columns, row_map_.first_rows[group]);
   }
 
   bool any_exempt() const { return any_exempt_; }
 
  private:
-  std::array<BitPlane*, 4> planes() const {
-    return {&context_.colour_core, &context_.exempt, &context_.support, &context_.light};
-  }
-
-  static void repeat_row_above(BitPlane& plane, std::size_t y) {
-    if (!plane.empty()) std::copy_n(plane.row(y - 1), plane.words_per_row, plane.row(y));
-  }
-
   void sample_row(ColumnSampler& columns, std::size_t y) {
     const std::size_t at = std::size_t{row_map_.source[y]} * input_.src_w;
     const std::size_t words = context_.colour_core.words_per_row;
@@ -141,25 +127,34 @@ class StripSampler {
 
 ChokeRowMap::ChokeRowMap(const DeviceChokeInput& input, std::uint32_t dev_h, DeviceRows rows) {
   const std::uint64_t first = input.strip_src_y, last = first + input.strip_rows - 1;
+  std::vector<std::uint32_t> groups;
   for (std::uint32_t y = 0; y < rows.end - rows.first; ++y) {
     const std::uint64_t row = nearest_source_index(rows.first + y, dev_h, input.total_src_rows);
     source.push_back(static_cast<std::uint32_t>(std::clamp(row, first, last) - first));
-    first_equal.push_back(y > 0 && source[y] == source[y - 1] ? first_equal[y - 1] : y);
+    const bool begins = y == 0 || source[y] != source[y - 1];
+    if (begins) first_rows.push_back(y);
+    first_equal.push_back(first_rows.back());
+    groups.push_back(static_cast<std::uint32_t>(first_rows.size() - 1));
   }
+  group = std::make_shared<const std::vector<std::uint32_t>>(std::move(groups));
 }
 
 void sample_choke_masks(const DeviceChokeInput& input, const ChokeRowMap& row_map, std::uint32_t threads,
                         ChokeContext& context) {
   const auto size_plane = [&](BitPlane& plane, bool wanted) {
-    plane.reshape(wanted ? context.width : 0, wanted ? context.height : 0);
+    if (wanted)
+      plane.reshape(context.width, context.height, row_map.group, row_map.first_rows.size());
+    else
+      plane.reshape(0, 0);
   };
   size_plane(context.colour_core, true);
   size_plane(context.exempt, input.exempt_mask != nullptr);
   size_plane(context.support, context.adaptive);
   size_plane(context.light, context.adaptive && context.protect_light);
   StripSampler sampler(input, row_map, context);
-  parallel_ranges(context.height, threads,
-                  [&](std::size_t begin, std::size_t end, std::size_t) { sampler.sample_rows(begin, end); });
+  parallel_ranges(row_map.first_rows.size(), threads, [&](std::size_t begin, std::size_t end, std::size_t) {
+    sampler.sample_groups(begin, end);
+  });
   if (!sampler.any_exempt()) context.exempt.reshape(0, 0);
 }
 

@@ -13,6 +13,8 @@ namespace nvo {
 struct ChokeRowMap {
   std::vector<std::uint32_t> source;
   std::vector<std::uint32_t> first_equal;  ///< first of the adjoining device rows that sample the same row
+  std::vector<std::uint32_t> first_rows;   ///< all such first rows
+  BitPlane::RowTable group;                ///< for each device row the index of its first one among these
 
   /// `rows` are the strip's on a device grid of `dev_h` rows.
   ChokeRowMap(const DeviceChokeInput& input, std::uint32_t dev_h, DeviceRows rows);
