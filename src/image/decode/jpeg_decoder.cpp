@@ -2,6 +2,7 @@
 #include <array>
 #include <csetjmp>
 #include <cstdio>  // jpeglib.h takes FILE as given
+#include <cstring>
 #include <memory>
 #include <span>
 #include <utility>
@@ -26,6 +27,83 @@ constexpr std::uint64_t kBlocksPerByte =
 constexpr UINT8 kDensityPerInch = 1, kDensityPerCm = 2;
 constexpr double kCmPerInch = 2.54;
 constexpr JOCTET kEndOfImage[] = {0xFF, JPEG_EOI};
+
+constexpr const char* kTooManyScans = "too many scans";
+
+/// The bytes of a file one after the other.
+class MarkerWalk {
+ public:
+  explicit MarkerWalk(ByteReader& reader) : reader_(reader) {}
+
+  /// -1 at the end.
+  int next() {
+    if (!fill()) return -1;
+    const int byte = block_.front();
+    block_ = block_.subspan(1);
+    return byte;
+  }
+  void skip(std::size_t count) {
+    const std::size_t here = std::min(count, block_.size());
+    block_ = block_.subspan(here);
+    if (count > here) reader_.skip(count - here);
+  }
+  /// The code of the next marker, -1 if there is none.
+  int next_marker() {
+    while (fill()) {
+      const void* found = std::memchr(block_.data(), kMarkerPrefix, block_.size());
+      if (found == nullptr) {
+        block_ = {};
+        continue;
+      }
+      skip(static_cast<std::size_t>(static_cast<const std::uint8_t*>(found) - block_.data()));
+      int code = kMarkerPrefix;
+      while (code == kMarkerPrefix) code = next();
+      if (code != 0) return code;  // 0 makes the prefix a byte of pixel data
+    }
+    return -1;
+  }
+
+ private:
+  static constexpr int kMarkerPrefix = 0xFF;
+
+  bool fill() {
+    if (block_.empty()) block_ = reader_.next_block();
+    return !block_.empty();
+  }
+
+  ByteReader& reader_;
+  std::span<const std::uint8_t> block_;
+};
+
+/// Scans of a file by its markers, without decoding; 1 for a sequential file that begins with a scan of all
+/// its components. Leaves the reader anywhere.
+std::uint64_t count_scans(ByteReader& reader) {
+  constexpr int kFrames = 0xC0, kLastSequential = 0xC1, kStartOfImage = 0xD8, kStartOfScan = 0xDA;
+  constexpr std::size_t kBeforeComponents = 5;  // precision, height and width of a frame
+  MarkerWalk walk(reader);
+  std::uint64_t scans = 0;
+  int frame = -1, frame_components = 0;
+  for (int code = walk.next_marker(); code >= 0 && code != JPEG_EOI; code = walk.next_marker()) {
+    if (code < kFrames || (code >= JPEG_RST0 && code <= kStartOfImage)) continue;  // markers without a length
+    const int high = walk.next(), low = walk.next();
+    std::size_t left = high < 0 || low < 0 ? 0 : static_cast<std::size_t>(high << 8 | low);
+    if (left < 2) return scans;
+    left -= 2;
+    if (code <= kLastSequential && left > kBeforeComponents) {
+      walk.skip(kBeforeComponents);
+      frame = code;
+      frame_components = walk.next();
+      left -= kBeforeComponents + 1;
+    } else if (code == kStartOfScan && left > 0) {
+      ++scans;
+      const int components = walk.next();
+      --left;
+      if (scans == 1 && frame >= 0 && components == frame_components) return scans;
+    }
+    walk.skip(left);
+  }
+  return scans;
+}
 
 /// What libjpeg's callbacks see. They must not throw.
 struct JpegState {
@@ -66,11 +144,15 @@ void on_message(j_common_ptr jpeg, int level) {
 
 void on_output(j_common_ptr) {}
 
+std::uint64_t most_scans(const jpeg_decompress_struct& jpeg) {
+  const std::uint64_t pixels = std::uint64_t{jpeg.image_width} * jpeg.image_height;
+  return std::clamp(kMaxScannedPixels / pixels, kMaxScansOfAnySize, kMaxScans);
+}
+
+/// For files in which `count_scans` went astray.
 void on_progress(j_common_ptr jpeg) {
   const auto& file = *reinterpret_cast<j_decompress_ptr>(jpeg);
-  const std::uint64_t pixels = std::uint64_t{file.image_width} * file.image_height;
-  const auto most = std::clamp(kMaxScannedPixels / pixels, kMaxScansOfAnySize, kMaxScans);
-  if (static_cast<std::uint64_t>(file.input_scan_number) > most) fail(jpeg, "too many scans");
+  if (static_cast<std::uint64_t>(file.input_scan_number) > most_scans(file)) fail(jpeg, kTooManyScans);
 }
 
 void no_source_call(j_decompress_ptr) {}
@@ -136,6 +218,8 @@ void cmyk_to_rgba(std::uint8_t* pixel, std::size_t count, bool stored_as_complem
 class JpegDecoder final : public RasterDecoder {
  public:
   explicit JpegDecoder(ByteReader reader) : state_(std::make_unique<JpegState>(std::move(reader))) {
+    scans_ = count_scans(state_->reader);
+    state_->reader.seek(0);
     connect(jpeg_, *state_);
     if (!read_header()) {
       const DecodeError error = failure();
@@ -201,6 +285,7 @@ class JpegDecoder final : public RasterDecoder {
       default:
         throw DecodeError("JPEG: unknown colour space");
     }
+    if (scans_ > most_scans(jpeg_)) throw DecodeError(std::string("JPEG: ") + kTooManyScans);
     jpeg_.do_block_smoothing = FALSE;  // how it guesses pixels differs between versions of the library
   }
 
@@ -208,6 +293,7 @@ class JpegDecoder final : public RasterDecoder {
 
   std::unique_ptr<JpegState> state_;
   jpeg_decompress_struct jpeg_{};
+  std::uint64_t scans_ = 0;
   bool started_ = false;
 };
 
