@@ -5,6 +5,8 @@
 #include <string_view>
 #include <utility>
 
+#include "core/large_vector.h"
+
 namespace nvo {
 namespace {
 
@@ -38,7 +40,7 @@ void RasterDecoder::start() {
 /// held.
 void RasterDecoder::read_image(std::vector<std::uint8_t>& pixels) {
   pixels.clear();
-  pixels.reserve(row_bytes() * info_.height);
+  reserve_large(pixels, row_bytes() * info_.height);
   const std::size_t block_rows = std::max<std::size_t>(1, kBlockBytes / row_bytes());
   for (std::size_t y = 0; y < info_.height;) {
     const std::size_t end = std::min<std::size_t>(info_.height, y + block_rows);
