@@ -125,12 +125,15 @@ StripBuffer StripCompositor::blank_strip(std::uint32_t y, std::uint32_t height, 
   strip.channel_count = config_.channel_count;
   const std::size_t pixels = std::size_t{strip.width} * strip.height;
   strip.planes.resize(strip.channel_count);
-  const auto blank = [pixels](std::vector<std::uint8_t>& plane) {
-    reserve_large(plane, pixels);
-    plane.assign(pixels, 0);
+  const auto plane = [&strip](std::size_t i) -> std::vector<std::uint8_t>& {
+    return i < strip.planes.size() ? strip.planes[i] : strip.explicit_white;
   };
-  for (auto& plane : strip.planes) blank(plane);
-  blank(strip.explicit_white);
+  const std::size_t planes = strip.planes.size() + 1;
+  for (std::size_t i = 0; i < planes; ++i) reserve_large(plane(i), pixels);
+  parallel_ranges(planes, compose_threads(planes, pixels),
+                  [&](std::size_t begin, std::size_t end, std::size_t) {
+                    for (std::size_t i = begin; i < end; ++i) plane(i).assign(pixels, 0);
+                  });
   return strip;
 }
 

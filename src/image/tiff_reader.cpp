@@ -35,7 +35,7 @@ constexpr std::uint64_t kMaxKeptTileRowBytes = 64 << 20;
 
 /// Pieces up to this size are decoded side by side, in rounds of so many bytes or pieces.
 constexpr std::uint64_t kMaxParallelPieceBytes = 4 << 20;
-constexpr std::uint64_t kRoundBytes = 16 << 20;
+constexpr std::uint64_t kRoundBytes = 32 << 20;
 constexpr std::uint64_t kMinPiecesOfRound = 16;
 constexpr std::size_t kMaxPiecesOfRound = 4096;
 
