@@ -64,7 +64,8 @@ constexpr std::size_t kBandsInFlight = 3;
 std::uint32_t rows_of_band(std::uint32_t strip_rows, std::size_t row_bytes) {
   const std::size_t bytes =
       std::clamp(strip_rows * row_bytes / kBandsOfStrip, kLeastBandBytes, kMostBandBytes);
-  return static_cast<std::uint32_t>(std::clamp<std::size_t>(bytes / row_bytes, 1, strip_rows));
+  return static_cast<std::uint32_t>(
+      std::max<std::size_t>(std::min<std::size_t>(bytes / row_bytes, strip_rows), 1));
 }
 
 class StripTask {
