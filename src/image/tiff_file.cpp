@@ -30,6 +30,13 @@ void silence_default_handlers() {
   static_cast<void>(done);
 }
 
+/// Whether two handles see strips or tiles of one size: a file that is written anew between the two may hold
+/// others, which buffers for the first are too small for.
+bool same_pieces(TIFF* a, TIFF* b) {
+  return TIFFIsTiled(a) == TIFFIsTiled(b) &&
+         (TIFFIsTiled(a) ? TIFFTileSize(a) == TIFFTileSize(b) : TIFFStripSize(a) == TIFFStripSize(b));
+}
+
 }  // namespace
 
 struct TiffFile::Messages {
@@ -112,7 +119,7 @@ TiffFile TiffFile::open(const std::string& path) {
 }
 
 TiffFile TiffFile::second() const {
-  return open_with([&](TiffFile& file, TIFFOpenOptions* options) {
+  TiffFile second = open_with([&](TiffFile& file, TIFFOpenOptions* options) {
     file.messages_->hold = true;
     file.shared_ = std::make_unique<SharedFile>();
     file.shared_->descriptor = TIFFFileno(handle_.get());
@@ -121,6 +128,9 @@ TiffFile TiffFile::second() const {
         TIFFFileName(handle_.get()), kReadUnmapped, file.shared_.get(), SharedFile::read, SharedFile::write,
         SharedFile::seek, SharedFile::close, SharedFile::tell_size, nullptr, nullptr, options));
   });
+  const bool same =
+      second && second.gives_differences_ == gives_differences_ && same_pieces(get(), second.get());
+  return same ? std::move(second) : TiffFile();
 }
 
 /// libtiff adds up differences sample by sample; a handle told that there are none leaves that to faster

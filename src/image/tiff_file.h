@@ -25,7 +25,7 @@ class TiffFile {
   /// Invalid where the file cannot be opened.
   static TiffFile open(const std::string& path);
   /// The same open file for another thread, with a position of its own in it; of no use once this one is
-  /// closed. Invalid where that fails, without a word in the log.
+  /// closed. Invalid where that fails or the file is another by now, without a word in the log.
   TiffFile second() const;
 
   explicit operator bool() const { return handle_ != nullptr; }
