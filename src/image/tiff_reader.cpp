@@ -229,6 +229,16 @@ struct PieceOutcome {
   std::exception_ptr error;
 };
 
+/// Whether a strip or tile of this compression says by itself what its samples are. Others may lean on those
+/// that the handle has decoded before: a JPEG stream without tables takes the last ones that it saw.
+bool pieces_stand_alone(TIFF* tiff) {
+  constexpr std::uint16_t kStandAlone[] = {COMPRESSION_NONE,    COMPRESSION_PACKBITS,      COMPRESSION_LZW,
+                                           COMPRESSION_DEFLATE, COMPRESSION_ADOBE_DEFLATE, COMPRESSION_LZMA,
+                                           COMPRESSION_ZSTD};
+  const auto compression = tiff_tag_or<std::uint16_t>(tiff, TIFFTAG_COMPRESSION, COMPRESSION_NONE);
+  return std::ranges::find(kStandAlone, compression) != std::end(kStandAlone);
+}
+
 /// The handles of one file. Pieces of the image are decoded side by side, each thread through a handle of its
 /// own; messages and failures come out as if the pieces had been decoded in order.
 class Decoders {
@@ -238,17 +248,27 @@ class Decoders {
   TiffFile& first() { return decoders_.front().file; }
   TIFF* tiff() { return first().get(); }
 
-  /// Calls `decode(decoder, i)` for pieces 0 .. `count` - 1 of `piece_bytes` bytes each. Of pieces that
-  /// failed the first one's exception is thrown, as if none behind it had been tried.
-  void decode(std::size_t count, std::uint64_t piece_bytes, std::uint64_t pixels, const DecodePiece& decode) {
+  /// Calls `decode(decoder, i)` for pieces 0 .. `count` - 1 of `piece_bytes` bytes each, the first `in_turn`
+  /// of them before the others begin. Of pieces that failed the first one's exception is thrown, as if none
+  /// behind it had been tried.
+  void decode(std::size_t count, std::uint64_t piece_bytes, std::uint64_t pixels, std::size_t in_turn,
+              const DecodePiece& decode) {
     const bool small = piece_bytes <= kMaxParallelPieceBytes;
-    const std::size_t threads = small ? open(compose_threads(count, pixels)) : 1;
-    if (threads < 2) {
-      for (std::size_t i = 0; i < count; ++i) decode(decoders_.front(), i);
-      return;
+    const bool share = small && pieces_stand_alone(tiff()) && (first_piece_ || !begun_);
+    const std::size_t threads = share ? compose_threads(count, pixels) : 1;
+    if (threads < 2)
+      in_turn = count;
+    else if (!begun_)
+      in_turn = std::max<std::size_t>(in_turn, 1);
+    for (std::size_t i = 0; i < in_turn; ++i) {
+      const bool first = !std::exchange(begun_, true);
+      decode(decoders_.front(), i);
+      if (first) first_piece_ = TIFFIsTiled(tiff()) ? TIFFCurrentTile(tiff()) : TIFFCurrentStrip(tiff());
     }
-    for (std::size_t begin = 0; begin < count; begin += kMaxPiecesOfRound)
-      decode_round(begin, std::min(begin + kMaxPiecesOfRound, count), threads, decode);
+    if (in_turn == count) return;
+    const std::size_t opened = open(threads);
+    for (std::size_t begin = in_turn; begin < count; begin += kMaxPiecesOfRound)
+      decode_round(begin, std::min(begin + kMaxPiecesOfRound, count), opened, decode);
   }
 
  private:
@@ -279,12 +299,25 @@ class Decoders {
     while (decoders_.size() < wanted) {
       TiffFile another = first().second();
       if (!another) break;
+      begin_with_first_piece(another.get());
       decoders_.push_back({std::move(another), {}});
     }
     return std::min(wanted, decoders_.size());
   }
 
+  /// A handle takes the first piece that it decodes for a sign of which of two LZW dialects the file is in,
+  /// so all have to see the same piece first. A byte of it will do.
+  void begin_with_first_piece(TIFF* tiff) const {
+    std::uint8_t byte = 0;
+    if (TIFFIsTiled(tiff))
+      TIFFReadEncodedTile(tiff, *first_piece_, &byte, 1);
+    else
+      TIFFReadEncodedStrip(tiff, *first_piece_, &byte, 1);
+  }
+
   std::vector<Decoder> decoders_ = std::vector<Decoder>(1);
+  bool begun_ = false;                        ///< a piece was tried
+  std::optional<std::uint32_t> first_piece_;  ///< libtiff's number of it; none where it failed
 };
 
 }  // namespace
@@ -303,7 +336,7 @@ struct TiffReader::Impl {
   std::uint32_t rows_per_strip(std::uint32_t image_height);
   template <class RowTarget>
   void decode_tile_row(const TileGrid& grid, std::uint64_t first_row, const RowRange& wanted,
-                       const RowTarget& target);
+                       std::size_t tiles_in_turn, const RowTarget& target);
 };
 
 TiffMeta TiffReader::Impl::read_meta() {
@@ -389,7 +422,7 @@ void TiffReader::Impl::read_strips(const TiffMeta& meta, Band& band) {
     const RowRange rows{strips[begin].wanted.from, strips[begin + count - 1].wanted.to};
     const std::size_t pixels = (rows.to - rows.from) * meta.width;
     if (count > 1) band.require(rows.to);
-    decoders.decode(count, strip_bytes, pixels, [&](Decoder& decoder, std::size_t i) {
+    decoders.decode(count, strip_bytes, pixels, 0, [&](Decoder& decoder, std::size_t i) {
       const Strip& strip = strips[begin + i];
       const bool sums = decoder.file.gives_differences();
       if (strip.kept) {
@@ -423,33 +456,36 @@ void TiffReader::Impl::read_tiles(const TiffMeta& meta, Band& band) {
     const RowRange whole{first_row, std::min<std::uint64_t>(first_row + grid.tile_length, meta.height)};
     const auto whole_bytes = checked_product(whole.to - whole.from, band.row_bytes());
     const auto number = (first_row - first_tile_row) / grid.tile_length;
+    const bool may_stay = whole_bytes && *whole_bytes <= kMaxKeptTileRowBytes;
     const bool partly_wanted = wanted.from != whole.from || wanted.to != whole.to;
 
-    if ((partly_wanted || number == 1) && whole_bytes && *whole_bytes <= kMaxKeptTileRowBytes) {
+    if (may_stay && (partly_wanted || number == 1)) {
       DecodedRows& piece = kept.place_for(number);
       std::uint8_t* rows = piece.buffer.require(*whole_bytes, "tile row");
       piece.buffer.set_used(*whole_bytes);
-      decode_tile_row(grid, first_row, whole,
+      decode_tile_row(grid, first_row, whole, 0,
                       [&](std::uint64_t row) { return rows + (row - first_row) * band.row_bytes(); });
       piece.first_row = first_row;
       piece.rows = whole.to - whole.from;
       piece.copy(wanted, band);
     } else {
-      if (whole_bytes && *whole_bytes <= kMaxKeptTileRowBytes) band.require(wanted.to);
-      decode_tile_row(grid, first_row, wanted, [&](std::uint64_t row) { return band.rows(row, row + 1); });
+      // For longer rows there is room when the file has proved to hold the first tile, and then for all.
+      if (may_stay) band.require(wanted.to);
+      decode_tile_row(grid, first_row, wanted, may_stay ? 0 : 1,
+                      [&](std::uint64_t row) { return band.rows(row, row + 1); });
     }
   }
 }
 
 /// Decodes the tiles that begin at `first_row` and copies each one's wanted rows to `target(row)`, which
-/// several threads may call.
+/// several threads may call when the first `tiles_in_turn` tiles are done.
 template <class RowTarget>
 void TiffReader::Impl::decode_tile_row(const TileGrid& grid, std::uint64_t first_row, const RowRange& wanted,
-                                       const RowTarget& target) {
+                                       std::size_t tiles_in_turn, const RowTarget& target) {
   const auto tile_y = tile_position(first_row, "row");
   const auto tiles = static_cast<std::size_t>((grid.image_width - 1) / grid.tile_width + 1);
   const std::uint64_t pixels = (wanted.to - wanted.from) * grid.image_width;
-  decoders.decode(tiles, grid.tile_bytes, pixels, [&](Decoder& decoder, std::size_t tile) {
+  decoders.decode(tiles, grid.tile_bytes, pixels, tiles_in_turn, [&](Decoder& decoder, std::size_t tile) {
     const std::uint64_t column = tile * grid.tile_width;
     const auto tile_x = tile_position(column, "column");
     std::uint8_t* const samples = decoder.buffer.require(grid.tile_bytes, "tile");

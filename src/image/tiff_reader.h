@@ -32,9 +32,10 @@ struct TiffMeta {
 /// A band is read by decoding the strips or tile rows that it touches. The first two of them and the last
 /// stay decoded, so a walk upwards through the image in bands that overlap a little decodes each strip once,
 /// however many bands it spans. Small strips, and the tiles of a row, are decoded side by side on as many
-/// threads as composition takes; samples, log and failures are those of one thread. An open reader therefore
-/// holds up to three strips (or three tile rows of at most 64 MiB each), and a strip or tile of at most 4 MiB
-/// for each further thread; beyond that and the band itself nothing is allocated from what a header claims.
+/// threads as composition takes, where the compression lets each stand alone (JPEG doesn't); samples, log and
+/// failures are those of one thread. An open reader therefore holds up to three strips (or three tile rows of
+/// at most 64 MiB each), and a strip or tile of at most 4 MiB for each further thread; beyond that and the
+/// band itself nothing is allocated from what a header claims.
 class TiffReader {
  public:
   TiffReader();
