@@ -1,12 +1,8 @@
 #pragma once
 
-// The white choke on the device grid as it is defined, a byte a dot and one displacement after the other: the
-// reference for the fast version.
-
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <vector>
 
 #include "screen/choke_context.h"
@@ -14,204 +10,168 @@
 #include "screen/device_choke.h"
 #include "screen/device_grid.h"
 
-namespace nvo {
+namespace nvo::test {
 
-inline constexpr std::uint32_t kNoSource = 0xFFFFFFFF;
-
-/// The masks of a `ChokeContext`, 255 where a dot is set, and per dot the index of the one whose colour it
-/// takes.
+/// The white choke on the device grid as it is defined, a byte a dot and one displacement after the other:
+/// the reference for the fast version.
 struct PlainChoke {
   using Mask = std::vector<std::uint8_t>;
-  std::uint32_t width = 0, height = 0;
+  using Offsets = std::vector<ChokeOffset>;
+  static constexpr std::uint32_t kNoSource = 0xFFFFFFFF;
+
+  std::uint32_t width = 0, height = 0, min_width_dots = 0;
   float radius_in = 0.0f;
   bool adaptive = false, protect_light = false;
-  std::uint32_t min_width_dots = 0;
   Mask colour_core, exempt, grown, support, keep, light;
-  std::vector<std::uint32_t> source_index;
+  std::vector<std::uint32_t> source_index;  ///< of the dot whose colour a dot takes
 
-  bool inside(std::int64_t x, std::int64_t y) const { return x >= 0 && y >= 0 && x < width && y < height; }
+  PlainChoke(const DeviceChokeInput& in, const DeviceChokeParams& params) {
+    const DeviceScale scale(params.src_dpi, params.x_dpi, params.y_dpi);
+    const std::uint32_t dev_h = device_extent(in.total_src_rows, scale.y);
+    const DeviceRows rows = device_rows_of_strip(in.strip_src_y, in.strip_rows, scale.y, dev_h);
+    width = device_extent(in.src_w, scale.x);
+    height = rows.end - rows.first;
+    if (height == 0) return;
+    radius_in = std::max(params.amount_px_at_300dpi, 0.0f) / 300.0f;
+    adaptive = params.adaptive && in.support_plane != nullptr;
+    min_width_dots = adaptive ? std::max(params.min_width_dots, 1u) : 0;
+    protect_light = adaptive && params.protect_light;
+    sample(in, rows.first, dev_h);
+    keep = support;
+    if (radius_in == 0.0f) return;
+    const Offsets disc = choke_offsets(params.x_dpi, params.y_dpi, radius_in);
+    grow(disc, adaptive ? choke_white(disc) : Mask(source_index.size(), 1));
+  }
+
+  /// The plain form of a context.
+  explicit PlainChoke(const ChokeContext& context)
+      : width(context.width),
+        height(context.height),
+        min_width_dots(context.min_width_dots),
+        radius_in(context.radius_in),
+        adaptive(context.adaptive),
+        protect_light(context.protect_light),
+        exempt(std::size_t{width} * height),
+        source_index(exempt.size(), kNoSource) {
+    const auto unpack = [&](const BitPlane& plane, Mask& mask) {
+      if (!plane.empty()) mask.resize(source_index.size());
+      for (std::size_t i = 0; i < mask.size() && !plane.empty(); ++i)
+        mask[i] = plane.test(i % width, i / width);
+    };
+    unpack(context.colour_core, colour_core);
+    unpack(context.exempt, exempt);
+    unpack(context.grown, grown);
+    unpack(context.support, support);
+    unpack(context.keep, keep);
+    unpack(context.light, light);
+    for (std::uint32_t i = 0; i < source_index.size(); ++i)
+      if (colour_core[i] && !exempt[i]) source_index[i] = i;
+    for (std::size_t y = 0; y < height; ++y)
+      for (const RingDot& dot : context.ring_of_row(y))
+        source_index[y * width + dot.x] = dot.source_y * width + dot.source_x;
+  }
+
+  bool operator==(const PlainChoke&) const = default;
+
+ private:
   std::size_t index(std::int64_t x, std::int64_t y) const { return static_cast<std::size_t>(y * width + x); }
+  bool inside(std::int64_t x, std::int64_t y) const { return x >= 0 && y >= 0 && x < width && y < height; }
   bool set(const Mask& mask, std::int64_t x, std::int64_t y) const {
     return inside(x, y) && mask[index(x, y)] != 0;
   }
 
-  void sample(const DeviceChokeInput& in, const DeviceScale& scale);
-  Mask erode(const Mask& mask, const std::vector<ChokeOffset>& offsets) const;
-  Mask dilate(const Mask& mask, const std::vector<ChokeOffset>& offsets) const;
-  bool narrow(std::int64_t x, std::int64_t y) const;
-  Mask choke_white(const std::vector<ChokeOffset>& disc);
-  bool is_boundary_seed(std::int64_t x, std::int64_t y) const;
-  void grow(const std::vector<ChokeOffset>& disc, const Mask& halo);
+  void sample(const DeviceChokeInput& in, std::uint32_t first, std::uint32_t dev_h) {
+    const std::size_t dots = std::size_t{width} * height;
+    for (Mask* mask : {&colour_core, &exempt, &grown}) mask->resize(dots);
+    if (adaptive) support.resize(dots);
+    if (protect_light) light.resize(dots);
+    source_index.assign(dots, kNoSource);
+    for (std::uint32_t i = 0; i < dots; ++i) {
+      const std::uint32_t row = std::clamp(nearest_source_index(first + i / width, dev_h, in.total_src_rows),
+                                           in.strip_src_y, in.strip_src_y + in.strip_rows - 1);
+      const std::size_t p =
+          std::size_t{row - in.strip_src_y} * in.src_w + nearest_source_index(i % width, width, in.src_w);
+      exempt[i] = in.exempt_mask != nullptr && in.exempt_mask[p] != 0;
+      colour_core[i] = grown[i] = in.coverage[p] >= 3;
+      if (adaptive) support[i] = exempt[i] || in.support_plane[p] != 0;
+      if (protect_light)
+        light[i] =
+            in.light_mask != nullptr ? in.light_mask[p] != 0 : in.support_plane[p] != 0 && !colour_core[i];
+      if (colour_core[i] && !exempt[i]) source_index[i] = i;
+    }
+  }
+
+  /// Dots for which all displaced dots are set, or any of them.
+  Mask morph(const Mask& mask, const Offsets& offsets, bool all) const {
+    Mask out(mask.size());
+    for (std::size_t i = 0; i < out.size(); ++i) {
+      const auto x = static_cast<std::int64_t>(i % width), y = static_cast<std::int64_t>(i / width);
+      const auto is_set = [&](const ChokeOffset& o) { return set(mask, x + o.dx, y + o.dy); };
+      out[i] = all ? std::ranges::all_of(offsets, is_set) : std::ranges::any_of(offsets, is_set);
+    }
+    return out;
+  }
+
+  /// Whether the support is no wider than the minimum width here, across or along.
+  bool narrow(std::int64_t x, std::int64_t y) const {
+    const auto run_fits = [&](std::int64_t dx, std::int64_t dy) {
+      std::int64_t run = 1;
+      for (const int sign : {-1, 1})
+        for (std::int64_t s = sign; run <= min_width_dots && set(support, x + s * dx, y + s * dy); s += sign)
+          ++run;
+      return run <= min_width_dots;
+    };
+    return run_fits(1, 0) || run_fits(0, 1);
+  }
+
+  /// Fills `keep`; returns where colour may grow, which is about the thin white.
+  Mask choke_white(const Offsets& disc) {
+    // A square that reaches past the plane from every dot may as well reach just so far.
+    const auto half = static_cast<std::int32_t>(std::min(min_width_dots / 2, std::max(width, height)));
+    Offsets square;
+    for (std::int32_t dy = -half; dy <= half; ++dy)
+      for (std::int32_t dx = -half; dx <= half; ++dx) square.push_back({dx, dy, 0.0, 0});
+    const Mask eroded = morph(support, disc, true);
+    const Mask restored = morph(morph(morph(eroded, square, true), square, false), disc, false);
+    Mask thin(support.size());
+    for (std::size_t i = 0; i < support.size(); ++i) {
+      const bool is_protected = support[i] && protect_light && light[i];
+      const bool is_core = eroded[i] && restored[i];
+      const bool is_narrow =
+          support[i] && !is_protected && !restored[i] &&
+          narrow(static_cast<std::int64_t>(i % width), static_cast<std::int64_t>(i / width));
+      keep[i] = exempt[i] || is_protected || is_core || is_narrow;
+      thin[i] = is_narrow && !exempt[i];
+    }
+    return morph(thin, disc, false);
+  }
+
+  /// A source that a dot without colour lies next to.
+  bool is_seed(std::size_t i) const {
+    const auto at_x = static_cast<std::int64_t>(i % width), at_y = static_cast<std::int64_t>(i / width);
+    for (std::int64_t y = at_y - 1; y <= at_y + 1; ++y)
+      for (std::int64_t x = at_x - 1; x <= at_x + 1; ++x)
+        if (source_index[i] == i && inside(x, y) && !set(colour_core, x, y)) return true;
+    return false;
+  }
+
+  /// Group after group of displacements every seed claims what nobody has claimed before it.
+  void grow(const Offsets& disc, const Mask& halo) {
+    std::vector<std::uint32_t> seeds;
+    for (std::uint32_t i = 0; i < source_index.size(); ++i)
+      if (is_seed(i)) seeds.push_back(i);
+    for (auto from = disc.begin(), to = from; from != disc.end(); from = to) {
+      while (to != disc.end() && to->group == from->group) ++to;
+      for (const std::uint32_t seed : seeds)
+        for (auto o = from; o != to; ++o) {
+          const std::int64_t x = std::int64_t{seed % width} + o->dx, y = std::int64_t{seed / width} + o->dy;
+          const std::size_t t = inside(x, y) ? index(x, y) : seed;
+          if (colour_core[t] || exempt[t] || !halo[t] || source_index[t] != kNoSource) continue;
+          source_index[t] = seed;
+          grown[t] = 1;
+        }
+    }
+  }
 };
 
-inline void PlainChoke::sample(const DeviceChokeInput& in, const DeviceScale& scale) {
-  const std::uint32_t dev_h = device_extent(in.total_src_rows, scale.y);
-  const std::uint32_t first = device_rows_of_strip(in.strip_src_y, in.strip_rows, scale.y, dev_h).first;
-  for (Mask* mask : {&colour_core, &exempt, &grown}) mask->assign(std::size_t{width} * height, 0);
-  if (adaptive) support = keep = colour_core;
-  if (protect_light) light = colour_core;
-  source_index.assign(colour_core.size(), kNoSource);
-  for (std::uint32_t y = 0; y < height; ++y) {
-    const std::uint32_t row = std::clamp(nearest_source_index(first + y, dev_h, in.total_src_rows),
-                                         in.strip_src_y, in.strip_src_y + in.strip_rows - 1);
-    for (std::uint32_t x = 0; x < width; ++x) {
-      const std::size_t p =
-          std::size_t{row - in.strip_src_y} * in.src_w + nearest_source_index(x, width, in.src_w);
-      const std::size_t i = index(x, y);
-      const bool e = in.exempt_mask != nullptr && in.exempt_mask[p] != 0;
-      const bool colour = in.coverage[p] >= 3;
-      if (adaptive && (e || in.support_plane[p] != 0)) support[i] = 255;
-      if (protect_light &&
-          (in.light_mask != nullptr ? in.light_mask[p] != 0 : in.support_plane[p] != 0 && !colour))
-        light[i] = 255;
-      if (colour) colour_core[i] = grown[i] = 255;
-      if (e)
-        exempt[i] = 255;
-      else if (colour)
-        source_index[i] = static_cast<std::uint32_t>(i);
-    }
-  }
-}
-
-inline PlainChoke::Mask PlainChoke::erode(const Mask& mask, const std::vector<ChokeOffset>& offsets) const {
-  Mask out(mask.size(), 0);
-  for (std::int64_t y = 0; y < height; ++y)
-    for (std::int64_t x = 0; x < width; ++x)
-      if (set(mask, x, y) &&
-          std::ranges::all_of(offsets, [&](const ChokeOffset& o) { return set(mask, x + o.dx, y + o.dy); }))
-        out[index(x, y)] = 255;
-  return out;
-}
-
-inline PlainChoke::Mask PlainChoke::dilate(const Mask& mask, const std::vector<ChokeOffset>& offsets) const {
-  Mask out(mask.size(), 0);
-  for (std::int64_t y = 0; y < height; ++y)
-    for (std::int64_t x = 0; x < width; ++x)
-      if (std::ranges::any_of(offsets, [&](const ChokeOffset& o) { return set(mask, x + o.dx, y + o.dy); }))
-        out[index(x, y)] = 255;
-  return out;
-}
-
-inline bool PlainChoke::narrow(std::int64_t x, std::int64_t y) const {
-  for (const auto& [dx, dy] : {std::pair{1, 0}, std::pair{0, 1}}) {
-    std::uint32_t count = 1;
-    for (const int sign : {-1, 1})
-      for (std::uint32_t step = 1; step <= min_width_dots && count <= min_width_dots; ++step) {
-        if (!set(support, x + std::int64_t{sign} * dx * step, y + std::int64_t{sign} * dy * step)) break;
-        ++count;
-      }
-    if (count <= min_width_dots) return true;
-  }
-  return false;
-}
-
-inline PlainChoke::Mask PlainChoke::choke_white(const std::vector<ChokeOffset>& disc) {
-  std::vector<ChokeOffset> square;
-  // A square that reaches past the plane from every dot may as well reach just so far.
-  const auto h = static_cast<std::int32_t>(std::min(min_width_dots / 2, std::max(width, height)));
-  for (std::int32_t dy = -h; dy <= h; ++dy)
-    for (std::int32_t dx = -h; dx <= h; ++dx) square.push_back({dx, dy, 0.0, 0});
-  const Mask eroded = erode(support, disc);
-  const Mask opened = h == 0 ? eroded : dilate(erode(eroded, square), square);
-  const Mask restored = dilate(opened, disc);
-  Mask thin(support.size(), 0);
-  for (std::size_t i = 0; i < support.size(); ++i) {
-    const bool is_protected = support[i] != 0 && protect_light && light[i] != 0;
-    const bool core = !is_protected && eroded[i] != 0 && restored[i] != 0;
-    const bool is_narrow = support[i] != 0 && !is_protected && restored[i] == 0 &&
-                           narrow(static_cast<std::int64_t>(i % width), static_cast<std::int64_t>(i / width));
-    keep[i] = exempt[i] != 0 || is_protected || core || is_narrow ? 255 : 0;
-    thin[i] = is_narrow && exempt[i] == 0 ? 255 : 0;
-  }
-  return dilate(thin, disc);
-}
-
-inline bool PlainChoke::is_boundary_seed(std::int64_t x, std::int64_t y) const {
-  if (source_index[index(x, y)] != index(x, y)) return false;
-  for (int dy = -1; dy <= 1; ++dy)
-    for (int dx = -1; dx <= 1; ++dx)
-      if (inside(x + dx, y + dy) && !set(colour_core, x + dx, y + dy)) return true;
-  return false;
-}
-
-inline void PlainChoke::grow(const std::vector<ChokeOffset>& disc, const Mask& halo) {
-  std::vector<std::size_t> seeds;
-  for (std::size_t i = 0; i < source_index.size(); ++i)
-    if (is_boundary_seed(static_cast<std::int64_t>(i % width), static_cast<std::int64_t>(i / width)))
-      seeds.push_back(i);
-  for (std::size_t from = 0; from < disc.size();) {
-    std::size_t to = from;
-    while (to < disc.size() && disc[to].group == disc[from].group) ++to;
-    for (const std::size_t seed : seeds) {
-      for (std::size_t o = from; o < to; ++o) {
-        const std::int64_t x = static_cast<std::int64_t>(seed % width) + disc[o].dx;
-        const std::int64_t y = static_cast<std::int64_t>(seed / width) + disc[o].dy;
-        if (!inside(x, y)) continue;
-        const std::size_t t = index(x, y);
-        if (colour_core[t] != 0 || exempt[t] != 0 || (adaptive && halo[t] == 0) ||
-            source_index[t] != kNoSource)
-          continue;
-        source_index[t] = static_cast<std::uint32_t>(seed);
-        grown[t] = 255;
-      }
-    }
-    from = to;
-  }
-}
-
-inline PlainChoke plain_device_choke(const DeviceChokeInput& in, const DeviceChokeParams& params) {
-  const DeviceScale scale(params.src_dpi, params.x_dpi, params.y_dpi);
-  const DeviceRows rows =
-      device_rows_of_strip(in.strip_src_y, in.strip_rows, scale.y, device_extent(in.total_src_rows, scale.y));
-  PlainChoke choke;
-  choke.width = device_extent(in.src_w, scale.x);
-  choke.height = rows.end - rows.first;
-  if (choke.height == 0) return choke;
-  if (params.amount_px_at_300dpi > 0.0f) choke.radius_in = params.amount_px_at_300dpi / 300.0f;
-  choke.adaptive = params.adaptive && in.support_plane != nullptr;
-  choke.min_width_dots = choke.adaptive ? std::max(params.min_width_dots, 1u) : 0;
-  choke.protect_light = choke.adaptive && params.protect_light;
-  choke.sample(in, scale);
-  if (!(choke.radius_in > 0.0f)) {
-    choke.keep = choke.support;
-    return choke;
-  }
-  const auto disc = choke_offsets(params.x_dpi, params.y_dpi, choke.radius_in);
-  const PlainChoke::Mask halo = choke.adaptive ? choke.choke_white(disc) : PlainChoke::Mask{};
-  choke.grow(disc, halo);
-  return choke;
-}
-
-/// The plain form of a context.
-inline PlainChoke to_plain(const ChokeContext& context) {
-  PlainChoke plain;
-  plain.width = context.width;
-  plain.height = context.height;
-  plain.radius_in = context.radius_in;
-  plain.adaptive = context.adaptive;
-  plain.protect_light = context.protect_light;
-  plain.min_width_dots = context.min_width_dots;
-  const std::size_t dots = std::size_t{context.width} * context.height;
-  const auto bytes = [&](const BitPlane& plane, PlainChoke::Mask& mask) {
-    for (std::size_t i = 0; i < dots && !plane.empty(); ++i)
-      mask.push_back(plane.test(i % context.width, i / context.width) ? 255 : 0);
-  };
-  bytes(context.colour_core, plain.colour_core);
-  bytes(context.exempt, plain.exempt);
-  if (context.exempt.empty()) plain.exempt.assign(dots, 0);
-  bytes(context.grown, plain.grown);
-  bytes(context.support, plain.support);
-  bytes(context.keep, plain.keep);
-  bytes(context.light, plain.light);
-  plain.source_index.assign(dots, kNoSource);
-  for (std::size_t i = 0; i < dots; ++i)
-    if (plain.colour_core[i] != 0 && plain.exempt[i] == 0)
-      plain.source_index[i] = static_cast<std::uint32_t>(i);
-  for (std::size_t y = 0; y < context.height; ++y)
-    for (const RingDot& dot : context.ring_of_row(y))
-      plain.source_index[y * context.width + dot.x] =
-          static_cast<std::uint32_t>(std::size_t{dot.source_y} * context.width + dot.source_x);
-  return plain;
-}
-
-}  // namespace nvo
+}  // namespace nvo::test
