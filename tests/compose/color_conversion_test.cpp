@@ -34,11 +34,9 @@ TEST(RgbToCmykSimple, EqualsThePlainFormulaForEveryColour) {
     const std::uint8_t rgb[3] = {std::uint8_t(colour), std::uint8_t(colour >> 8), std::uint8_t(colour >> 16)};
     std::uint8_t cmyk[4];
     rgb_to_cmyk_simple(rgb, cmyk, 1);
-    const float levels[3] = {rgb[0] / 255.0f, rgb[1] / 255.0f, rgb[2] / 255.0f};
-    const float k = 1.0f - *std::max_element(levels, levels + 3);
-    const float d = 1.0f / (1.0f - k);
+    const float k = 1.0f - std::max({rgb[0], rgb[1], rgb[2]}) / 255.0f, d = 1.0f / (1.0f - k);
     faults += cmyk[3] != byte(k);
-    for (int i = 0; i < 3; ++i) faults += cmyk[i] != (k >= 1.0f ? 0 : byte((1.0f - levels[i] - k) * d));
+    for (int i = 0; i < 3; ++i) faults += cmyk[i] != (k >= 1.0f ? 0 : byte((1.0f - rgb[i] / 255.0f - k) * d));
   }
   EXPECT_EQ(faults, 0u);
 }
@@ -96,26 +94,26 @@ TEST_F(IccTest, AConverterSaysWhyItDoesNotOpen) {
     EXPECT_FALSE(converter.open_cmyk_to_cmyk(settings, &error));
     EXPECT_EQ(error, cmyk_error);
   };
-  const std::string failed = "cmsCreateTransform failed";
-  const auto unreadable = [&](const std::string& path, const std::string& reason) {
+  const std::string cut = folder.file("cut"), failed = "cmsCreateTransform failed";
+  test::write_all(cut, test::read_all(kCmyk).substr(0, 2000));
+  const std::string no_file = ": file does not exist or is not a regular file";
+  for (const auto& [path, reason] :
+       {std::pair(folder.file("absent"), no_file),
+        {folder.path(), no_file},
+        {file("empty", 0), ": profile file is empty"},
+        {file("large", 33554433), ": profile file exceeds size cap (33554433 bytes > 33554432)"},
+        {file("largest", 33554432), ""}}) {  // read, but not a profile
     const std::string output_error = "Cannot open output CMYK profile: " + path + reason;
     refused({true, "", kCmyk, path}, output_error, output_error);
     refused({true, path, path, kCmyk}, "Cannot open input RGB profile: " + path + reason,
             "Cannot open input CMYK profile: " + path + reason);
-  };
-  unreadable(folder.file("absent"), ": file does not exist or is not a regular file");
-  unreadable(folder.path(), ": file does not exist or is not a regular file");
-  unreadable(file("empty", 0), ": profile file is empty");
-  unreadable(file("large", 33554433), ": profile file exceeds size cap (33554433 bytes > 33554432)");
-  unreadable(file("largest", 33554432), "");  // read, but not a profile
+  }
   const std::string no_path = "Cannot open output CMYK profile: : path is empty";
   refused({true, "", kCmyk, ""}, no_path, no_path);
   refused({true, "", "", kRgb}, "Output profile is not CMYK", "Input CMYK profile not specified");
   refused({true, "", kCmyk, kRgb}, "Output profile is not CMYK", "Output profile is not CMYK");
   refused({true, kCmyk, kRgb, kCmyk}, failed, "Input profile is not CMYK: " + kRgb);
   refused({true, "", kCmyk, kCmyk, 4}, failed, failed);
-  const std::string cut = folder.file("cut");
-  test::write_all(cut, test::read_all(kCmyk).substr(0, 2000));
   refused({true, "", cut, cut}, failed, failed);
   EXPECT_THAT(log.take(), IsEmpty());
 }
@@ -125,36 +123,33 @@ TEST_F(IccTest, ColourDependsOnThePixelAndTheSettingsAlone) {
   std::vector<Bytes> rows;
   // All intents with and without compensation, then another input profile.
   for (int variant = 0; variant < 9; ++variant) {
-    const std::string input = variant < 8 ? "" : kRgb;
-    const IccSettings settings{true, input, kCmyk, kCmyk, variant / 2 % 4, variant % 2 != 0};
+    const IccSettings settings{true,  variant < 8 ? "" : kRgb, kCmyk,
+                               kCmyk, variant / 2 % 4,         variant % 2 != 0};
     IccConverter from_rgb, from_cmyk;
     ASSERT_TRUE(from_rgb.open_rgb_to_cmyk(settings, nullptr) &&
                 from_cmyk.open_cmyk_to_cmyk(settings, nullptr));
     rows.push_back(convert(from_rgb, rgb, 3, 7001));
-    EXPECT_EQ(convert(from_rgb, rgb, 3, 1), rows.back());
-    EXPECT_EQ(convert(from_rgb, rgb, 3, 61), rows.back());
+    for (const std::size_t pixels_a_call : {1, 61})
+      EXPECT_EQ(convert(from_rgb, rgb, 3, pixels_a_call), rows.back());
     EXPECT_EQ(convert(from_cmyk, cmyk, 4, 1), convert(from_cmyk, cmyk, 4, 7001));
     EXPECT_THAT(convert(from_rgb, {255, 255, 255}, 3, 1), Each(0)) << "white is no ink";
     EXPECT_GT(convert(from_rgb, {0, 0, 0}, 3, 1)[3], 200) << "black prints with black";
   }
-  EXPECT_NE(rows[2], rows[3]);
-  EXPECT_NE(rows[2], rows[6]);
-  EXPECT_NE(rows[0], rows[8]);
+  EXPECT_TRUE(rows[2] != rows[3] && rows[2] != rows[6] && rows[0] != rows[8]);
 }
 
 TEST_F(IccTest, AFailedProfileIsTriedOnceAndWarnedOfOnce) {
   const std::string late = folder.file("late.icc");
-  const IccSettings settings{true, "", kCmyk, late};
   ColorConversion conversion;
   WorkerIcc worker;
   std::string error;
-  conversion.reset(settings);
   const auto init = [&](WorkerIcc* slot) {
     const bool ready = conversion.init_rgb_icc(slot, error);
     if (!ready) conversion.warn_rgb_fallback(error);
     EXPECT_EQ(conversion.init_cmyk_icc(slot, error), ready);
     return ready;
   };
+  conversion.reset({true, "", kCmyk, late});
   EXPECT_FALSE(init(&worker) || init(nullptr));
   std::filesystem::copy_file(kCmyk, late);
   EXPECT_FALSE(init(&worker) || init(nullptr));
@@ -162,7 +157,7 @@ TEST_F(IccTest, AFailedProfileIsTriedOnceAndWarnedOfOnce) {
             "Cannot open output CMYK profile: " + late + ": file does not exist or is not a regular file");
   EXPECT_THAT(log.take(), ElementsAre(fallback_warning + error));
 
-  conversion.reset(settings);
+  conversion.reset({true, "", kCmyk, late});
   EXPECT_TRUE(init(nullptr));
   EXPECT_THAT(log.take(), ElementsAre("[INFO ] IccConverter: RGB->CMYK [sRGB -> " + late + "]",
                                       "[INFO ] IccConverter: CMYK->CMYK [" + kCmyk + " -> " + late + "]"));
@@ -194,19 +189,19 @@ TEST_F(IccTest, ThreadsGetTheSameBytesFromOwnAndSharedConverters) {
   ColorConversion conversion;
   conversion.reset(usual);
   const Bytes rgb = artwork(kPixels, 3), cmyk = artwork(kPixels, 4);
-  std::array<WorkerIcc, 2> workers;
+  WorkerIcc workers[2];
   std::array<Bytes, 4> results;
-  std::vector<std::thread> threads;
+  std::vector<std::jthread> threads;
   for (std::size_t t = 0; t < results.size(); ++t)
     threads.emplace_back([&, t] {
-      WorkerIcc* slot = t < workers.size() ? &workers[t] : nullptr;
+      WorkerIcc* slot = t < 2 ? &workers[t] : nullptr;
       std::string error;
       results[t].resize(kPixels * 8);
       EXPECT_TRUE(conversion.init_rgb_icc(slot, error) && conversion.init_cmyk_icc(slot, error));
       conversion.convert_rgb_row(slot, rgb.data(), results[t].data(), kPixels);
       conversion.convert_cmyk_row(slot, cmyk.data(), results[t].data() + kPixels * 4, kPixels);
     });
-  for (auto& thread : threads) thread.join();
+  threads.clear();
   EXPECT_THAT(results, Each(results[0]));
 }
 

@@ -33,7 +33,6 @@ class PlainItem {
  private:
   std::uint32_t source_width() const { return rotated_ ? image_.height : image_.width; }
   std::uint32_t source_height() const { return rotated_ ? image_.width : image_.height; }
-  bool smooth_color() const { return config_.color_resampling_mode == ResamplingMode::smooth; }
   bool is_rgb() const { return image_.is_rgb || !image_.is_cmyk; }
   bool has_white() const { return image_.role_index(ChannelRole::white) >= 0; }
   bool shrinks() const { return place_.width < source_width() || place_.height < source_height(); }
@@ -65,15 +64,11 @@ class PlainItem {
     return mix(at(mx_.lo, my_.lo), at(mx_.hi, my_.lo), at(mx_.lo, my_.hi), at(mx_.hi, my_.hi), mx_.frac,
                my_.frac);
   }
-  std::uint8_t channel_byte(int channel, bool nearest) const {
-    const auto at = [&](std::uint32_t x, std::uint32_t y) { return sample(channel, x, y); };
-    return nearest ? at(mx_.nearest(), my_.nearest()) : mixed(at, bilinear_byte);
-  }
   std::uint8_t color_byte(int channel) const {
-    if (is_rgb() && config_.color_resampling_linear_light && smooth_color())
-      return mixed([&](std::uint32_t x, std::uint32_t y) { return sample(channel, x, y); },
-                   bilinear_linear_light);
-    return channel_byte(channel, !smooth_color());
+    const auto at = [&](std::uint32_t x, std::uint32_t y) { return sample(channel, x, y); };
+    if (config_.color_resampling_mode == ResamplingMode::hard) return at(mx_.nearest(), my_.nearest());
+    return mixed(at,
+                 is_rgb() && config_.color_resampling_linear_light ? bilinear_linear_light : bilinear_byte);
   }
 
   std::uint8_t white_byte(std::uint32_t row, std::uint32_t column) const {
@@ -97,7 +92,8 @@ class PlainItem {
     std::uint8_t white = white_byte(row, column);
     std::uint8_t alpha = 255;
     if (alpha_active) {
-      alpha = has_white() || !hard() ? channel_byte(alpha_index, false) : white;
+      const auto at = [&](std::uint32_t x, std::uint32_t y) { return sample(alpha_index, x, y); };
+      alpha = has_white() || !hard() ? mixed(at, bilinear_byte) : white;
     } else if (is_rgb() && !image_.has_alpha && has_white()) {
       alpha = white;
     }

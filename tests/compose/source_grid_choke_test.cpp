@@ -8,6 +8,8 @@
 
 #include <gtest/gtest.h>
 
+#include "support/scoped_variable.h"
+
 namespace nvo {
 namespace {
 
@@ -80,34 +82,30 @@ TEST(SourceGridChoke, SpreadsColourIntoItsSurroundings) {
         << choke_strategy_name(c.strategy) << " " << c.radius << " " << c.before;
 }
 
-/// Where nothing is in the way, the distance spread comes to this: every pixel looks at all ink.
-std::string spread_by_looking_everywhere(const std::string& before, int width, float radius) {
-  std::string after = before;
-  for (int i = 0; i < static_cast<int>(before.size()); ++i) {
-    if (before[i] != '.') continue;
-    int best = 1 << 30;
-    for (int o = 0; o < static_cast<int>(before.size()); ++o) {
-      const int dx = std::abs(i % (width + 1) - o % (width + 1)),
-                dy = std::abs(i / (width + 1) - o / (width + 1));
-      if (before[o] == '.' || before[o] == '/' || dx * dx + dy * dy >= best) continue;
-      best = dx * dx + dy * dy;
-      after[i] = std::hypot(std::fdim(dx, 0.5), std::fdim(dy, 0.5)) <= radius + 1e-5 ? before[o] : '.';
-    }
-  }
-  return after;
-}
-
 TEST(SourceGridChoke, DistanceSpreadFindsTheNearestInk) {
-  constexpr int kWidth = 31, kHeight = 24;
+  constexpr int kWidth = 31, kSize = 24 * (kWidth + 1);
+  // Where nothing is in the way the spread comes to this: every pixel looks at all ink.
+  const auto by_looking_everywhere = [](const std::string& before, float radius) {
+    std::string after = before;
+    for (int i = 0; i < kSize; ++i) {
+      for (int o = 0, best = 1 << 30; o < kSize && before[i] == '.'; ++o) {
+        const int dx = std::abs(i % (kWidth + 1) - o % (kWidth + 1));
+        const int dy = std::abs(i / (kWidth + 1) - o / (kWidth + 1));
+        if (before[o] == '.' || before[o] == '/' || dx * dx + dy * dy >= best) continue;
+        best = dx * dx + dy * dy;
+        after[i] = std::hypot(std::fdim(dx, 0.5), std::fdim(dy, 0.5)) <= radius + 1e-5 ? before[o] : '.';
+      }
+    }
+    return after;
+  };
   std::minstd_rand random(3);
   for (int round = 0; round < 60; ++round) {
     std::string strip;
-    for (int row = 0; row < kHeight; ++row) strip += std::string(kWidth, '.') + "/";
+    while (strip.size() < kSize) strip += std::string(kWidth, '.') + "/";
     for (int dot = 0; dot <= round; ++dot)
-      strip[random() % kHeight * (kWidth + 1) + random() % kWidth] = static_cast<char>('a' + dot % 26);
+      strip[random() % 24 * (kWidth + 1) + random() % kWidth] = static_cast<char>('a' + dot % 26);
     for (const float radius : {0.4f, 1.0f, 1.5f, 2.0f, 3.3f, 5.0f})
-      ASSERT_EQ(spread(strip, kDistance, radius), spread_by_looking_everywhere(strip, kWidth, radius))
-          << radius;
+      ASSERT_EQ(spread(strip, kDistance, radius), by_looking_everywhere(strip, radius)) << radius;
   }
 }
 
@@ -121,10 +119,9 @@ TEST(SourceGridChoke, RadiiAndTokens) {
   EXPECT_EQ(parse_choke_strategy("\tBUILD_1009\n", kFallback), kSteps);
   EXPECT_EQ(parse_choke_strategy("Distance-Mask", kFallback), kDistance);
   EXPECT_EQ(parse_choke_strategy("RIP \x01 domain.", kFallback), Strategy::production);
-  for (const char* text :
-       {"", "b\xC3\xA4seline", choke_strategy_name(kDistance)})  // the name is for printing
+  for (const char* text : {"", "b\xC3\xA4seline", choke_strategy_name(kDistance)})  // a name to print only
     EXPECT_EQ(parse_choke_strategy(text, kFallback), kFallback) << text;
-  ::setenv("NVO_WHITE_CHOKE_STRATEGY", "baseline", 1);
+  const test::ScopedVariable variable("NVO_WHITE_CHOKE_STRATEGY", "baseline");
   EXPECT_EQ(choke_strategy_from_environment(true), kSteps);
   EXPECT_EQ(choke_strategy_from_environment(false), Strategy::production);
 }

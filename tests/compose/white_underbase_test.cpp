@@ -33,28 +33,29 @@ StripBuffer strip_of(const std::vector<Pixel>& pixels) {
   return strip;
 }
 
-Bytes limited(const std::vector<Pixel>& pixels, float budget = 300, float max_white = 400,
-              float min_white = 10) {
-  StripBuffer strip = strip_of(pixels);
-  apply_white_underbase(strip, 300, {0, false, 0, {}, true, budget, max_white, min_white});
-  return strip.planes[4];
-}
-
 TEST(WhiteUnderbase, LimitsWhiteByTheInkOfThePixel) {
-  EXPECT_THAT(limited({{0, 0, 0, 0, 255}, {255, 255, 255, 255, 255}, {0, 0, 0, 0, 128}}),
-              ElementsAre(191, 6, 128));
-  // Opaque: ink alone tells what is printed. With transparency coverage tells it too.
-  EXPECT_THAT(limited({{2, 2, 2, 2, 255}, {0, 3, 0, 0, 255}, {0, 0, 0, 255, 255}}), ElementsAre(0, 191, 128));
-  EXPECT_THAT(limited({{2, 0, 0, 0, 255}, {0, 0, 0, 0, 0}, {9, 0, 0, 0, 0}}), ElementsAre(191, 0, 0));
-  EXPECT_THAT(limited({{255, 255, 255, 255, 200, 255}, {9, 0, 0, 0, 7, 1}}), ElementsAre(200, 7));
-  EXPECT_THAT(limited({{9, 0, 0, 0, 255}, {9, 0, 0, 0, 7, 255}}, 300, 0), ElementsAre(0, 7));
-  EXPECT_THAT(limited({{9, 0, 0, 0, 255}}, 0, 400, 0), ElementsAre(0));
-  EXPECT_THAT(limited({{255, 255, 255, 255, 255}, {0, 0, 0, 0, 77}}, 900), ElementsAre(255, 77));
-  EXPECT_THAT(limited({{3, 0, 0, 0, 255}}, 300, 100, 250), ElementsAre(255));
-  // On rounding edges: one less in wider arithmetic.
-  EXPECT_THAT(limited({{23, 124, 81, 135, 121}, {187, 133, 144, 95, 255}}), ElementsAre(101, 52));
   constexpr float kInfinity = std::numeric_limits<float>::infinity();
-  EXPECT_THAT(limited({{9, 0, 0, 0, 255}, {9, 0, 0, 0, 0}}, kInfinity, kInfinity), ElementsAre(0, 0));
+  const struct {
+    std::vector<Pixel> pixels;
+    Bytes white;
+    float budget = 300, max_white = 400, min_white = 10;
+  } cases[] = {{{{0, 0, 0, 0, 255}, {255, 255, 255, 255, 255}, {0, 0, 0, 0, 128}}, {191, 6, 128}},
+               // Opaque: ink alone tells what is printed. With transparency coverage tells it too.
+               {{{2, 2, 2, 2, 255}, {0, 3, 0, 0, 255}, {0, 0, 0, 255, 255}}, {0, 191, 128}},
+               {{{2, 0, 0, 0, 255}, {0, 0, 0, 0, 0}, {9, 0, 0, 0, 0}}, {191, 0, 0}},
+               {{{255, 255, 255, 255, 200, 255}, {9, 0, 0, 0, 7, 1}}, {200, 7}},
+               {{{9, 0, 0, 0, 255}, {9, 0, 0, 0, 7, 255}}, {0, 7}, 300, 0},
+               {{{9, 0, 0, 0, 255}}, {0}, 0, 400, 0},
+               {{{255, 255, 255, 255, 255}, {0, 0, 0, 0, 77}}, {255, 77}, 900},
+               {{{3, 0, 0, 0, 255}}, {255}, 300, 100, 250},
+               // On rounding edges: one less in wider arithmetic.
+               {{{23, 124, 81, 135, 121}, {187, 133, 144, 95, 255}}, {101, 52}},
+               {{{9, 0, 0, 0, 255}, {9, 0, 0, 0, 0}}, {0, 0}, kInfinity, kInfinity}};
+  for (const auto& c : cases) {
+    StripBuffer strip = strip_of(c.pixels);
+    apply_white_underbase(strip, 300, {0, false, 0, {}, true, c.budget, c.max_white, c.min_white});
+    EXPECT_EQ(strip.planes[4], c.white);
+  }
 }
 
 TEST(WhiteUnderbase, LimitsBeforeColourSpreadsOnAWellFormedStrip) {
@@ -75,9 +76,10 @@ TEST(WhiteUnderbase, LimitsBeforeColourSpreadsOnAWellFormedStrip) {
   EXPECT_EQ(strip.planes, before.planes);
 }
 
-/// Gray and a second channel that is clean but for `value`. Reads fail from `bad_row` on, or stop short.
+/// Gray and a second channel that is clean but for `value`. From `bad_row` on reads fail, or stop short.
 struct FakeSource : RasterSource {
-  FakeSource(ChannelRole role, std::uint8_t odd_value) : value(odd_value) {
+  FakeSource(ChannelRole role, std::uint8_t odd_value, std::uint32_t bad = 600, bool is_short = false)
+      : value(odd_value), bad_row(bad), short_reads(is_short) {
     meta.width = 3;
     meta.height = 600;
     meta.channel_count = 2;
@@ -101,8 +103,8 @@ struct FakeSource : RasterSource {
 
   ImageMeta meta;
   std::uint8_t value;
-  std::uint32_t bad_row = 600;
-  bool row_reads = true, short_reads = false;
+  std::uint32_t bad_row;
+  bool short_reads, row_reads = true;
   int reads = 0;
 };
 
@@ -117,8 +119,8 @@ TEST(CoverageIsBinary, UnlessAByteIsGraded) {
       image.white_coverage[at] = byte;
       EXPECT_EQ(coverage_is_binary(image), binary) << value << " at " << at;
     }
-    FakeSource white(ChannelRole::white, byte), alpha(ChannelRole::alpha, byte),
-        spot(ChannelRole::spot, byte);
+    FakeSource white(ChannelRole::white, byte), alpha(ChannelRole::alpha, byte);
+    FakeSource spot(ChannelRole::spot, byte);
     EXPECT_EQ(coverage_is_binary(white, "p"), binary) << value;
     EXPECT_EQ(coverage_is_binary(alpha, "p"), binary) << value;
     EXPECT_EQ(alpha.reads, binary ? 3 : 1);
@@ -126,17 +128,13 @@ TEST(CoverageIsBinary, UnlessAByteIsGraded) {
     alpha.meta.channels[1].index = 2;
     EXPECT_TRUE(coverage_is_binary(alpha, "p")) << "a channel that no pixel has";
   }
-}
-
-TEST(CoverageIsBinary, NotWhereASourceCannotBeScanned) {
+  // Nor where a source cannot be scanned.
   test::LogCapture log;
-  FakeSource no_rows(ChannelRole::alpha, 0), failing(ChannelRole::alpha, 0), stopping(ChannelRole::alpha, 0);
+  FakeSource no_rows(ChannelRole::alpha, 0), failing(ChannelRole::alpha, 0, 300);
+  FakeSource stopping(ChannelRole::alpha, 0, 300, true);
   no_rows.row_reads = false;
-  failing.bad_row = stopping.bad_row = 300;
-  stopping.short_reads = true;
-  EXPECT_FALSE(coverage_is_binary(no_rows, "c.tif"));
-  EXPECT_FALSE(coverage_is_binary(failing, "a.tif"));
-  EXPECT_FALSE(coverage_is_binary(stopping, "b.tif"));
+  EXPECT_FALSE(coverage_is_binary(no_rows, "c.tif") || coverage_is_binary(failing, "a.tif") ||
+               coverage_is_binary(stopping, "b.tif"));
   const std::string start = "[WARN ] StripCompositor: white coverage classification ";
   EXPECT_THAT(log.take(), ElementsAre(start + "row read failed for 'a.tif': broken row",
                                       start + "short row read for 'b.tif'"));
