@@ -187,7 +187,7 @@ TEST(ItemRaster, PlacementRounds) {
     return std::tuple(at.x, at.y, at.width, at.height);
   };
   // Half a pixel rounds away from zero (0.005f lies a little above 0.005), exact inches gain no pixel.
-  EXPECT_EQ(place(0.005f, -0.005f, 10.0f, 0.0101f), std::tuple(1, -1, 3000u, 4u));
+  EXPECT_EQ(place(0.005f, -0.005f, 0.1f, 0.0101f), std::tuple(1, -1, 30u, 4u));
   constexpr std::int64_t kFarAway = 1'000'000'000'000;
   const auto [x, y, width, height] = place(1e30f, -1e30f, 0.0f, 1e30f);
   EXPECT_TRUE(x > kFarAway && y < -kFarAway && width == 1 && height == 4294967295u);
