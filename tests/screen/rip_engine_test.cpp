@@ -189,6 +189,28 @@ TEST(RipEngine, EqualsThePlainScreenOnWholePlanesAndStrips) {
   }
 }
 
+/// Neighbouring strips of coarse device rows and nearly equal grids have almost all in common.
+TEST(RipEngine, ScratchOfAnotherStripChangesNoDot) {
+  const LogCapture quiet(LogLevel::error);
+  Random random(3);
+  const auto plane = random_plane(random, 20, 40);
+  RipEngineParams params = base_params(360, 200);
+  params.src_dpi = 1500;
+  RipEngine coarse(params);
+  params.y_dpi = 205;
+  RipEngine finer(params);
+  RipEngine::ProcessScratch scratch;
+  for (int round = 0; round < 20000; ++round) {
+    RipEngine& engine = random() % 2 == 0 ? coarse : finer;
+    const std::uint32_t first = random() % 40, count = 1 + random() % (40 - first);
+    DropMap kept, fresh;
+    for (const auto& [out, memory] : {std::pair(&kept, &scratch), {&fresh, nullptr}})
+      engine.process_strip(*out, &plane[std::size_t{first} * 20], 20, count, first, 40,
+                           round / 9 % 2 == 0 ? 0 : 4, nullptr, nullptr, nullptr, memory);
+    ASSERT_TRUE(kept.data == fresh.data) << round;
+  }
+}
+
 /// Device rows between two equal source rows are sums of their own: they differ from their neighbours in the
 /// last bit.
 TEST(RipEngine, EqualSourceRowsEqualThePlainScreenInEveryValue) {
