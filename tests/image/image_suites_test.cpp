@@ -8,7 +8,6 @@
 #include <filesystem>
 #include <fstream>
 #include <iostream>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -60,13 +59,8 @@ class ImageSuites : public ::testing::Test {
 
   void SetUp() override {
     std::ifstream table(folder_ + "references.tsv");
-    for (std::string line; std::getline(table, line);) {
-      std::istringstream fields(line);
-      Reference reference;
-      std::getline(fields, reference.path, '\t');
-      fields >> reference.width >> reference.height >> reference.channels >> reference.pixels;
-      references_.push_back(reference);
-    }
+    for (Reference r; table >> std::ws && std::getline(table, r.path, '\t');)
+      if (table >> r.width >> r.height >> r.channels >> r.pixels) references_.push_back(r);
     if (references_.empty())
       GTEST_SKIP() << "no images; scripts/fetch-image-suites brings them to " << folder_;
   }
@@ -145,17 +139,13 @@ TEST_F(ImageSuites, GoThroughTheWholeProgram) {
     bool prints;
   } cases[] = {
       {"libspng/tests/images/basi3p04.png", 0, true},
-      {"libspng/tests/images/tbwn0g16.png", 0, true},
-      {"artwork/usr/share/icons/Adwaita/96x96/places/folder-symbolic.symbolic.png", 0, true},
       {"libjpeg-turbo/testimages/testorig.jpg", 0, true},
       {"pillow/Tests/images/pil_sample_cmyk.jpg", 0, true},
       {"pillow/Tests/images/transparent.webp", 0, true},
       {"pillow/Tests/images/bmp/q/rgba32.bmp", 0, true},
       {"tiff/test/images/quad-lzw-compat.tiff", 0, true},
       {"pillow/Tests/images/truncated_jpeg.jpg", 0, false},
-      {"libspng/tests/images/xcsn0g01.png", 0, false},
       {"libspng/tests/images/xhdn0g08.png", 2, false},
-      {"tiff/test/images/palette-1c-8b.tiff", 2, false},
   };
   const TempDir folder;
   const std::string output = folder.file("o.prt");

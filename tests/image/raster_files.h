@@ -146,10 +146,9 @@ struct JpegFile {
     jpeg_start_compress(&jpeg, TRUE);
     Bytes row(std::size_t{width} * static_cast<unsigned>(components));
     for (std::uint32_t y = 0; y < height; ++y) {
-      for (std::uint32_t i = 0; i < row.size(); ++i) {
-        const auto n = static_cast<std::uint32_t>(components);
-        row[i] = sample(i / n, y, static_cast<int>(i % n));
-      }
+      const auto count = static_cast<std::uint32_t>(components);
+      for (std::uint32_t i = 0; i < row.size(); ++i)
+        row[i] = sample(i / count, y, static_cast<int>(i % count));
       JSAMPROW pointer = row.data();
       jpeg_write_scanlines(&jpeg, &pointer, 1);
     }
@@ -184,16 +183,15 @@ struct BmpFile {
   std::string bytes() const {
     std::string info;
     put_little(info, header, 4);
-    const int side = header == 12 ? 2 : 4;
-    put_little(info, static_cast<std::uint32_t>(width), side);
-    put_little(info, static_cast<std::uint32_t>(height), side);
+    for (const std::int32_t side : {width, height})
+      put_little(info, static_cast<std::uint32_t>(side), header == 12 ? 2 : 4);
     put_little(info, 1, 2);
     put_little(info, bits, 2);
     if (header > 16) {
-      for (const std::uint32_t field :
-           {compression, 0u, static_cast<std::uint32_t>(per_metre_x), static_cast<std::uint32_t>(per_metre_y),
-            static_cast<std::uint32_t>(palette.size()), 0u})
-        put_little(info, field, 4);
+      put_little(info, compression, 8);
+      put_little(info, static_cast<std::uint32_t>(per_metre_x), 4);
+      put_little(info, static_cast<std::uint32_t>(per_metre_y), 4);
+      put_little(info, palette.size(), 8);
     }
     for (const std::uint32_t mask : masks) put_little(info, mask, 4);
     if (info.size() < header) info.resize(header);

