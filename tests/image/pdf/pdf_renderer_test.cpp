@@ -22,21 +22,19 @@ using ::testing::IsEmpty;
 using ::testing::StartsWith;
 
 /// Stands in for Poppler: says that it was called, and fails if told so.
-class SecondBackend final : public PdfBackend {
- public:
-  explicit SecondBackend(bool fails) : fails_(fails) {}
+struct SecondBackend final : PdfBackend {
+  bool fails;
+
+  explicit SecondBackend(bool does_fail) : fails(does_fail) {}
   PdfPageInfo probe(const PdfRequest& request) override { return render(request); }
   PdfRenderResult render(const PdfRequest& request) override {
-    if (fails_) throw std::runtime_error("second back-end failed");
+    if (fails) throw std::runtime_error("second back-end failed");
     PdfRenderResult page;
     page.page_index = request.page_index;
     page.width = page.height = 1;
     page.rgba = {1, 2, 3, 255};
     return page;
   }
-
- private:
-  bool fails_;
 };
 
 class PdfRendererTest : public ::testing::Test {
@@ -60,17 +58,15 @@ TEST_F(PdfRendererTest, RefusesBadRequestsBeforeAnyBackend) {
   const std::string good = document("pages=1"), huge = document("", "huge.pdf"), loop = dir_.file("loop.pdf");
   std::filesystem::resize_file(huge, 536'870'913);
   std::filesystem::create_symlink("loop.pdf", loop);
-  const std::string dpi_text = "dpi must be a positive finite value";
   const struct {
     std::string path, text;
     float dpi = 300;
   } cases[] = {
       {"a.pdf.bak", "expected a .pdf file: a.pdf.bak"},
       {"pdf", "expected a .pdf file: pdf"},
-      {good, dpi_text, 0},
-      {good, dpi_text, -1},
-      {good, dpi_text, INFINITY},
-      {good, dpi_text, NAN},
+      {good, "dpi must be a positive finite value", 0},
+      {good, "dpi must be a positive finite value", INFINITY},
+      {good, "dpi must be a positive finite value", NAN},
       {huge, "PDF file exceeds 512 MiB safety cap: " + huge},
       {loop, "cannot inspect PDF file before render: filesystem error:"},
   };
@@ -160,24 +156,21 @@ TEST_F(PdfRendererTest, TheLastFailureIsTheSecondBackends) {
 TEST_F(PdfRendererTest, TellsOnceWhyPdfiumIsNotThere) {
   const std::string junk = document("not a library", "libpdfium.so"), empty = dir_.file("empty");
   const std::pair<std::filesystem::path, std::string> cases[] = {
-      {"",
-       "was not loaded because the executable path could not be resolved; looked only for libpdfium.so next "
-       "to the executable"},
+      {"", "was not loaded because the executable path could not be resolved; looked only for libpdfium.so"},
       {empty, "was not found next to the executable at " + empty + "/libpdfium.so"},
       {dir_.path(), "next to the executable could not be loaded from " + junk + " (Win32 error "},
       {NVO_FAKE_PDFIUM_INCOMPLETE, "is missing required public API symbol FPDF_GetLastError"},
   };
   const std::string path = document("");
+  const std::string unavailable =
+      "PdfRenderer: PDFium backend unavailable; using Poppler fallback for render ";
   for (const auto& [folder, reason] : cases) {
     PdfiumLibrary absent(folder);
     PdfRenderer pdf(absent, std::make_unique<SecondBackend>(false));
     for (int twice = 0; twice < 2; ++twice) EXPECT_FALSE(pdf.render(path, 0, 300).has_alpha);
-    EXPECT_THAT(
-        log_.take(),
-        ElementsAre(StartsWith("[INFO ] PdfRenderer: PDFium backend unavailable; using Poppler fallback for "
-                               "render '" +
-                               path + "': libpdfium.so " + reason),
-                    "[INFO ] PdfRenderer: selected Poppler backend for render '" + path + "'"));
+    EXPECT_THAT(log_.take(),
+                ElementsAre(StartsWith("[INFO ] " + unavailable + "'" + path + "': libpdfium.so " + reason),
+                            "[INFO ] PdfRenderer: selected Poppler backend for render '" + path + "'"));
   }
 }
 

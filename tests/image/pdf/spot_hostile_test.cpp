@@ -11,6 +11,13 @@
 
 #include "image/pdf/pdf_file.h"
 #include "image/pdf/spot_white.h"
+#include "support/seed_replay.h"
+
+// The fuzz targets, each compiled under a name of its own. They check what comes out.
+extern "C" int fuzz_pdf_inflate(const std::uint8_t* data, std::size_t size);
+extern "C" int fuzz_pdf_tokens(const std::uint8_t* data, std::size_t size);
+extern "C" int fuzz_spot_content(const std::uint8_t* data, std::size_t size);
+extern "C" int fuzz_spot_white(const std::uint8_t* data, std::size_t size);
 
 namespace nvo::test {
 namespace {
@@ -112,6 +119,14 @@ TEST(SpotHostile, PaintIsLimited) {
     EXPECT_NE(expect_quick(c.what, file.text(), c.width, c.height).find("aborted"), std::string::npos)
         << c.what;
   }
+}
+
+TEST(PdfFuzzReplay, SeedsKeepTheContract) {
+  const std::string corpus = NVO_FUZZ_CORPUS "/";
+  EXPECT_GE(replay_seeds(corpus + "pdf_inflate", 1, fuzz_pdf_inflate), 3);
+  EXPECT_GE(replay_seeds(corpus + "pdf_tokens", 2, fuzz_pdf_tokens), 3);
+  EXPECT_GE(replay_seeds(corpus + "spot_content", 2, fuzz_spot_content), 3);
+  EXPECT_GE(replay_seeds(corpus + "spot_white", 2, fuzz_spot_white), 3);
 }
 
 }  // namespace
