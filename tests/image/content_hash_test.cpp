@@ -1,6 +1,7 @@
 #include "image/content_hash.h"
 
 #include <string>
+#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -37,22 +38,17 @@ TEST(ContentHash, SamplesHeadAndTail) {
 
 TEST(ContentHash, SaysWhyItFails) {
   const TempDir dir;
-  const struct {
-    std::string path, error;
-  } cases[] = {
-      {"", "Source path is empty."},
-      {dir.file("missing"), "Source path does not exist."},
-      {dir.path().string(), "Is a directory"},
-  };
-  for (const auto& c : cases) {
-    std::string hash, error;
-    EXPECT_FALSE(content_hash(c.path, hash, &error));
-    EXPECT_EQ(error, c.error);
-  }
+  const std::string missing = dir.file("missing"), folder = dir.path();
+  const std::pair<std::string, std::string> cases[] = {
+      {"", "Source path is empty."}, {missing, "Source path does not exist."}, {folder, "Is a directory"}};
   std::string hash, error;
-  EXPECT_FALSE(fast_content_hash(dir.file("missing"), 1, hash, &error));
+  for (const auto& [path, text] : cases) {
+    EXPECT_FALSE(content_hash(path, hash, &error));
+    EXPECT_EQ(error, text);
+  }
+  EXPECT_FALSE(fast_content_hash(missing, 1, hash, &error));
   EXPECT_EQ(error, "Cannot open file for content signature.");
-  EXPECT_FALSE(fast_content_hash(dir.path(), 1, hash, &error));
+  EXPECT_FALSE(fast_content_hash(folder, 1, hash, &error));
   EXPECT_EQ(error, "Content signature read failed.");
 }
 

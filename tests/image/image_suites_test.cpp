@@ -1,25 +1,21 @@
-// Real files of other projects against the pixels that other people's decoders make of them, and through the
-// whole program. scripts/fetch-image-suites brings the files; without them these tests are skipped.
+// Real files of other projects against the pixels that other people's decoders make of them.
+// scripts/fetch-image-suites brings the files; without them this test is skipped.
 
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "image/image_loader.h"
 #include "image/raster_source.h"
-#include "support/child_process.h"
 #include "support/log_capture.h"
-#include "support/print_file.h"
 #include "support/temp_dir.h"
 
 namespace nvo::test {
@@ -130,41 +126,6 @@ TEST_F(ImageSuites, PixelsEqualThoseOfOtherDecoders) {
   }
   std::cout << equal << " images equal their references, " << refused << " are refused\n";
   EXPECT_GT(equal, 1000);
-}
-
-TEST_F(ImageSuites, GoThroughTheWholeProgram) {
-  const struct {
-    const char* path;
-    int code;
-    bool prints;
-  } cases[] = {
-      {"libspng/tests/images/basi3p04.png", 0, true},
-      {"libjpeg-turbo/testimages/testorig.jpg", 0, true},
-      {"pillow/Tests/images/pil_sample_cmyk.jpg", 0, true},
-      {"pillow/Tests/images/transparent.webp", 0, true},
-      {"pillow/Tests/images/bmp/q/rgba32.bmp", 0, true},
-      {"tiff/test/images/quad-lzw-compat.tiff", 0, true},
-      {"pillow/Tests/images/truncated_jpeg.jpg", 0, false},
-      {"libspng/tests/images/xhdn0g08.png", 2, false},
-  };
-  const TempDir folder;
-  const std::string output = folder.file("o.prt");
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.path);
-    ChildProcess rip({NVO_RIP_PROGRAM, folder_ + c.path, output},
-                     {{"XDG_CONFIG_HOME", folder.file("config")}});
-    EXPECT_EQ(rip.wait(), c.code) << rip.err();
-    const PrintFile print(read_all(output));
-    EXPECT_EQ(print.is_whole, c.code == 0);
-    const auto has_drops = [](const auto& plane) {
-      return std::ranges::any_of(plane, [](auto d) { return d != 0; });
-    };
-    EXPECT_EQ(std::ranges::any_of(print.drops, has_drops), c.prints);
-    if (!c.prints) {
-      EXPECT_THAT(rip.out() + rip.err(), ::testing::ContainsRegex("WARN . Strip.*cannot open|Fatal: "));
-    }
-    std::filesystem::remove(output);
-  }
 }
 
 }  // namespace

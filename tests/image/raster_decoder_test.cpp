@@ -124,12 +124,12 @@ TEST_F(RasterDecoderTest, BmpVariants) {
   const auto bottom_up = "\x09\x08\x07\x0C\x0B\x0A\0\0\x03\x02\x01\x06\x05\x04\0\0"s;
   const auto top_down = "\x03\x02\x01\x06\x05\x04\0\0\x09\x08\x07\x0C\x0B\x0A\0\0"s;
   const std::vector<std::uint32_t> colors = {0x000000, 0x102030, 0xFFFFFF, 0xAABBCC};
-  const auto indexed = [&](const std::vector<int>& indices) {
+  const auto indexed = [&](const std::vector<std::size_t>& indices) {
     Bytes pixels;
-    for (const int i : indices)
-      for (const int shift : {16, 8, 0, -1})
-        pixels.push_back(shift < 0 ? std::uint8_t{255}
-                                   : static_cast<std::uint8_t>(colors[static_cast<std::size_t>(i)] >> shift));
+    for (const std::size_t i : indices) {
+      for (const int shift : {16, 8, 0}) pixels.push_back(static_cast<std::uint8_t>(colors[i] >> shift));
+      pixels.push_back(255);
+    }
     return pixels;
   };
   const std::vector<std::uint32_t> argb = {0xFF0000, 0xFF00, 0xFF, 0xFF000000};
@@ -172,8 +172,8 @@ TEST_F(RasterDecoderTest, BmpVariants) {
 
 TEST_F(RasterDecoderTest, BmpRefusals) {
   const std::vector<std::uint32_t> colors(4, 0);
-  const char *const compression = "unknown compression", *const short_file =
-                                                             "the file is too short for its size in pixels";
+  const char* const compression = "unknown compression";
+  const char* const short_file = "the file is too short for its size in pixels";
   const struct {
     BmpFile file;  // header, width, height, bits, compression, masks, palette, data
     const char* text;
@@ -243,12 +243,8 @@ TEST_F(RasterDecoderTest, BombsCostLittle) {
   const auto scans = [](int extra) {
     return JpegFile{.components = 1, .stored = JCS_GRAYSCALE, .extra_scans = extra}.bytes();
   };
-  const JpegFile flat{.components = 1,
-                      .stored = JCS_GRAYSCALE,
-                      .progressive = true,
-                      .width = 6500,
-                      .height = 6500,
-                      .sample = [](std::uint32_t, std::uint32_t, int) { return std::uint8_t{99}; }};
+  JpegFile flat{.components = 1, .stored = JCS_GRAYSCALE, .progressive = true, .width = 6500, .height = 6500};
+  flat.sample = [](std::uint32_t, std::uint32_t, int) { return std::uint8_t{99}; };
   std::string claim = JpegFile{.progressive = true}.bytes();
   claim.replace(claim.find("\xFF\xC2"s) + 5, 4, "\x75\x30\x75\x30");
   const std::string png = PngFile{}.bytes();

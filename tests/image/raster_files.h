@@ -42,16 +42,6 @@ inline void put_little(std::string& bytes, std::uint64_t value, int count) {
   for (int i = 0; i < count; ++i) bytes += static_cast<char>(value >> (8 * i));
 }
 
-/// Appends what is written to `file`.
-inline png_structp png_writer(std::string& file) {
-  png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
-  const auto write = [](png_structp writer, png_bytep data, std::size_t size) {
-    static_cast<std::string*>(png_get_io_ptr(writer))->append(reinterpret_cast<char*>(data), size);
-  };
-  png_set_write_fn(png, &file, write, nullptr);
-  return png;
-}
-
 /// A PNG of 8-bit RGBA whose pixels are `pixel(x, y)`.
 struct PngFile {
   bool interlaced = false;
@@ -59,42 +49,40 @@ struct PngFile {
   std::uint32_t per_metre_x = 0, per_metre_y = 0;
   int unit = PNG_RESOLUTION_METER;
   std::function<Rgba(std::uint32_t x, std::uint32_t y)> pixel = busy_pixel;
+  bool header_only = false;  ///< cut off behind the first bytes of the pixels
 
   Bytes pixels() const { return rgba_image(width, height, pixel); }
 
   std::string bytes() const {
     std::string file;
-    png_structp png = png_writer(file);
+    png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
+    const auto write = [](png_structp writer, png_bytep data, std::size_t size) {
+      static_cast<std::string*>(png_get_io_ptr(writer))->append(reinterpret_cast<char*>(data), size);
+    };
+    png_set_write_fn(png, &file, write, nullptr);
     png_infop info = png_create_info_struct(png);
     png_set_compression_level(png, 1);
-    png_set_IHDR(png, info, width, height, 8, PNG_COLOR_TYPE_RGB_ALPHA,
-                 interlaced ? PNG_INTERLACE_ADAM7 : PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_DEFAULT,
-                 PNG_FILTER_TYPE_DEFAULT);
+    png_set_user_limits(png, 0x7FFFFFFF, 0x7FFFFFFF);
+    png_set_IHDR(png, info, width, height, 8, PNG_COLOR_TYPE_RGB_ALPHA, interlaced, 0, 0);
     if (per_metre_x != 0) png_set_pHYs(png, info, per_metre_x, per_metre_y, unit);
     png_write_info(png, info);
-    Bytes samples = pixels();
-    std::vector<png_bytep> rows;
-    for (std::uint32_t y = 0; y < height; ++y) rows.push_back(samples.data() + std::size_t{y} * width * 4);
-    png_write_image(png, rows.data());
-    png_write_end(png, info);
+    if (header_only) {
+      png_write_chunk(png, reinterpret_cast<png_const_bytep>("IDAT"),
+                      reinterpret_cast<png_const_bytep>("\x78\x9C"), 2);
+    } else {
+      Bytes samples = pixels();
+      std::vector<png_bytep> rows;
+      for (std::uint32_t y = 0; y < height; ++y) rows.push_back(samples.data() + std::size_t{y} * width * 4);
+      png_write_image(png, rows.data());
+      png_write_end(png, info);
+    }
     png_destroy_write_struct(&png, &info);
     return file;
   }
 };
 
-/// A PNG of 8 bits and this header size, cut off behind its header.
 inline std::string png_header_only(std::uint32_t width, std::uint32_t height) {
-  std::string file;
-  png_structp png = png_writer(file);
-  png_infop info = png_create_info_struct(png);
-  png_set_user_limits(png, 0x7FFFFFFF, 0x7FFFFFFF);
-  png_set_IHDR(png, info, width, height, 8, PNG_COLOR_TYPE_RGB, 0, 0, 0);
-  png_write_info(png, info);
-  png_byte no_pixels[] = {0x78, 0x9C};
-  png_byte type[] = "IDAT";
-  png_write_chunk(png, type, no_pixels, sizeof no_pixels);
-  png_destroy_write_struct(&png, &info);
-  return file;
+  return PngFile{.width = width, .height = height, .header_only = true}.bytes();
 }
 
 /// A JPEG of `components` samples a pixel, best quality, without subsampling.

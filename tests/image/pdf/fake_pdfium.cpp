@@ -17,10 +17,8 @@ std::string orders;
 unsigned long error_code = 0;
 int load_count = 0;
 
-struct Bitmap {
-  std::uint8_t* pixels;
-  int stride, height;
-};
+std::uint8_t* bitmap_pixels = nullptr;
+std::size_t bitmap_bytes = 0;
 
 double order(const char* name, double otherwise) {
   const std::size_t found = orders.find(std::string(name) + "=");
@@ -62,20 +60,17 @@ FAKE_ENTRY double FPDF_GetPageHeight(void*) {
   return order("height", 36);
 }
 FAKE_ENTRY void* FPDFBitmap_CreateEx(int, int height, int, void* pixels, int stride) {
-  if (fails("bitmap_error")) return nullptr;
-  return new Bitmap{static_cast<std::uint8_t*>(pixels), stride, height};
+  bitmap_pixels = static_cast<std::uint8_t*>(pixels);
+  bitmap_bytes = static_cast<std::size_t>(stride) * height;
+  return fails("bitmap_error") ? nullptr : pixels;
 }
-FAKE_ENTRY void FPDFBitmap_Destroy(void* bitmap) {
-  delete static_cast<Bitmap*>(bitmap);
+FAKE_ENTRY void FPDFBitmap_Destroy(void*) {}
+FAKE_ENTRY void FPDFBitmap_FillRect(void*, int, int, int, int, unsigned long color) {
+  std::memset(bitmap_pixels, static_cast<int>(color), bitmap_bytes);
 }
-FAKE_ENTRY void FPDFBitmap_FillRect(void* bitmap, int, int, int, int, unsigned long color) {
-  const Bitmap& target = *static_cast<Bitmap*>(bitmap);
-  std::memset(target.pixels, static_cast<int>(color),
-              static_cast<std::size_t>(target.stride) * target.height);
-}
-FAKE_ENTRY void FPDF_RenderPageBitmap(void* bitmap, void*, int, int, int, int, int, int) {
+FAKE_ENTRY void FPDF_RenderPageBitmap(void*, void*, int, int, int, int, int, int) {
   const std::uint8_t blue_green_red_alpha[] = {10, 20, 30, 200};
-  std::memcpy(static_cast<Bitmap*>(bitmap)->pixels, blue_green_red_alpha, 4);
+  std::memcpy(bitmap_pixels, blue_green_red_alpha, 4);
 }
 #ifndef FAKE_LACKS_LAST_ERROR
 FAKE_ENTRY unsigned long FPDF_GetLastError() {

@@ -46,11 +46,11 @@ TEST(PdfTokens, SplitsTextAtDelimiters) {
 
 TEST(PdfTokens, ReadsNumbersAsStrtod) {
   std::istringstream words(
-      "0 -0 +5 --5 +-5 -+5 5. .5 . - + 1e3 1e 1e+ 1E-3 1d3 0x10 0X.8p1 0x 0x. 0x1p 0xg 0x-1 0xinf 0xnan inf "
-      "-INF nan -nAn infin InFiNity 1e308 1e309 -1e309 1e-307 1e-400 0e-400 0.0e999 1e99999999999999999999 "
-      "\v1 "
-      "\v+1 +\v1 1\v 12abc 1,5 0b1 00012 123456789012345678901234567890 0x1p2000 0x1.8 1_0 1.2.3 1-2 "
-      "4.9e-324");
+      "0 -0 +5 --5 +-5 5. .5 . - + 1e3 1e 1e+ 1E-3 1d3 0x10 0X.8p1 0x 0x. 0x1p 0xg 0x-1 0xinf 0xnan inf -INF "
+      "nan "
+      "-nAn infin InFiNity 1e308 1e309 -1e309 1e-307 1e-400 0e-400 0.0e999 1e99999999999999999999 \v1 \v+1 "
+      "+\v1 "
+      "1\v 12abc 1,5 0b1 00012 123456789012345678901234567890 0x1p2000 0x1.8 1_0 1.2.3 1-2 4.9e-324");
   for (std::string word; std::getline(words, word, ' ');) {
     errno = 0;
     char* end = nullptr;
@@ -71,16 +71,14 @@ TEST(PdfTokens, KeepsItsLimitAndNotOneMore) {
 }
 
 TEST(PdfTokens, FoldsNames) {
-  const struct {
-    const char *name, *plain, *folded;
-  } cases[] = {{"/WHITE-#49nk_", "WHITE-Ink_", "whiteink"},
-               {"/a#2", "a#2", "a2"},
-               {"/a#2g#41", "a#2gA", "a2ga"},
-               {"//x", "/x", "x"},
-               {"/#23#32#30", "#20", "20"}};
-  for (const auto& c : cases) {
-    EXPECT_EQ(normalize_pdf_name(c.name), c.plain);
-    EXPECT_EQ(fold_pdf_name(c.name), c.folded);
+  const char* const cases[][3] = {{"/WHITE-#49nk_", "WHITE-Ink_", "whiteink"},
+                                  {"/a#2", "a#2", "a2"},
+                                  {"/a#2g#41", "a#2gA", "a2ga"},
+                                  {"//x", "/x", "x"},
+                                  {"/#23#32#30", "#20", "20"}};
+  for (const auto& [name, plain, folded] : cases) {
+    EXPECT_EQ(normalize_pdf_name(name), plain);
+    EXPECT_EQ(fold_pdf_name(name), folded);
   }
 }
 
@@ -111,9 +109,7 @@ TEST(PdfObjects, AreFoundByTheirKeywords) {
       {"2147483647 0 obj a endobj", "2147483647: a "},
       {"92147483648 0 obj a endobj", "147483648: a "},
       {"90000000000000000000005 00000000000000000 obj a endobj", "5: a "},
-      {"1 2147483648 obj a endobj", ""},
-      {"1 0 OBJ a endobj", ""},
-      {"1 0 ob", ""},
+      {"1 2147483648 obj a endobj 1 0 OBJ a endobj 1 0 ob", ""},
   };
   for (const auto& [bytes, objects] : cases) {
     std::string found;
@@ -126,8 +122,7 @@ TEST(PdfObjects, AreFoundByTheirKeywords) {
 TEST(PdfObjects, StopAtTheirLimit) {
   std::string bytes;
   for (int i = 1; i <= 100'000; ++i) bytes += std::to_string(i) + " 0 obj a endobj ";
-  bytes += "7 0 obj b endobj 100001 0 obj b endobj";
-  const PdfObjectTable full = build_object_table(bytes);
+  const PdfObjectTable full = build_object_table(bytes + "7 0 obj b endobj 100001 0 obj b endobj");
   EXPECT_EQ(full.size(), 100'000u);
   EXPECT_EQ(full.at(7).text, " a ");
 }
@@ -149,9 +144,7 @@ TEST(PdfObjects, FindTheMediaBox) {
     for (const double v : {box->x0, box->y0, box->x1, box->y1}) text += std::to_string(std::lround(v));
     return text;
   };
-  const struct {
-    const char *page, *others, *box;
-  } cases[] = {
+  const char* const cases[][3] = {
       {"/MediaBox [1 2 x 3 4 5 6", "", "1234"},
       {"/MediaBox [1 2 3] /MediaBox [0 0 9 9]", "", "0099"},
       {"/MediaBox [5 5 5 9] /MediaBox [nan 0 1 1] /MediaBox [0 0 9 9]", "", "0099"},
@@ -162,7 +155,7 @@ TEST(PdfObjects, FindTheMediaBox) {
       {"/Parent 7 0 R", "7 0 obj /Parent 8 0 R endobj 8 0 obj /MediaBox [0 0 1 1] endobj", "0011"},
       {"/Parent 7 0 R", "7 0 obj /Parent 7 0 R endobj", "none"},
   };
-  for (const auto& c : cases) EXPECT_EQ(box_of(c.page, c.others), c.box) << c.page;
+  for (const auto& [page, others, box] : cases) EXPECT_EQ(box_of(page, others), box) << page;
 
   const auto chain = [](int ancestors) {
     std::string others;
@@ -236,12 +229,10 @@ TEST(PdfContents, AreLoadedInOrderOrNotAtAll) {
   EXPECT_THAT(load_page_contents("/Contents 7 /Contents 1 0 R", table), ElementsAre("one"));
   EXPECT_THAT(load_page_contents("/Contents [4 0 R 1 0 R 9 0 R]", table), ElementsAre("", "one"));
   EXPECT_EQ(load_page_contents("/Contents [5 0 R 5 0 R]", table).size(), 2u);
-  const char* const unreadable[] = {"/Contents [1 0 R 3 0 R]",
-                                    "/Contents [ ]",
-                                    "/Contents 9 0 R",
-                                    "/Contents 6 0 R",  // too long for one stream, then for all
-                                    "/Contents [5 0 R 5 0 R 4 0 R]",
-                                    "/Contents [7 1 0 R"};  // the last token counts as the bracket
+  // Damaged, none, missing, too long for one stream, then for all; the last token counts as the bracket.
+  const char* const unreadable[] = {
+      "/Contents [1 0 R 3 0 R]",       "/Contents [ ]",     "/Contents 9 0 R", "/Contents 6 0 R",
+      "/Contents [5 0 R 5 0 R 4 0 R]", "/Contents [7 1 0 R"};
   for (const char* page : unreadable) EXPECT_THAT(load_page_contents(page, table), IsEmpty()) << page;
 }
 

