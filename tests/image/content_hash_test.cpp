@@ -1,11 +1,6 @@
 #include "image/content_hash.h"
 
-#include <string>
-#include <utility>
-
-#include <gtest/gtest.h>
-
-#include "support/temp_dir.h"
+#include "image/image_test.h"
 
 namespace nvo::test {
 namespace {

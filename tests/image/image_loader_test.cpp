@@ -1,20 +1,10 @@
 #include "image/image_loader.h"
 
-#include <string>
-#include <utility>
-#include <vector>
-
-#include <gtest/gtest.h>
-
-#include "support/failure.h"
-#include "support/log_capture.h"
-#include "support/temp_dir.h"
+#include "image/image_test.h"
 #include "support/tiff_file.h"
 
 namespace nvo::test {
 namespace {
-
-using Bytes = std::vector<std::uint8_t>;
 
 /// Every `step`-th byte from `first` on, each combined with `flip`.
 Bytes every(const Bytes& bytes, std::size_t first, std::size_t step, std::uint8_t flip = 0) {
@@ -23,11 +13,8 @@ Bytes every(const Bytes& bytes, std::size_t first, std::size_t step, std::uint8_
   return taken;
 }
 
-class ImageLoaderTest : public ::testing::Test {
+class ImageLoaderTest : public ImageTest {
  protected:
-  TempDir dir_;
-  LogCapture log_;
-
   LoadedImage load(const TiffFile& file) {
     write_tiff(dir_.file("A.TIF"), file);
     return load_image(dir_.file("A.TIF"));
@@ -63,8 +50,7 @@ TEST_F(ImageLoaderTest, GrayIsDeliveredAsRgb) {
 }
 
 TEST_F(ImageLoaderTest, NamesTheFileThatFails) {
-  const std::string path = dir_.file("a.tif");
-  write_all(path, "II*");
+  const std::string path = write("a.tif", "II*");
   EXPECT_EQ(failure_of([&] { load_image(path); }),
             "ImageLoader: failed to load TIFF '" + path + "': TiffReader: cannot open '" + path + "'");
 }

@@ -1,16 +1,9 @@
 #include "image/image_meta_probe.h"
 
 #include <chrono>
-#include <filesystem>
 #include <stdexcept>
-#include <string>
-#include <vector>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include "support/log_capture.h"
-#include "support/temp_dir.h"
+#include "image/image_test.h"
 #include "support/tiff_file.h"
 
 namespace nvo::test {
@@ -20,10 +13,8 @@ using ::testing::ElementsAre;
 
 constexpr auto kTiff = static_cast<std::size_t>(ImageSourceKind::tiff);
 
-class ImageMetaProbeTest : public ::testing::Test {
+class ImageMetaProbeTest : public ImageTest {
  protected:
-  TempDir dir_;
-  LogCapture log_;
   ImageProbeStats before_ = image_probe_stats();
 
   /// Hits, misses and TIFF probes since the test began.

@@ -2,26 +2,16 @@
 // scripts/fetch-image-suites brings the files; without them this test is skipped.
 
 #include <algorithm>
-#include <cstddef>
-#include <cstdint>
-#include <cstdlib>
 #include <fstream>
 #include <iostream>
 #include <stdexcept>
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 #include "image/image_loader.h"
+#include "image/image_test.h"
 #include "image/raster_source.h"
-#include "support/log_capture.h"
-#include "support/temp_dir.h"
 
 namespace nvo::test {
 namespace {
-
-using Bytes = std::vector<std::uint8_t>;
 
 /// A line of references.tsv.
 struct Reference {

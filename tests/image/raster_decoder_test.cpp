@@ -1,20 +1,14 @@
 #include "image/decode/raster_decoder.h"
 
 #include <cmath>
-#include <cstdlib>
 #include <ctime>
-#include <string>
-#include <vector>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/resource.h>
 
+#include "image/image_test.h"
 #include "image/raster_fuzzing.h"
 #include "raster_files.h"
-#include "support/failure.h"
 #include "support/seed_replay.h"
-#include "support/temp_dir.h"
 
 namespace nvo::test {
 namespace {
@@ -22,14 +16,12 @@ namespace {
 using namespace std::string_literals;
 using ::testing::HasSubstr;
 
-class RasterDecoderTest : public ::testing::Test {
+class RasterDecoderTest : public ImageTest {
  protected:
-  TempDir dir_;
   RasterInfo info_;
 
   Bytes decode(const std::string& file) {
-    write_all(dir_.file("image"), file);
-    const auto decoder = open_raster_decoder(dir_.file("image"));
+    const auto decoder = open_raster_decoder(write("image", file));
     if (!decoder) throw DecodeError("not an image");
     info_ = decoder->info();
     decoder->start();

@@ -1,22 +1,17 @@
 #pragma once
 
 #include <array>
-#include <cstddef>
-#include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <functional>
-#include <string>
-#include <utility>
-#include <vector>
 
 #include <jpeglib.h>
 #include <png.h>
 #include <webp/encode.h>
 
+#include "image/image_test.h"
+
 namespace nvo::test {
 
-using Bytes = std::vector<std::uint8_t>;
 using Rgba = std::array<std::uint8_t, 4>;
 
 /// `pixel` at each place, as decoders deliver an image.

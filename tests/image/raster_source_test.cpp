@@ -1,26 +1,13 @@
 #include "image/raster_source.h"
 
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
-
-#include "support/log_capture.h"
-#include "support/temp_dir.h"
+#include "image/image_test.h"
 #include "support/tiff_file.h"
 
 namespace nvo::test {
 namespace {
 
-using Bytes = std::vector<std::uint8_t>;
-
-class RasterSourceTest : public ::testing::Test {
+class RasterSourceTest : public ImageTest {
  protected:
-  TempDir dir_;
-  LogCapture log_;
-  Bytes out_;
-  std::string error_;
-
   std::shared_ptr<RasterSource> open(const TiffFile& file) {
     write_tiff(dir_.file("a.TIF"), file);
     return make_raster_source(dir_.file("a.TIF"));

@@ -1,18 +1,10 @@
 #include "image/tiff_reader.h"
 
 #include <algorithm>
-#include <filesystem>
 #include <stdexcept>
-#include <string>
-#include <vector>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include "support/failure.h"
-#include "support/log_capture.h"
+#include "image/image_test.h"
 #include "support/seed_replay.h"
-#include "support/temp_dir.h"
 #include "support/tiff_file.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
@@ -21,13 +13,10 @@ namespace nvo::test {
 namespace {
 
 using ::testing::HasSubstr;
-using Bytes = std::vector<std::uint8_t>;
 
-class TiffReaderTest : public ::testing::Test {
+class TiffReaderTest : public ImageTest {
  protected:
-  TempDir dir_;
   const std::string path_ = dir_.file("a.tif");
-  LogCapture log_;
 
   TiffReader open(const TiffFile& file) {
     write_tiff(path_, file);

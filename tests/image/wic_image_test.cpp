@@ -1,36 +1,17 @@
 #include "image/wic_image.h"
 
-#include <cstdlib>
-#include <filesystem>
-#include <memory>
-#include <string>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include "core/fnv1a.h"
 #include "image/image_loader.h"
 #include "image/image_meta_probe.h"
+#include "image/image_test.h"
 #include "image/raster_source.h"
 #include "raster_files.h"
-#include "support/failure.h"
-#include "support/log_capture.h"
-#include "support/temp_dir.h"
 
 namespace nvo::test {
 namespace {
 
-class WicImageTest : public ::testing::Test {
+class WicImageTest : public ImageTest {
  protected:
-  TempDir dir_;
-  LogCapture log_;
-  Bytes out_;
-  std::string error_;
-
-  std::string write(const std::string& name, const std::string& bytes) {
-    write_all(dir_.file(name), bytes);
-    return dir_.file(name);
-  }
   static std::string suite_file(const std::string& name) { return NVO_TEST_IMAGES "/" + name + ".png"; }
   std::string load_failure(const std::string& path) {
     const std::string text = failure_of([&] { load_image(path); });

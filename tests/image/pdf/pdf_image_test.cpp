@@ -1,21 +1,13 @@
 #include "image/pdf_image.h"
 
 #include <algorithm>
-#include <string>
-#include <utility>
-#include <vector>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "core/platform/child_process.h"
 #include "image/image_loader.h"
 #include "image/image_meta_probe.h"
+#include "image/image_test.h"
 #include "image/raster_source.h"
 #include "pdf_file.h"
-#include "support/failure.h"
-#include "support/log_capture.h"
-#include "support/temp_dir.h"
 
 namespace nvo::test {
 namespace {
@@ -23,7 +15,6 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::StartsWith;
-using Bytes = std::vector<std::uint8_t>;
 
 /// Two pixels as a back-end delivers them.
 PdfRenderResult two_pixels() {

@@ -1,18 +1,9 @@
-#include <cstdlib>
-#include <filesystem>
-#include <memory>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include "core/platform/child_process.h"
+#include "image/image_test.h"
 #include "image/pdf/pdf_renderer.h"
 #include "image/pdf/pdfium_backend.h"
 #include "image/pdf/poppler_backend.h"
 #include "pdf_file.h"
-#include "support/failure.h"
-#include "support/log_capture.h"
-#include "support/temp_dir.h"
 
 namespace nvo::test {
 namespace {

@@ -1,14 +1,9 @@
 #include <cerrno>
 #include <cmath>
-#include <cstdlib>
 #include <optional>
 #include <sstream>
-#include <string>
-#include <vector>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
+#include "image/image_test.h"
 #include "image/pdf/pdf_file.h"
 #include "image/pdf/pdf_objects.h"
 #include "image/pdf/pdf_stream.h"

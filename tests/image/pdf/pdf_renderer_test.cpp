@@ -1,18 +1,12 @@
 #include "image/pdf/pdf_renderer.h"
 
 #include <cmath>
-#include <filesystem>
 #include <stdexcept>
-#include <vector>
 
 #include <dlfcn.h>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
+#include "image/image_test.h"
 #include "image/pdf/spot_candidate_scan.h"
-#include "support/failure.h"
-#include "support/log_capture.h"
-#include "support/temp_dir.h"
 
 namespace nvo::test {
 namespace {

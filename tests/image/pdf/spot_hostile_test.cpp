@@ -1,14 +1,9 @@
-#include <cstddef>
-#include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <ctime>
 #include <sstream>
-#include <string>
 #include <string_view>
 
-#include <gtest/gtest.h>
-
+#include "image/image_test.h"
 #include "image/pdf/pdf_file.h"
 #include "image/pdf/spot_white.h"
 #include "support/seed_replay.h"

@@ -1,17 +1,11 @@
 #include "image/pdf/spot_white.h"
 
 #include <algorithm>
-#include <cstdint>
-#include <filesystem>
 #include <sstream>
-#include <string>
 #include <string_view>
-#include <vector>
 
-#include <gtest/gtest.h>
-
+#include "image/image_test.h"
 #include "image/pdf/pdf_file.h"
-#include "support/temp_dir.h"
 
 namespace nvo::test {
 namespace {

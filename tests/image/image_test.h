@@ -1,0 +1,38 @@
+#pragma once
+
+// What the tests of images share, with the headers that nearly all of them need.
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "support/failure.h"
+#include "support/log_capture.h"
+#include "support/temp_dir.h"
+
+namespace nvo::test {
+
+using Bytes = std::vector<std::uint8_t>;
+
+class ImageTest : public ::testing::Test {
+ protected:
+  std::string write(const std::string& name, const std::string& bytes) const {
+    write_all(dir_.file(name), bytes);
+    return dir_.file(name);
+  }
+
+  TempDir dir_;
+  LogCapture log_;
+  Bytes out_;  ///< for rows
+  std::string error_;
+};
+
+}  // namespace nvo::test
