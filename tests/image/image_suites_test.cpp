@@ -83,12 +83,6 @@ Bytes read_upwards(RasterSource& source) {
   return pixels;
 }
 
-bool is_refused_for_a_reason(const Reference& reference, const std::string& failure) {
-  return std::ranges::any_of(kRefused, [&](const auto& known) {
-    return reference.ends_with(known.path) && failure.find(known.failure) != failure.npos;
-  });
-}
-
 TEST_F(ImageSuites, PixelsEqualThoseOfOtherDecoders) {
   const LogCapture log(LogLevel::warn);
   int equal = 0, refused = 0;
@@ -99,8 +93,10 @@ TEST_F(ImageSuites, PixelsEqualThoseOfOtherDecoders) {
       image = load_image(folder_ + reference.path);
     } catch (const std::exception& failure) {
       ++refused;
-      EXPECT_TRUE(!reference.has_pixels() || is_refused_for_a_reason(reference, failure.what()))
-          << failure.what();
+      const std::string text = failure.what();
+      EXPECT_TRUE(!reference.has_pixels() || std::ranges::any_of(kRefused, [&](const auto& known) {
+        return reference.ends_with(known.path) && text.find(known.failure) != text.npos;
+      })) << text;
       continue;
     }
     EXPECT_TRUE(read_upwards(*make_raster_source(folder_ + reference.path)) == image.pixels);

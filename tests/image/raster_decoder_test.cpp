@@ -57,11 +57,10 @@ TEST_F(RasterDecoderTest, InterlacedPng) {
 }
 
 TEST_F(RasterDecoderTest, PngChunksBesideThePixelsAreSkipped) {
-  const PngFile file{};
-  const std::string plain = file.bytes();
+  std::string png = PngFile{}.bytes();
   // A chunk of 9 MB behind the header, its checksum wrong.
-  const std::string chunk = "\x00\x89\x54\x40zTXt"s + std::string(0x895440, 'x') + "crc?";
-  EXPECT_EQ(decode(plain.substr(0, 33) + chunk + plain.substr(33)), file.pixels());
+  png.insert(33, "\x00\x89\x54\x40zTXt"s + std::string(0x895440, 'x') + "crc?");
+  EXPECT_EQ(decode(png), PngFile{}.pixels());
 }
 
 TEST_F(RasterDecoderTest, JpegColours) {
@@ -93,20 +92,13 @@ TEST_F(RasterDecoderTest, JpegColours) {
   }
 }
 
-TEST_F(RasterDecoderTest, WebpLosslessAndLossy) {
+TEST_F(RasterDecoderTest, Webp) {
   // Larger than one piece of the incremental decoder.
   const Bytes busy = rgba_image(401, 399, busy_pixel);
   EXPECT_EQ(decode(webp_bytes(busy, 401, 399, true)), busy);
   EXPECT_EQ(decode_at_once(), busy);
   EXPECT_TRUE(info_.has_alpha);
-
-  const auto smooth = rgba_image(60, 50, [](std::uint32_t x, std::uint32_t y) {
-    const auto v = static_cast<std::uint8_t>(60 + x + y);
-    return Rgba{v, v, v, static_cast<std::uint8_t>(y < 25 ? 255 : 128)};
-  });
-  EXPECT_LE(largest_difference(decode(webp_bytes(smooth, 60, 50, false)), smooth), 6);
-  EXPECT_TRUE(info_.has_alpha);
-  const auto opaque = rgba_image(9, 5, [](std::uint32_t, std::uint32_t) { return Rgba{9, 99, 199, 255}; });
+  const Bytes opaque = rgba_image(9, 5, [](auto, auto) { return Rgba{9, 99, 199, 255}; });
   EXPECT_EQ(decode(webp_bytes(opaque, 9, 5, true)), opaque);
   EXPECT_FALSE(info_.has_alpha);
 }
@@ -239,10 +231,9 @@ TEST_F(RasterDecoderTest, BombsCostLittle) {
   flat.sample = [](std::uint32_t, std::uint32_t, int) { return std::uint8_t{99}; };
   std::string claim = JpegFile{.progressive = true}.bytes();
   claim.replace(claim.find("\xFF\xC2"s) + 5, 4, "\x75\x30\x75\x30");
-  const std::string png = PngFile{}.bytes();
-  std::string chunks = png.substr(0, 33);
+  std::string chunks;
   for (int i = 0; i < 300'000; ++i) chunks += "\0\0\0\1tEXtacrc?"s;
-  chunks += png.substr(33);
+  chunks = PngFile{}.bytes().insert(33, chunks);
   const struct {
     const char* name;
     std::string file, failure;

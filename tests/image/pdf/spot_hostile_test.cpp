@@ -1,4 +1,3 @@
-#include <cstdio>
 #include <ctime>
 #include <sstream>
 #include <string_view>
@@ -42,7 +41,6 @@ std::string expect_quick(const std::string& what, std::string_view bytes, std::u
   const std::string status = extract_spot_white_from_bytes(bytes, 0, width, height).status;
   const double seconds = static_cast<double>(std::clock() - start) / CLOCKS_PER_SEC;
   EXPECT_LT(seconds, kMostSeconds) << what << ": " << status;
-  if (std::getenv("NVO_SHOW_TIMES")) std::printf("%7.3f s  %s: %s\n", seconds, what.c_str(), status.c_str());
   return status;
 }
 

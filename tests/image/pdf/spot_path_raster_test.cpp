@@ -2,13 +2,9 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstddef>
-#include <cstdint>
 #include <random>
-#include <vector>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
+#include "image/image_test.h"
 
 namespace nvo::test {
 namespace {
@@ -18,12 +14,11 @@ using ::testing::Gt;
 using ::testing::Lt;
 
 constexpr std::uint32_t kWidth = 37, kHeight = 29;
-using Plane = std::vector<std::uint8_t>;
 using Points = std::vector<DevicePoint>;
 
 /// The rule of a fill, written down row by row.
-Plane plain_fill(const Points& points) {
-  Plane plane(kWidth * kHeight);
+Bytes plain_fill(const Points& points) {
+  Bytes plane(kWidth * kHeight);
   for (std::uint32_t row = 0; row < kHeight; ++row) {
     const double s = row + 0.5;
     std::vector<double> crossings;
@@ -41,8 +36,8 @@ Plane plain_fill(const Points& points) {
 }
 
 /// The rule of a stroke, asked of every pixel.
-Plane plain_stroke(DevicePoint a, DevicePoint b, double radius) {
-  Plane plane(kWidth * kHeight);
+Bytes plain_stroke(DevicePoint a, DevicePoint b, double radius) {
+  Bytes plane(kWidth * kHeight);
   const double dx = b.x - a.x, dy = b.y - a.y, length2 = dx * dx + dy * dy;
   for (std::uint32_t y = 0; y < kHeight; ++y) {
     for (std::uint32_t x = 0; x < kWidth; ++x) {
@@ -57,18 +52,18 @@ Plane plain_stroke(DevicePoint a, DevicePoint b, double radius) {
 }
 
 template <class Paint>
-Plane painted(Paint paint) {
-  Plane plane(kWidth * kHeight);
+Bytes painted(Paint paint) {
+  Bytes plane(kWidth * kHeight);
   WorkBudget work = WorkBudget::for_page(plane.size());
   EXPECT_TRUE(paint(MaskView{plane.data(), kWidth, kHeight}, work));
   return plane;
 }
 
-Plane fast_fill(const Points& points) {
+Bytes fast_fill(const Points& points) {
   return painted([&](const MaskView& mask, WorkBudget& work) { return fill_subpath(points, mask, work); });
 }
 
-Plane fast_stroke(DevicePoint a, DevicePoint b, double radius) {
+Bytes fast_stroke(DevicePoint a, DevicePoint b, double radius) {
   return painted(
       [&](const MaskView& mask, WorkBudget& work) { return stroke_segment(a, b, radius, mask, work); });
 }
@@ -118,14 +113,14 @@ TEST(SpotPathRaster, StrokesAsThePlainRuleDoes) {
 
 TEST(SpotPathRaster, CoordinatesThatNoPageHasPaintNothing) {
   for (const double bad : {HUGE_VAL, -HUGE_VAL, std::nan(""), 1e300, -1e200}) {
-    EXPECT_EQ(fast_fill({{0, 0}, {bad, 5}, {5, bad}}), Plane(kWidth * kHeight)) << bad;
-    EXPECT_EQ(fast_stroke({0, bad}, {5, 5}, 1), Plane(kWidth * kHeight)) << bad;
-    EXPECT_EQ(fast_stroke({0, 0}, {5, 5}, std::abs(bad)), Plane(kWidth * kHeight)) << bad;
+    EXPECT_EQ(fast_fill({{0, 0}, {bad, 5}, {5, bad}}), Bytes(kWidth * kHeight)) << bad;
+    EXPECT_EQ(fast_stroke({0, bad}, {5, 5}, 1), Bytes(kWidth * kHeight)) << bad;
+    EXPECT_EQ(fast_stroke({0, 0}, {5, 5}, std::abs(bad)), Bytes(kWidth * kHeight)) << bad;
   }
 }
 
 TEST(SpotPathRaster, StopsWhenTheWorkRunsOut) {
-  Plane plane(kWidth * kHeight);
+  Bytes plane(kWidth * kHeight);
   const MaskView mask{plane.data(), kWidth, kHeight};
   const auto count = [&](auto paint) {
     WorkBudget work(20'000);
