@@ -90,6 +90,14 @@ TEST_F(RasterDecoderTest, JpegColours) {
                return Rgba{mixed(0), mixed(1), mixed(2), 255};
              });
   }
+
+  // Of a single colour nothing is lost, so that the rounding shows: 100 * 130 / 255 is 50.98.
+  JpegFile flat{.components = 4, .stored = JCS_CMYK, .adobe = true};
+  flat.sample = [](auto, auto, int component) {
+    return static_cast<std::uint8_t>(component == 3 ? 130 : 100);
+  };
+  const auto rounded = [](auto, auto) { return Rgba{51, 51, 51, 255}; };
+  EXPECT_EQ(decode(flat.bytes()), rgba_image(flat.width, flat.height, rounded));
 }
 
 TEST_F(RasterDecoderTest, Webp) {
