@@ -12,10 +12,8 @@ int main(int argc, char** argv) {
   const char* record_path = std::getenv("NVO_UPDATE_TEST_SERVICE");
   if (argc < 2 || !record_path) return nvo::kExitUsage;
   const auto record = nlohmann::json::parse(std::ifstream(record_path));
-  nvo::UpdateService service{
+  const nvo::UpdateService service{
       record.at("origins"), record.at("download_hosts"), record.at("public_key"), record.at("ca_file"), {}};
-  const std::chrono::milliseconds limit(record.at("limit_ms").get<int>());
-  service.limits = {limit, limit, limit, limit};
   nvo::platform::install_termination_cleanup();
   return nvo::run(argv[1], argc > 2 ? argv[2] : "", service);
 }
