@@ -7,6 +7,7 @@
 #include <pty.h>
 #include <sys/resource.h>
 
+#include "app/app_version.h"
 #include "support/child_process.h"
 #include "support/print_file.h"
 #include "support/temp_dir.h"
@@ -18,22 +19,22 @@ namespace {
 /// A folder with inputs in which the real program runs.
 class CommandLine : public testing::Test {
  protected:
-  std::vector<std::string> command(std::vector<std::string> arguments) const {
+  CommandLine() { ::setenv("XDG_CONFIG_HOME", dir.file("config").c_str(), 1); }
+
+  static std::vector<std::string> command(std::vector<std::string> arguments) {
     arguments.insert(arguments.begin(), NVO_RIP_PROGRAM);
     return arguments;
   }
-  std::map<std::string, std::string> environment() const {
-    return {{"XDG_CONFIG_HOME", dir.file("config")}, {"TZ", "UTC"}};
+  static test::Outcome rip(std::vector<std::string> arguments) {
+    return test::run_to_end(command(std::move(arguments)), {});
   }
   /// The program with a terminal of 40 columns on its standard error.
-  test::Outcome rip_on_terminal(std::vector<std::string> arguments, const std::string& progress) const {
+  static test::Outcome rip_on_terminal(const std::string& input, const std::string& progress) {
     int screen = -1, descriptor = -1;
     winsize size{24, 40, 0, 0};
     if (::openpty(&screen, &descriptor, nullptr, nullptr, &size) != 0)
       throw std::runtime_error("no terminal");
-    auto variables = environment();
-    variables["NVO_RIP_PROGRESS"] = progress;
-    test::ChildProcess child(command(std::move(arguments)), variables, descriptor);
+    test::ChildProcess child(command({input}), {{"NVO_RIP_PROGRESS", progress}}, descriptor);
     ::close(descriptor);
     test::Outcome outcome;
     char bytes[4096];
@@ -44,15 +45,8 @@ class CommandLine : public testing::Test {
     outcome.out = child.out();
     return outcome;
   }
-  test::Outcome rip(std::vector<std::string> arguments) const {
-    return test::run_to_end(command(std::move(arguments)), environment());
-  }
   std::string art(const std::string& name, std::uint32_t width, std::uint32_t height) const {
-    const auto pixel = [](std::uint32_t x, std::uint32_t y, std::uint8_t* ink) {
-      ink[0] = static_cast<std::uint8_t>(x), ink[1] = static_cast<std::uint8_t>(y);
-      ink[2] = static_cast<std::uint8_t>(x * y), ink[3] = 0, ink[4] = static_cast<std::uint8_t>(x / 2);
-    };
-    test::write_tiff(dir.file(name), test::cmykw_tiff(width, height, pixel));
+    test::write_tiff(dir.file(name), test::cmykw_tiff(width, height, {}));
     return dir.file(name);
   }
   std::vector<std::string> names() const {
@@ -65,9 +59,7 @@ class CommandLine : public testing::Test {
 };
 
 TEST_F(CommandLine, ArgumentsAreReadInTheirOrder) {
-  const std::string version =
-      "{\"version\":\"0.1.7\",\"build_id\":\"1071\",\"channel\":\"stable\",\"platform\":\"windows\",\"arch\":"
-      "\"x64\"}\n";
+  const std::string version = version_json({"0.1.7", "1071", "stable", "windows", "x64"}) + "\n";
   const std::string usage =
       "NVO RIP CLI   Hoson i3200\n\nUsage: nvo_rip <input_image> [output.prt|output.prn]\n\n"
       "For nesting: use nvo_rip_gui.exe\n";
@@ -86,15 +78,18 @@ TEST_F(CommandLine, ArgumentsAreReadInTheirOrder) {
     EXPECT_EQ(outcome.err, err);
   }
   EXPECT_EQ(rip({dir.file("--PRINT-APP-VERSION-JSON")}).code, 2) << "taken as an input";
+  EXPECT_EQ(version_json({"a\"b", "c\\d", "\t\x01", "\xC3\xA9", "x64"}),
+            "{\"version\":\"a\\\"b\",\"build_id\":\"c\\\\d\",\"channel\":\"\\t\\u0001\",\"platform\":"
+            "\"\xC3\xA9\",\"arch\":\"x64\"}");
 }
 
 TEST_F(CommandLine, AGoodJobLeavesOneWholeFileTheSameEveryTime) {
   const std::string input = art("My Art.tif", 60, 40);
   const test::Outcome first = rip({input});
   EXPECT_EQ(first.code, 0) << first.out;
-  EXPECT_NE(first.out.find("[INFO ] NVO RIP CLI\n"), std::string::npos);
-  EXPECT_NE(first.out.find("[INFO ] Input:  " + input + "\n"), std::string::npos);
-  EXPECT_NE(first.out.find("[INFO ] Done: " + dir.file("My_Art.prt") + "\n"), std::string::npos);
+  for (const std::string& line :
+       {std::string("NVO RIP CLI"), "Input:  " + input, "Done: " + dir.file("My_Art.prt")})
+    EXPECT_THAT(first.out, testing::HasSubstr("[INFO ] " + line + "\n"));
   const std::string bytes = test::read_all(dir.file("My_Art.prt"));
   EXPECT_TRUE(test::PrintFile(bytes).is_whole);
   EXPECT_EQ(rip({input}).code, 0) << "a derived target is replaced";
@@ -102,7 +97,8 @@ TEST_F(CommandLine, AGoodJobLeavesOneWholeFileTheSameEveryTime) {
 
   const test::Outcome placed = rip({input, dir.file("new/dir/o.prt"), "ignored", "arguments"});
   EXPECT_EQ(placed.code, 0);
-  EXPECT_EQ(placed.out.rfind("Output path info: explicit output parent directory created.\n", 0), 0u);
+  EXPECT_THAT(placed.out,
+              testing::StartsWith("Output path info: explicit output parent directory created.\n"));
   EXPECT_EQ(test::read_all(dir.file("new/dir/o.prt")), bytes);
   EXPECT_EQ(rip({input, dir.file("--print-app-version-json")}).code, 0) << "an output path like any other";
 }
@@ -115,22 +111,19 @@ TEST_F(CommandLine, FailuresHaveTheirTextAndCodeAndLeaveNothing) {
   test::write_all(dir.file("there.prt"), "older");
   const auto before = names();
   const std::string fatal = "[ERROR] Fatal: ";
-  const std::vector<std::tuple<std::vector<std::string>, std::string, std::string>> cases = {
-      {{dir.file("none.tif")}, fatal + "TiffReader: cannot open '" + dir.file("none.tif") + "'", ""},
-      {{dir.file("cut.tif")}, fatal + "TiffReader: cannot open '" + dir.file("cut.tif") + "'", ""},
+  const std::pair<std::vector<std::string>, std::string> cases[] = {
+      {{dir.file("none.tif")}, fatal + "TiffReader: cannot open '" + dir.file("none.tif") + "'"},
+      {{dir.file("cut.tif")}, fatal + "TiffReader: cannot open '" + dir.file("cut.tif") + "'"},
       {{dir.file("text.xyz")},
-       fatal + "ImageMetaProbe: unsupported image extension: " + dir.file("text.xyz"),
-       ""},
-      {{good, dir.file("there.prt")}, "", "Output path error: Explicit output target already exists.\n"},
+       fatal + "ImageMetaProbe: unsupported image extension: " + dir.file("text.xyz")},
+      {{good, dir.file("there.prt")}, "Output path error: Explicit output target already exists.\n"},
       {{good, "/proc/nowhere.prt"},
-       fatal + "HosonWriter::begin_stream_write: cannot open output file: /proc/nowhere.prt",
-       ""},
+       fatal + "HosonWriter::begin_stream_write: cannot open output file: /proc/nowhere.prt"},
   };
-  for (const auto& [arguments, out, err] : cases) {
+  for (const auto& [arguments, text] : cases) {
     const test::Outcome outcome = rip(arguments);
     EXPECT_EQ(outcome.code, 2) << arguments.back();
-    EXPECT_THAT(outcome.out, testing::HasSubstr(out));
-    EXPECT_EQ(outcome.err, err);
+    EXPECT_THAT(text.starts_with(fatal) ? outcome.out : outcome.err, testing::HasSubstr(text));
     EXPECT_EQ(names(), before) << arguments.back();
   }
   EXPECT_EQ(test::read_all(dir.file("there.prt")), "older");
@@ -146,7 +139,7 @@ TEST_F(CommandLine, ProgressIsForThoseWhoAskOnATerminal) {
   const std::string log = without_times(rip({input}).out);
   const std::string bytes = test::read_all(dir.file("art.prt"));
 
-  const test::Outcome watched = rip_on_terminal({input}, "1");
+  const test::Outcome watched = rip_on_terminal(input, "1");
   EXPECT_EQ(watched.code, 0);
   EXPECT_EQ(without_times(watched.out), log);
   EXPECT_EQ(test::read_all(dir.file("art.prt")), bytes);
@@ -154,7 +147,7 @@ TEST_F(CommandLine, ProgressIsForThoseWhoAskOnATerminal) {
   EXPECT_THAT(watched.err, testing::ContainsRegex("\rFinalizing .prt: 1 done, 97 %, [0-9]+ r"));
   EXPECT_THAT(watched.err, testing::ContainsRegex("\r +\r$")) << "gone at the end";
 
-  EXPECT_EQ(rip_on_terminal({input}, "0").err, "");
+  EXPECT_EQ(rip_on_terminal(input, "0").err, "");
   ::setenv("NVO_RIP_PROGRESS", "1", 1);
   EXPECT_EQ(rip({input}).err, "") << "no terminal";
   ::unsetenv("NVO_RIP_PROGRESS");
@@ -163,7 +156,7 @@ TEST_F(CommandLine, ProgressIsForThoseWhoAskOnATerminal) {
   ::getrlimit(RLIMIT_FSIZE, &unlimited);
   const rlimit small{20'000, unlimited.rlim_max};  // less than the print file takes
   ::setrlimit(RLIMIT_FSIZE, &small);
-  const test::Outcome failed = rip_on_terminal({input}, "1");
+  const test::Outcome failed = rip_on_terminal(input, "1");
   ::setrlimit(RLIMIT_FSIZE, &unlimited);
   EXPECT_EQ(failed.code, 2);
   EXPECT_THAT(failed.err, testing::ContainsRegex("strip 1/1.*\r +\r$"));
@@ -173,12 +166,39 @@ TEST_F(CommandLine, TerminationInTheMiddleKeepsTheOldFileAndNoOther) {
   const std::string input = art("long.tif", 1200, 6000);
   test::write_all(dir.file("long.prt"), "older");
   for (const int number : {SIGINT, SIGTERM}) {
-    test::ChildProcess child(command({input}), environment());
+    test::ChildProcess child(command({input}), {});
     while (names().size() < 3) std::this_thread::yield();  // until the temporary file stands
     ::kill(child.id(), number);
     EXPECT_EQ(child.wait(), -number);
     EXPECT_EQ(names(), (std::vector<std::string>{"long.prt", "long.tif"}));
     EXPECT_EQ(test::read_all(dir.file("long.prt")), "older");
+  }
+}
+
+// The settings files belong to the shop: not even a missing or a broken one is made anew.
+TEST_F(CommandLine, AJobNeverWritesSettings) {
+  const std::string input = art("art.tif", 12, 9);
+  const std::filesystem::path folder = dir.path() / "config/NVO_RIP";
+  const auto files = [&] {
+    std::map<std::string, std::string> found;
+    for (const auto& entry : std::filesystem::directory_iterator(folder))
+      if (entry.path().string().ends_with("settings.json"))
+        found[entry.path().filename()] = test::read_all(entry.path());
+    return found;
+  };
+  const std::map<std::string, std::string> cases[] = {
+      {},
+      {{"settings.json", R"({"ui_language":"ru"})"},
+       {"job_settings.json", R"({"print_head":"i1600","white_generation_mode":"InkBudget"})"},
+       {"icc_settings.json", R"({"intent":2})"}},
+      {{"settings.json", "{"}, {"job_settings.json", R"({"print_head":"i9"})"}, {"icc_settings.json", "[]"}},
+  };
+  for (const auto& before : cases) {
+    std::filesystem::remove_all(folder);
+    std::filesystem::create_directories(folder);
+    for (const auto& [name, text] : before) test::write_all(folder / name, text);
+    EXPECT_EQ(rip({input}).code, 0);
+    EXPECT_EQ(files(), before);
   }
 }
 

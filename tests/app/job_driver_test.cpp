@@ -1,7 +1,6 @@
 #include "app/job_driver.h"
 
-#include <algorithm>
-
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "support/log_capture.h"
@@ -14,11 +13,8 @@ namespace {
 TEST(JobDriver, SourceResolutionChoosesTheGrid) {
   const test::LogCapture quiet;
   const test::TempDir dir;
-  const auto blank = [](std::uint32_t, std::uint32_t, std::uint8_t* ink) {
-    std::fill_n(ink, 5, std::uint8_t{0});
-  };
   const auto grid_for = [&](float dpi_x, float dpi_y) {
-    test::TiffFile tiff = test::cmykw_tiff(4, 4, blank);
+    test::TiffFile tiff = test::cmykw_tiff(4, 4, {});
     tiff.x_resolution = dpi_x, tiff.y_resolution = dpi_y;
     test::write_tiff(dir.file("a.tif"), tiff);
     return source_layout_dpi({dir.file("a.tif")});
@@ -32,23 +28,16 @@ TEST(JobDriver, SourceResolutionChoosesTheGrid) {
 
 TEST(JobDriver, RunsWithoutSettingsAndTellsItsCallbacks) {
   const test::TempDir dir;
-  test::write_tiff(dir.file("a.tif"),
-                   test::cmykw_tiff(30, 30, [](std::uint32_t, std::uint32_t, std::uint8_t* ink) {
-                     std::fill_n(ink, 5, std::uint8_t{90});
-                   }));
-  std::vector<std::string> lines, messages;
+  test::write_tiff(dir.file("a.tif"), test::cmykw_tiff(30, 30, {}));
+  std::string lines, message;
   JobCallbacks callbacks;
-  callbacks.log = [&](LogLevel, const std::string& line) { lines.push_back(line); };
-  callbacks.progress = [&](const RipProgress& progress) { messages.push_back(progress.message); };
+  callbacks.log = [&](LogLevel, const std::string& line) { lines += line + "\n"; };
+  callbacks.progress = [&](const RipProgress& progress) { message = progress.message; };
   const std::string out = dir.file("a.prt");
   EXPECT_EQ(run_job(dir.file("a.tif"), out, {}, {}, 0, 0, callbacks, nullptr, 1.0f), out);
-  EXPECT_EQ(messages.back(), "Done");
-  const auto has = [&](const std::string& text) {
-    return std::any_of(lines.begin(), lines.end(),
-                       [&](const auto& l) { return l.find(text) != std::string::npos; });
-  };
-  EXPECT_TRUE(has("StreamRip: 304x34 px @ 300 dpi")) << "the sheet takes the width that is asked for";
-  EXPECT_TRUE(has("StreamRip: complete."));
+  EXPECT_EQ(message, "Done");
+  EXPECT_THAT(lines, testing::HasSubstr("StreamRip: 304x34 px @ 300 dpi")) << "as wide as asked for";
+  EXPECT_THAT(lines, testing::HasSubstr("StreamRip: complete."));
 }
 
 }  // namespace

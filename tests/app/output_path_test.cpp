@@ -2,6 +2,7 @@
 
 #include <filesystem>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "support/temp_dir.h"
@@ -53,38 +54,36 @@ TEST(OutputPath, ExplicitTargetsAreCheckedHard) {
   const test::TempDir dir;
   test::write_all(dir.file("there.prt"), "x");
   std::filesystem::create_symlink("nowhere", dir.file("dangling.prt"));
-  EXPECT_EQ(resolve("a.tif", dir.file("there.prt")).error, "Explicit output target already exists.");
-  EXPECT_EQ(resolve("a.tif", dir.path().string()).error, "Explicit output target already exists.");
-  EXPECT_EQ(resolve("a.tif", dir.file("dangling.prt")).error, "Explicit output target already exists.");
+  for (const char* name : {"there.prt", "", "dangling.prt"})
+    EXPECT_EQ(resolve("a.tif", dir.file(name)).error, "Explicit output target already exists.") << name;
   EXPECT_EQ(resolve("a.tif", dir.file("there.prt/o.prt")).error,
             "Explicit output parent path is not a directory.");
-  const Resolved impossible = resolve("a.tif", dir.file("there.prt/sub/o.prt"));
-  EXPECT_EQ(impossible.error.rfind("Cannot create explicit output parent directory: ", 0), 0u)
-      << impossible.error;
-
-  const Resolved made = resolve("a.tif", dir.file("new/dir/o.prt"));
-  EXPECT_TRUE(made.ok && made.parent_created);
-  EXPECT_EQ(made.path, dir.file("new/dir/o.prt"));
-  EXPECT_TRUE(std::filesystem::is_directory(dir.path() / "new/dir"));
-  EXPECT_FALSE(resolve("a.tif", dir.file("new/dir/o.prt")).parent_created);
+  EXPECT_THAT(resolve("a.tif", dir.file("there.prt/sub/o.prt")).error,
+              testing::StartsWith("Cannot create explicit output parent directory: "));
+  for (const bool is_new : {true, false}) {
+    const Resolved made = resolve("a.tif", dir.file("new/dir/o.prt"));
+    EXPECT_EQ(made.path, dir.file("new/dir/o.prt"));
+    EXPECT_EQ(made.parent_created, is_new);
+    EXPECT_TRUE(std::filesystem::is_directory(dir.path() / "new/dir"));
+  }
 }
 
 TEST(OutputPath, CustomFolder) {
   const test::TempDir dir;
-  test::write_all(dir.file("file"), "x");
-  RipSettings rip;
-  rip.custom_output_folder_enabled = true;
-  EXPECT_EQ(resolve("a.tif", "", rip).error, "Custom output folder is enabled, but path is empty.");
-  rip.custom_output_folder_path = dir.file("file");
-  EXPECT_EQ(resolve("a.tif", "", rip).error, "Custom output folder path is not a directory.");
-  rip.custom_output_folder_path = dir.file("file/below");
-  EXPECT_EQ(resolve("a.tif", "", rip).error.rfind("Cannot create custom output folder: ", 0), 0u);
-  rip.custom_output_folder_path = dir.file("out/deep");
   test::write_all(dir.file("a.prt"), "older");
-  EXPECT_EQ(resolve(dir.file("a.tif"), "", rip).path, dir.file("out/deep/a.prt"));
+  RipSettings rip;
+  const auto outcome = [&](const std::string& folder) {
+    rip.custom_output_folder_path = folder;
+    const Resolved r = resolve(dir.file("a.tif"), "", rip);
+    return r.ok ? r.path : r.error;
+  };
+  EXPECT_EQ(outcome(dir.file("ignored")), dir.file("a.prt")) << "a derived target may exist";
+  rip.custom_output_folder_enabled = true;
+  EXPECT_EQ(outcome(""), "Custom output folder is enabled, but path is empty.");
+  EXPECT_EQ(outcome(dir.file("a.prt")), "Custom output folder path is not a directory.");
+  EXPECT_THAT(outcome(dir.file("a.prt/below")), testing::StartsWith("Cannot create custom output folder: "));
+  EXPECT_EQ(outcome(dir.file("out/deep")), dir.file("out/deep/a.prt"));
   EXPECT_TRUE(std::filesystem::is_directory(dir.path() / "out/deep"));
-  rip.custom_output_folder_enabled = false;
-  EXPECT_TRUE(resolve(dir.file("a.tif"), "", rip).ok) << "a derived target may exist";
 }
 
 }  // namespace
