@@ -13,20 +13,14 @@ TEST(PrintModes, LookUpFallsFromIdToResolutionToDefault) {
   EXPECT_EQ(find_print_mode(kI3200, "720X1800_6PASS"), nullptr);
   EXPECT_EQ(find_print_mode(kXp600, "720x1800_6pass"), nullptr);
   EXPECT_EQ(find_legacy_print_mode("720x1800_6pass"), find_print_mode(kUnknown, "720x1800_6pass"));
-  struct Case {
-    HeadConfig head;
-    PrintMode mode;
-    std::string expected;
-  };
-  const std::vector<Case> cases = {
-      {kXp600, {"720x1800_6pass", "", 720, 1800, 6, 2}, "xp600_720x720"},
+  const std::tuple<HeadConfig, PrintMode, std::string> cases[] = {
       {kI1600, {"720x1200_4pass", "", 720, 1200, 4, 2}, "i1600_720x1200_observed"},
       {kI3200, {"stale", "", 360, 3600, 99, 2}, "360x3600_6pass"},
       {kI3200, {"stale", "", 360, 3600, 6, 1}, "720x1800_6pass"},
       {kXp600, {"xp600_720x2160", "", 1, 1, 1, 1}, "xp600_720x2160"},
       {kI1600, {}, "i1600_720x1800_observed"},
   };
-  for (const Case& c : cases) EXPECT_EQ(resolve_print_mode(c.head, c.mode).id, c.expected);
+  for (const auto& [head, mode, expected] : cases) EXPECT_EQ(resolve_print_mode(head, mode).id, expected);
 }
 
 TEST(PrintModes, EveryRowIsUsableAndUnique) {
@@ -57,13 +51,14 @@ TEST(PrintModes, BareNumbersWinOnlyWithoutAnId) {
 
 TEST(ChannelMap, NormalizedToTheHead) {
   using Map = std::vector<std::uint32_t>;
-  EXPECT_EQ(normalize_channel_map(kI3200, {4, 4, 4, 4, 4, 4, 0, 0, 0}), (Map{4, 4, 4, 4, 4, 4}));
-  EXPECT_EQ(normalize_channel_map(kI1600, {}), (Map{3, 0, 1, 2, 4, 5}));
-  EXPECT_EQ(normalize_channel_map(kXp600, {3, 0, 1, 2, 5, 5}), (Map{3, 0, 1, 2, 5, 5, 4}));
-  EXPECT_EQ(normalize_channel_map(kXp600, {3, 0, 1, 2, 5, 5, 5}), (Map{3, 0, 1, 2, 5, 5, 4}))
-      << "lost its white";
-  EXPECT_EQ(normalize_channel_map(kXp600, {3, 0, 1, 2, 5, 5, 3}), (Map{3, 0, 1, 2, 5, 5, 3}));
-  EXPECT_EQ(normalize_channel_map(kI1600, {3, 0, 1, 2, 5, 5}), (Map{3, 0, 1, 2, 5, 5}));
+  const std::tuple<HeadConfig, Map, Map> cases[] = {
+      {kI3200, {4, 4, 4, 4, 4, 4, 0, 0, 0}, {4, 4, 4, 4, 4, 4}},
+      {kI1600, {}, {3, 0, 1, 2, 4, 5}},
+      {kXp600, {3, 0, 1, 2, 5, 5, 5}, {3, 0, 1, 2, 5, 5, 4}},  // lost its white
+      {kXp600, {3, 0, 1, 2, 5, 5, 3}, {3, 0, 1, 2, 5, 5, 3}},
+      {kI1600, {3, 0, 1, 2, 5, 5}, {3, 0, 1, 2, 5, 5}},
+  };
+  for (const auto& [head, map, slots] : cases) EXPECT_EQ(normalize_channel_map(head, map), slots);
 }
 
 }  // namespace

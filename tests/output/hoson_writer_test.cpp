@@ -11,6 +11,7 @@
 #include "output/test_drops.h"
 #include "output/writer_threads.h"
 #include "support/failure.h"
+#include "support/fault_injection.h"
 #include "support/log_capture.h"
 #include "support/temp_dir.h"
 
@@ -88,42 +89,36 @@ void write_packed(HosonWriter& writer, const std::string& path, const Maps& maps
 
 TEST(HosonWriter, PutsEachChannelIntoItsSlots) {
   struct Case {
-    const char* name;
     std::uint32_t head;
     std::vector<std::uint32_t> map;
     std::uint32_t width, channels;
     std::vector<int> slots;
   };
-  const std::vector<Case> cases = {
-      {"i3200 default, one dot", kI3200, {}, 1, 5, {3, 0, 1, 2, 4, 4}},
-      {"unknown head", 77, {}, 9, 5, {3, 0, 1, 2, 4, 4}},
-      {"i1600 default", kI1600, {}, 33, 5, {3, 0, 1, 2, 4, -1}},
-      {"xp600 default", kXp600, {}, 33, 5, {3, 0, 1, 2, -1, -1, 4}},
-      {"xp600, old map without white", kXp600, {3, 0, 1, 2, 5, 5, 5}, 16, 5, {3, 0, 1, 2, -1, -1, 4}},
-      {"xp600, map of six", kXp600, {0, 1, 2, 3, 4, 4}, 16, 5, {0, 1, 2, 3, 4, 4, 4}},
-      {"long map with unknown codes", kI3200, {0, 6, 0xFFFFFFFF, 2, 2, 0, 1, 1}, 40, 5, {0, -1, -1, 2, 2, 0}},
-      {"no white map", kI3200, {}, 12, 4, {3, 0, 1, 2, -1, -1}},
-      {"white in the sixth map", kI3200, {}, 12, 6, {3, 0, 1, 2, 5, 5}},
-      {"empty yellow", kI3200, {}, 12, 5, {3, 0, 1, -1, 4, 4}},
+  const Case cases[] = {
+      {kI3200, {}, 1, 5, {3, 0, 1, 2, 4, 4}},
+      {77, {}, 9, 5, {3, 0, 1, 2, 4, 4}},
+      {kI1600, {}, 33, 5, {3, 0, 1, 2, 4, -1}},
+      {kXp600, {3, 0, 1, 2, 5, 5, 5}, 33, 5, {3, 0, 1, 2, -1, -1, 4}},  // an old map without white
+      {kXp600, {0, 1, 2, 3, 4, 4}, 16, 5, {0, 1, 2, 3, 4, 4, 4}},
+      {kI3200, {0, 6, 0xFFFFFFFF, 2, 2, 0, 1, 1}, 40, 5, {0, -1, -1, 2, 2, 0}},
+      {kI3200, {}, 12, 4, {3, 0, 1, 2, -1, -1}},
+      {kI3200, {}, 12, 6, {3, 0, 1, 2, 5, 5}},  // white in the sixth map
   };
+  const test::TempDir dir;
+  const std::string path = dir.file("a.prt");
   for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    const test::TempDir dir;
-    const std::string path = dir.file("a.prt");
+    SCOPED_TRACE(&c - cases);
     Maps maps = make_channels(c.width, 5, c.channels);
     if (c.channels == 6) maps[4] = {};
     const std::string expected = expected_file(c.head, maps, c.slots);
-    if (std::string(c.name) == "empty yellow") maps[2] = {c.width, 0, {}};
-
     HosonWriter writer(options_for(c.head, c.map));
     for (const std::uint32_t rows : {5u, 2u, 1u}) {
       write_in_strips(writer, path, maps, rows);
       EXPECT_EQ(test::read_all(path), expected) << rows << " rows a strip";
     }
-    if (c.channels == 5 && !maps[2].empty()) {
-      write_packed(writer, path, maps);
-      EXPECT_EQ(test::read_all(path), expected) << "rows that come packed";
-    }
+    if (c.channels != 5) continue;
+    write_packed(writer, path, maps);
+    EXPECT_EQ(test::read_all(path), expected) << "rows that come packed";
   }
 }
 
@@ -134,10 +129,10 @@ TEST(HosonWriter, BlankSlotsAreZeroAfterAStripThatFilledThem) {
   writer.begin_stream_write(dir.file("a.prt"), 21, 6);
   writer.write_dropmaps_strip(cut_rows(maps, 3, 6), 3);
   Maps top = cut_rows(maps, 0, 3);
-  top[4] = {};
+  top[2] = {21, 0, {}}, top[4] = {};
   writer.write_dropmaps_strip(top, 0);
   writer.end_stream_write();
-  std::fill_n(maps[4].data.begin(), 3 * 21, std::uint8_t{0});
+  for (const std::size_t blank : {2u, 4u}) std::fill_n(maps[blank].data.begin(), 3 * 21, std::uint8_t{0});
   EXPECT_EQ(test::read_all(dir.file("a.prt")), expected_file(kI3200, maps));
 }
 
@@ -145,11 +140,10 @@ TEST(HosonWriter, AFailureCostsTheStreamAndNeverTheOldFile) {
   const test::TempDir dir;
   const std::string path = dir.file("a.prt");
   const Maps good = make_channels(8, 4, 5);
-  const auto with = [&](const std::function<void(Maps&)>& change) {
-    Maps maps = good;
-    change(maps);
-    return maps;
-  };
+  Maps short_white = good, no_cyan = good, odd_cyan = good;
+  short_white[4].height = 3;
+  no_cyan[0].data.clear();
+  odd_cyan[0].data.pop_back();
   using Act = std::function<void(HosonWriter&)>;
   const auto strip = [&](Maps maps, std::uint32_t y) -> Act {
     return [=](HosonWriter& w) {
@@ -169,23 +163,23 @@ TEST(HosonWriter, AFailureCostsTheStreamAndNeverTheOldFile) {
   };
   std::filesystem::create_directory(dir.file("folder"));
   const std::string in_strip = "HosonWriter::write_dropmaps_strip: ";
+  const auto bounds = in_strip + "strip is out of device bounds",
+             order = in_strip + "strips must be written in descending image-row order",
+             sizes = in_strip + "inconsistent strip dropmap sizes";
   const std::string too_few = "need at least 4 non-empty dropmaps (CMYK)";
   const std::string in_begin = "HosonWriter::begin_stream_write: ";
   const std::string cannot_open = in_begin + "cannot open output file: ";
   const std::vector<std::pair<std::string, Act>> cases = {
       {in_strip + too_few, strip({}, 6)},
-      {in_strip + too_few, strip(with([](Maps& m) { m.resize(3); }), 6)},
-      {in_strip + too_few, strip(with([](Maps& m) { m[0].data.clear(); }), 6)},
+      {in_strip + too_few, strip(no_cyan, 6)},
       {in_strip + "width mismatch", strip(make_channels(9, 4, 5), 6)},
-      {in_strip + "width mismatch", strip({{9, 0, {}}, {}, {}, {}}, 6)},
-      {in_strip + "inconsistent strip dropmap sizes", strip(with([](Maps& m) { m[4].height = 3; }), 6)},
-      {in_strip + "inconsistent strip dropmap sizes", strip(with([](Maps& m) { m[1].data.pop_back(); }), 6)},
-      {in_strip + "inconsistent strip dropmap sizes", strip(with([](Maps& m) { m[0].data.pop_back(); }), 6)},
-      {in_strip + "strip is out of device bounds", strip(good, 7)},
-      {in_strip + "strip is out of device bounds", strip(good, 0xFFFFFFFF)},
-      {in_strip + "strip is out of device bounds", packed_strip(4)},
-      {in_strip + "strips must be written in descending image-row order", strip(good, 5)},
-      {in_strip + "strips must be written in descending image-row order", packed_strip(2)},
+      {sizes, strip(short_white, 6)},
+      {sizes, strip(odd_cyan, 6)},
+      {bounds, strip(good, 7)},
+      {bounds, strip(good, 0xFFFFFFFF)},
+      {bounds, packed_strip(4)},
+      {order, strip(good, 5)},
+      {order, packed_strip(2)},
       {in_strip + "stream is not open", [&](HosonWriter& w) { w.write_dropmaps_strip(good, 6); }},
       {"HosonWriter::make_strip_cycles: stream is not open", [](auto& w) { w.make_strip_cycles(1, 0); }},
       {"HosonWriter::write_cycles_strip: stream is not open", [](auto& w) { w.write_cycles_strip({}, 0); }},
@@ -195,10 +189,7 @@ TEST(HosonWriter, AFailureCostsTheStreamAndNeverTheOldFile) {
       {cannot_open + dir.file("missing/a.prt"), begin("missing/a.prt", 1, 1)},
       {cannot_open + dir.file("\xC0\xAF.prt"), begin("\xC0\xAF.prt", 1, 1)},
       {cannot_open + dir.file("a"), begin(std::string("a\0b", 3), 1, 1)},
-      {"write_dropmaps: " + too_few,
-       [&](auto& w) {
-         w.write_dropmaps({{}, good[1], good[2], good[3]}, path);
-       }},
+      {"write_dropmaps: " + too_few, [&](auto& w) { w.write_dropmaps(no_cyan, path); }},
       {"HosonWriter::end_stream_write: atomic replace failed: " + dir.file("folder"),
        [&](HosonWriter& w) { w.write_dropmaps(good, dir.file("folder")); }},
       {"HosonWriter::end_stream_write: stream finished before all rows were written",
@@ -223,6 +214,33 @@ TEST(HosonWriter, AFailureCostsTheStreamAndNeverTheOldFile) {
   }
   write_in_strips(writer, path, good, 4);
   EXPECT_EQ(test::read_all(path), expected_file(kI3200, good)) << "the writer serves on";
+}
+
+// The n-th system call fails, or writes a part first, for n = 1, 2, 3 ... until the run meets no fault.
+TEST(HosonWriter, AFaultOfTheSystemLeavesTheOldFileOrTheNewOne) {
+  const test::TempDir dir;
+  const std::string path = dir.file("a.prt");
+  const Maps maps = make_channels(100, 200, 5);
+  for (const bool short_writes : {false, true}) {
+    int failures = 0;
+    bool met_fault = true;
+    for (long n = 1; met_fault; ++n) {
+      ASSERT_LT(n, 100);
+      test::write_all(path, "old");
+      test::fault_plan = {n, 0, short_writes};
+      const bool done = failure_of([&] {
+                          HosonWriter writer(options_for(kI3200));
+                          write_in_strips(writer, path, maps, 100);
+                        }).empty();
+      met_fault = test::fault_plan.calls >= test::fault_plan.fail_at;
+      test::fault_plan = {};
+      if (!done) ++failures;
+      EXPECT_TRUE(done || met_fault);
+      EXPECT_EQ(test::read_all(path), done ? expected_file(kI3200, maps) : "old") << "call " << n;
+      EXPECT_EQ(dir.names(), Names{"a.prt"}) << "call " << n;
+    }
+    EXPECT_GE(failures, 6);  // three writes, flush, close and the replacement at least
+  }
 }
 
 TEST(HosonWriter, OneCallWritesTheWholeFileOnAnyNumberOfThreads) {
@@ -250,22 +268,21 @@ TEST(HosonWriter, OneCallWritesTheWholeFileOnAnyNumberOfThreads) {
 }
 
 TEST(WriterThreads, FollowTheStripTheMachineAndTheEnvironment) {
-  struct Case {
-    std::uint32_t rows, cycle_len, hardware;
-    std::optional<std::string> parallel_rows, threads;
-    std::uint32_t expected;
+  using Word = std::optional<std::string>;
+  const auto threads = [](std::uint32_t rows, std::uint32_t cycle_len, std::uint32_t hardware, Word parallel,
+                          Word count) {
+    return writer_threads(rows, cycle_len, hardware, {parallel, count});
   };
   const auto unset = std::nullopt;
-  const std::vector<Case> cases = {
-      {6144, 23760, 64, "auto", "0", 12},    {6144, 23760, 1, "", "four", 2},
-      {6144, 23760, 8, "perhaps", "99", 32}, {511, 0x100000, 8, unset, unset, 1},
-      {512, 0x8000, 8, unset, unset, 4},  // 16 MiB exactly, 128 rows a thread
-      {512, 0x7FFF, 8, unset, unset, 1},     {6144, 23760, 8, "OFF", "8", 1},
-      {10, 24, 8, "Yes", unset, 8},          {3, 24, 8, "1", "20", 3},
-  };
-  for (const Case& c : cases)
-    EXPECT_EQ(writer_threads(c.rows, c.cycle_len, c.hardware, {c.parallel_rows, c.threads}), c.expected)
-        << c.rows << " rows, " << c.parallel_rows.value_or("unset") << ", " << c.threads.value_or("unset");
+  EXPECT_EQ(threads(6144, 23760, 64, "auto", "0"), 12u);
+  EXPECT_EQ(threads(6144, 23760, 1, "", "four"), 2u);
+  EXPECT_EQ(threads(6144, 23760, 8, "perhaps", "99"), 32u);
+  EXPECT_EQ(threads(511, 0x100000, 8, unset, unset), 1u);
+  EXPECT_EQ(threads(512, 0x8000, 8, unset, unset), 4u) << "16 MiB exactly, 128 rows a thread";
+  EXPECT_EQ(threads(512, 0x7FFF, 8, unset, unset), 1u);
+  EXPECT_EQ(threads(6144, 23760, 8, "OFF", "8"), 1u);
+  EXPECT_EQ(threads(10, 24, 8, "Yes", unset), 8u);
+  EXPECT_EQ(threads(3, 24, 8, "1", "20"), 3u);
 }
 
 }  // namespace

@@ -33,10 +33,8 @@ TEST(RunProfile, LogAndJsonTellTheSameNumbers) {
   }
   ::unsetenv("NVO_RIP_PROFILE_JSONL");
 
-  EXPECT_TRUE(
-      log.contains(" src_px=0x0 dev_px=0x0 strips=3 source_strip_pixels=0 device_channel_pixels=0 "
-                   "total_ms=1.235 compose_ms=0.000 "));
   EXPECT_EQ(log.count("StreamRip profile: path=streaming parallel_channels=false output=\""), 3u);
+  EXPECT_EQ(log.count(" strips=3 source_strip_pixels=0 device_channel_pixels=0 total_ms=1.235 "), 3u);
   EXPECT_EQ(log.count("compose_calls"), 0u) << "stands in the file alone";
   EXPECT_EQ(log.count(" rip_ch2_ms=2.000 rip_ch3_ms="), 3u);
   EXPECT_EQ(log.count("cannot open NVO_RIP_PROFILE_JSONL path: " + dir.path().string()), 1u);
