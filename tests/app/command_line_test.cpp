@@ -155,7 +155,7 @@ TEST_F(CommandLine, TerminationInTheMiddleKeepsTheOldFileAndNoOther) {
     ::kill(child.id(), number);
     EXPECT_EQ(child.wait(), -number);
     EXPECT_EQ(names(), (std::vector<std::string>{"long.prt", "long.tif"}));
-    EXPECT_EQ(test::read_all(dir.file("long.prt")), "older");
+    EXPECT_TRUE(test::read_all(dir.file("long.prt")) == "older");
   }
 }
 

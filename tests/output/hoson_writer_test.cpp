@@ -140,10 +140,10 @@ TEST(HosonWriter, AFailureCostsTheStreamAndNeverTheOldFile) {
   const test::TempDir dir;
   const std::string path = dir.file("a.prt");
   const Maps good = make_channels(8, 4, 5);
-  Maps short_white = good, no_cyan = good, odd_cyan = good;
+  Maps short_white = good, no_cyan = good, odd_magenta = good;
   short_white[4].height = 3;
   no_cyan[0].data.clear();
-  odd_cyan[0].data.pop_back();
+  odd_magenta[1].data.pop_back();
   using Act = std::function<void(HosonWriter&)>;
   const auto strip = [&](Maps maps, std::uint32_t y) -> Act {
     return [=](HosonWriter& w) {
@@ -174,7 +174,7 @@ TEST(HosonWriter, AFailureCostsTheStreamAndNeverTheOldFile) {
       {in_strip + too_few, strip(no_cyan, 6)},
       {in_strip + "width mismatch", strip(make_channels(9, 4, 5), 6)},
       {sizes, strip(short_white, 6)},
-      {sizes, strip(odd_cyan, 6)},
+      {sizes, strip(odd_magenta, 6)},
       {bounds, strip(good, 7)},
       {bounds, strip(good, 0xFFFFFFFF)},
       {bounds, packed_strip(4)},

@@ -1,13 +1,11 @@
 #include "plan/sheet_geometry.h"
 
-#include <array>
 #include <cmath>
-#include <functional>
 #include <limits>
 #include <stdexcept>
 #include <string>
 #include <tuple>
-#include <vector>
+#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -116,8 +114,8 @@ TEST(Placement, MarginsAndModes) {
   const auto left_edge = [](SheetPlacementMode mode, float sheet_width, float content) {
     RipJobOptions options;
     options.sheet_width_in = sheet_width;
-    options.sheet_margin_left_in = 1, options.sheet_margin_right_in = 2, options.sheet_margin_top_in = 0.5f;
-    options.sheet_margin_bottom_in = 0.25f;
+    options.sheet_margin_left_in = 1, options.sheet_margin_right_in = 2;
+    options.sheet_margin_top_in = 0.5f, options.sheet_margin_bottom_in = 0.25f;
     options.sheet_placement_mode = mode;
     SheetLayout layout{{item_at(-3, -4, content / 2, 5), item_at(-3 + content / 2, 1, content / 2, 1)}, 6};
     const PlacedSize placed = place_items(layout, options);

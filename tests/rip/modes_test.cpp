@@ -21,14 +21,13 @@ using test::PrintFile;
 
 struct HeadCase {
   PrintHead head;
-  std::uint32_t stride_alignment;
   std::vector<std::uint32_t> map, slots;  ///< as a job gives it, and as it has to be printed
   std::string extension;
 };
 
-const HeadCase kHeads[] = {{PrintHead::i3200, 4, {}, {3, 0, 1, 2, 4, 4}, ".prt"},
-                           {PrintHead::i1600, 4, {0, 4, 1}, {0, 4, 1, 2, 4, 5}, ".prn"},
-                           {PrintHead::xp600, 8, {3, 0, 1, 2, 5, 5, 5}, {3, 0, 1, 2, 5, 5, 4}, ".prt"}};
+const HeadCase kHeads[] = {{PrintHead::i3200, {}, {3, 0, 1, 2, 4, 4}, ".prt"},
+                           {PrintHead::i1600, {0, 4, 1}, {0, 4, 1, 2, 4, 5}, ".prn"},
+                           {PrintHead::xp600, {3, 0, 1, 2, 5, 5, 5}, {3, 0, 1, 2, 5, 5, 4}, ".prt"}};
 
 /// The five planes of a sheet on the source grid.
 struct Planes {
@@ -129,16 +128,10 @@ TEST_P(PrintModes, FromEndToEndInFewAndInManyStrips) {
         const auto dots = [&](std::uint32_t pixels, std::uint32_t dpi) {
           return static_cast<std::uint32_t>(std::lround(1.0 * pixels * dpi / src_dpi));
         };
-        const std::uint32_t passes = head.head == PrintHead::i3200   ? mode.passes
-                                     : head.head == PrintHead::i1600 ? 4
-                                                                     : 0;
-        EXPECT_EQ(std::tuple(file.x_dpi, file.y_dpi, file.passes, file.bits),
-                  std::tuple(mode.x_dpi, mode.y_dpi, passes, 2u));
+        EXPECT_EQ(std::tuple(file.x_dpi, file.y_dpi), std::tuple(mode.x_dpi, mode.y_dpi));
         ASSERT_EQ(std::tuple(file.width, file.height, file.slots),
                   std::tuple(dots(planes.width, mode.x_dpi), dots(planes.height, mode.y_dpi),
                              static_cast<std::uint32_t>(head.slots.size())));
-        EXPECT_EQ(file.stride, ((file.width + 3) / 4 + head.stride_alignment - 1) / head.stride_alignment *
-                                   head.stride_alignment);
         ASSERT_TRUE(file.is_whole);
         const std::vector<std::uint8_t> blank(file.drops[0].size());
         for (std::size_t slot = 0; slot < head.slots.size(); ++slot)

@@ -36,15 +36,13 @@ TEST(RunProfile, LogAndJsonTellTheSameNumbers) {
   EXPECT_EQ(log.count("StreamRip profile: path=streaming parallel_channels=false output=\""), 3u);
   EXPECT_EQ(log.count(" strips=3 source_strip_pixels=0 device_channel_pixels=0 total_ms=1.235 "), 3u);
   EXPECT_EQ(log.count("compose_calls"), 0u) << "stands in the file alone";
-  EXPECT_EQ(log.count(" rip_ch2_ms=2.000 rip_ch3_ms="), 3u);
   EXPECT_EQ(log.count("cannot open NVO_RIP_PROFILE_JSONL path: " + dir.path().string()), 1u);
-
   const std::string text = test::read_all(dir.file("runs.jsonl"));
   ASSERT_EQ(std::count(text.begin(), text.end(), '\n'), 2);
   const auto json = nlohmann::ordered_json::parse(text.substr(0, text.find('\n')));
   EXPECT_EQ(json["output_path"], "a\"b\n");
   EXPECT_EQ(json["total_ms"], 1.23457);
-  EXPECT_EQ(json["compose_calls"], 9);
+  EXPECT_EQ(json["rip_ch2_ms"], 2);
   EXPECT_EQ(json["writer_bytes"], 12345);
   EXPECT_EQ(json.size(), 44u);
   EXPECT_EQ(json.begin().key(), "schema_version");

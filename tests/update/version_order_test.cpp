@@ -1,16 +1,14 @@
 #include "update/version_order.h"
 
+#include <tuple>
+
 #include <gtest/gtest.h>
 
 namespace nvo {
 namespace {
 
 TEST(VersionOrder, FollowsCoreThenPreRelease) {
-  struct Case {
-    const char *a, *b;
-    int order;
-  };
-  const Case cases[] = {
+  const std::tuple<const char*, const char*, int> cases[] = {
       {"1.2", "1.2.0", 0},
       {" V1", "v1\n", 0},
       {"1.2.0+a", "1.2.0+b", 0},
@@ -32,9 +30,9 @@ TEST(VersionOrder, FollowsCoreThenPreRelease) {
       {"B", "a", 1},
       {"-1", "0", -1},
   };
-  for (const Case& c : cases) {
-    EXPECT_EQ(compare_versions(c.a, c.b), c.order) << c.a << " : " << c.b;
-    EXPECT_EQ(compare_versions(c.b, c.a), -c.order) << c.b << " : " << c.a;
+  for (const auto& [a, b, order] : cases) {
+    EXPECT_EQ(compare_versions(a, b), order) << a << " : " << b;
+    EXPECT_EQ(compare_versions(b, a), -order) << b << " : " << a;
   }
 }
 
