@@ -332,6 +332,8 @@ struct TiffReader::Impl {
  private:
   struct Strip;
   void read_strips(const TiffMeta& meta, Band& band);
+  void decode_strips(const TiffMeta& meta, const std::vector<Strip>& strips, std::uint64_t strip_bytes,
+                     Band& band);
   void read_tiles(const TiffMeta& meta, Band& band);
   std::uint32_t rows_per_strip(std::uint32_t image_height);
   template <class RowTarget>
@@ -402,46 +404,53 @@ void TiffReader::Impl::read_strips(const TiffMeta& meta, Band& band) {
 
   kept.deliver(band, strip_rows, meta.height);
   const auto first_strip = band.first() / strip_rows, last_strip = (band.end() - 1) / strip_rows;
+  const std::size_t round =
+      strip_bytes > kMaxParallelPieceBytes
+          ? 1
+          : std::clamp<std::uint64_t>(kRoundBytes / strip_bytes, kMinPiecesOfRound, kMaxPiecesOfRound);
   std::vector<Strip> strips;
   for (auto strip = first_strip; strip <= last_strip; ++strip) {
     const auto first_row = strip * strip_rows;
-    if (kept.delivered(first_row)) continue;
-    strips.push_back({.index = static_cast<std::uint32_t>(strip),
-                      .first_row = first_row,
-                      .wanted = KeptPieces::wanted_rows(first_row, strip_rows, meta.height, band)});
-    const bool outer = strip - first_strip < 2 || strip == last_strip;
-    if (outer) strips.back().kept = &kept.place_for(strip - first_strip);
+    if (!kept.delivered(first_row)) {
+      strips.push_back({.index = static_cast<std::uint32_t>(strip),
+                        .first_row = first_row,
+                        .wanted = KeptPieces::wanted_rows(first_row, strip_rows, meta.height, band)});
+      const bool outer = strip - first_strip < 2 || strip == last_strip;
+      if (outer) strips.back().kept = &kept.place_for(strip - first_strip);
+    }
+    if (strips.empty() || (strips.size() < round && strip != last_strip)) continue;
+    decode_strips(meta, strips, strip_bytes, band);
+    strips.clear();
   }
+}
 
+/// Decodes strips, of which there are few enough to make room for all at once, and copies their wanted rows.
+void TiffReader::Impl::decode_strips(const TiffMeta& meta, const std::vector<Strip>& strips,
+                                     std::uint64_t strip_bytes, Band& band) {
   const std::size_t samples = meta.samples_per_pixel;
-  const std::size_t round = strip_bytes > kMaxParallelPieceBytes
-                                ? 1
-                                : std::max<std::uint64_t>(kRoundBytes / strip_bytes, kMinPiecesOfRound);
-  for (std::size_t begin = 0; begin < strips.size(); begin += round) {
-    const std::size_t count = std::min(round, strips.size() - begin);
-    const RowRange rows{strips[begin].wanted.from, strips[begin + count - 1].wanted.to};
-    const std::size_t pixels = (rows.to - rows.from) * meta.width;
-    if (count > 1) band.require(rows.to);
-    decoders.decode(count, strip_bytes, pixels, 0, [&](Decoder& decoder, std::size_t i) {
-      const Strip& strip = strips[begin + i];
-      const bool sums = decoder.file.gives_differences();
-      if (strip.kept) {
-        DecodedRows& piece = *strip.kept;
-        piece.rows = strip.decode(decoder.file, strip_bytes, band.row_bytes(), piece.buffer);
-        if (sums) add_up_rows(piece.buffer.data(), piece.buffer.data(), piece.rows, meta.width, samples);
-        piece.first_row = strip.first_row;
-        piece.copy(strip.wanted, band);
-        return;
-      }
-      strip.decode(decoder.file, strip_bytes, band.row_bytes(), decoder.buffer);
-      const auto [from, to] = strip.wanted;
-      const std::uint8_t* source = decoder.buffer.data() + (from - strip.first_row) * band.row_bytes();
-      if (sums)
-        add_up_rows(source, band.rows(from, to), to - from, meta.width, samples);
-      else
-        std::memcpy(band.rows(from, to), source, (to - from) * band.row_bytes());
-    });
-  }
+  const RowRange rows{strips.front().wanted.from, strips.back().wanted.to};
+  if (strips.size() > 1) band.require(rows.to);
+  decoders.decode(
+      strips.size(), strip_bytes, (rows.to - rows.from) * meta.width, 0,
+      [&](Decoder& decoder, std::size_t i) {
+        const Strip& strip = strips[i];
+        const bool sums = decoder.file.gives_differences();
+        if (strip.kept) {
+          DecodedRows& piece = *strip.kept;
+          piece.rows = strip.decode(decoder.file, strip_bytes, band.row_bytes(), piece.buffer);
+          if (sums) add_up_rows(piece.buffer.data(), piece.buffer.data(), piece.rows, meta.width, samples);
+          piece.first_row = strip.first_row;
+          piece.copy(strip.wanted, band);
+          return;
+        }
+        strip.decode(decoder.file, strip_bytes, band.row_bytes(), decoder.buffer);
+        const auto [from, to] = strip.wanted;
+        const std::uint8_t* source = decoder.buffer.data() + (from - strip.first_row) * band.row_bytes();
+        if (sums)
+          add_up_rows(source, band.rows(from, to), to - from, meta.width, samples);
+        else
+          std::memcpy(band.rows(from, to), source, (to - from) * band.row_bytes());
+      });
 }
 
 void TiffReader::Impl::read_tiles(const TiffMeta& meta, Band& band) {
