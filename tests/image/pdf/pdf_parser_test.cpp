@@ -117,7 +117,8 @@ TEST(PdfObjects, AreFoundByTheirKeywords) {
 TEST(PdfObjects, StopAtTheirLimit) {
   std::string bytes;
   for (int i = 1; i <= 100'000; ++i) bytes += std::to_string(i) + " 0 obj a endobj ";
-  const PdfObjectTable full = build_object_table(bytes + "7 0 obj b endobj 100001 0 obj b endobj");
+  bytes += "7 0 obj b endobj 100001 0 obj b endobj";
+  const PdfObjectTable full = build_object_table(bytes);
   EXPECT_EQ(full.size(), 100'000u);
   EXPECT_EQ(full.at(7).text, " a ");
 }
