@@ -42,7 +42,7 @@ struct SheetRun {
   RipEngine& engine;
   HosonWriter& writer;
   Executor* pool = nullptr;  ///< null when the channels run one after another
-  std::array<RipEngine::ProcessScratch, kChannelCount> scratch{};
+  std::array<RipEngine::ProcessScratch, 2 * kChannelCount> scratch{};  ///< two bands' tasks, five each
   StreamRipProfile profile;
 
   void report(int stage, int stage_count, float percent, std::string message, std::uint64_t rows = 0) const;

@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <array>
 #include <future>
+#include <memory>
 #include <utility>
 
 #include "core/log.h"
@@ -58,8 +59,8 @@ StripPlace place_strip(const SheetRun& run, std::uint32_t strip, std::uint32_t h
 /// begins early, and a band is a size that memory is cheap for.
 constexpr std::size_t kBandsOfStrip = 6;
 constexpr std::size_t kLeastBandBytes = 4 << 20, kMostBandBytes = 32 << 20;
-/// One is filled, one is written, and one waits between.
-constexpr std::size_t kBandsInFlight = 3;
+/// Two are filled and one is written; the others wait, so that the disk has work while a strip is composed.
+constexpr std::size_t kBandsInFlight = 7;
 
 std::uint32_t rows_of_band(std::uint32_t strip_rows, std::size_t row_bytes) {
   const std::size_t bytes =
@@ -129,43 +130,67 @@ class StripTask {
       planes[channel] = channel_plane(strip, channel, pixels);
     const std::uint8_t* coverage = choke_planes.coverage.empty() ? nullptr : choke_planes.coverage.data();
 
+    const auto start_band = [&](std::uint32_t end, std::uint32_t rows, std::size_t scratch_set) {
+      auto band = std::make_unique<BandInWork>();
+      band->band.dev_y = place.dev_y + end;
+      band->band.cycles = run_.writer.make_strip_cycles(rows, band->band.dev_y, bands_.take_spent());
+      band->band.ends_strip = end == 0;
+      for (std::uint32_t channel = 0; channel < kChannelCount; ++channel) {
+        const auto rip = [&, channel, window = DeviceRowWindow{place.crop_top + end, rows},
+                          &packed = band->band.cycles.channels[channel],
+                          &nanoseconds = band->rip_ch[channel]](std::size_t scratch) {
+          const ScopedTimer timer(nanoseconds);
+          if (!packed.top) return;  // no slot of the board prints this ink
+          run_.engine.pack_strip(packed, planes[channel], run_.src_w, place.rows, place.first, run_.src_h,
+                                 static_cast<std::int32_t>(channel), channel < kChannelW ? coverage : nullptr,
+                                 coverage ? &context : nullptr, &run_.scratch[scratch], window);
+        };
+        const std::size_t scratch = scratch_set * kChannelCount + channel;
+        if (run_.pool)
+          band->pending[channel] = run_.pool->submit(rip, scratch);
+        else
+          rip(scratch);
+      }
+      return band;
+    };
+    const auto finish_band = [&](BandInWork& work) {
+      work.wait();
+      for (auto& task : work.pending)
+        if (task.valid()) task.get();
+      for (std::size_t channel = 0; channel < kChannelCount; ++channel)
+        result.rip_ch[channel] += work.rip_ch[channel];
+      if (work.band.ends_strip)
+        last_band_ = std::move(work.band);
+      else
+        bands_.put(std::move(work.band));
+    };
+
+    // Two bands are in work at a time, so that no thread waits for the slowest ink of a band.
     const std::uint32_t band_rows = rows_of_band(place.dev_rows, run_.writer.row_bytes());
-    for (std::uint32_t end = place.dev_rows; end > 0;) {
+    std::unique_ptr<BandInWork> before;
+    std::size_t scratch_set = 0;
+    for (std::uint32_t end = place.dev_rows; end > 0; scratch_set = 1 - scratch_set) {
       const std::uint32_t rows = std::min(band_rows, end);
       end -= rows;
-      StripBand band;
-      band.dev_y = place.dev_y + end;
-      band.cycles = run_.writer.make_strip_cycles(rows, band.dev_y, bands_.take_spent());
-      band.ends_strip = end == 0;
-      const DeviceRowWindow window{place.crop_top + end, rows};
-      for_each_channel([&](std::uint32_t channel, std::size_t scratch) {
-        const ScopedTimer timer(result.rip_ch[channel]);
-        const PackedRows& packed = band.cycles.channels[channel];
-        if (!packed.top) return;  // no slot of the board prints this ink
-        run_.engine.pack_strip(packed, planes[channel], run_.src_w, place.rows, place.first, run_.src_h,
-                               static_cast<std::int32_t>(channel), channel < kChannelW ? coverage : nullptr,
-                               coverage ? &context : nullptr, &run_.scratch[scratch], window);
-      });
-      if (band.ends_strip)
-        last_band_ = std::move(band);
-      else
-        bands_.put(std::move(band));
+      std::unique_ptr<BandInWork> band = start_band(end, rows, scratch_set);
+      if (before) finish_band(*before);
+      before = std::move(band);
     }
+    if (before) finish_band(*before);
   }
 
-  template <class RipChannel>
-  void for_each_channel(const RipChannel& rip_channel) {
-    if (run_.pool) {
-      std::array<std::future<void>, kChannelCount> pending;
-      for (std::uint32_t channel = 0; channel < kChannelCount; ++channel)
-        pending[channel] = run_.pool->submit(
-            [&rip_channel, channel](std::size_t scratch) { rip_channel(channel, scratch); }, channel);
-      for (const auto& task : pending) task.wait();  // the tasks refer to this frame: none may outlive it
-      for (auto& task : pending) task.get();
-    } else {
-      for (std::uint32_t channel = 0; channel < kChannelCount; ++channel) rip_channel(channel, channel);
+  /// A band and the tasks that fill it. They refer to the frame that started them, so none may outlive it.
+  struct BandInWork {
+    StripBand band;
+    std::array<std::future<void>, kChannelCount> pending;
+    std::array<std::uint64_t, kChannelCount> rip_ch{};  ///< nanoseconds
+
+    ~BandInWork() { wait(); }
+    void wait() const {
+      for (const auto& task : pending)
+        if (task.valid()) task.wait();
     }
-  }
+  };
 
   SheetRun& run_;
   BandQueue& bands_;
