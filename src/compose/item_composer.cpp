@@ -7,13 +7,13 @@
 #include <new>
 #include <utility>
 
-#include "plan/compose_threads.h"
 #include "compose/white_underbase.h"
 #include "core/checked.h"
 #include "core/env_override.h"
 #include "core/log.h"
 #include "core/platform/environment.h"
 #include "core/text.h"
+#include "plan/compose_threads.h"
 #include "plan/thread_pool.h"
 
 namespace nvo {
