@@ -8,7 +8,8 @@ namespace {
 
 constexpr std::uint64_t kWorkOfAnyPage = 3'000'000'000;
 constexpr std::uint64_t kWorkOfOnePixel = 24;  // a turned image and its mask, which cover the page
-constexpr std::uint64_t kMostPixels = std::uint64_t{1} << 40;  // no raster of this size fits memory
+// Pages above 33 x 33 inches get no more, so that none takes longer than some seconds.
+constexpr std::uint64_t kMostPixels = 100'000'000;
 
 }  // namespace
 
