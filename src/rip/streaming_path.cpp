@@ -14,10 +14,9 @@
 namespace nvo {
 namespace {
 
-/// The outcome of one strip.
+/// What the profile learns of one strip.
 struct StreamingStripResult {
-  std::uint32_t src_y = 0, src_rows = 0;
-  std::uint32_t dev_y = 0, dev_rows = 0;
+  std::uint32_t dev_rows = 0;
   std::uint64_t source_strip_pixels = 0;  ///< source width x composed rows, halo included
   std::uint64_t compose = 0, occupancy = 0, device_choke = 0;  ///< nanoseconds
   std::array<std::uint64_t, kChannelCount> rip_ch{};           ///< nanoseconds
@@ -79,9 +78,6 @@ class StripTask {
     const ScopeExit end_strip([this] { bands_.put(std::move(last_band_)); });
     last_band_ = {{}, 0, true};
     StreamingStripResult result;
-    result.src_y = place.src_y;
-    result.src_rows = place.src_rows;
-    result.dev_y = place.dev_y;
     result.dev_rows = place.dev_rows;
     const std::size_t pixels = std::size_t{run_.src_w} * place.rows;
     result.source_strip_pixels = pixels;
