@@ -14,7 +14,7 @@
 #include "core/platform/environment.h"
 #include "core/text.h"
 #include "plan/compose_threads.h"
-#include "plan/thread_pool.h"
+#include "plan/parallel.h"
 
 namespace nvo {
 namespace {
@@ -297,7 +297,9 @@ std::uint64_t ItemComposer::raster_rows(const Plan& plan, const SourceView& view
   const std::uint32_t threads =
       has_thread_of_its_own ? 1 : compose_threads(rows.size() / kMinRowsPerThread, pixels);
   std::atomic<std::uint64_t> written{0};
-  parallel_ranges(rows.size(), threads, [&](std::size_t begin, std::size_t end, std::size_t thread) {
+  const std::vector<ItemRange> parts = guided_ranges(rows.size(), threads, kMinRowsPerThread);
+  parallel_tasks(parts.size(), threads, [&](std::size_t part_number, std::size_t thread) {
+    const auto [begin, end] = parts[part_number];
     RowColor color = plan.color;
     std::optional<LeasePool<WorkerIcc>::Lease> lease;
     if (color.converter_ready && thread > 0) {

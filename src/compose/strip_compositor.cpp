@@ -9,7 +9,7 @@
 #include "core/large_vector.h"
 #include "core/log.h"
 #include "plan/compose_threads.h"
-#include "plan/thread_pool.h"
+#include "plan/parallel.h"
 
 namespace nvo {
 namespace {

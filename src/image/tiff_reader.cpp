@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <exception>
@@ -25,7 +24,7 @@
 #include "image/tiff_predictor.h"
 #include "image/tiff_tags.h"
 #include "plan/compose_threads.h"
-#include "plan/thread_pool.h"
+#include "plan/parallel.h"
 
 namespace nvo {
 namespace {
@@ -35,9 +34,19 @@ constexpr std::uint64_t kMaxKeptTileRowBytes = 64 << 20;
 
 /// Pieces up to this size are decoded side by side, in rounds of so many bytes or pieces.
 constexpr std::uint64_t kMaxParallelPieceBytes = 4 << 20;
-constexpr std::uint64_t kRoundBytes = 32 << 20;
+constexpr std::uint64_t kRoundBytes = 64 << 20;
 constexpr std::uint64_t kMinPiecesOfRound = 16;
 constexpr std::size_t kMaxPiecesOfRound = 4096;
+
+/// Into how many pieces at a time a read of `count` pieces is divided; a short last round would keep threads
+/// waiting.
+std::size_t pieces_of_round(std::uint64_t count, std::uint64_t piece_bytes) {
+  if (piece_bytes > kMaxParallelPieceBytes) return 1;
+  const auto most =
+      std::clamp<std::uint64_t>(kRoundBytes / piece_bytes, kMinPiecesOfRound, kMaxPiecesOfRound);
+  const auto rounds = (count + most - 1) / most;
+  return (count + rounds - 1) / rounds;
+}
 
 /// The rows that a read asks for, and where they go. `out` grows only as rows arrive, so a header that
 /// promises more than the file holds costs no memory before the read fails.
@@ -274,19 +283,16 @@ class Decoders {
  private:
   void decode_round(std::size_t begin, std::size_t end, std::size_t threads, const DecodePiece& decode) {
     std::vector<PieceOutcome> outcomes(end - begin);
-    std::atomic<std::size_t> next{begin};
-    parallel_ranges(threads, threads, [&](std::size_t, std::size_t, std::size_t thread) {
+    parallel_tasks(end - begin, threads, [&](std::size_t piece, std::size_t thread) {
       Decoder& decoder = decoders_[thread];
-      for (std::size_t i = next++; i < end; i = next++) {
-        PieceOutcome& outcome = outcomes[i - begin];
-        decoder.file.hold_messages();
-        try {
-          decode(decoder, i);
-        } catch (...) {
-          outcome.error = std::current_exception();
-        }
-        outcome.messages = decoder.file.take_messages();
+      PieceOutcome& outcome = outcomes[piece];
+      decoder.file.hold_messages();
+      try {
+        decode(decoder, begin + piece);
+      } catch (...) {
+        outcome.error = std::current_exception();
       }
+      outcome.messages = decoder.file.take_messages();
     });
     for (const PieceOutcome& outcome : outcomes) {
       for (const auto& [level, text] : outcome.messages) Logger::instance().log(level, "libtiff: ", text);
@@ -404,10 +410,7 @@ void TiffReader::Impl::read_strips(const TiffMeta& meta, Band& band) {
 
   kept.deliver(band, strip_rows, meta.height);
   const auto first_strip = band.first() / strip_rows, last_strip = (band.end() - 1) / strip_rows;
-  const std::size_t round =
-      strip_bytes > kMaxParallelPieceBytes
-          ? 1
-          : std::clamp<std::uint64_t>(kRoundBytes / strip_bytes, kMinPiecesOfRound, kMaxPiecesOfRound);
+  const std::size_t round = pieces_of_round(last_strip - first_strip + 1, strip_bytes);
   std::vector<Strip> strips;
   for (auto strip = first_strip; strip <= last_strip; ++strip) {
     const auto first_row = strip * strip_rows;

@@ -10,8 +10,8 @@
 #include "core/scoped_timer.h"
 #include "core/text.h"
 #include "output/writer_threads.h"
+#include "plan/parallel.h"
 #include "plan/performance.h"
-#include "plan/thread_pool.h"
 
 namespace nvo {
 namespace {

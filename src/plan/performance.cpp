@@ -125,4 +125,15 @@ std::uint32_t row_threads(std::uint64_t rows, std::uint64_t row_bytes, std::uint
   return at_least_one(rows, std::min(rows >= kMinRowsPerThread ? rows / kMinRowsPerThread : 1, cap));
 }
 
+std::uint32_t shared_row_threads(std::uint32_t callers, std::uint64_t rows, std::uint64_t row_bytes,
+                                 std::uint32_t hw, const RipPerformanceEnv& env,
+                                 const RipPerformance& block) {
+  const std::uint32_t threads = row_threads(rows, row_bytes, hw, env, block);
+  const bool asked = parse_switch(env.parallel_rows) || parse_thread_count(env.row_threads) ||
+                     (block.mode == PerformanceMode::manual &&
+                      (block.row_threads != 0 || block.parallel_rows == TriState::on));
+  if (asked || callers < 2) return threads;
+  return std::min(threads, std::max((or_machine(hw) + callers - 1) / callers, 1u));
+}
+
 }  // namespace nvo

@@ -40,4 +40,9 @@ bool use_parallel_channels(bool auto_enabled, std::uint64_t workload_px, std::ui
 std::uint32_t row_threads(std::uint64_t rows, std::uint64_t row_bytes, std::uint32_t hw,
                           const RipPerformanceEnv& env, const RipPerformance& block);
 
+/// The same for each of `callers` threads that divide rows side by side: unless settings or environment ask
+/// for row threads, all together keep to the hardware's.
+std::uint32_t shared_row_threads(std::uint32_t callers, std::uint64_t rows, std::uint64_t row_bytes,
+                                 std::uint32_t hw, const RipPerformanceEnv& env, const RipPerformance& block);
+
 }  // namespace nvo

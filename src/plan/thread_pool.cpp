@@ -1,7 +1,6 @@
 #include "plan/thread_pool.h"
 
 #include <algorithm>
-#include <exception>
 #include <stdexcept>
 
 namespace nvo {
@@ -57,27 +56,6 @@ void ThreadPool::shutdown(bool discard_pending) {
   state_->wake.notify_all();
   for (std::thread& worker : workers_)
     if (worker.joinable()) worker.join();
-}
-
-void parallel_ranges(std::size_t count, std::size_t workers,
-                     const std::function<void(std::size_t, std::size_t, std::size_t)>& body) {
-  workers = std::clamp<std::size_t>(workers, 1, std::max<std::size_t>(count, 1));
-  std::vector<std::exception_ptr> errors(workers);
-  const auto run = [&](std::size_t worker) {
-    try {
-      body(worker * count / workers, (worker + 1) * count / workers, worker);
-    } catch (...) {
-      errors[worker] = std::current_exception();
-    }
-  };
-  {
-    std::vector<std::jthread> threads;
-    threads.reserve(workers - 1);
-    for (std::size_t worker = 1; worker < workers; ++worker) threads.emplace_back(run, worker);
-    run(0);
-  }
-  for (const std::exception_ptr& error : errors)
-    if (error) std::rethrow_exception(error);
 }
 
 }  // namespace nvo

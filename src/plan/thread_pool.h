@@ -64,10 +64,4 @@ class ThreadPool final : public Executor {
   std::vector<std::thread> workers_;
 };
 
-/// Splits `count` items into `workers` contiguous ranges, item t x count / workers up to the next such bound,
-/// and runs `body(begin, end, worker)` on each, the first on the calling thread. The first exception, in
-/// worker order, is rethrown after all have ended.
-void parallel_ranges(std::size_t count, std::size_t workers,
-                     const std::function<void(std::size_t begin, std::size_t end, std::size_t worker)>& body);
-
 }  // namespace nvo

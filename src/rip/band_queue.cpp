@@ -1,14 +1,13 @@
 #include "rip/band_queue.h"
 
-#include <stdexcept>
 #include <utility>
 
 namespace nvo {
 
 StripCycles BandQueue::take_spent() {
   std::unique_lock lock(mutex_);
-  changed_.wait(lock, [&] { return closed_ || !spent_.empty(); });
-  if (closed_) throw std::runtime_error("StreamRip: the print file is no longer written");
+  changed_.wait(lock, [&] { return failure_ || !spent_.empty(); });
+  if (failure_) std::rethrow_exception(failure_);
   StripCycles cycles = std::move(spent_.back());
   spent_.pop_back();
   return cycles;
@@ -22,9 +21,18 @@ void BandQueue::put(StripBand band) noexcept {
   changed_.notify_all();
 }
 
-StripBand BandQueue::take() {
+void BandQueue::finish() noexcept {
+  {
+    const std::lock_guard lock(mutex_);
+    finished_ = true;
+  }
+  changed_.notify_all();
+}
+
+std::optional<StripBand> BandQueue::take() {
   std::unique_lock lock(mutex_);
-  changed_.wait(lock, [&] { return !filled_.empty(); });
+  changed_.wait(lock, [&] { return finished_ || !filled_.empty(); });
+  if (filled_.empty()) return std::nullopt;
   StripBand band = std::move(filled_.front());
   filled_.erase(filled_.begin());
   return band;
@@ -38,10 +46,10 @@ void BandQueue::give_back(StripCycles cycles) {
   changed_.notify_all();
 }
 
-void BandQueue::close() {
+void BandQueue::fail(std::exception_ptr reason) noexcept {
   {
     const std::lock_guard lock(mutex_);
-    closed_ = true;
+    failure_ = std::move(reason);
   }
   changed_.notify_all();
 }

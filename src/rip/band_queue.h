@@ -3,7 +3,9 @@
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
+#include <exception>
 #include <mutex>
+#include <optional>
 #include <vector>
 
 #include "output/hoson_writer.h"
@@ -14,32 +16,34 @@ namespace nvo {
 struct StripBand {
   StripCycles cycles;
   std::uint32_t dev_y = 0;  ///< device row of its top row
-  bool ends_strip = false;  ///< nothing follows from this strip; it may have no rows
 };
 
-/// Hands the bands of strips from the thread that screens them to the one that writes them, and their memory
-/// back. The screening thread waits while as many bands as the queue has room for are unwritten.
+/// Hands the bands of strips from the threads that screen them to the one that writes them, and their memory
+/// back. The screening side waits while as many bands as the queue has room for are unwritten.
 class BandQueue {
  public:
-  explicit BandQueue(std::size_t room) : spent_(room) { filled_.reserve(room + 1); }
+  explicit BandQueue(std::size_t room) : spent_(room) { filled_.reserve(room); }
 
-  /// Memory for the next band. Throws `runtime_error` once the queue is closed.
+  /// Memory for the next band. Rethrows what the writing side has failed with.
   StripCycles take_spent();
-  /// Never waits and never fails: there is room for each band whose memory was taken, and for one without.
+  /// Never waits and never fails: there is room for each band whose memory was taken.
   void put(StripBand band) noexcept;
+  /// No band follows.
+  void finish() noexcept;
 
-  StripBand take();
+  /// The next band; none when there will be no more.
+  std::optional<StripBand> take();
   void give_back(StripCycles cycles);
-
-  /// The writing thread has given up.
-  void close();
+  /// The writing side has given up for this reason.
+  void fail(std::exception_ptr reason) noexcept;
 
  private:
   std::mutex mutex_;
   std::condition_variable changed_;
   std::vector<StripBand> filled_;  ///< in order
   std::vector<StripCycles> spent_;
-  bool closed_ = false;
+  bool finished_ = false;
+  std::exception_ptr failure_;
 };
 
 }  // namespace nvo

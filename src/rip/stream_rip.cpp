@@ -12,6 +12,7 @@
 #include "core/scoped_timer.h"
 #include "core/text.h"
 #include "image/image_meta_probe.h"
+#include "plan/parallel.h"
 #include "plan/performance.h"
 #include "plan/sheet_geometry.h"
 #include "rip/memory_estimate.h"
@@ -25,6 +26,7 @@ constexpr const char* kStrategyOverride = "NVO_WHITE_CHOKE_STRATEGY_DEBUG_OVERRI
 constexpr std::int32_t kMinWidthLow = 1, kMinWidthHigh = 16;
 constexpr float kLightnessHigh = 100.0f;
 constexpr float kChokeReferenceDpi = 300.0f;
+constexpr std::size_t kLeastRowsOfPart = 16;  ///< of source rows that a thread takes at a time
 
 const char* name_of(bool value) {
   return value ? "true" : "false";
@@ -182,8 +184,10 @@ void make_choke_planes(const SheetRun& run, const std::vector<std::vector<std::u
   const RipEngineParams& params = run.engine.params();
   const std::uint32_t threads =
       row_threads(rows, run.src_w, hardware_threads(), params.performance_env, params.performance);
-  parallel_ranges(rows, threads, [&](std::size_t begin, std::size_t end, std::size_t) {
-    for (std::size_t y = begin; y < end; ++y) {  // both planes while the row is in cache
+  const std::vector<ItemRange> parts = guided_ranges(rows, threads, kLeastRowsOfPart);
+  parallel_tasks(parts.size(), threads, [&](std::size_t part, std::size_t) {
+    for (std::size_t y = parts[part].begin; y < parts[part].end;
+         ++y) {  // both planes while the row is in cache
       const std::size_t first = y * run.src_w;
       const ColourPlanes row = inks.part(first, run.src_w);
       colour_coverage(row, result.coverage.data() + first);
@@ -281,6 +285,7 @@ void StreamRip::run(SheetLayout sheet, const std::string& output_path,
   RipEngineParams params = engine_params(options, mode, choke, rip_settings);
   params.performance = performance;
   params.performance_env = env;
+  if (parallel_channels) params.side_by_side = threads;
   StripCompositor compositor(compositor_config(options, size));
   compositor.set_layout(sheet);
   compositor.set_icc_settings(effective_icc(options));

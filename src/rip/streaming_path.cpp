@@ -2,6 +2,7 @@
 #include <array>
 #include <future>
 #include <memory>
+#include <optional>
 #include <utility>
 
 #include "core/log.h"
@@ -56,10 +57,10 @@ StripPlace place_strip(const SheetRun& run, std::uint32_t strip, std::uint32_t h
 
 /// A strip's rows are screened and written in so many bands, unless these were very small or large: writing
 /// begins early, and a band is a size that memory is cheap for.
-constexpr std::size_t kBandsOfStrip = 6;
+constexpr std::size_t kBandsOfStrip = 12;
 constexpr std::size_t kLeastBandBytes = 4 << 20, kMostBandBytes = 32 << 20;
 /// Two are filled and one is written; the others wait, so that the disk has work while a strip is composed.
-constexpr std::size_t kBandsInFlight = 7;
+constexpr std::size_t kBandsInFlight = 12;
 
 std::uint32_t rows_of_band(std::uint32_t strip_rows, std::size_t row_bytes) {
   const std::size_t bytes =
@@ -72,11 +73,8 @@ class StripTask {
  public:
   StripTask(SheetRun& run, BandQueue& bands) : run_(run), bands_(bands) {}
 
-  /// Composes and screens a strip and puts its bands into the queue, from the strip's bottom to its top. The
-  /// last one ends the strip even if an exception does.
+  /// Composes and screens a strip and puts its bands into the queue, from the strip's bottom to its top.
   StreamingStripResult rip_strip(const StripPlace& place) {
-    const ScopeExit end_strip([this] { bands_.put(std::move(last_band_)); });
-    last_band_ = {{}, 0, true};
     StreamingStripResult result;
     result.dev_rows = place.dev_rows;
     const std::size_t pixels = std::size_t{run_.src_w} * place.rows;
@@ -130,7 +128,6 @@ class StripTask {
       auto band = std::make_unique<BandInWork>();
       band->band.dev_y = place.dev_y + end;
       band->band.cycles = run_.writer.make_strip_cycles(rows, band->band.dev_y, bands_.take_spent());
-      band->band.ends_strip = end == 0;
       for (std::uint32_t channel = 0; channel < kChannelCount; ++channel) {
         const auto rip = [&, channel, window = DeviceRowWindow{place.crop_top + end, rows},
                           &packed = band->band.cycles.channels[channel],
@@ -155,10 +152,7 @@ class StripTask {
         if (task.valid()) task.get();
       for (std::size_t channel = 0; channel < kChannelCount; ++channel)
         result.rip_ch[channel] += work.rip_ch[channel];
-      if (work.band.ends_strip)
-        last_band_ = std::move(work.band);
-      else
-        bands_.put(std::move(work.band));
+      bands_.put(std::move(work.band));
     };
 
     // Two bands are in work at a time, so that no thread waits for the slowest ink of a band.
@@ -190,7 +184,6 @@ class StripTask {
 
   SheetRun& run_;
   BandQueue& bands_;
-  StripBand last_band_;       ///< of the strip, put into the queue when all else is done
   StripBuffer strip_buffer_;  ///< of the strip before; its memory serves the next, as that of all below
   ChokePlanes choke_planes_;
   ChokeContext choke_;
@@ -206,6 +199,21 @@ void add_to_profile(const StreamingStripResult& result, std::uint32_t dev_w, Str
   for (std::size_t channel = 0; channel < kChannelCount; ++channel)
     profile.rip_ch[channel] += result.rip_ch[channel];
   ++profile.compose_calls;
+}
+
+/// Writes the bands of all strips and returns the count of their rows. A failure reaches the strip task too.
+std::uint64_t write_bands(SheetRun& run, BandQueue& bands) try {
+  std::uint64_t rows = 0;
+  while (std::optional<StripBand> band = bands.take()) {
+    const ScopedTimer timer(run.profile.writer);
+    run.writer.write_cycles_strip(band->cycles, band->dev_y);
+    rows += band->cycles.rows;
+    bands.give_back(std::move(band->cycles));
+  }
+  return rows;
+} catch (...) {
+  bands.fail(std::current_exception());
+  throw;
 }
 
 }  // namespace
@@ -233,25 +241,19 @@ void run_streaming(SheetRun& run) {
               " h=", place.src_rows, place.has_halo() ? " with halo" : "");
     return std::async(std::launch::async, [&task, place] { return task.rip_strip(place); });
   };
-  std::uint64_t rows_written = 0;
-  const auto write = [&](StripBand band) {
-    const ScopedTimer timer(run.profile.writer);
-    run.writer.write_cycles_strip(band.cycles, band.dev_y);
-    rows_written += band.cycles.rows;
-    bands.give_back(std::move(band.cycles));
-  };
 
-  // A strip's bands are written while it is screened; the last one while the strip above is composed.
-  std::future<StreamingStripResult> next = start_strip(run.strips - 1);
-  const ScopeExit close_bands([&] { bands.close(); });  // lets a waiting strip end before `next` waits for it
-  for (std::uint32_t remaining = run.strips; remaining > 0; --remaining) {
-    StripBand band = bands.take();
-    for (; !band.ends_strip; band = bands.take()) write(std::move(band));
-    const StreamingStripResult result = next.get();
-    if (remaining > 1) next = start_strip(remaining - 2);
-    write(std::move(band));
-    add_to_profile(result, run.dev_w, run.profile);
+  std::future<std::uint64_t> written =
+      std::async(std::launch::async, [&] { return write_bands(run, bands); });
+  {
+    const ScopeExit end_of_bands([&] { bands.finish(); });
+    std::future<StreamingStripResult> next = start_strip(run.strips - 1);
+    for (std::uint32_t remaining = run.strips; remaining > 0; --remaining) {
+      const StreamingStripResult result = next.get();
+      if (remaining > 1) next = start_strip(remaining - 2);
+      add_to_profile(result, run.dev_w, run.profile);
+    }
   }
+  const std::uint64_t rows_written = written.get();
   if (rows_written != run.dev_h) throw std::runtime_error("StreamRip: streamed row count mismatch");
 
   run.report(static_cast<int>(run.strips), static_cast<int>(run.strips), 97.0f,

@@ -5,7 +5,7 @@
 #include <bit>
 #include <functional>
 
-#include "plan/thread_pool.h"
+#include "plan/parallel.h"
 #include "screen/kernels/screening_kernels.h"
 
 namespace nvo {
@@ -13,6 +13,7 @@ namespace {
 
 using Word = std::uint64_t;
 
+constexpr std::size_t kLeastGroupsOfPart = 64;
 constexpr std::uint8_t kLeastColour = 3;  ///< coverage below this counts as bare film
 
 /// Sets bits `begin` up to `end` of a row.
@@ -152,8 +153,9 @@ void sample_choke_masks(const DeviceChokeInput& input, const ChokeRowMap& row_ma
   size_plane(context.support, context.adaptive);
   size_plane(context.light, context.adaptive && context.protect_light);
   StripSampler sampler(input, row_map, context);
-  parallel_ranges(row_map.first_rows.size(), threads, [&](std::size_t begin, std::size_t end, std::size_t) {
-    sampler.sample_groups(begin, end);
+  const std::vector<ItemRange> parts = guided_ranges(row_map.first_rows.size(), threads, kLeastGroupsOfPart);
+  parallel_tasks(parts.size(), threads, [&](std::size_t part, std::size_t) {
+    sampler.sample_groups(parts[part].begin, parts[part].end);
   });
   if (!sampler.any_exempt()) context.exempt.reshape(0, 0);
 }

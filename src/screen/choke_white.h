@@ -16,8 +16,8 @@ namespace nvo {
 /// the range are worked out as far as they matter. For one thread.
 class WhiteChoke {
  public:
-  /// Reads the settings, `support`, `light` and `exempt` of `context` and writes rows of `keep`, which must
-  /// be clear. Row y of the support equals row `equal_row[y]`. All arguments must outlive the object.
+  /// Reads the settings, `support`, `light` and `exempt` of `context` and writes rows of `keep`. Row y of the
+  /// support equals row `equal_row[y]`. All arguments must outlive the object.
   WhiteChoke(const ChokeContext& context, std::span<const std::uint32_t> equal_row, const OffsetShape& disc,
              std::size_t begin, std::size_t end, BitPlane& keep);
   ~WhiteChoke();

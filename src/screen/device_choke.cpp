@@ -7,7 +7,7 @@
 #include <utility>
 #include <vector>
 
-#include "plan/thread_pool.h"
+#include "plan/parallel.h"
 #include "screen/bit_morphology.h"
 #include "screen/choke_offsets.h"
 #include "screen/choke_ring.h"
@@ -19,6 +19,8 @@ namespace nvo {
 namespace {
 
 constexpr float kAmountDpi = 300.0f;  ///< amounts are in pixels at this resolution
+/// A part costs some rows above and below it as well.
+constexpr std::size_t kLeastRowsOfPart = 192;
 
 /// Radius and settings of a context.
 void describe(const DeviceChokeParams& params, bool adaptive, ChokeContext& context) {
@@ -46,15 +48,14 @@ OffsetShape shape_of(std::span<const ChokeOffset> offsets) {
   return shape;
 }
 
-/// A fresh context on the memory of another one; its planes have no size yet.
+/// A fresh context on the memory of another one. Its planes are as they were there, so that those which keep
+/// their size need not be cleared.
 ChokeContext with_memory_of(ChokeContext spent) {
   ChokeContext context;
   for (BitPlane ChokeContext::*plane :
        {&ChokeContext::colour_core, &ChokeContext::exempt, &ChokeContext::grown, &ChokeContext::support,
-        &ChokeContext::keep, &ChokeContext::light}) {
+        &ChokeContext::keep, &ChokeContext::light})
     context.*plane = std::move(spent.*plane);
-    (context.*plane).reshape(0, 0);
-  }
   context.ring = std::move(spent.ring);
   context.ring.clear();
   return context;
@@ -68,12 +69,17 @@ class StripChoke {
 
   void run(std::uint32_t threads) {
     const std::size_t rows = context_.height;
-    if (context_.adaptive) context_.keep.reshape(context_.width, context_.height);
+    if (context_.adaptive)
+      context_.keep.reshape(context_.width, context_.height);
+    else
+      context_.keep.reshape(0, 0);
     context_.grown.reshape(context_.width, context_.height);
     context_.ring_rows.assign(rows + 1, 0);
-    std::vector<std::vector<RingDot>> rings(std::clamp<std::size_t>(threads, 1, rows));
-    parallel_ranges(rows, rings.size(), [&](std::size_t begin, std::size_t end, std::size_t worker) {
-      rings[worker] = choke_rows(begin, end);
+    // Art is dense in one place and absent in another.
+    const std::vector<ItemRange> parts = guided_ranges(rows, threads, kLeastRowsOfPart);
+    std::vector<std::vector<RingDot>> rings(parts.size());
+    parallel_tasks(parts.size(), threads, [&](std::size_t part, std::size_t) {
+      rings[part] = choke_rows(parts[part].begin, parts[part].end);
     });
     join(rings);
   }
@@ -99,9 +105,9 @@ class StripChoke {
     std::partial_sum(context_.ring_rows.begin(), context_.ring_rows.end(), context_.ring_rows.begin());
     context_.ring = std::move(rings.front());
     context_.ring.reserve(context_.ring_rows.back());
-    for (std::size_t worker = 1; worker < rings.size(); ++worker) {
-      context_.ring.insert(context_.ring.end(), rings[worker].begin(), rings[worker].end());
-      rings[worker] = {};
+    for (std::size_t part = 1; part < rings.size(); ++part) {
+      context_.ring.insert(context_.ring.end(), rings[part].begin(), rings[part].end());
+      rings[part] = {};
     }
     if (context_.ring.empty()) context_.ring_rows.clear();
   }
@@ -118,10 +124,10 @@ ChokeContext prepare_device_choke(const DeviceChokeInput& input, const DeviceCho
                                   ChokeContext spent) {
   if (input.coverage == nullptr || input.src_w == 0 || input.strip_rows == 0 || input.total_src_rows == 0)
     return {};
-  ChokeContext context = with_memory_of(std::move(spent));
   const DeviceScale scale(params.src_dpi, params.x_dpi, params.y_dpi);
   const std::uint32_t dev_h = device_extent(input.total_src_rows, scale.y);
   const DeviceRows rows = device_rows_of_strip(input.strip_src_y, input.strip_rows, scale.y, dev_h);
+  ChokeContext context = rows.end > rows.first ? with_memory_of(std::move(spent)) : ChokeContext();
   context.width = device_extent(input.src_w, scale.x);
   context.height = rows.end - rows.first;
   if (context.height == 0) return context;

@@ -8,7 +8,7 @@
 
 #include "core/log.h"
 #include "core/platform/clock.h"
-#include "plan/thread_pool.h"
+#include "plan/parallel.h"
 #include "screen/device_choke.h"
 #include "screen/row_screener.h"
 
@@ -392,8 +392,8 @@ RipEngine::AppliedChoke RipEngine::begin(const PlaneJob& job) {
 
 std::size_t RipEngine::row_workers(const PlaneJob& job) const {
   if (job.whole_plane || job.capture != nullptr) return 1;
-  return row_threads(job.height(), job.dev_w, hardware_threads(), params_.performance_env,
-                     params_.performance);
+  return shared_row_threads(params_.side_by_side, job.height(), job.dev_w, hardware_threads(),
+                            params_.performance_env, params_.performance);
 }
 
 StripScreening RipEngine::screening_of(const PlaneJob& job, const ChokeContext* choke, RowMap& rows) const {

@@ -47,6 +47,7 @@ struct RipEngineParams {
   SamplingMode white_resampling = SamplingMode::hard;
   RipPerformance performance;
   RipPerformanceEnv performance_env;
+  std::uint32_t side_by_side = 1;  ///< threads that screen strips or channels at a time
   /// The kernels to screen with; nothing selects the machine's best. The drops are the same with all of them.
   std::optional<InstructionSet> instruction_set;
 };

@@ -111,6 +111,19 @@ TEST(RowThreads, RulesInOrder) {
   }
   EXPECT_EQ(row_threads(6144, 15840, 1, {}, {}), 2u);
   EXPECT_EQ(row_threads(6144, 15840, 64, {}, {}), 8u);
+
+  // Five callers on so many cores.
+  const auto shared = [](std::uint32_t hw, const RipPerformanceEnv& env, const RipPerformance& block) {
+    return shared_row_threads(5, 6144, 15840, hw, env, block);
+  };
+  RipPerformanceEnv asked;
+  asked.row_threads = "3";
+  EXPECT_EQ(shared(2, {}, {}), 1u);
+  EXPECT_EQ(shared(8, {}, {}), 2u);
+  EXPECT_EQ(shared(64, {}, {}), 8u);
+  EXPECT_EQ(shared(2, asked, {}), 3u);
+  EXPECT_EQ(shared(2, {}, manual(kOn)), 2u);
+  EXPECT_EQ(shared(8, {}, manual(kOff)), 1u);
 }
 
 }  // namespace

@@ -47,27 +47,5 @@ TEST(ThreadPool, ExceptionsReachTheWaiter) {
   EXPECT_EQ(failure_of([&] { failing.get(); }), "broken");
 }
 
-TEST(ParallelRanges, CoverEveryItemOnceInContiguousRanges) {
-  for (const std::size_t count : {0u, 1u, 5u, 64u, 1000u}) {
-    for (const std::size_t workers : {0u, 1u, 2u, 3u, 8u, 100u}) {
-      std::vector<std::atomic<int>> seen(count);
-      parallel_ranges(count, workers, [&](std::size_t begin, std::size_t end, std::size_t) {
-        for (std::size_t i = begin; i < end; ++i) ++seen[i];
-      });
-      for (const auto& times : seen) EXPECT_EQ(times, 1);
-    }
-  }
-}
-
-TEST(ParallelRanges, FirstFailureInWorkerOrderWinsAfterAllEnded) {
-  std::atomic<int> ended{0};
-  const auto work = [&](std::size_t, std::size_t, std::size_t worker) {
-    ++ended;
-    if (worker >= 2) throw std::runtime_error("worker " + std::to_string(worker));
-  };
-  EXPECT_EQ(failure_of([&] { parallel_ranges(4, 4, work); }), "worker 2");
-  EXPECT_EQ(ended, 4);
-}
-
 }  // namespace
 }  // namespace nvo

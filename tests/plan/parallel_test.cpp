@@ -1,0 +1,97 @@
+#include "plan/parallel.h"
+
+#include <atomic>
+#include <numeric>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "support/failure.h"
+
+namespace nvo {
+namespace {
+
+using test::failure_of;
+
+TEST(ParallelRanges, CoverEveryItemOnceInContiguousRanges) {
+  for (const std::size_t count : {0u, 1u, 5u, 64u, 1000u}) {
+    for (const std::size_t workers : {0u, 1u, 2u, 3u, 8u, 100u}) {
+      std::vector<std::atomic<int>> seen(count);
+      parallel_ranges(count, workers, [&](std::size_t begin, std::size_t end, std::size_t) {
+        for (std::size_t i = begin; i < end; ++i) ++seen[i];
+      });
+      for (const auto& times : seen) EXPECT_EQ(times, 1);
+    }
+  }
+}
+
+TEST(GuidedRanges, JoinUpAndShrinkToTheLeast) {
+  for (const std::size_t count : {0u, 1u, 15u, 16u, 17u, 1024u, 6144u}) {
+    for (const std::size_t workers : {0u, 1u, 2u, 5u}) {
+      const auto ranges = guided_ranges(count, workers, 16);
+      std::size_t next = 0, before = count;
+      for (const ItemRange& range : ranges) {
+        EXPECT_EQ(range.begin, next);
+        const std::size_t size = range.end - range.begin;
+        EXPECT_GE(size, std::min<std::size_t>(count, 16));
+        EXPECT_LE(size, before + 15);
+        before = size;
+        next = range.end;
+      }
+      EXPECT_EQ(next, count);
+      if (workers < 2) {
+        EXPECT_LE(ranges.size(), 1u);
+      }
+    }
+  }
+  EXPECT_EQ(guided_ranges(6144, 2, 16).front().end, 1536u);
+}
+
+// Threads stay from call to call and are shared by calls that run at once and inside one another.
+TEST(ParallelTasks, EachTaskRunsOnceUnderItsWorkersNumber) {
+  const auto divide = [](std::size_t workers) {
+    std::vector<std::atomic<int>> seen(200);
+    std::vector<std::atomic<int>> inside(workers);
+    parallel_tasks(seen.size(), workers, [&](std::size_t task, std::size_t worker) {
+      ASSERT_LT(worker, workers);
+      EXPECT_EQ(inside[worker]++, 0) << "two threads with one number";
+      parallel_tasks(3, 2, [&](std::size_t, std::size_t) { ++seen[task]; });
+      --inside[worker];
+    });
+    for (const auto& times : seen) EXPECT_EQ(times, 3);
+  };
+  std::vector<std::jthread> callers;
+  for (const std::size_t workers : {1u, 2u, 3u, 8u})
+    callers.emplace_back([&divide, workers] {
+      for (int round = 0; round < 20; ++round) divide(workers);
+    });
+}
+
+// All workers stand at the gate at once, so they are threads of their own.
+TEST(ParallelTasks, AsManyThreadsAsWorkers) {
+  std::atomic<int> arrived{0};
+  parallel_tasks(6, 6, [&](std::size_t, std::size_t) {
+    ++arrived;
+    while (arrived < 6) std::this_thread::yield();
+  });
+  EXPECT_EQ(arrived, 6);
+}
+
+TEST(ParallelTasks, FirstTaskThatFailedWins) {
+  for (const std::size_t workers : {1u, 4u}) {
+    std::atomic<std::size_t> last{0};
+    const auto work = [&](std::size_t task, std::size_t) {
+      for (std::size_t seen = last; seen < task && !last.compare_exchange_weak(seen, task);) {
+      }
+      if (task >= 5) throw std::runtime_error("task " + std::to_string(task));
+    };
+    EXPECT_EQ(failure_of([&] { parallel_tasks(1000, workers, work); }), "task 5");
+    EXPECT_LT(last, 999u) << "no task begins after a failure";
+  }
+}
+
+}  // namespace
+}  // namespace nvo
