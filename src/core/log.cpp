@@ -33,6 +33,16 @@ std::string format_line(LogLevel level, const std::string& text) {
 
 }  // namespace
 
+thread_local HeldLog* HeldLog::innermost_ = nullptr;
+
+HeldLog::HeldLog() : outer_(innermost_) {
+  innermost_ = this;
+}
+
+HeldLog::~HeldLog() {
+  innermost_ = outer_;
+}
+
 Logger& Logger::instance() {
   static Logger logger;
   return logger;
@@ -49,7 +59,11 @@ void Logger::remove_sink(int id) {
   std::erase_if(sinks_, [id](const auto& entry) { return entry.first == id; });
 }
 
-void Logger::emit(LogLevel level, const std::string& text) {
+void Logger::emit(LogLevel level, std::string text) {
+  if (HeldLog* const held = HeldLog::innermost_) {
+    held->entries_.push_back({level, std::move(text)});
+    return;
+  }
   const std::string line = format_line(level, text);
   std::vector<Sink> sinks;
   {

@@ -12,6 +12,32 @@ namespace nvo {
 
 enum class LogLevel : int { debug = 0, info = 1, warn = 2, error = 3 };
 
+/// A text on its way to the log.
+struct LogEntry {
+  LogLevel level;
+  std::string text;
+};
+
+/// While it lives, what its thread logs is held back instead of written, so that work done ahead or side by
+/// side can speak in its turn. Holders may be nested; what is left in one is dropped.
+class HeldLog {
+ public:
+  HeldLog();
+  ~HeldLog();
+  HeldLog(const HeldLog&) = delete;
+  HeldLog& operator=(const HeldLog&) = delete;
+
+  /// The entries so far, in order.
+  std::vector<LogEntry> take() { return std::exchange(entries_, {}); }
+
+ private:
+  friend class Logger;
+  static thread_local HeldLog* innermost_;
+
+  HeldLog* outer_;
+  std::vector<LogEntry> entries_;
+};
+
 /// The process-wide log. A line is the local time, the level in a field of five characters between brackets
 /// and the text, as in `14:03:22 [INFO ] Done: out.prt`. Lines go to the registered sinks, or to standard
 /// output when there are none. Any thread may log; sinks run on the logging thread, outside all locks.
@@ -31,7 +57,12 @@ class Logger {
     if (level < minimum_level_.load(std::memory_order_relaxed)) return;
     std::ostringstream text;
     (text << ... << pieces);
-    emit(level, text.str());
+    emit(level, std::move(text).str());
+  }
+
+  /// Logs what was held back.
+  void log_entries(const std::vector<LogEntry>& entries) {
+    for (const LogEntry& entry : entries) log(entry.level, entry.text);
   }
 
   /// Returns an id for `remove_sink`. While a sink is registered nothing is written to standard output.
@@ -40,7 +71,7 @@ class Logger {
 
  private:
   Logger() = default;
-  void emit(LogLevel level, const std::string& text);
+  void emit(LogLevel level, std::string text);
 
   std::atomic<LogLevel> minimum_level_{LogLevel::info};
   std::mutex sink_mutex_;

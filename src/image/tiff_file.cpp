@@ -7,6 +7,7 @@
 #include <cstring>
 #include <limits>
 
+#include "core/log.h"
 #include "core/platform/file.h"
 #include "image/tiff_predictor.h"
 
@@ -18,6 +19,26 @@ constexpr std::size_t kMessageBytes = 512;
 // Read calls instead of a mapping of the whole file: memory does not grow with the file, and a file that
 // another program cuts short gives a read error instead of a bus error.
 constexpr const char* kReadUnmapped = "rm";
+
+/// 1 tells libtiff that nothing is left to print. No exception may cross the C library, and a line that cannot
+/// be logged is no reason to fail a read.
+int log_message(LogLevel level, const char* format, va_list arguments) noexcept {
+  char text[kMessageBytes];
+  static_cast<void>(std::vsnprintf(text, sizeof text, format, arguments));
+  try {
+    Logger::instance().log(level, "libtiff: ", text);
+  } catch (...) {
+  }
+  return 1;
+}
+
+int on_warning(TIFF*, void*, const char*, const char* format, va_list arguments) {
+  return log_message(LogLevel::warn, format, arguments);
+}
+
+int on_error(TIFF*, void*, const char*, const char* format, va_list arguments) {
+  return log_message(LogLevel::error, format, arguments);
+}
 
 /// libtiff's process-wide handlers print to the console. They see only what the handlers of a file do not:
 /// messages of files opened without options.
@@ -38,26 +59,6 @@ bool same_pieces(TIFF* a, TIFF* b) {
 }
 
 }  // namespace
-
-struct TiffFile::Messages {
-  bool hold = false;
-  std::vector<Message> held;
-
-  /// 1 tells libtiff that nothing is left to print. No exception may cross the C library, and a line that
-  /// cannot be logged is no reason to fail a read.
-  int take(LogLevel level, const char* format, va_list arguments) noexcept {
-    char text[kMessageBytes];
-    static_cast<void>(std::vsnprintf(text, sizeof text, format, arguments));
-    try {
-      if (hold)
-        held.emplace_back(level, text);
-      else
-        Logger::instance().log(level, "libtiff: ", text);
-    } catch (...) {
-    }
-    return 1;
-  }
-};
 
 /// A file that another handle has opened, with a position of its own; the calls that libtiff makes on it.
 struct TiffFile::SharedFile {
@@ -88,23 +89,14 @@ TiffFile::TiffFile(TiffFile&&) noexcept = default;
 TiffFile& TiffFile::operator=(TiffFile&&) noexcept = default;
 TiffFile::~TiffFile() = default;
 
-int TiffFile::on_warning(TIFF*, void* messages, const char*, const char* format, va_list arguments) {
-  return static_cast<Messages*>(messages)->take(LogLevel::warn, format, arguments);
-}
-
-int TiffFile::on_error(TIFF*, void* messages, const char*, const char* format, va_list arguments) {
-  return static_cast<Messages*>(messages)->take(LogLevel::error, format, arguments);
-}
-
 template <class Open>
 TiffFile TiffFile::open_with(const Open& open) {
   silence_default_handlers();
   TiffFile file;
-  file.messages_ = std::make_unique<Messages>();
   TIFFOpenOptions* options = TIFFOpenOptionsAlloc();
   if (options) {
-    TIFFOpenOptionsSetWarningHandlerExtR(options, on_warning, file.messages_.get());
-    TIFFOpenOptionsSetErrorHandlerExtR(options, on_error, file.messages_.get());
+    TIFFOpenOptionsSetWarningHandlerExtR(options, on_warning, nullptr);
+    TIFFOpenOptionsSetErrorHandlerExtR(options, on_error, nullptr);
   }
   open(file, options);
   TIFFOpenOptionsFree(options);
@@ -119,8 +111,8 @@ TiffFile TiffFile::open(const std::string& path) {
 }
 
 TiffFile TiffFile::second() const {
+  const HeldLog unheard;  // the first handle has said it all
   TiffFile second = open_with([&](TiffFile& file, TIFFOpenOptions* options) {
-    file.messages_->hold = true;
     file.shared_ = std::make_unique<SharedFile>();
     file.shared_->descriptor = TIFFFileno(handle_.get());
     file.shared_->size = TIFFGetSizeProc(handle_.get())(TIFFClientdata(handle_.get()));
@@ -144,16 +136,6 @@ void TiffFile::take_over_predictor() {
   TIFFGetFieldDefaulted(tiff, TIFFTAG_PLANARCONFIG, &planar);
   if (bits != 8 || planar != PLANARCONFIG_CONTIG || !can_add_up(samples)) return;
   gives_differences_ = TIFFSetField(tiff, TIFFTAG_PREDICTOR, PREDICTOR_NONE) == 1;
-}
-
-void TiffFile::hold_messages() {
-  messages_->hold = true;
-  messages_->held.clear();
-}
-
-std::vector<TiffFile::Message> TiffFile::take_messages() {
-  messages_->hold = false;
-  return std::exchange(messages_->held, {});
 }
 
 }  // namespace nvo

@@ -234,7 +234,7 @@ struct Decoder {
 
 /// What decoding a piece left behind, until its turn comes.
 struct PieceOutcome {
-  std::vector<TiffFile::Message> messages;
+  std::vector<LogEntry> log;
   std::exception_ptr error;
 };
 
@@ -286,16 +286,16 @@ class Decoders {
     parallel_tasks(end - begin, threads, [&](std::size_t piece, std::size_t thread) {
       Decoder& decoder = decoders_[thread];
       PieceOutcome& outcome = outcomes[piece];
-      decoder.file.hold_messages();
+      HeldLog held;
       try {
         decode(decoder, begin + piece);
       } catch (...) {
         outcome.error = std::current_exception();
       }
-      outcome.messages = decoder.file.take_messages();
+      outcome.log = held.take();
     });
     for (const PieceOutcome& outcome : outcomes) {
-      for (const auto& [level, text] : outcome.messages) Logger::instance().log(level, "libtiff: ", text);
+      Logger::instance().log_entries(outcome.log);
       if (outcome.error) std::rethrow_exception(outcome.error);
     }
   }
@@ -314,6 +314,7 @@ class Decoders {
   /// A handle takes the first piece that it decodes for a sign of which of two LZW dialects the file is in,
   /// so all have to see the same piece first. A byte of it will do.
   void begin_with_first_piece(TIFF* tiff) const {
+    const HeldLog unheard;
     std::uint8_t byte = 0;
     if (TIFFIsTiled(tiff))
       TIFFReadEncodedTile(tiff, *first_piece_, &byte, 1);
