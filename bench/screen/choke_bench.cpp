@@ -11,6 +11,7 @@
 #include <benchmark/benchmark.h>
 
 #include "screen/device_choke.h"
+#include "screen/kernels/mask_row_kernels.h"
 
 namespace nvo {
 namespace {
@@ -83,8 +84,9 @@ void prepare_choke(benchmark::State& state, bool adaptive, bool grain, float amo
   }
   std::size_t ring = 0;
   double dots = 0.0;
+  ChokeContext context;  // a job's strips use the same memory
   for (auto _ : state) {
-    const ChokeContext context = prepare_device_choke(input, params);
+    context = prepare_device_choke(input, params, std::move(context));
     ring = context.ring.size();
     dots = static_cast<double>(context.width) * context.height;
     benchmark::DoNotOptimize(ring);
@@ -94,6 +96,34 @@ void prepare_choke(benchmark::State& state, bool adaptive, bool grain, float amo
   state.counters["ring_dots"] = static_cast<double>(ring);
 }
 
+/// A step on rows of 15,840 dots.
+template <class Step>
+void mask_rows(benchmark::State& state, const Step& step) {
+  constexpr std::size_t kWords = 248;
+  std::vector<std::uint64_t> words(6 * (kWords + 2), 0x0ff0f0f0aa55aa55);
+  const auto row = [&](std::size_t i) { return words.data() + i * (kWords + 2) + 1; };
+  const std::uint64_t* const rows[] = {row(0), row(1), row(2), row(3)};
+  for (auto _ : state) {
+    step(rows, row(4), row(5), kWords);
+    benchmark::ClobberMemory();
+  }
+  state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * kWords * 64));
+}
+
+void or_rows(benchmark::State& state, const MaskRowKernels& kernels) {
+  mask_rows(state, [&](const std::uint64_t* const rows[4], std::uint64_t* to, std::uint64_t*,
+                       std::size_t words) { kernels.or_rows(to, rows, words); });
+}
+
+void or_columns(benchmark::State& state, const MaskRowKernels& kernels) {
+  mask_rows(state, [&](const std::uint64_t* const*, std::uint64_t* from, std::uint64_t* to,
+                       std::size_t words) { kernels.or_columns(from, to, 3, words); });
+}
+
+BENCHMARK_CAPTURE(or_rows, plain, kPlainMaskRowKernels);
+BENCHMARK_CAPTURE(or_rows, best, mask_row_kernels());
+BENCHMARK_CAPTURE(or_columns, plain, kPlainMaskRowKernels);
+BENCHMARK_CAPTURE(or_columns, best, mask_row_kernels());
 BENCHMARK_CAPTURE(prepare_choke, adaptive_art, true, false, 1.5f)->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(prepare_choke, adaptive_art_widest, true, false, 2.5f)->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(prepare_choke, adaptive_grain, true, true, 1.5f)->Unit(benchmark::kMillisecond);

@@ -1,33 +1,8 @@
 #include "screen/bit_morphology.h"
 
 #include <algorithm>
-#include <functional>
 
 namespace nvo {
-namespace {
-
-/// Combines four rows into `to`. Rows may repeat.
-template <class Op>
-void combine_rows(std::uint64_t* to, const std::uint64_t* const rows[4], std::size_t words) {
-  const std::uint64_t *a = rows[0], *b = rows[1], *c = rows[2], *d = rows[3];
-  const Op op;
-  for (std::size_t i = 0; i < words; ++i) to[i] = op(op(to[i], op(a[i], b[i])), op(c[i], d[i]));
-}
-
-/// Combines each dot of `from` with those `shift` columns (1 to 63) to its left and right. Reads a word
-/// beyond either end.
-template <class Op>
-void combine_columns(const std::uint64_t* from, std::uint64_t* to, int shift, std::size_t words) {
-  const Op op;
-  for (std::ptrdiff_t i = 0; i < static_cast<std::ptrdiff_t>(words); ++i) {
-    const std::uint64_t right = from[i] << shift | from[i - 1] >> (64 - shift);
-    const std::uint64_t left = from[i] >> shift | from[i + 1] << (64 - shift);
-    to[i] = op(op(right, left), from[i]);
-  }
-}
-
-}  // namespace
-
 bool any_set(const std::uint64_t* words, std::size_t count) {
   return std::any_of(words, words + count, [](std::uint64_t word) { return word != 0; });
 }
@@ -49,6 +24,7 @@ const std::uint64_t* ComputedRows::row(std::size_t y) {
 
 ShapedRows::ShapedRows(MaskRows& source, const OffsetShape& shape, std::size_t kept)
     : ComputedRows(source.width(), source.height(), kept),
+      kernels_(mask_row_kernels()),
       source_(source),
       shape_(shape),
       now_(source.words() + 2),
@@ -106,7 +82,7 @@ void ShapedRows::widen(CombineColumns combine_columns, std::uint32_t reach, std:
 
 bool ErodedRows::compute(std::size_t y, std::uint64_t* out) {
   if (!gather(y, true)) return false;
-  combine(combine_rows<std::bit_and<>>, combine_columns<std::bit_and<>>, 0, out);
+  combine(kernels_.and_rows, kernels_.and_columns, 0, out);
   return any_set(out, words());
 }
 
@@ -114,7 +90,7 @@ bool DilatedRows::compute(std::size_t y, std::uint64_t* out) {
   if (!gather(y, false)) return false;
   // A dot that a step carries out of the row is lost to the next step. With shifts of at most done + 1 every
   // column has a dot between it and the source to be reached from, so none is missed at the borders.
-  combine(combine_rows<std::bit_or<>>, combine_columns<std::bit_or<>>, 1, out);
+  combine(kernels_.or_rows, kernels_.or_columns, 1, out);
   out[words() - 1] &= ~std::uint64_t{0} >> (63 - (width() + std::uint64_t{63}) % 64);
   return true;
 }

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "screen/bit_plane.h"
+#include "screen/kernels/mask_row_kernels.h"
 
 namespace nvo {
 
@@ -86,8 +87,8 @@ class ShapedRows : public ComputedRows {
  protected:
   ShapedRows(MaskRows& source, const OffsetShape& shape, std::size_t kept);
 
-  using CombineRows = void (*)(std::uint64_t* to, const std::uint64_t* const rows[4], std::size_t words);
-  using CombineColumns = void (*)(const std::uint64_t* from, std::uint64_t* to, int shift, std::size_t words);
+  using CombineRows = MaskRowKernels::CombineRows;
+  using CombineColumns = MaskRowKernels::CombineColumns;
 
   /// Lists the source's rows under the shape, nearest first. False if a row is clear or outside the mask and
   /// `all_needed` is set, or if there is nothing to list.
@@ -95,6 +96,8 @@ class ShapedRows : public ComputedRows {
   /// With `overlap` 1 the steps across columns are shorter, each reaching back into what is covered.
   void combine(CombineRows combine_rows, CombineColumns combine_columns, std::uint32_t overlap,
                std::uint64_t* out);
+
+  const MaskRowKernels& kernels_;
 
  private:
   /// Combines each dot of the row in the making with those up to `reach` columns away.

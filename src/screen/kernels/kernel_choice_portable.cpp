@@ -1,3 +1,4 @@
+#include "screen/kernels/mask_row_kernels.h"
 #include "screen/kernels/screening_kernels.h"
 
 namespace nvo {
@@ -8,6 +9,10 @@ const ScreeningKernels* kernels_for(InstructionSet set) {
 
 const ScreeningKernels& best_kernels() {
   return kScalarKernels;
+}
+
+const MaskRowKernels& mask_row_kernels() {
+  return kPlainMaskRowKernels;
 }
 
 }  // namespace nvo

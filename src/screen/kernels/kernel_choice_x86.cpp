@@ -1,5 +1,6 @@
 #include <initializer_list>
 
+#include "screen/kernels/mask_row_kernels.h"
 #include "screen/kernels/screening_kernels.h"
 
 namespace nvo {
@@ -20,6 +21,10 @@ const ScreeningKernels& best_kernels() {
   for (const InstructionSet set : {InstructionSet::avx2, InstructionSet::sse41})
     if (const ScreeningKernels* kernels = kernels_for(set)) return *kernels;
   return kScalarKernels;
+}
+
+const MaskRowKernels& mask_row_kernels() {
+  return __builtin_cpu_supports("avx2") ? kAvx2MaskRowKernels : kPlainMaskRowKernels;
 }
 
 }  // namespace nvo
