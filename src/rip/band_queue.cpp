@@ -1,13 +1,14 @@
 #include "rip/band_queue.h"
 
+#include <stdexcept>
 #include <utility>
 
 namespace nvo {
 
 StripCycles BandQueue::take_spent() {
   std::unique_lock lock(mutex_);
-  changed_.wait(lock, [&] { return failure_ || !spent_.empty(); });
-  if (failure_) std::rethrow_exception(failure_);
+  changed_.wait(lock, [&] { return closed_ || !spent_.empty(); });
+  if (closed_) throw std::runtime_error("StreamRip: the print file is no longer written");
   StripCycles cycles = std::move(spent_.back());
   spent_.pop_back();
   return cycles;
@@ -46,10 +47,10 @@ void BandQueue::give_back(StripCycles cycles) {
   changed_.notify_all();
 }
 
-void BandQueue::fail(std::exception_ptr reason) noexcept {
+void BandQueue::close() noexcept {
   {
     const std::lock_guard lock(mutex_);
-    failure_ = std::move(reason);
+    closed_ = true;
   }
   changed_.notify_all();
 }

@@ -3,7 +3,6 @@
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
-#include <exception>
 #include <mutex>
 #include <optional>
 #include <vector>
@@ -24,7 +23,7 @@ class BandQueue {
  public:
   explicit BandQueue(std::size_t room) : spent_(room) { filled_.reserve(room); }
 
-  /// Memory for the next band. Rethrows what the writing side has failed with.
+  /// Memory for the next band. Throws `runtime_error` once the queue is closed.
   StripCycles take_spent();
   /// Never waits and never fails: there is room for each band whose memory was taken.
   void put(StripBand band) noexcept;
@@ -34,16 +33,15 @@ class BandQueue {
   /// The next band; none when there will be no more.
   std::optional<StripBand> take();
   void give_back(StripCycles cycles);
-  /// The writing side has given up for this reason.
-  void fail(std::exception_ptr reason) noexcept;
+  /// The writing side has given up.
+  void close() noexcept;
 
  private:
   std::mutex mutex_;
   std::condition_variable changed_;
   std::vector<StripBand> filled_;  ///< in order
   std::vector<StripCycles> spent_;
-  bool finished_ = false;
-  std::exception_ptr failure_;
+  bool finished_ = false, closed_ = false;
 };
 
 }  // namespace nvo

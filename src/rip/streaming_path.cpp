@@ -6,7 +6,6 @@
 #include <utility>
 
 #include "core/log.h"
-#include "core/scope_exit.h"
 #include "core/scoped_timer.h"
 #include "plan/sheet_geometry.h"
 #include "rip/band_queue.h"
@@ -201,7 +200,7 @@ void add_to_profile(const StreamingStripResult& result, std::uint32_t dev_w, Str
   ++profile.compose_calls;
 }
 
-/// Writes the bands of all strips and returns the count of their rows. A failure reaches the strip task too.
+/// Writes the bands of all strips and returns the count of their rows. A failure stops the strip task too.
 std::uint64_t write_bands(SheetRun& run, BandQueue& bands) try {
   std::uint64_t rows = 0;
   while (std::optional<StripBand> band = bands.take()) {
@@ -212,7 +211,7 @@ std::uint64_t write_bands(SheetRun& run, BandQueue& bands) try {
   }
   return rows;
 } catch (...) {
-  bands.fail(std::current_exception());
+  bands.close();
   throw;
 }
 
@@ -244,15 +243,19 @@ void run_streaming(SheetRun& run) {
 
   std::future<std::uint64_t> written =
       std::async(std::launch::async, [&] { return write_bands(run, bands); });
-  {
-    const ScopeExit end_of_bands([&] { bands.finish(); });
+  try {
     std::future<StreamingStripResult> next = start_strip(run.strips - 1);
     for (std::uint32_t remaining = run.strips; remaining > 0; --remaining) {
       const StreamingStripResult result = next.get();
       if (remaining > 1) next = start_strip(remaining - 2);
       add_to_profile(result, run.dev_w, run.profile);
     }
+  } catch (...) {
+    bands.finish();
+    written.get();  // a write that failed says more than the strip that it has stopped
+    throw;
   }
+  bands.finish();
   const std::uint64_t rows_written = written.get();
   if (rows_written != run.dev_h) throw std::runtime_error("StreamRip: streamed row count mismatch");
 

@@ -1,10 +1,12 @@
 #include "rip/stream_rip.h"
 
 #include <algorithm>
+#include <csignal>
 #include <limits>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 #include "rip/rip_job.h"
 #include "support/failure.h"
@@ -93,6 +95,30 @@ TEST(StreamRip, ProgressAndCancel) {
       EXPECT_EQ(job.dir.names(), (std::vector<std::string>{"art.prt", "art.tif"}));
     }
   }
+}
+
+// The limit of a file's size stands for a full disk. Small bands and strips make many places to fail at.
+TEST(StreamRip, AWriteThatFailsEndsTheJobWithItsReason) {
+  Job job;
+  job.rip.options.strip_h_px = 5;
+  test::write_tiff(job.input, picture(40, 60));
+  job.run();
+  const std::string before = test::read_all(job.output);
+  rlimit usual{};
+  getrlimit(RLIMIT_FSIZE, &usual);
+  const auto action = std::signal(SIGXFSZ, SIG_IGN);
+  for (std::size_t size = 0; size < before.size(); size += before.size() / 40) {
+    const rlimit limit{size, usual.rlim_max};
+    setrlimit(RLIMIT_FSIZE, &limit);
+    const std::string reason = failure_of([&] { job.run(); });
+    setrlimit(RLIMIT_FSIZE, &usual);
+    EXPECT_THAT(reason, testing::AnyOf("write_dropmaps: failed to write strip row cycles",
+                                       "HosonWriter::end_stream_write: flush/commit failed: " + job.output))
+        << size;
+    EXPECT_EQ(test::read_all(job.output), before) << "the older file stays";
+    EXPECT_EQ(job.dir.names(), (std::vector<std::string>{"art.prt", "art.tif"}));
+  }
+  std::signal(SIGXFSZ, action);
 }
 
 TEST(StreamRip, SheetsThatCannotBePrintedFailBeforeAnyFile) {
