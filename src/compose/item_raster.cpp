@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cmath>
 
-#include "core/large_vector.h"
 #include "core/platform/clock.h"
 
 namespace nvo {
@@ -293,7 +292,7 @@ PixelTarget strip_target(StripBuffer& strip, const ItemPlacement& placement, con
 PreparedItemRaster::PreparedItemRaster(std::uint32_t width_px, std::uint32_t height_px, bool white)
     : width(width_px), height(height_px), has_white(white) {
   const std::size_t pixels = std::size_t{width} * height;
-  for (auto* plane : {&valid, &c, &m, &y, &k, &w}) resize_large(*plane, pixels);
+  for (auto* plane : {&valid, &c, &m, &y, &k, &w}) plane->assign(pixels, 0);
 }
 
 PixelTarget PreparedItemRaster::target() {

@@ -130,8 +130,8 @@ PixelTarget strip_target(StripBuffer& strip, const ItemPlacement& placement, con
 struct PreparedItemRaster {
   std::uint32_t width = 0, height = 0;  ///< as placed
   bool has_white = false;
-  std::vector<std::uint8_t> valid;  ///< 1 where the pixel is to be written
-  std::vector<std::uint8_t> c, m, y, k, w;
+  Plane valid;  ///< 1 where the pixel is to be written
+  Plane c, m, y, k, w;
 
   PreparedItemRaster() = default;
   PreparedItemRaster(std::uint32_t width_px, std::uint32_t height_px, bool white);

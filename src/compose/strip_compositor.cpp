@@ -125,7 +125,7 @@ StripBuffer StripCompositor::blank_strip(std::uint32_t y, std::uint32_t height, 
   strip.channel_count = config_.channel_count;
   const std::size_t pixels = std::size_t{strip.width} * strip.height;
   strip.planes.resize(strip.channel_count);
-  const auto plane = [&strip](std::size_t i) -> std::vector<std::uint8_t>& {
+  const auto plane = [&strip](std::size_t i) -> Plane& {
     return i < strip.planes.size() ? strip.planes[i] : strip.explicit_white;
   };
   const std::size_t planes = strip.planes.size() + 1;

@@ -11,16 +11,16 @@ namespace {
 
 /// The whole sheet on the source grid.
 struct SheetPlanes {
-  std::vector<std::vector<std::uint8_t>> planes;
-  std::vector<std::uint8_t> explicit_white;
+  std::vector<Plane> planes;
+  Plane explicit_white;
 };
 
 SheetPlanes compose_sheet(SheetRun& run) {
   const std::size_t width = run.src_w;
   const std::size_t pixels = width * run.src_h;
   SheetPlanes sheet;
-  sheet.planes.assign(kChannelCount, std::vector<std::uint8_t>(pixels));
-  sheet.explicit_white.resize(pixels);
+  sheet.planes.assign(kChannelCount, Plane(pixels, 0));
+  sheet.explicit_white.assign(pixels, 0);
 
   for (std::uint32_t strip = 0; strip < run.strips; ++strip) {
     run.throw_if_cancelled();

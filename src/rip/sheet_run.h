@@ -51,14 +51,14 @@ struct SheetRun {
 
 /// Composed planes of a band of the sheet and what the white choke derives from them.
 struct ChokePlanes {
-  std::vector<std::uint8_t> coverage;  ///< empty unless the device-domain choke is active
-  std::vector<std::uint8_t> light;     ///< empty unless light areas are protected
+  Plane coverage;  ///< empty unless the device-domain choke is active
+  Plane light;     ///< empty unless light areas are protected
 };
 
 /// Fills `result`, whose memory is used again, for `rows` rows of the run's width, on the threads of `run`;
 /// both planes are zero where the composed planes are too few or too short.
-void make_choke_planes(const SheetRun& run, const std::vector<std::vector<std::uint8_t>>& planes,
-                       std::uint32_t rows, ChokePlanes& result);
+void make_choke_planes(const SheetRun& run, const std::vector<Plane>& planes, std::uint32_t rows,
+                       ChokePlanes& result);
 
 /// Strip by strip from the bottom of the sheet to its top.
 void run_streaming(SheetRun& run);

@@ -167,8 +167,8 @@ void SheetRun::throw_if_cancelled() const {
   throw RipCancelledError("RIP cancelled");
 }
 
-void make_choke_planes(const SheetRun& run, const std::vector<std::vector<std::uint8_t>>& planes,
-                       std::uint32_t rows, ChokePlanes& result) {
+void make_choke_planes(const SheetRun& run, const std::vector<Plane>& planes, std::uint32_t rows,
+                       ChokePlanes& result) {
   const std::size_t pixels = std::size_t{run.src_w} * rows;
   resize_large(result.coverage, run.choke.device_choke ? pixels : 0);
   resize_large(result.light, run.choke.device_choke && run.choke.light ? pixels : 0);

@@ -99,9 +99,7 @@ class StripTask {
  private:
   ChokeContext prepare_choke(const StripPlace& place, const StripBuffer& strip, const ChokePlanes& planes) {
     const std::size_t pixels = planes.coverage.size();
-    const auto if_whole = [&](const std::vector<std::uint8_t>& plane) {
-      return plane.size() >= pixels ? plane.data() : nullptr;
-    };
+    const auto if_whole = [&](const Plane& plane) { return plane.size() >= pixels ? plane.data() : nullptr; };
     const bool has_white = run_.choke.adaptive && strip.planes.size() > kChannelW;
     return run_.engine.prepare_device_white(
         planes.coverage.data(), run_.src_w, place.rows, place.first, run_.src_h,

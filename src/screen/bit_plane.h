@@ -18,7 +18,7 @@ struct BitPlane {
 
   std::uint32_t width = 0, height = 0;
   std::size_t words_per_row = 0;
-  std::vector<std::uint64_t> words;
+  LargeVector<std::uint64_t> words;
   RowTable stored_row;  ///< null where every row is stored
 
   BitPlane() = default;
@@ -26,7 +26,7 @@ struct BitPlane {
       : width(plane_width),
         height(plane_height),
         words_per_row((std::size_t{plane_width} + 63) / 64),
-        words(words_per_row * plane_height) {}
+        words(words_per_row * plane_height, 0) {}
 
   /// Gives the plane another size in the memory that it has; what its words hold then means nothing. With a
   /// table of rows it has `stored_rows` of them.

@@ -113,7 +113,8 @@ std::optional<std::vector<std::uint8_t>> load_masks(const fs::path& path, const 
     return std::nullopt;
   }
   std::vector<std::uint8_t> masks;
-  resize_large(masks, *size);
+  reserve_large(masks, *size);
+  masks.resize(*size);
   if (!read_exactly(file, masks.data(), masks.size())) return std::nullopt;
   if (fnv1a(masks.data(), masks.size()) != get_little_endian<std::uint64_t>(header.data() + kHashOffset)) {
     log_warn("MaskCache: CRC mismatch, regenerating.");

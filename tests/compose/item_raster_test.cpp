@@ -75,7 +75,7 @@ StripBuffer draw_strip(Lottery& lottery) {
   strip.width = 50;
   strip.height = 24;
   strip.y = 10;
-  strip.planes.assign(5, std::vector<std::uint8_t>(std::size_t{strip.width} * strip.height));
+  strip.planes.assign(5, Plane(std::size_t{strip.width} * strip.height));
   for (auto& plane : strip.planes) std::ranges::generate(plane, [&] { return lottery.byte(); });
   strip.explicit_white = strip.planes[0];
   return strip;

@@ -172,7 +172,7 @@ TEST_F(StripCompositorTest, ThreadsAndSpentStripsChangeNoByte) {
       StripCompositor compositor(sheet(1200, 1000));
       compositor.set_layout(layout);
       StripBuffer spent;
-      if (!strips.empty()) spent.planes.assign(7, std::vector<std::uint8_t>(123, 0xEE));
+      if (!strips.empty()) spent.planes.assign(7, Plane(123, 0xEE));
       if (!strips.empty()) spent.explicit_white.assign(2000000, 0xEE);
       strips.push_back(compose_with(mode, threads, compositor, 7, 600, std::move(spent)));
       EXPECT_TRUE(same_bytes(strips.back(), strips.front())) << mode << " " << threads;
