@@ -27,7 +27,7 @@ std::string clock_text(std::uint64_t seconds) {
 
 ProgressTerminal standard_error_terminal() {
   return {[](const std::string& text) { std::fwrite(text.data(), 1, text.size(), stderr); },
-          platform::standard_error_columns, platform::monotonic_nanoseconds};
+          platform::set_line_unfinished, platform::standard_error_columns, platform::monotonic_nanoseconds};
 }
 
 std::string progress_text(const RipProgress& progress, std::uint64_t elapsed_ns) {
@@ -87,6 +87,7 @@ void ProgressLine::draw(const std::string& text) {
   if (old_length > shown_.size()) out.append(old_length - shown_.size(), ' ');
   if (shown_.empty()) out += '\r';
   terminal_.write(out);
+  terminal_.set_unfinished(!shown_.empty());
 }
 
 }  // namespace nvo

@@ -15,6 +15,7 @@ namespace nvo {
 /// What a progress line is written on, and its clock.
 struct ProgressTerminal {
   std::function<void(const std::string&)> write;
+  std::function<void(bool)> set_unfinished;  ///< told whether a line stands there
   std::function<std::size_t()> columns;
   std::function<std::uint64_t()> nanoseconds;  ///< monotonic
 };
@@ -27,7 +28,8 @@ ProgressTerminal standard_error_terminal();
 std::string progress_text(const RipProgress& progress, std::uint64_t elapsed_ns);
 
 /// One line on a terminal that tells how far a job is. It is written over itself, at most ten times a second
-/// but for a job's last stages, steps aside for lines of the log, and is gone when the object is.
+/// but for a job's last stages, steps aside for lines of the log, and is gone when the object is. A signal
+/// that ends the process ends the line as well.
 class ProgressLine {
  public:
   explicit ProgressLine(ProgressTerminal terminal);

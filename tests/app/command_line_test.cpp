@@ -16,6 +16,36 @@
 namespace nvo {
 namespace {
 
+/// A terminal of 40 columns for a program's standard error.
+class Terminal {
+ public:
+  Terminal() {
+    winsize window{24, 40, 0, 0};
+    if (::openpty(&screen_, &program_side_, nullptr, nullptr, &window) != 0)
+      throw std::runtime_error("no terminal");
+  }
+  ~Terminal() { ::close(program_side_), ::close(screen_); }
+  Terminal(const Terminal&) = delete;
+  Terminal& operator=(const Terminal&) = delete;
+
+  int program_side() const { return program_side_; }
+  /// What has been shown since the last call, waited for; empty once the program has ended and all is read.
+  std::string read() const {
+    char bytes[4096];
+    const ssize_t got = ::read(screen_, bytes, sizeof bytes);
+    return {bytes, static_cast<std::size_t>(std::max<ssize_t>(got, 0))};
+  }
+  std::string read_to_end() {
+    ::close(std::exchange(program_side_, -1));  // so that the program's end is that of its output
+    std::string all;
+    for (std::string part = read(); !part.empty(); part = read()) all += part;
+    return all;
+  }
+
+ private:
+  int screen_ = -1, program_side_ = -1;
+};
+
 /// A folder with inputs in which the real program runs.
 class CommandLine : public testing::Test {
  protected:
@@ -28,21 +58,12 @@ class CommandLine : public testing::Test {
   static test::Outcome rip(std::vector<std::string> arguments) {
     return test::run_to_end(command(std::move(arguments)), {});
   }
-  /// The program with a terminal of 40 columns on its standard error.
   static test::Outcome rip_on_terminal(const std::string& input, const std::string& progress) {
-    int screen = -1, descriptor = -1;
-    winsize window{24, 40, 0, 0};
-    if (::openpty(&screen, &descriptor, nullptr, nullptr, &window) != 0)
-      throw std::runtime_error("no terminal");
-    test::ChildProcess child(command({input}), {{"NVO_RIP_PROGRESS", progress}}, descriptor);
-    ::close(descriptor);
-    std::string shown(1 << 16, '\0');
-    std::size_t size = 0;
-    for (ssize_t got = 0; (got = ::read(screen, shown.data() + size, shown.size() - size)) > 0;)
-      size += static_cast<std::size_t>(got);
-    ::close(screen);
+    Terminal terminal;
+    test::ChildProcess child(command({input}), {{"NVO_RIP_PROGRESS", progress}}, terminal.program_side());
+    const std::string shown = terminal.read_to_end();
     const int code = child.wait();
-    return {code, child.out(), shown.substr(0, size)};
+    return {code, child.out(), shown};
   }
   std::string art(const std::string& name, std::uint32_t width, std::uint32_t height) const {
     test::write_tiff(dir.file(name), test::cmykw_tiff(width, height, {}));
@@ -146,13 +167,16 @@ TEST_F(CommandLine, ProgressIsForThoseWhoAskOnATerminal) {
   ::unsetenv("NVO_RIP_PROGRESS");
 }
 
-TEST_F(CommandLine, TerminationInTheMiddleKeepsTheOldFileAndNoOther) {
+TEST_F(CommandLine, TerminationInTheMiddleKeepsTheOldFileAndEndsTheLineShown) {
   const std::string input = art("long.tif", 1200, 6000);
   test::write_all(dir.file("long.prt"), "older");
   for (const int number : {SIGINT, SIGTERM}) {
-    test::ChildProcess child(command({input}), {});
+    Terminal terminal;
+    test::ChildProcess child(command({input}), {{"NVO_RIP_PROGRESS", "1"}}, terminal.program_side());
+    EXPECT_THAT(terminal.read(), testing::StartsWith("\rStreaming"));
     while (names().size() < 3) std::this_thread::yield();  // until the temporary file stands
     ::kill(child.id(), number);
+    EXPECT_THAT(terminal.read_to_end(), testing::EndsWith("\r\n"));
     EXPECT_EQ(child.wait(), -number);
     EXPECT_EQ(names(), (std::vector<std::string>{"long.prt", "long.tif"}));
     EXPECT_TRUE(test::read_all(dir.file("long.prt")) == "older");

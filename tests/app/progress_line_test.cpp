@@ -27,10 +27,11 @@ struct Screen {
   std::uint64_t now = 7 * kSecond;
   std::string line;
   std::size_t cursor = 0, drawings = 0;
+  bool unfinished = false;
 
   ProgressTerminal terminal() {
-    return {[this](const std::string& text) { take(text); }, [this] { return columns; },
-            [this] { return now; }};
+    return {[this](const std::string& text) { take(text); }, [this](bool now_so) { unfinished = now_so; },
+            [this] { return columns; }, [this] { return now; }};
   }
   void take(const std::string& text) {
     ++drawings;
@@ -57,8 +58,10 @@ TEST(ProgressLine, IsRewrittenInPlaceAndGoneAtTheEnd) {
       line.show({strip, 20, static_cast<float>(strip) * 5.0f, "Strip", 0});
     EXPECT_EQ(screen.drawings, 5u) << "every fourth of the records, which come 30 ms apart";
     EXPECT_EQ(screen.shown(), "Strip: 16 done, 80 %, 0:01 left");
+    EXPECT_TRUE(screen.unfinished);
     line.step_aside([&] {
       EXPECT_EQ(screen.shown(), "");
+      EXPECT_FALSE(screen.unfinished);
       EXPECT_EQ(screen.cursor, 0u) << "a line of the log starts at the left";
     });
     EXPECT_EQ(screen.shown(), "Strip: 16 done, 80 %, 0:01 left");

@@ -72,8 +72,9 @@ class TemporaryName {
   int slot_ = -1;
 };
 
-/// From here on a termination request (INT, TERM, HUP, QUIT) removes all live `TemporaryName` files before
-/// the process ends by that signal, and a closed standard output no longer ends it. Called once by `main`.
+/// From here on a termination request (INT, TERM, HUP, QUIT) removes all live `TemporaryName` files and ends
+/// an unfinished line on standard error before the process ends by that signal, and a closed standard output
+/// no longer ends it. Called once by `main`.
 void install_termination_cleanup();
 
 }  // namespace nvo::platform
