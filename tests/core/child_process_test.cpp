@@ -2,20 +2,20 @@
 
 #include <cerrno>
 #include <csignal>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <thread>
+#include <tuple>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "support/scoped_variable.h"
 #include "support/temp_dir.h"
 
 namespace nvo::platform {
 namespace {
 
-using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using namespace std::chrono_literals;
 
@@ -25,30 +25,29 @@ ChildResult shell(const std::string& script, const ChildLimits& limits = kRoomy)
   return run_child({"/bin/sh", "-c", script}, limits);
 }
 
-TEST(ChildProcess, DeliversBothOutputsAndTheExitCode) {
-  const ChildResult result = shell("cat; printf out; printf err >&2; exit 7");
-  EXPECT_EQ(result.end, ChildEnd::exited) << "its input is empty";
-  EXPECT_EQ(result.code, 7);
-  EXPECT_EQ(result.output, "out");
-  EXPECT_EQ(result.diagnostics, "err");
-
-  const ChildResult killed = shell("kill -TERM $$");
-  EXPECT_EQ(killed.end, ChildEnd::signalled);
-  EXPECT_EQ(killed.code, SIGTERM);
-}
-
-TEST(ChildProcess, ArgumentsReachTheProgramAsTheyAre) {
-  const ChildResult result = run_child({"/bin/echo", "$(id); 'x' *", "", "-n"}, kRoomy);
-  EXPECT_EQ(result.output, "$(id); 'x' *  -n\n");
+TEST(ChildProcess, DeliversItsOutputsAndHowItEnded) {
+  const test::TempDir dir;
+  test::write_all(dir.file("plain"), "text");
+  const std::tuple<std::vector<std::string>, ChildEnd, int, std::string, std::string> cases[] = {
+      {{"/bin/sh", "-c", "cat; printf out; printf err >&2; exit 7"}, ChildEnd::exited, 7, "out", "err"},
+      {{"/bin/sh", "-c", "kill -TERM $$"}, ChildEnd::signalled, SIGTERM, "", ""},
+      {{"/bin/echo", "$(id); 'x' *", "", "-n"}, ChildEnd::exited, 0, "$(id); 'x' *  -n\n", ""},
+      {{dir.file("none")}, ChildEnd::not_started, ENOENT, "", ""},
+      {{dir.file("plain")}, ChildEnd::not_started, EACCES, "", ""},
+  };
+  for (const auto& [command, end, code, output, diagnostics] : cases) {
+    const ChildResult result = run_child(command, kRoomy);
+    EXPECT_EQ(std::tuple(result.end, result.code, result.output, result.diagnostics),
+              std::tuple(end, code, output, diagnostics));
+  }
 }
 
 TEST(ChildProcess, InheritsNothingButPlainLanguage) {
   const test::TempDir dir;
   std::ofstream open_here(dir.file("open"));
-  ::setenv("LC_ALL", "de_DE.UTF-8", 1);
+  const test::ScopedVariable language("LC_ALL", "de_DE.UTF-8");
   ::signal(SIGPIPE, SIG_IGN);
   const ChildResult result = shell("echo $LC_ALL; ls -l /proc/$$/fd; kill -PIPE $$");
-  ::unsetenv("LC_ALL");
   EXPECT_EQ(result.output.substr(0, 2), "C\n");
   EXPECT_THAT(result.output, Not(HasSubstr(dir.path().string())));
   EXPECT_EQ(result.code, SIGPIPE) << "ignored signals do not stay ignored";
@@ -86,24 +85,13 @@ TEST(ChildProcess, ManyDiagnosticsAreCutAndDoNotBlock) {
   EXPECT_EQ(result.diagnostics.size(), 65536u);
 }
 
-TEST(ChildProcess, ThatCannotStartSaysWhy) {
-  const test::TempDir dir;
-  test::write_all(dir.file("plain"), "text");
-  EXPECT_EQ(run_child({dir.file("none")}, kRoomy).code, ENOENT);
-  const ChildResult result = run_child({dir.file("plain")}, kRoomy);
-  EXPECT_EQ(result.end, ChildEnd::not_started);
-  EXPECT_EQ(result.code, EACCES);
-}
-
 TEST(FindProgram, TakesExecutableFilesInAbsoluteFoldersOnly) {
   const test::TempDir dir;
   test::write_all(dir.file("plain"), "text");
   std::filesystem::create_directory(dir.path() / "sh");
-  const std::string old = std::getenv("PATH");
-  ::setenv("PATH", (".::" + dir.path().string() + ":/nowhere:/bin").c_str(), 1);
+  const test::ScopedVariable path("PATH", (".::" + dir.path().string() + ":/nowhere:/bin").c_str());
   EXPECT_EQ(find_program("sh"), "/bin/sh");
   EXPECT_EQ(find_program("plain"), "");
-  ::setenv("PATH", old.c_str(), 1);
 }
 
 }  // namespace

@@ -10,36 +10,28 @@ namespace {
 using test::fault_plan;
 
 // The n-th system call fails, for n = 1, 2, 3 ... until the write succeeds.
-void run_until_success(bool short_writes) {
+TEST(AtomicWriteFaults, TargetIsOldOrNewAndNothingElseIsLeft) {
   const std::string old_content = "old", new_content(100'000, 'n');
-  for (long n = 1;; ++n) {
-    ASSERT_LT(n, 100);
-    const test::TempDir dir;
-    const std::string target = dir.file("state.json");
-    fault_plan = {};
-    test::write_all(target, old_content);
+  for (const bool short_writes : {false, true}) {
+    bool failed_somewhere = true;
+    for (long n = 1; failed_somewhere; ++n) {
+      ASSERT_LT(n, 100);
+      const test::TempDir dir;
+      const std::string target = dir.file("state.json");
+      test::write_all(target, old_content);
 
-    fault_plan = {n, 0, short_writes};
-    std::string error;
-    const bool done = write_file_atomic(target, new_content, &error);
-    const bool failed_somewhere = fault_plan.calls >= fault_plan.fail_at;
-    fault_plan = {};
+      fault_plan = {n, 0, short_writes};
+      std::string error;
+      const bool done = write_file_atomic(target, new_content, &error);
+      failed_somewhere = fault_plan.calls >= fault_plan.fail_at;
+      fault_plan = {};
 
-    EXPECT_EQ(test::read_all(target), done ? new_content : old_content) << "call " << n;
-    EXPECT_EQ(dir.names(), std::vector<std::string>{"state.json"}) << "call " << n;
-    EXPECT_EQ(done, error.empty()) << "call " << n << ": " << error;
-    if (!failed_somewhere) {
-      EXPECT_TRUE(done);
-      return;
+      EXPECT_EQ(test::read_all(target), done ? new_content : old_content) << "call " << n;
+      EXPECT_EQ(dir.names(), std::vector<std::string>{"state.json"}) << "call " << n;
+      EXPECT_EQ(done, error.empty()) << "call " << n << ": " << error;
+      EXPECT_TRUE(done || failed_somewhere);
     }
   }
-}
-
-TEST(AtomicWriteFaults, TargetIsOldOrNewAndNothingElseIsLeft) {
-  run_until_success(false);
-}
-TEST(AtomicWriteFaults, ShortWritesAreFinishedOrReported) {
-  run_until_success(true);
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include <csignal>
 #include <thread>
+#include <tuple>
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -17,28 +18,21 @@ TEST(ReadFileBounded, CapMissingAndFolder) {
   const test::TempDir dir;
   const std::string path = dir.file("a.bin");
   test::write_all(path, "12345");
-  struct Case {
-    std::string path;
-    std::uint64_t cap;
-    bool ok, missing;
-    std::string content, error;
-  };
-  const std::vector<Case> cases = {
+  const std::string folder = dir.path().string();
+  const std::tuple<std::string, std::uint64_t, bool, bool, std::string, std::string> cases[] = {
       {path, 5, true, false, "12345", ""},
       {path, 0, true, false, "12345", ""},
       {path, 4, false, false, "", "File exceeds size cap (5 bytes > 4): " + path},
       {dir.file("none"), 4, false, true, "", ""},
       {path + "/below_a_file", 4, false, true, "", ""},
-      {dir.path().string(), 0, false, false, "", "Cannot open file: " + dir.path().string()},
+      {folder, 0, false, false, "", "Cannot open file: " + folder},
   };
-  for (const Case& c : cases) {
+  for (const auto& [name, cap, ok, is_missing, content, text] : cases) {
     std::string out = "stale", error = "stale";
-    bool missing = !c.missing;
-    EXPECT_EQ(read_file_bounded(c.path, c.cap, out, &error, &missing), c.ok) << c.path;
-    EXPECT_EQ(out, c.content);
-    EXPECT_EQ(error, c.error);
-    EXPECT_EQ(missing, c.missing);
-    EXPECT_EQ(read_file_bounded(c.path, c.cap, out, nullptr, nullptr), c.ok) << "without texts";
+    bool missing = !is_missing;
+    EXPECT_EQ(read_file_bounded(name, cap, out, &error, &missing), ok) << name;
+    EXPECT_EQ(std::tuple(out, error, missing), std::tuple(content, text, is_missing)) << name;
+    EXPECT_EQ(read_file_bounded(name, cap, out, nullptr, nullptr), ok) << "without texts";
   }
 }
 

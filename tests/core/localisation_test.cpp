@@ -1,5 +1,6 @@
 #include "core/localisation.h"
 
+#include <array>
 #include <cstdlib>
 #include <filesystem>
 #include <map>
@@ -73,17 +74,14 @@ TEST_F(LocalisationTest, DamagedFilesCountAsEmpty) {
 TEST_F(LocalisationTest, TheSystemLanguageIsTheFirstThatTheEnvironmentNames) {
   for (const char* name : {"en", "ru", "fr", "es", "zh"})
     write(name + std::string(".json"), "{\"UpdateStatusNoUpdate\":\"" + std::string(name) + "\"}");
-  struct Case {
-    const char *all, *messages, *lang, *language;
-  };
-  const Case cases[] = {
+  const std::array<const char*, 4> cases[] = {
       {"", "", "", "en"},      {"zh_CN.UTF-8", "fr", "es", "zh"}, {"", "fr@euro", "es", "fr"},
       {"", "", "es-MX", "es"}, {"C", "ru", "ru", "en"},           {"", "", "RU_ru", "ru"},
       {"rus", "", "zh", "en"}, {"", "de_DE.UTF-8", "fr", "en"},
   };
-  for (const Case& c : cases) {
-    ::setenv("LC_ALL", c.all, 1), ::setenv("LC_MESSAGES", c.messages, 1), ::setenv("LANG", c.lang, 1);
-    EXPECT_EQ(Localisation().text(TextId::update_none, 0), c.language) << c.all << c.messages << c.lang;
+  for (const auto& [all, messages, lang, language] : cases) {
+    ::setenv("LC_ALL", all, 1), ::setenv("LC_MESSAGES", messages, 1), ::setenv("LANG", lang, 1);
+    EXPECT_EQ(Localisation().text(TextId::update_none, 0), language) << all << messages << lang;
   }
 }
 

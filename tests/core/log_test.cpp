@@ -31,7 +31,6 @@ TEST(Logger, LinesBelowTheLevelAreNotFormatted) {
   const test::LogCapture log(LogLevel::info);
   int formatted = 0;
   log_debug(CountsFormatting{&formatted});
-  EXPECT_EQ(formatted, 0);
   log_warn(CountsFormatting{&formatted});
   EXPECT_EQ(formatted, 1);
   EXPECT_EQ(log.lines(), std::vector<std::string>{"[WARN ] piece"});
