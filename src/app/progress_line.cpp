@@ -86,8 +86,9 @@ void ProgressLine::draw(const std::string& text) {
   std::string out = "\r" + shown_;
   if (old_length > shown_.size()) out.append(old_length - shown_.size(), ' ');
   if (shown_.empty()) out += '\r';
+  terminal_.set_unfinished(true);  // first, as a signal may come right behind the text
   terminal_.write(out);
-  terminal_.set_unfinished(!shown_.empty());
+  if (shown_.empty()) terminal_.set_unfinished(false);
 }
 
 }  // namespace nvo

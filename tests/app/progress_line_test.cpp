@@ -35,6 +35,7 @@ struct Screen {
   }
   void take(const std::string& text) {
     ++drawings;
+    EXPECT_TRUE(unfinished) << "a signal right behind the text finds no line";
     for (const char c : text) {
       if (c == '\r') {
         cursor = 0;
