@@ -55,8 +55,8 @@ class CommandLine : public testing::Test {
     arguments.insert(arguments.begin(), NVO_RIP_PROGRAM);
     return arguments;
   }
-  static test::Outcome rip(std::vector<std::string> arguments) {
-    return test::run_to_end(command(std::move(arguments)), {});
+  static test::Outcome rip(std::vector<std::string> arguments, const std::string& progress = "0") {
+    return test::run_to_end(command(std::move(arguments)), {{"NVO_RIP_PROGRESS", progress}});
   }
   static test::Outcome rip_on_terminal(const std::string& input, const std::string& progress) {
     Terminal terminal;
@@ -162,9 +162,7 @@ TEST_F(CommandLine, ProgressIsForThoseWhoAskOnATerminal) {
   EXPECT_THAT(watched.err, testing::ContainsRegex("\r +\r$")) << "gone at the end";
 
   EXPECT_EQ(rip_on_terminal(input, "0").err, "");
-  ::setenv("NVO_RIP_PROGRESS", "1", 1);
-  EXPECT_EQ(rip({input}).err, "") << "no terminal";
-  ::unsetenv("NVO_RIP_PROGRESS");
+  EXPECT_EQ(rip({input}, "1").err, "") << "no terminal";
 }
 
 TEST_F(CommandLine, TerminationInTheMiddleKeepsTheOldFileAndEndsTheLineShown) {

@@ -13,16 +13,15 @@ namespace {
 TEST(JobDriver, SourceResolutionChoosesTheGrid) {
   const test::LogCapture quiet;
   const test::TempDir dir;
-  const auto grid_for = [&](float dpi_x, float dpi_y) {
-    test::TiffFile tiff = test::cmykw_tiff(4, 4, {});
-    tiff.x_resolution = dpi_x, tiff.y_resolution = dpi_y;
-    test::write_tiff(dir.file("a.tif"), tiff);
-    return source_layout_dpi({dir.file("a.tif")});
+  const std::tuple<float, float, std::uint32_t> cases[] = {
+      {350, 350, 300}, {351, 351, 600}, {72, 1200, 600}, {0, 0, 300},  // the last without a resolution
   };
-  EXPECT_EQ(grid_for(350, 350), 300u);
-  EXPECT_EQ(grid_for(351, 351), 600u);
-  EXPECT_EQ(grid_for(72, 1200), 600u) << "the finer axis counts";
-  EXPECT_EQ(grid_for(0, 0), 300u) << "no resolution in the file";
+  for (const auto& [x_dpi, y_dpi, grid] : cases) {
+    test::TiffFile tiff = test::cmykw_tiff(4, 4, {});
+    tiff.x_resolution = x_dpi, tiff.y_resolution = y_dpi;
+    test::write_tiff(dir.file("a.tif"), tiff);
+    EXPECT_EQ(source_layout_dpi({dir.file("a.tif")}), grid) << x_dpi << " x " << y_dpi;
+  }
   EXPECT_EQ(source_layout_dpi({}), 300u);
 }
 

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "support/log_capture.h"
+#include "support/scoped_variable.h"
 #include "support/temp_dir.h"
 
 namespace nvo {
@@ -13,15 +14,13 @@ namespace {
 /// Reads a job file with this text, with an empty per-user folder around it.
 class JobSettingsFile : public testing::Test {
  protected:
-  JobSettingsFile() { ::setenv("XDG_CONFIG_HOME", dir.path().c_str(), 1); }
-  ~JobSettingsFile() override { ::unsetenv("XDG_CONFIG_HOME"); }
-
   JobSettings read(const std::string& text) {
     test::write_all(path, text);
     return load_job_settings(rip, path);
   }
 
   test::TempDir dir;
+  test::ScopedVariable config{"XDG_CONFIG_HOME", dir.path().c_str()};
   std::string path = dir.file("job.json");
   RipSettings rip;
 };

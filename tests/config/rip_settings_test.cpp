@@ -71,16 +71,14 @@ TEST_F(RipSettingsFile, ValidValuesArrive) {
       "parallel_rows":"FORCED","parallel_channels":"disabled","parallel_sheets":"perhaps","row_threads":1024,
       "autotune_inputs":{"qty":0}},"filename_copies":{"position":"After","markers":" x2 ,; y\t"}})");
   EXPECT_TRUE(log.lines().empty()) << log.lines().front();
-  EXPECT_TRUE(s.channels[3].lut.empty());
-  EXPECT_EQ(s.channels[2].lut.at(254), 1.0f);
+  EXPECT_TRUE(s.channels[3].lut.empty() && s.channels[2].lut.at(254) == 1.0f);
   EXPECT_EQ(std::tuple(s.channels[3].gamma, s.channels[0].limit, s.sheet_width_in),
             std::tuple(0.1f, 220.0f, 500.0f));
   EXPECT_EQ(s.display_units, "mm");
-  const RipPerformance& block = s.rip_performance;
-  EXPECT_EQ(block.mode, PerformanceMode::manual);
-  EXPECT_EQ(std::tuple(block.parallel_rows, block.parallel_channels, block.parallel_sheets),
-            std::tuple(TriState::on, TriState::off, TriState::automatic));
-  EXPECT_EQ(std::tuple(block.row_threads, block.autotune_inputs.qty), std::tuple(1024u, 0u));
+  const RipPerformance& p = s.rip_performance;
+  EXPECT_EQ(std::tuple(p.mode, p.parallel_rows, p.parallel_channels, p.parallel_sheets, p.row_threads),
+            std::tuple(PerformanceMode::manual, TriState::on, TriState::off, TriState::automatic, 1024u));
+  EXPECT_EQ(p.autotune_inputs.qty, 0u);
   EXPECT_EQ(s.filename_copies.position, CopiesPosition::number_after_marker);
   EXPECT_EQ(s.filename_copies.markers, (std::vector<std::string>{"x2", "y"}));
 }
@@ -98,13 +96,9 @@ TEST_F(RipSettingsFile, SmallThingsWarnOrKeepTheirDefault) {
 
 TEST(ChannelCurves, TablesFromLimitAndGammaOrLut) {
   RipSettings settings;
-  settings.channels[0] = {300.0f, NAN, {}};
-  settings.channels[1] = {NAN, 1.0f, {}};
-  settings.channels[2] = {100.0f, 2.0f, std::vector<float>(255, 1.0f)};
-  settings.channels[3] = {0.0f, 1.0f, std::vector<float>(256, 300.0f)};
-  settings.channels[3].lut[1] = NAN;
-  settings.channels[3].lut[2] = -5.0f;
-  settings.channels[4] = {200.0f, 99.0f, {}};
+  std::vector<float> short_table(255, 1.0f), table(256, 300.0f);
+  table[1] = NAN, table[2] = -5.0f;
+  settings.channels = {{{300, NAN, {}}, {NAN, 1, {}}, {100, 2, short_table}, {0, 1, table}, {200, 99, {}}}};
   const auto curves = channel_curves(settings);
   ASSERT_EQ(curves.size(), 6u);
   EXPECT_EQ(curves[0][255], 255.0f);

@@ -1,4 +1,5 @@
 #include <string>
+#include <tuple>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -31,22 +32,18 @@ TEST(SettingsSamples, AreReadWithoutAWordAndTheirValuesArrive) {
   ::unsetenv("XDG_CONFIG_HOME");
   EXPECT_THAT(log.lines(), testing::IsEmpty());
 
-  EXPECT_EQ(rip.channels[0].limit, 230.0f);
-  EXPECT_EQ(rip.print_mode_id, "720x1200_4pass");
-  EXPECT_EQ(rip.display_units, "mm");
-  EXPECT_EQ(rip.rip_performance.parallel_channels, TriState::on);
-  EXPECT_EQ(rip.rip_performance.autotune_inputs.qty, 2u);
+  EXPECT_EQ(std::tuple(rip.channels[0].limit, rip.print_mode_id, rip.display_units),
+            std::tuple(230.0f, "720x1200_4pass", "mm"));
+  EXPECT_EQ(std::tuple(rip.rip_performance.parallel_channels, rip.rip_performance.autotune_inputs.qty),
+            std::tuple(TriState::on, 2u));
   EXPECT_EQ(rip.filename_copies.position, CopiesPosition::number_after_marker);
-  EXPECT_EQ(icc.intent, 3);
-  EXPECT_EQ(icc.output_profile, "/srv/icc/film.icc");
-  EXPECT_EQ(job.print_head, PrintHead::xp600);
-  EXPECT_EQ(job.print_mode.id, "xp600_720x1080");
-  EXPECT_EQ(job.output_channel_map, (std::vector<std::uint32_t>{3, 0, 1, 2, 5, 4, 4}));
-  EXPECT_EQ(job.sheet_placement_mode, SheetPlacementMode::align_left);
+  EXPECT_EQ(std::tuple(icc.intent, icc.output_profile), std::tuple(3, "/srv/icc/film.icc"));
   EXPECT_EQ(job.icc.intent, 0) << "the job's record stands above the file's";
-  EXPECT_EQ(job.white_choke_amount_px_at_300dpi, 1.25f);
-  EXPECT_EQ(job.white_resampling_mode, ResamplingMode::hard);
-  EXPECT_EQ(job.min_white_pct, 20.0f);
+  EXPECT_EQ(std::tuple(job.print_head, job.print_mode.id, job.sheet_placement_mode),
+            std::tuple(PrintHead::xp600, "xp600_720x1080", SheetPlacementMode::align_left));
+  EXPECT_EQ(job.output_channel_map, (std::vector<std::uint32_t>{3, 0, 1, 2, 5, 4, 4}));
+  EXPECT_EQ(std::tuple(job.white_choke_amount_px_at_300dpi, job.white_resampling_mode, job.min_white_pct),
+            std::tuple(1.25f, ResamplingMode::hard, 20.0f));
 }
 
 void expect_explained(const nlohmann::json& object, const std::string& page) {

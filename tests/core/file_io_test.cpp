@@ -6,8 +6,6 @@
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include "support/temp_dir.h"
 
@@ -86,18 +84,14 @@ TEST(WriteFileAtomic, WritersSideBySideLeaveOneWholeFile) {
 TEST(TerminationCleanup, SignalRemovesLiveTemporaryFilesOnly) {
   for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
     const test::TempDir dir;
-    const pid_t child = ::fork();
-    if (child == 0) {
+    const auto be_ended = [&] {
       platform::install_termination_cleanup();
       TempFile live = create_unique_temp(dir.file("print"), nullptr);
       TempFile kept = create_unique_temp(dir.file("kept"), nullptr);
       kept.name.release();
       ::raise(number);
-      ::_exit(99);
-    }
-    int status = 0;
-    ASSERT_EQ(::waitpid(child, &status, 0), child);
-    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == number);
+    };
+    EXPECT_EXIT(be_ended(), testing::KilledBySignal(number), "");
     ASSERT_EQ(dir.names().size(), 1u);
     EXPECT_EQ(dir.names()[0].rfind("kept.tmp.", 0), 0u);
   }

@@ -1,13 +1,13 @@
 #include "core/localisation.h"
 
 #include <array>
-#include <cstdlib>
 #include <filesystem>
 #include <map>
 #include <set>
 
 #include <gtest/gtest.h>
 
+#include "support/scoped_variable.h"
 #include "support/temp_dir.h"
 
 namespace nvo {
@@ -24,16 +24,12 @@ const std::map<TextId, std::string> kEnglishTexts = {
 
 class LocalisationTest : public testing::Test {
  protected:
-  LocalisationTest() { use_folder(dir.path()); }
-  ~LocalisationTest() override {
-    for (const char* name : {"LC_ALL", "LC_MESSAGES", "LANG", "NVO_UI_LANG_DIR"}) ::unsetenv(name);
-  }
-  static void use_folder(const std::string& folder) { ::setenv("NVO_UI_LANG_DIR", folder.c_str(), 1); }
   void write(const std::string& name, const std::string& content) {
     test::write_all(dir.file(name), content);
   }
 
   test::TempDir dir;
+  test::ScopedVariable folder{"NVO_UI_LANG_DIR", dir.path().c_str()};
 };
 
 TEST_F(LocalisationTest, WithoutFilesEveryTextIsTheBuiltInEnglish) {
@@ -80,14 +76,14 @@ TEST_F(LocalisationTest, TheSystemLanguageIsTheFirstThatTheEnvironmentNames) {
       {"rus", "", "zh", "en"}, {"", "de_DE.UTF-8", "fr", "en"},
   };
   for (const auto& [all, messages, lang, language] : cases) {
-    ::setenv("LC_ALL", all, 1), ::setenv("LC_MESSAGES", messages, 1), ::setenv("LANG", lang, 1);
+    const test::ScopedVariable first("LC_ALL", all), second("LC_MESSAGES", messages), third("LANG", lang);
     EXPECT_EQ(Localisation().text(TextId::update_none, 0), language) << all << messages << lang;
   }
 }
 
 TEST_F(LocalisationTest, TheShippedLanguagesSayEverythingInTheirOwnWords) {
   for (const char* folder : {NVO_LANGUAGE_FILES, ""}) {  // without a folder: those beside the executable
-    use_folder(folder);
+    const test::ScopedVariable used("NVO_UI_LANG_DIR", folder);
     Localisation texts;
     for (const auto& [id, english] : kEnglishTexts) {
       std::set<std::string> different;

@@ -25,6 +25,11 @@ inline bool fault_is_due() {
   return ++fault_plan.calls == fault_plan.fail_at;
 }
 
+inline int fail(int error) {
+  errno = error;
+  return -1;
+}
+
 }  // namespace nvo::test
 
 extern "C" {
@@ -39,9 +44,7 @@ int __wrap_open(const char* path, int flags, ...) {
   va_start(arguments, flags);
   const mode_t mode = flags & O_CREAT ? va_arg(arguments, mode_t) : 0;
   va_end(arguments);
-  if (!nvo::test::fault_is_due()) return __real_open(path, flags, mode);
-  errno = ENOSPC;
-  return -1;
+  return nvo::test::fault_is_due() ? nvo::test::fail(ENOSPC) : __real_open(path, flags, mode);
 }
 
 ssize_t __wrap_write(int descriptor, const void* data, std::size_t size) {
@@ -50,26 +53,19 @@ ssize_t __wrap_write(int descriptor, const void* data, std::size_t size) {
     nvo::test::fault_plan.fail_at = nvo::test::fault_plan.calls + 1;
     return __real_write(descriptor, data, size / 2);
   }
-  errno = ENOSPC;
-  return -1;
+  return nvo::test::fail(ENOSPC);
 }
 
 int __wrap_fsync(int descriptor) {
-  if (!nvo::test::fault_is_due()) return __real_fsync(descriptor);
-  errno = EIO;
-  return -1;
+  return nvo::test::fault_is_due() ? nvo::test::fail(EIO) : __real_fsync(descriptor);
 }
 
 int __wrap_close(int descriptor) {
-  if (!nvo::test::fault_is_due()) return __real_close(descriptor);
-  __real_close(descriptor);
-  errno = EIO;
-  return -1;
+  const int result = __real_close(descriptor);
+  return nvo::test::fault_is_due() ? nvo::test::fail(EIO) : result;
 }
 
 int __wrap_rename(const char* from, const char* to) {
-  if (!nvo::test::fault_is_due()) return __real_rename(from, to);
-  errno = EACCES;
-  return -1;
+  return nvo::test::fault_is_due() ? nvo::test::fail(EACCES) : __real_rename(from, to);
 }
 }

@@ -61,17 +61,13 @@ TEST(PrtInfo, TellsTheHeaderInWords) {
 }
 
 TEST(PrtSlots, GuessTheHeadFromTheFieldsAndTheNameWhereTheyFitBoth) {
-  struct Case {
-    std::uint32_t x_dpi, y_dpi, channels, pass_field;
-    const char* path;
-    std::string head;
+  const std::tuple<PrtHeader, const char*, std::string> cases[] = {
+      {{720, 1800, 4, 1, 1, 6, 6, {}}, "a.prn", "i3200"}, {{720, 1800, 4, 1, 1, 6, 4, {}}, "a.prt", "i1600"},
+      {{720, 1200, 4, 1, 1, 6, 4, {}}, "a.prt", "i3200"}, {{720, 1200, 4, 1, 1, 6, 4, {}}, "a.PRN", "i1600"},
+      {{100, 100, 4, 1, 1, 6, 4, {}}, "a", "i3200"},      {{720, 1800, 4, 1, 1, 7, 6, {}}, "a.prn", "xp600"},
   };
-  for (const Case& c : {Case{720, 1800, 6, 6, "a.prn", "i3200"}, Case{720, 1800, 6, 4, "a.prt", "i1600"},
-                        Case{720, 1200, 6, 4, "a.prt", "i3200"}, Case{720, 1200, 6, 4, "a.PRN", "i1600"},
-                        Case{100, 100, 6, 4, "a", "i3200"}, Case{720, 1800, 7, 6, "a.prn", "xp600"}}) {
-    const PrtHeader header{c.x_dpi, c.y_dpi, 4, 1, 1, c.channels, c.pass_field, {}};
-    EXPECT_EQ(head_name(guess_head(header, c.path)), c.head) << c.path << ' ' << c.pass_field;
-  }
+  for (const auto& [header, path, head] : cases)
+    EXPECT_EQ(head_name(guess_head(header, path)), head) << path << ' ' << header.pass_field;
 }
 
 TEST(PrtVerify, NamesWhatIsDamaged) {
@@ -80,11 +76,7 @@ TEST(PrtVerify, NamesWhatIsDamaged) {
   const auto set_field = [](Bytes& bytes, std::size_t field, std::uint32_t value) {
     for (std::size_t i = 0; i < 4; ++i) bytes[field * 4 + i] = static_cast<char>(value >> (8 * i));
   };
-  struct Case {
-    std::function<void(Bytes&)> damage;
-    std::vector<const char*> reasons;
-  };
-  const std::vector<Case> cases = {
+  const std::pair<std::function<void(Bytes&)>, std::vector<const char*>> cases[] = {
       {[](Bytes& b) { b.clear(); }, {"only 0 bytes"}},
       {[](Bytes& b) { b.resize(47); }, {"only 47 bytes"}},
       {[](Bytes& b) { b.pop_back(); }, {"287 bytes, the header promises 288 (48 + 24 x 10 rows)"}},
@@ -115,14 +107,13 @@ TEST(PrtVerify, NamesWhatIsDamaged) {
   test::write_print_file(path, 0, test::make_channels(kWidth, kHeight, 5));
   const Bytes good = test::read_all(path);
   EXPECT_EQ(run_tool({"verify", path}).code, 0);
-  for (const Case& c : cases) {
+  for (const auto& [damage, reasons] : cases) {
     Bytes bytes = good;
-    c.damage(bytes);
+    damage(bytes);
     test::write_all(path, bytes);
     const test::ToolResult result = run_tool({"verify", path});
-    EXPECT_EQ(result.code, 2) << c.reasons[0];
-    EXPECT_EQ(result.out, "");
-    for (const char* reason : c.reasons) EXPECT_THAT(result.err, HasSubstr(reason));
+    EXPECT_EQ(std::pair(result.code, result.out), std::pair(2, std::string())) << reasons[0];
+    for (const char* reason : reasons) EXPECT_THAT(result.err, HasSubstr(reason));
     EXPECT_THAT(result.err, HasSubstr("nvo_prt: " + path + ": "));
   }
 }
@@ -142,12 +133,7 @@ TEST(PrtCommand, TellsWrongUsageFromAFileThatCannotBeRead) {
   const test::TempDir dir;
   const std::string path = dir.file("a.prt"), picture = dir.file("a.png");
   test::write_print_file(path, 1, test::make_channels(40, 40, 5));
-  struct Case {
-    std::vector<std::string> arguments;
-    int code;
-    std::string complaint;
-  };
-  const std::vector<Case> cases = {
+  const std::tuple<std::vector<std::string>, int, std::string> cases[] = {
       {{}, 1, "subcommand"},
       {{"paint", path}, 1, ""},
       {{"info"}, 1, "FILE"},
@@ -170,11 +156,11 @@ TEST(PrtCommand, TellsWrongUsageFromAFileThatCannotBeRead) {
       {{"info", dir.path().string()}, 2, "not a regular file"},
       {{"--help"}, 0, ""},
   };
-  for (const Case& c : cases) {
-    const test::ToolResult result = run_tool(c.arguments);
-    EXPECT_EQ(result.code, c.code) << result.err;
-    EXPECT_THAT(result.err, HasSubstr(c.complaint));
-    EXPECT_EQ(dir.names(), std::vector<std::string>{"a.prt"}) << c.complaint;
+  for (const auto& [arguments, code, complaint] : cases) {
+    const test::ToolResult result = run_tool(arguments);
+    EXPECT_EQ(result.code, code) << result.err;
+    EXPECT_THAT(result.err, HasSubstr(complaint));
+    EXPECT_EQ(dir.names(), std::vector<std::string>{"a.prt"}) << complaint;
   }
 }
 

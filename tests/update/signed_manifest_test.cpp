@@ -1,6 +1,7 @@
 #include "update/signed_manifest.h"
 
 #include <cstdint>
+#include <functional>
 
 #include <gtest/gtest.h>
 
@@ -143,26 +144,25 @@ TEST(SignedManifest, TheSignatureHoldsForNothingElse) {
 }
 
 TEST(SignedManifest, NothingIsBelievedWithoutKeyClockOrExpectation) {
-  const std::string body = trusted_key().sign(payload());
-  const auto with = [&](auto change) {
-    ManifestExpectations expected = expectations();
-    change(expected);
-    return refusal(body, expected);
+  using Expectations = ManifestExpectations;
+  const std::string key_on_curve_p256 =
+      "MFkwEwYHKoZIzj0CAQYIKoZIzj0DAQcDQgAEaICyX1AnQvyxAuS6GmMStUbU8/4VvziVJ0P0XbFjuBNaMm1eHrr2+CC9"
+      "teZ8+R6BweUZaVdbUwpdPE8OnvAG0A==";
+  const std::pair<std::function<void(Expectations&)>, std::string> cases[] = {
+      {[](Expectations& e) { e.public_key = "AAAA"; }, "Failed to decode SPKI public key"},
+      {[](Expectations& e) { e.public_key = "?"; }, "Base64 decode size query failed"},
+      {[&](Expectations& e) { e.public_key = key_on_curve_p256; }, "Failed to import public key"},
+      {[](Expectations& e) { e.now.reset(); }, "Cannot read local system time"},
+      {[](Expectations& e) { e.client_nonce.clear(); }, "Signed update manifest expectations are incomplete"},
+      {[](Expectations& e) { e.download_hosts.clear(); },
+       "Update download host is not allowed: downloads.example.test"},
   };
-  EXPECT_EQ(with([](auto& e) { e.public_key = "AAAA"; }), "Failed to decode SPKI public key");
-  EXPECT_EQ(with([](auto& e) { e.public_key = "?"; }), "Base64 decode size query failed");
-  EXPECT_EQ(
-      with([](auto& e) {  // a key on the curve P-256
-        e.public_key =
-            "MFkwEwYHKoZIzj0CAQYIKoZIzj0DAQcDQgAEaICyX1AnQvyxAuS6GmMStUbU8/4VvziVJ0P0XbFjuBNaMm1eHrr2+CC9"
-            "teZ8+R6BweUZaVdbUwpdPE8OnvAG0A==";
-      }),
-      "Failed to import public key");
-  EXPECT_EQ(with([](auto& e) { e.now.reset(); }), "Cannot read local system time");
-  EXPECT_EQ(with([](auto& e) { e.client_nonce.clear(); }),
-            "Signed update manifest expectations are incomplete");
-  EXPECT_EQ(with([](auto& e) { e.download_hosts.clear(); }),
-            "Update download host is not allowed: downloads.example.test");
+  const std::string body = trusted_key().sign(payload());
+  for (const auto& [change, text] : cases) {
+    Expectations expected = expectations();
+    change(expected);
+    EXPECT_EQ(refusal(body, expected), text);
+  }
 }
 
 TEST(SignedManifest, TimesAreRealUtcTimes) {

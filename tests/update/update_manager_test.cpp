@@ -16,8 +16,7 @@ const UpdateIdentity kIdentity = {"0.1.7", "1071", "stable", "windows", "x64"};
 
 UpdateCheckResult offer(bool available, bool mandatory, const std::string& version = "0.2") {
   UpdateCheckResult result;
-  result.ok = true;
-  result.update_available = available, result.mandatory = mandatory;
+  result.ok = true, result.update_available = available, result.mandatory = mandatory;
   result.latest_version = version, result.latest_build_id = "2000";
   return result;
 }
@@ -61,10 +60,8 @@ TEST_F(UpdateManagerTest, AnAnswerDecidesByItsFlagsAndSaysWhatItOffers) {
     std::filesystem::remove(latch());
     UpdateManager manager(kIdentity, [answer = result](const UpdateCheckRequest&) { return answer; });
     const UpdateDecision decision = manager.check();
-    EXPECT_EQ(decision.allowed, state != State::mandatory) << message;
-    EXPECT_EQ(decision.state, state) << message;
-    EXPECT_EQ(decision.availability_level, level) << message;
-    EXPECT_EQ(decision.message, message);
+    EXPECT_EQ(std::tuple(decision.allowed, decision.state, decision.availability_level, decision.message),
+              std::tuple(state != State::mandatory, state, level, message));
     EXPECT_EQ(update_status_text(decision, 1), status_line);
     EXPECT_EQ(std::filesystem::exists(latch()), result.ok) << "only an answer touches the latch";
   }
