@@ -53,6 +53,7 @@ TEST(OutputPath, ExplicitTargetsAreCheckedHard) {
   EXPECT_EQ(resolve("a.tif", dir.file("there.prt/o.prt")), "Explicit output parent path is not a directory.");
   EXPECT_THAT(resolve("a.tif", dir.file("there.prt/sub/o.prt")),
               testing::StartsWith("Cannot create explicit output parent directory: "));
+  EXPECT_EQ(resolve("a.tif", "not there yet.prt"), "not there yet.prt") << "without a folder";
   for (const bool is_new : {true, false}) {
     EXPECT_EQ(resolve("a.tif", dir.file("new/dir/o.prt")), dir.file("new/dir/o.prt"));
     EXPECT_EQ(parent_created, is_new);
