@@ -112,7 +112,7 @@ const ScreeningKernels& chosen_kernels(const std::optional<InstructionSet>& set)
 
 }  // namespace
 
-/// One call of `process` or `process_strip`.
+/// One call of `process`, `process_strip` or `pack_strip`.
 struct RipEngine::PlaneJob {
   bool whole_plane = false;  ///< `process`: sequential, tells its progress
   const std::uint8_t* src = nullptr;
@@ -192,18 +192,8 @@ void RipEngine::process_strip(DropMap& out, const std::uint8_t* src, std::uint32
                               const std::uint8_t* coverage_plane, PreThresholdCapture* capture,
                               const ChokeContext* choke, ProcessScratch* scratch,
                               const DeviceRowWindow* window) {
-  const PlaneJob job = strip_job({.whole_plane = false,
-                                  .src = src,
-                                  .src_w = src_w,
-                                  .strip_rows = strip_rows,
-                                  .strip_src_y = strip_src_y,
-                                  .total_src_rows = total_src_rows,
-                                  .channel = channel,
-                                  .coverage = coverage_plane,
-                                  .capture = capture,
-                                  .choke = choke,
-                                  .scratch = scratch},
-                                 window);
+  const PlaneJob job = strip_job(src, src_w, strip_rows, strip_src_y, total_src_rows, channel, coverage_plane,
+                                 capture, choke, scratch, window);
   if (job.window.rows == 0)
     resize_drop_map(out, job.dev_w, 0);
   else
@@ -215,18 +205,8 @@ void RipEngine::pack_strip(const PackedRows& out, const std::uint8_t* src, std::
                            std::int32_t channel, const std::uint8_t* coverage_plane,
                            const ChokeContext* choke, ProcessScratch* scratch,
                            const DeviceRowWindow& window) {
-  const PlaneJob job = strip_job({.whole_plane = false,
-                                  .src = src,
-                                  .src_w = src_w,
-                                  .strip_rows = strip_rows,
-                                  .strip_src_y = strip_src_y,
-                                  .total_src_rows = total_src_rows,
-                                  .channel = channel,
-                                  .coverage = coverage_plane,
-                                  .capture = nullptr,
-                                  .choke = choke,
-                                  .scratch = scratch},
-                                 &window);
+  const PlaneJob job = strip_job(src, src_w, strip_rows, strip_src_y, total_src_rows, channel, coverage_plane,
+                                 nullptr, choke, scratch, &window);
   if (job.dev_w != out.width) throw std::invalid_argument("RipEngine::pack_strip: width mismatch");
   if (job.window.rows == 0) return;
   screen_rows(job, [&](RowScreener& screener, RowBuffers&, std::size_t y, std::size_t row) {
@@ -238,19 +218,35 @@ void RipEngine::pack_strip(const PackedRows& out, const std::uint8_t* src, std::
   });
 }
 
-/// Checks a call on a strip and fills in where the strip lies.
-RipEngine::PlaneJob RipEngine::strip_job(PlaneJob job, const DeviceRowWindow* window) const {
-  if (job.src == nullptr || job.src_w == 0 || job.strip_rows == 0 || job.total_src_rows == 0)
+/// Checks a call on a strip and says where the strip lies.
+RipEngine::PlaneJob RipEngine::strip_job(const std::uint8_t* src, std::uint32_t src_w,
+                                         std::uint32_t strip_rows, std::uint32_t strip_src_y,
+                                         std::uint32_t total_src_rows, std::int32_t channel,
+                                         const std::uint8_t* coverage_plane, PreThresholdCapture* capture,
+                                         const ChokeContext* choke, ProcessScratch* scratch,
+                                         const DeviceRowWindow* window) const {
+  if (src == nullptr || src_w == 0 || strip_rows == 0 || total_src_rows == 0)
     throw std::invalid_argument("RipEngine::process_strip: invalid source strip");
-  if (job.channel < 0 || job.channel >= params_.n_channels)
+  if (channel < 0 || channel >= params_.n_channels)
     throw std::invalid_argument("RipEngine::process_strip: channel out of range");
-  if (job.strip_src_y >= job.total_src_rows || job.strip_rows > job.total_src_rows - job.strip_src_y)
+  if (strip_src_y >= total_src_rows || strip_rows > total_src_rows - strip_src_y)
     throw std::invalid_argument("RipEngine::process_strip: strip source bounds are invalid");
+  PlaneJob job{.whole_plane = false,
+               .src = src,
+               .src_w = src_w,
+               .strip_rows = strip_rows,
+               .strip_src_y = strip_src_y,
+               .total_src_rows = total_src_rows,
+               .channel = channel,
+               .coverage = coverage_plane,
+               .capture = capture,
+               .choke = choke,
+               .scratch = scratch};
   place(job);
-  job.dev_rows = device_rows_of_strip(job.strip_src_y, job.strip_rows, scale_.y, job.dev_h);
+  job.dev_rows = device_rows_of_strip(strip_src_y, strip_rows, scale_.y, job.dev_h);
   job.window = window != nullptr ? *window : DeviceRowWindow{0, job.height()};
   if (job.window.top > job.height() || job.window.rows > job.height() - job.window.top ||
-      (window != nullptr && job.capture != nullptr))
+      (window != nullptr && capture != nullptr))
     throw std::invalid_argument("RipEngine::process_strip: device row window is invalid");
   return job;
 }

@@ -148,7 +148,10 @@ class RipEngine {
   struct PlaneJob;
   class AppliedChoke;
 
-  PlaneJob strip_job(PlaneJob job, const DeviceRowWindow* window) const;
+  PlaneJob strip_job(const std::uint8_t* src, std::uint32_t src_w, std::uint32_t strip_rows,
+                     std::uint32_t strip_src_y, std::uint32_t total_src_rows, std::int32_t channel,
+                     const std::uint8_t* coverage_plane, PreThresholdCapture* capture,
+                     const ChokeContext* choke, ProcessScratch* scratch, const DeviceRowWindow* window) const;
   void place(PlaneJob& job) const;
   AppliedChoke begin(const PlaneJob& job);
   template <class Sink>

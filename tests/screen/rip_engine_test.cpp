@@ -124,10 +124,7 @@ void expect_packed(RipEngine& engine, const std::vector<std::uint8_t>& strip,
   for (std::uint32_t row = 0; row < window.rows; ++row) {
     std::uint8_t* const target = wanted.data() + (window.rows - 1 - row) * cycle;
     std::memset(target, 0, packed);
-    for (std::uint32_t x = 0; x < expected.width; ++x) {
-      const std::uint8_t level = expected.data[std::size_t{window.top + row} * expected.width + x];
-      target[x / 4] = static_cast<std::uint8_t>(target[x / 4] | level << (6 - 2 * (x % 4)));
-    }
+    pack_row(&expected.data[std::size_t{window.top + row} * expected.width], expected.width, target);
     std::memcpy(target + slot, target, packed);
   }
   const PackedRows out{expected.width,
@@ -211,6 +208,16 @@ TEST(RipEngine, ScratchOfAnotherStripChangesNoDot) {
   }
 }
 
+/// A whole plane screened without its coverage, or with what a choke needs.
+std::vector<std::uint8_t> screened(RipEngine& engine, const std::vector<std::uint8_t>& plane,
+                                   std::uint32_t width, std::int32_t channel,
+                                   const std::uint8_t* coverage = nullptr,
+                                   const ChokeContext* choke = nullptr,
+                                   RipEngine::PreThresholdCapture* capture = nullptr) {
+  const auto rows = static_cast<std::uint32_t>(plane.size() / width);
+  return engine.process(plane.data(), width, rows, channel, coverage, capture, choke, nullptr).data;
+}
+
 /// Device rows between two equal source rows are sums of their own: they differ from their neighbours in the
 /// last bit.
 TEST(RipEngine, EqualSourceRowsEqualThePlainScreenInEveryValue) {
@@ -221,11 +228,11 @@ TEST(RipEngine, EqualSourceRowsEqualThePlainScreenInEveryValue) {
     RipEngine engine(params);
     for (int ink = 0; ink < 256; ++ink) {
       const std::vector<std::uint8_t> plane(27 * 30, static_cast<std::uint8_t>(ink));
-      const DropMap drops = engine.process(plane.data(), 27, 30, 4, nullptr, nullptr, nullptr, nullptr);
-      ASSERT_TRUE(drops.data == PlainRipEngine(engine).screen({plane, 27, 30, 0, 30, 4, true}, nullptr).data)
+      const auto drops = screened(engine, plane, 27, 4);
+      ASSERT_TRUE(drops == PlainRipEngine(engine).screen({plane, 27, 30, 0, 30, 4, true}, nullptr).data)
           << ink;
       if (y_dpi == 1800 && ink % 85 == 0) {
-        EXPECT_THAT(drops.data, ::testing::Each(ink / 85));
+        EXPECT_THAT(drops, ::testing::Each(ink / 85));
       }
     }
   }
@@ -252,35 +259,49 @@ TEST(RipEngine, CaptureShowsTheValuesThatWereScreened) {
     choke.colour_core.set(dot.source_x, dot.source_y);
     choke.grown.set(dot.source_x, dot.source_y);
   }
+  RipEngine::PreThresholdCapture seen;
   for (const SamplingMode white : {SamplingMode::smooth, SamplingMode::hard}) {
     RipEngineParams params = choking_params(1.0f);
     params.white_resampling = white;
     RipEngine engine(params);
     for (const auto& [channel, algorithm] : {std::pair(2, ""), {4, "_adaptive_white"}}) {
-      RipEngine::PreThresholdCapture seen;
-      const auto run = [&](const ChokeContext* context, RipEngine::PreThresholdCapture* capture) {
-        return engine.process(plane.data(), 30, 12, channel, channel < 4 ? plane.data() : nullptr, capture,
-                              context, nullptr);
-      };
-      EXPECT_TRUE(run(&choke, nullptr).data == run(&choke, &seen).data);
+      const std::uint8_t* coverage = channel < 4 ? plane.data() : nullptr;
+      EXPECT_TRUE(screened(engine, plane, 30, channel, coverage, &choke) ==
+                  screened(engine, plane, 30, channel, coverage, &choke, &seen));
       EXPECT_TRUE(seen.device_choke_used);
       EXPECT_EQ(seen.algorithm, std::string("rip_pre_threshold_device_domain") + algorithm);
       ASSERT_EQ(seen.values.size(), 72u * 72u);
       const BitPlane& shown = channel < 4 ? choke.grown : choke.keep;
       for (std::size_t i = 0; i < seen.values.size(); ++i)
         ASSERT_TRUE(shown.test(i % 72, i / 72) || seen.values[i] == 0);
-      EXPECT_TRUE(run(&other, nullptr).data == run(&other, &seen).data);
-      EXPECT_TRUE(run(nullptr, nullptr).data == run(&other, nullptr).data || channel < 4);
+      const auto unchoked = screened(engine, plane, 30, channel, coverage, &other);
+      EXPECT_TRUE(unchoked == screened(engine, plane, 30, channel, coverage, &other, &seen));
+      EXPECT_TRUE(unchoked == screened(engine, plane, 30, channel, coverage) || channel < 4);
       EXPECT_EQ(seen.algorithm, "rip_pre_threshold_standard");
       EXPECT_FALSE(seen.device_choke_used);
     }
   }
+
+  // Halves round up, and nothing else does.
+  RipEngineParams params = base_params(300, 300);
+  params.linear_lut.resize(1);
+  std::vector<std::uint8_t> ramp, rounded;
+  for (int ink = 0; ink < 256; ++ink) {
+    const float fractions[] = {0.0f, 0.49f, 0.5f, 0.99f};
+    params.linear_lut[0].push_back(static_cast<float>(ink) + fractions[ink % 4]);
+    ramp.push_back(static_cast<std::uint8_t>(ink));
+    rounded.push_back(static_cast<std::uint8_t>(std::min(ink + (ink % 4 >= 2 ? 1 : 0), 255)));
+  }
+  RipEngine engine(params);
+  screened(engine, ramp, 256, 0, nullptr, nullptr, &seen);
+  EXPECT_EQ(seen.values, rounded);
 }
 
 TEST(RipEngine, ChokesOnlyWhereTheSettingsAsk) {
   const LogCapture quiet(LogLevel::error);
   Random random(5);
   const auto plane = random_plane(random, 30, 12);
+  const ChokeContext choke = random_choke(random, 72, 72);
   const auto production = DeviceChokeAlgorithm::production, adaptive = DeviceChokeAlgorithm::adaptive;
   const struct {
     bool enabled;
@@ -299,10 +320,8 @@ TEST(RipEngine, ChokesOnlyWhereTheSettingsAsk) {
     params.white_choke_algorithm = c.algorithm;
     params.white_choke_strategy = c.strategy;
     RipEngine engine(params);
-    const ChokeContext choke = random_choke(random, 72, 72);
     const auto applied = [&](std::int32_t channel, const std::uint8_t* coverage) {
-      return engine.process(plane.data(), 30, 12, channel, coverage, nullptr, &choke, nullptr).data !=
-             engine.process(plane.data(), 30, 12, channel, nullptr, nullptr, nullptr, nullptr).data;
+      return screened(engine, plane, 30, channel, coverage, &choke) != screened(engine, plane, 30, channel);
     };
     EXPECT_EQ(applied(0, plane.data()), c.colour);
     EXPECT_FALSE(applied(0, nullptr));
@@ -318,15 +337,14 @@ TEST(RipEngine, ComputesAMissingColourChokeItself) {
   params.white_choke_adaptive_protect_light_enabled = false;
   RipEngine engine(params);
   const auto plane = random_plane(random, 40, 20);
-  const ChokeContext choke =
-      engine.prepare_device_white(plane.data(), 40, 10, 5, 20, nullptr, nullptr, nullptr);
+  const std::uint8_t* const ink = plane.data();
+  const ChokeContext choke = engine.prepare_device_white(ink, 40, 10, 5, 20, nullptr, nullptr, nullptr);
   DropMap given, computed;
-  engine.process_strip(given, plane.data(), 40, 10, 5, 20, 0, plane.data(), nullptr, &choke, nullptr);
-  engine.process_strip(computed, plane.data(), 40, 10, 5, 20, 0, plane.data(), nullptr, nullptr, nullptr);
+  engine.process_strip(given, ink, 40, 10, 5, 20, 0, ink, nullptr, &choke, nullptr);
+  engine.process_strip(computed, ink, 40, 10, 5, 20, 0, ink, nullptr, nullptr, nullptr);
   EXPECT_EQ(choke.height, 60u);
   EXPECT_TRUE(given.data == computed.data);
-  const ChokeContext white =
-      engine.prepare_device_white(plane.data(), 40, 20, 0, 20, nullptr, plane.data(), nullptr);
+  const ChokeContext white = engine.prepare_device_white(ink, 40, 20, 0, 20, nullptr, ink, nullptr);
   EXPECT_TRUE(white.adaptive && white.min_width_dots == 7 && !white.protect_light);
 }
 
@@ -361,7 +379,7 @@ TEST(RipEngine, LogsItsCallsAndChokes) {
     EXPECT_THAT(log.take(), ElementsAre(start + " src=10x10 dev=24x60", start + c.of_plane, start + " done.",
                                         "[DEBUG] RipEngine strip" + channel + c.of_strip));
   }
-  smooth.process(plane.data(), 1, 700, 2, nullptr, nullptr, nullptr, nullptr);
+  screened(smooth, plane, 1, 2);
   EXPECT_THAT(log.take(), testing::Contains("[DEBUG]   ch=2 row 4000/4200"));
 }
 
@@ -389,58 +407,54 @@ TEST(RipEngine, MendsCurves) {
 
 TEST(RipEngine, RejectsWhatItCannotScreen) {
   const LogCapture quiet(LogLevel::error);
+  RipEngine engine(base_params());
+  const std::uint8_t pixels[4] = {};
+  DropMap out{1, 1, {7}};
   const auto build = [](std::uint32_t src, std::uint32_t x, std::uint32_t y, std::int32_t channels) {
     RipEngineParams params = base_params(x, y);
     params.src_dpi = src;
     params.n_channels = channels;
-    return failure_of([&] { const RipEngine engine(params); });
+    return failure_of([&] { const RipEngine built(params); });
   };
-  const std::string dpi = "RipEngine: src_dpi/x_dpi/y_dpi must be > 0";
-  EXPECT_EQ(build(0, 720, 1800, 5), dpi);
-  EXPECT_EQ(build(300, 0, 1800, 5), dpi);
-  EXPECT_EQ(build(300, 720, 0, 0), dpi);
-  EXPECT_EQ(build(300, 720, 1800, 0), "RipEngine: n_channels must be > 0");
-
-  RipEngine engine(base_params());
-  const std::uint8_t pixels[4] = {};
   const auto plane = [&](const std::uint8_t* src, std::uint32_t w, std::uint32_t h, std::int32_t channel) {
     return failure_of([&] { engine.process(src, w, h, channel, nullptr, nullptr, nullptr, nullptr); });
   };
-  const std::string empty = "RipEngine::process: invalid source buffer";
-  const std::string no_channel = "RipEngine::process: channel out of range";
-  EXPECT_EQ(plane(nullptr, 2, 2, 9), empty);
-  EXPECT_EQ(plane(pixels, 0, 2, 0), empty);
-  EXPECT_EQ(plane(pixels, 2, 0, 0), empty);
-  EXPECT_EQ(plane(pixels, 2, 2, -1), no_channel);
-  EXPECT_EQ(plane(pixels, 2, 2, 5), no_channel);
-
-  DropMap out{1, 1, {7}};
   const auto strip = [&](std::uint32_t w, std::uint32_t rows, std::uint32_t y, std::uint32_t total,
-                         std::int32_t channel = 0, const DeviceRowWindow* window = nullptr) {
+                         std::int32_t channel = 0, const DeviceRowWindow& window = {}) {
     return failure_of([&] {
       engine.process_strip(out, pixels, w, rows, y, total, channel, nullptr, nullptr, nullptr, nullptr,
-                           window);
+                           window.rows != 0 ? &window : nullptr);
     });
   };
-  const std::string strips = "RipEngine::process_strip: ",
-                    bounds = strips + "strip source bounds are invalid";
-  const DeviceRowWindow below{5, 2}, wrapping{1, 0xffffffff};
-  EXPECT_EQ(strip(0, 1, 0, 1, 9), strips + "invalid source strip");
-  EXPECT_EQ(strip(1, 0, 0, 1), strips + "invalid source strip");
-  EXPECT_EQ(strip(1, 1, 9, 0), strips + "invalid source strip");
-  EXPECT_EQ(strip(1, 1, 9, 1, 5), strips + "channel out of range");
-  EXPECT_EQ(strip(1, 1, 1, 1), bounds);
-  EXPECT_EQ(strip(1, 2, 3, 4), bounds);
-  EXPECT_EQ(strip(1, 0xffffffff, 1, 0xffffffff), bounds);
-  EXPECT_EQ(strip(1, 1, 0, 1, 0, &below), strips + "device row window is invalid");
-  EXPECT_EQ(strip(1, 1, 0, 1, 0, &wrapping), strips + "device row window is invalid");
-  const std::string cap = "DropMap: allocation exceeds 2 GiB cap";
-  EXPECT_EQ(strip(1u << 30, 1, 0, 1), cap);
+  const std::string dpi = "RipEngine: src_dpi/x_dpi/y_dpi must be > 0", in_plane = "RipEngine::process: ",
+                    in_strip = "RipEngine::process_strip: ", cap = "DropMap: allocation exceeds 2 GiB cap";
+  const std::pair<std::string, std::string> cases[] = {
+      {build(0, 720, 1800, 5), dpi},
+      {build(300, 0, 1800, 5), dpi},
+      {build(300, 720, 0, 0), dpi},
+      {build(300, 720, 1800, 0), "RipEngine: n_channels must be > 0"},
+      {plane(nullptr, 2, 2, 9), in_plane + "invalid source buffer"},
+      {plane(pixels, 0, 2, 0), in_plane + "invalid source buffer"},
+      {plane(pixels, 2, 0, 0), in_plane + "invalid source buffer"},
+      {plane(pixels, 2, 2, -1), in_plane + "channel out of range"},
+      {plane(pixels, 2, 2, 5), in_plane + "channel out of range"},
+      {strip(0, 1, 0, 1, 9), in_strip + "invalid source strip"},
+      {strip(1, 0, 0, 1), in_strip + "invalid source strip"},
+      {strip(1, 1, 9, 0), in_strip + "invalid source strip"},
+      {strip(1, 1, 9, 1, 5), in_strip + "channel out of range"},
+      {strip(1, 1, 1, 1), in_strip + "strip source bounds are invalid"},
+      {strip(1, 2, 3, 4), in_strip + "strip source bounds are invalid"},
+      {strip(1, 0xffffffff, 1, 0xffffffff), in_strip + "strip source bounds are invalid"},
+      {strip(1, 1, 0, 1, 0, {5, 2}), in_strip + "device row window is invalid"},
+      {strip(1, 1, 0, 1, 0, {1, 0xffffffff}), in_strip + "device row window is invalid"},
+      {strip(1u << 30, 1, 0, 1), cap},
+      {failure_of([] { checked_drop_map_bytes(kMaxDropMapBytes + 1, 1); }), cap},
+      {failure_of([] { checked_drop_map_bytes(1ull << 33, 1ull << 31); }),
+       "DropMap: allocation size overflow"},
+  };
+  for (const auto& [failure, expected] : cases) EXPECT_EQ(failure, expected);
   EXPECT_EQ(out.data, std::vector<std::uint8_t>{7});
   EXPECT_EQ(checked_drop_map_bytes(0x10000, 0x8000), kMaxDropMapBytes);
-  EXPECT_EQ(failure_of([] { checked_drop_map_bytes(kMaxDropMapBytes + 1, 1); }), cap);
-  EXPECT_EQ(failure_of([] { checked_drop_map_bytes(1ull << 33, 1ull << 31); }),
-            "DropMap: allocation size overflow");
 }
 
 }  // namespace
