@@ -1,18 +1,22 @@
 #include "output/hoson_writer.h"
 
-#include <cstdlib>
 #include <functional>
+#include <numeric>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "output/prt_format.h"
 #include "output/test_drops.h"
 #include "output/writer_threads.h"
+#include "screen/kernels/pack_kernels.h"
 #include "support/failure.h"
 #include "support/fault_injection.h"
 #include "support/log_capture.h"
+#include "support/scoped_variable.h"
 #include "support/temp_dir.h"
 
 namespace nvo {
@@ -21,10 +25,53 @@ namespace {
 using test::cut_rows;
 using test::failure_of;
 using test::make_channels;
+using test::ScopedVariable;
 
+using Bytes = std::vector<std::uint8_t>;
 using Maps = std::vector<DropMap>;
 using Names = std::vector<std::string>;
 constexpr std::uint32_t kI3200 = 0, kI1600 = 1, kXp600 = 2;
+constexpr std::uint8_t kGuard = 0xA5;
+
+Bytes pack_dot_by_dot(const std::uint8_t* dots, std::uint32_t width) {
+  Bytes packed(packed_dots_bytes(width));
+  for (std::uint32_t x = 0; x < width; ++x)
+    packed[x / 4] = static_cast<std::uint8_t>(packed[x / 4] | (dots[x] & 3) << (6 - 2 * (x % 4)));
+  return packed;
+}
+
+TEST(PackRow, EveryVariantGivesTheBytesOfTheDotLoopAndNothingBeside) {
+  std::vector<std::uint32_t> widths(131);
+  std::iota(widths.begin(), widths.end(), 1);
+  widths.insert(widths.end(), {255, 256, 257, 1023});
+  for (const PackVariant& variant : pack_variants()) {
+    for (const std::uint32_t width : widths) {
+      for (std::uint32_t misalignment = 0; misalignment < 4; ++misalignment) {
+        SCOPED_TRACE(testing::Message() << variant.instruction_set << ", width " << width);
+        const DropMap source = test::make_drops(width + misalignment, 1, width);
+        const std::uint8_t* dots = source.data.data() + misalignment;
+        Bytes expected = pack_dot_by_dot(dots, width), levels(dots, dots + width);
+        expected.insert(expected.begin(), misalignment + 1, kGuard);
+        expected.push_back(kGuard);
+        for (std::uint8_t& level : levels) level &= 3;
+        levels.push_back(kGuard);
+
+        Bytes out(expected.size(), kGuard), unpacked(width + 1, kGuard);
+        variant.pack(dots, width, out.data() + misalignment + 1);
+        ASSERT_EQ(out, expected);
+        unpack_row(out.data() + misalignment + 1, width, unpacked.data());
+        ASSERT_EQ(unpacked, levels);
+      }
+    }
+  }
+}
+
+TEST(PrtRowLayout, RefusesACycleOf4GiB) {
+  const PrtRowLayout widest = prt_row_layout({0, 0}, 2863311520);
+  EXPECT_EQ(std::pair(widest.stride, widest.cycle_len), std::pair(715827880u, 4294967280u));
+  for (const std::uint32_t width : {2863311521u, 0xFFFFFFFFu})
+    EXPECT_THROW(prt_row_layout({0, 0}, width), std::overflow_error) << width;
+}
 
 HosonWriterOptions options_for(std::uint32_t head, std::vector<std::uint32_t> map = {}) {
   PrintMode mode = default_print_mode({0, head});
@@ -43,15 +90,13 @@ std::string expected_file(std::uint32_t head, const Maps& maps,
   for (const std::uint32_t field : {0x5555u, mode.x_dpi, mode.y_dpi, stride, height, width, 0u,
                                     static_cast<std::uint32_t>(slots.size()), 2u, passes, 0u, 0u})
     for (int shift = 0; shift < 32; shift += 8) file += static_cast<char>(field >> shift);
-  for (std::uint32_t row = height; row-- > 0;) {
+  for (std::size_t row = height; row-- > 0;)
     for (const int slot : slots) {
-      std::vector<unsigned> bytes(stride);
-      for (std::uint32_t x = 0; slot >= 0 && x < width; ++x)
-        bytes[x / 4] |= (maps[static_cast<std::size_t>(slot)].data[row * width + x] & 3u)
-                        << (6 - 2 * (x % 4));
-      for (const unsigned byte : bytes) file += static_cast<char>(byte);
+      Bytes bytes;
+      if (slot >= 0) bytes = pack_dot_by_dot(&maps[static_cast<std::size_t>(slot)].data[row * width], width);
+      bytes.resize(stride);
+      file.append(bytes.begin(), bytes.end());
     }
-  }
   return file;
 }
 
@@ -88,13 +133,12 @@ void write_packed(HosonWriter& writer, const std::string& path, const Maps& maps
 }
 
 TEST(HosonWriter, PutsEachChannelIntoItsSlots) {
-  struct Case {
+  const struct {
     std::uint32_t head;
     std::vector<std::uint32_t> map;
     std::uint32_t width, channels;
     std::vector<int> slots;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {kI3200, {}, 1, 5, {3, 0, 1, 2, 4, 4}},
       {77, {}, 9, 5, {3, 0, 1, 2, 4, 4}},
       {kI1600, {}, 33, 5, {3, 0, 1, 2, 4, -1}},
@@ -106,7 +150,7 @@ TEST(HosonWriter, PutsEachChannelIntoItsSlots) {
   };
   const test::TempDir dir;
   const std::string path = dir.file("a.prt");
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(&c - cases);
     Maps maps = make_channels(c.width, 5, c.channels);
     if (c.channels == 6) maps[4] = {};
@@ -120,20 +164,18 @@ TEST(HosonWriter, PutsEachChannelIntoItsSlots) {
     write_packed(writer, path, maps);
     EXPECT_EQ(test::read_all(path), expected) << "rows that come packed";
   }
-}
 
-TEST(HosonWriter, BlankSlotsAreZeroAfterAStripThatFilledThem) {
-  const test::TempDir dir;
+  // Slots without drops are zero though the strip before filled them.
   Maps maps = make_channels(21, 6, 5);
   HosonWriter writer(options_for(kI3200));
-  writer.begin_stream_write(dir.file("a.prt"), 21, 6);
+  writer.begin_stream_write(path, 21, 6);
   writer.write_dropmaps_strip(cut_rows(maps, 3, 6), 3);
   Maps top = cut_rows(maps, 0, 3);
   top[2] = {21, 0, {}}, top[4] = {};
   writer.write_dropmaps_strip(top, 0);
   writer.end_stream_write();
   for (const std::size_t blank : {2u, 4u}) std::fill_n(maps[blank].data.begin(), 3 * 21, std::uint8_t{0});
-  EXPECT_EQ(test::read_all(dir.file("a.prt")), expected_file(kI3200, maps));
+  EXPECT_EQ(test::read_all(path), expected_file(kI3200, maps));
 }
 
 TEST(HosonWriter, AFailureCostsTheStreamAndNeverTheOldFile) {
@@ -251,9 +293,9 @@ TEST(HosonWriter, OneCallWritesTheWholeFileOnAnyNumberOfThreads) {
   HosonWriter writer(options_for(kXp600));
   writer.set_timing(true);
   test::LogCapture log;
-  ::setenv("NVO_RIP_PARALLEL_WRITER_ROWS", "Force", 1);
+  const ScopedVariable parallel("NVO_RIP_PARALLEL_WRITER_ROWS", "Force");
   for (const char* threads : {"1", "2", "5", "32"}) {
-    ::setenv("NVO_RIP_WRITER_THREADS", threads, 1);
+    const ScopedVariable count("NVO_RIP_WRITER_THREADS", threads);
     writer.reset_counters();
     writer.write_dropmaps(maps, path);
     EXPECT_TRUE(test::read_all(path) == expected) << threads << " threads";
@@ -263,26 +305,22 @@ TEST(HosonWriter, OneCallWritesTheWholeFileOnAnyNumberOfThreads) {
     EXPECT_EQ(writer.counters().bytes, 40'000u * 112u);
     EXPECT_GT(std::min(writer.counters().pack_ns, writer.counters().file_ns), 0u);
   }
-  ::unsetenv("NVO_RIP_PARALLEL_WRITER_ROWS");
-  ::unsetenv("NVO_RIP_WRITER_THREADS");
 }
 
 TEST(WriterThreads, FollowTheStripTheMachineAndTheEnvironment) {
-  using Word = std::optional<std::string>;
-  const auto threads = [](std::uint32_t rows, std::uint32_t cycle_len, std::uint32_t hardware, Word parallel,
-                          Word count) {
-    return writer_threads(rows, cycle_len, hardware, {parallel, count});
-  };
   const auto unset = std::nullopt;
-  EXPECT_EQ(threads(6144, 23760, 64, "auto", "0"), 12u);
-  EXPECT_EQ(threads(6144, 23760, 1, "", "four"), 2u);
-  EXPECT_EQ(threads(6144, 23760, 8, "perhaps", "99"), 32u);
-  EXPECT_EQ(threads(511, 0x100000, 8, unset, unset), 1u);
-  EXPECT_EQ(threads(512, 0x8000, 8, unset, unset), 4u) << "16 MiB exactly, 128 rows a thread";
-  EXPECT_EQ(threads(512, 0x7FFF, 8, unset, unset), 1u);
-  EXPECT_EQ(threads(6144, 23760, 8, "OFF", "8"), 1u);
-  EXPECT_EQ(threads(10, 24, 8, "Yes", unset), 8u);
-  EXPECT_EQ(threads(3, 24, 8, "1", "20"), 3u);
+  const struct {
+    std::uint32_t rows, cycle_len, hardware;
+    std::optional<std::string> parallel, count;
+    std::uint32_t threads;
+  } cases[] = {{6144, 23760, 64, "auto", "0", 12},    {6144, 23760, 1, "", "four", 2},
+               {6144, 23760, 8, "perhaps", "99", 32}, {511, 0x100000, 8, unset, unset, 1},
+               {512, 0x8000, 8, unset, unset, 4},  // 16 MiB exactly, 128 rows a thread
+               {512, 0x7FFF, 8, unset, unset, 1},     {6144, 23760, 8, "OFF", "8", 1},
+               {10, 24, 8, "Yes", unset, 8},          {3, 24, 8, "1", "20", 3}};
+  for (const auto& c : cases)
+    EXPECT_EQ(writer_threads(c.rows, c.cycle_len, c.hardware, {c.parallel, c.count}), c.threads)
+        << &c - cases;
 }
 
 }  // namespace

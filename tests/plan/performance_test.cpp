@@ -2,24 +2,27 @@
 
 #include <optional>
 #include <string>
+#include <tuple>
 
 #include <gtest/gtest.h>
+
+#include "plan/compose_threads.h"
+#include "support/scoped_variable.h"
 
 namespace nvo {
 namespace {
 
 constexpr TriState kAuto = TriState::automatic, kOn = TriState::on, kOff = TriState::off;
 
-RipPerformance manual(TriState setting = kAuto, std::uint32_t threads = 0) {
-  RipPerformance block;
-  block.mode = PerformanceMode::manual;
-  block.parallel_channels = block.parallel_rows = setting;
-  block.channel_threads = block.row_threads = threads;
-  return block;
-}
 RipPerformance automatic(TriState setting = kAuto) {
   RipPerformance block;
   block.parallel_channels = block.parallel_rows = setting;
+  return block;
+}
+RipPerformance manual(TriState setting = kAuto, std::uint32_t threads = 0) {
+  RipPerformance block = automatic(setting);
+  block.mode = PerformanceMode::manual;
+  block.channel_threads = block.row_threads = threads;
   return block;
 }
 
@@ -40,13 +43,10 @@ TEST(Normalize, CutsToTheRangesInUse) {
   block.sheet_threads = block.channel_threads = block.row_threads = block.max_concurrent_jobs = 1000;
   block.autotune_inputs = {"Synthetic Large", "", "nonsense", 0};
   block = normalize_performance(block, 6);
-  EXPECT_EQ(block.sheet_threads, 8u);
-  EXPECT_EQ(block.channel_threads, 5u);
-  EXPECT_EQ(block.row_threads, 64u);
+  EXPECT_EQ(std::tuple(block.sheet_threads, block.channel_threads, block.row_threads), std::tuple(8, 5, 64));
   EXPECT_EQ(block.max_concurrent_jobs, 3u);
-  EXPECT_EQ(block.autotune_inputs.workload, "synthetic_large");
-  EXPECT_EQ(block.autotune_inputs.preset, "smoke");
-  EXPECT_EQ(block.autotune_inputs.qty, 1u);
+  const auto& [workload, folder, preset, qty] = block.autotune_inputs;
+  EXPECT_EQ(std::tuple(workload, preset, qty), std::tuple("synthetic_large", "smoke", 1));
   const RipPerformance untouched = normalize_performance({}, 6);
   EXPECT_EQ(untouched.sheet_threads + untouched.channel_threads + untouched.row_threads, 0u);
 }
@@ -124,6 +124,28 @@ TEST(RowThreads, RulesInOrder) {
   EXPECT_EQ(shared(2, asked, {}), 3u);
   EXPECT_EQ(shared(2, {}, manual(kOn)), 2u);
   EXPECT_EQ(shared(8, {}, manual(kOff)), 1u);
+}
+
+TEST(ComposeThreads, FollowTheEnvironmentAndTheWork) {
+  const struct {
+    const char *mode, *threads;
+    std::uint64_t tasks, pixels;
+    std::uint32_t at_least, at_most;
+  } cases[] = {{nullptr, nullptr, 1, 1u << 30, 1, 1},
+               {nullptr, "7", 40, 0x80000, 7, 7},
+               {"auto", "7", 40, 0x7FFFF, 1, 1},
+               {"bogus", "7", 3, 0x80000, 3, 3},
+               {"FORCE", "99", 40, 1, 16, 16},
+               {"Disable", "7", 40, 1u << 30, 1, 1},
+               {"yes", "0", 40, 1, 2, 12},
+               {"1", "many", 40, 1, 2, 12},
+               {"1", "1", 40, 1, 1, 1}};
+  for (const auto& c : cases) {
+    const test::ScopedVariable mode("NVO_RIP_PARALLEL_COMPOSE_ITEMS", c.mode);
+    const test::ScopedVariable count("NVO_RIP_COMPOSE_THREADS", c.threads);
+    const std::uint32_t threads = compose_threads(c.tasks, c.pixels);
+    EXPECT_TRUE(threads >= c.at_least && threads <= c.at_most) << threads << (c.mode ? c.mode : " unset");
+  }
 }
 
 }  // namespace

@@ -22,32 +22,32 @@ using test::PrintFile;
 TEST(StreamRip, SizeFollowsResolutionAndOverrides) {
   Job job;
   test::write_tiff(job.input, picture(24, 12, 240));
-  const auto size = [&](float w, float h) {
-    const PrintFile file = job.run(w, h);
-    return std::pair(file.width, file.height);
-  };
-  EXPECT_EQ(size(0, 0), std::pair(72u, 90u)) << "0.1 x 0.05 inch";
-  EXPECT_EQ(size(0.2f, 0), std::pair(144u, 180u));
-  EXPECT_EQ(size(0, 0.2f), std::pair(288u, 360u));
-  EXPECT_EQ(size(0.5f, 0.1f), std::pair(360u, 180u));
-  EXPECT_EQ(size(-1, std::numeric_limits<float>::infinity()), std::pair(72u, 90u));
+  const float none = -1, infinity = std::numeric_limits<float>::infinity();
+  for (const auto& [width_in, height_in, width, height] : {std::tuple(0.0f, 0.0f, 72u, 90u),
+                                                           {0.2f, 0, 144, 180},
+                                                           {0, 0.2f, 288, 360},
+                                                           {0.5f, 0.1f, 360, 180},
+                                                           {none, infinity, 72, 90}}) {
+    const PrintFile file = job.run(width_in, height_in);
+    EXPECT_EQ(std::tuple(file.width, file.height), std::tuple(width, height)) << width_in << " " << height_in;
+  }
 }
 
 TEST(StreamRip, LogTellsThePlan) {
   Job job;
-  job.rip.options.white_choke_enabled = true;
-  job.rip.options.performance.mode = PerformanceMode::manual;
-  job.rip.options.performance.parallel_channels = TriState::on;
-  job.rip.options.performance.channel_threads = 3;
+  RipJobOptions& options = job.rip.options;
+  options.white_choke_enabled = true;
+  options.performance.mode = PerformanceMode::manual;
+  options.performance.parallel_channels = TriState::on;
+  options.performance.channel_threads = 3;
   test::write_tiff(job.input, picture(30, 30));
   job.run();
-  for (const std::string& line :
-       {std::string("Resampling: color=smooth, color_linear_light=true, white=smooth"),
-        std::string("StreamRip: white choke canvas pad applied: 0.00666667 in"),
-        "StreamRip: 34x34 px @ 300 dpi   " + job.output,
-        std::string("StreamRip: physical 0.113333x0.113333 in -> dev 82x204 @ 720x1800 dpi, 6pass"),
-        std::string("StreamRip: parallel channel RIP enabled, threads=3")})
-    EXPECT_EQ(job.log.count("[INFO ] " + line), 1u) << line;
+  const std::string lines[] = {"Resampling: color=smooth, color_linear_light=true, white=smooth",
+                               "StreamRip: white choke canvas pad applied: 0.00666667 in",
+                               "StreamRip: 34x34 px @ 300 dpi   " + job.output,
+                               "StreamRip: physical 0.113333x0.113333 in -> dev 82x204 @ 720x1800 dpi, 6pass",
+                               "StreamRip: parallel channel RIP enabled, threads=3"};
+  for (const std::string& line : lines) EXPECT_EQ(job.log.count("[INFO ] " + line), 1u) << line;
   EXPECT_TRUE(
       job.log.contains("White choke: enabled=true, strategy=production, rip_algorithm=adaptive, "
                        "requested_strategy=production, debug_env_override=false, amount_px@300=1.5, "

@@ -89,19 +89,18 @@ Source make_art(std::uint32_t width, std::uint32_t rows, std::uint32_t seed) {
   return art;
 }
 
+/// Source resolution and device resolution across and along.
 struct Mode {
   std::uint32_t src_dpi, x_dpi, y_dpi;
 };
 
 DeviceChokeParams params_of(const Mode& mode, float amount, std::uint32_t min_width, std::uint32_t threads) {
-  DeviceChokeParams params;
-  params.src_dpi = mode.src_dpi;
-  params.x_dpi = mode.x_dpi;
-  params.y_dpi = mode.y_dpi;
-  params.amount_px_at_300dpi = amount;
-  params.min_width_dots = min_width;
-  params.threads = threads;
-  return params;
+  return {.src_dpi = mode.src_dpi,
+          .x_dpi = mode.x_dpi,
+          .y_dpi = mode.y_dpi,
+          .amount_px_at_300dpi = amount,
+          .min_width_dots = min_width,
+          .threads = threads};
 }
 
 TEST(DeviceChoke, EqualsTheReference) {
@@ -110,43 +109,39 @@ TEST(DeviceChoke, EqualsTheReference) {
                              {600, 720, 900},  {600, 360, 360}};
   const float amounts[] = {0.1f, 1.5f, 2.5f, 0.7f, 1.0f, 2.0f};
   const std::uint32_t min_widths[] = {3, 0, 16, 2, 7}, thread_counts[] = {1, 2, 3, 5};
-  std::uint32_t round = 0;
   ChokeContext context;
-  for (const Mode& mode : kModes) {
-    for (std::uint32_t variant = 0; variant < 48; ++variant, ++round) {
-      const std::uint32_t total = 44, rows = variant % 3 == 0 ? total : 23;
-      const Source art = make_art(29 + round * 7 % 40, rows, round);
-      DeviceChokeInput input = art.input();
-      if (variant % 2 == 0) input.exempt_mask = nullptr;
-      if (variant % 4 == 3) input.support_plane = nullptr;
-      if (variant / 2 % 2 == 0) input.light_mask = nullptr;
-      input.strip_src_y = variant % 3 * ((total - rows) / 2);  // top, middle or bottom of the plane
-      input.total_src_rows = total;
-      DeviceChokeParams params =
-          params_of(mode, amounts[round % 6], min_widths[round % 5], thread_counts[round % 4]);
-      params.adaptive = variant % 8 < 6;
-      params.protect_light = variant % 5 != 0;
-      context = prepare_device_choke(input, params, std::move(context));  // in the last one's memory
-      EXPECT_TRUE(PlainChoke(context) == PlainChoke(input, params)) << "round " << round;
-    }
+  for (std::uint32_t round = 0; round < 48 * std::size(kModes); ++round) {
+    const std::uint32_t variant = round % 48, total = 44, rows = variant % 3 == 0 ? total : 23;
+    const Source art = make_art(29 + round * 7 % 40, rows, round);
+    DeviceChokeInput input = art.input();
+    if (variant % 2 == 0) input.exempt_mask = nullptr;
+    if (variant % 4 == 3) input.support_plane = nullptr;
+    if (variant / 2 % 2 == 0) input.light_mask = nullptr;
+    input.strip_src_y = variant % 3 * ((total - rows) / 2);  // top, middle or bottom of the plane
+    input.total_src_rows = total;
+    DeviceChokeParams params =
+        params_of(kModes[round / 48], amounts[round % 6], min_widths[round % 5], thread_counts[round % 4]);
+    params.adaptive = variant % 8 < 6;
+    params.protect_light = variant % 5 != 0;
+    context = prepare_device_choke(input, params, std::move(context));  // in the last one's memory
+    EXPECT_TRUE(PlainChoke(context) == PlainChoke(input, params)) << "round " << round;
   }
 }
 
 TEST(DeviceChoke, HoldsAtOddSizesAndSettings) {
-  struct Case {
+  // Widths about the word size, a reach beyond the plane and beyond a word, runs longer than a word, a
+  // minimum width beyond any run, more than one source pixel a dot.
+  const struct {
     std::uint32_t width, rows;
     Mode mode;
     float amount;
     std::uint32_t min_width;
-  };
-  // Widths about the word size, a reach beyond the plane and beyond a word, runs longer than a word, a
-  // minimum width beyond any run, more than one source pixel a dot.
-  const Case cases[] = {{1, 1, {300, 720, 1800}, 1.5f, 3},    {64, 5, {300, 300, 300}, 1.0f, 3},
-                        {63, 9, {300, 300, 600}, 1.0f, 1},    {65, 9, {300, 300, 600}, 2.0f, 1},
-                        {128, 2, {300, 300, 300}, 70.0f, 3},  {70, 12, {72, 300, 360}, 36.0f, 3},
-                        {200, 30, {600, 300, 150}, 1.5f, 3},  {20, 20, {300, 300, 600}, 1.5f, 0xFFFFFFFF},
-                        {90, 20, {300, 720, 1800}, 2.5f, 40}, {150, 40, {720, 300, 300}, 0.0f, 3}};
-  for (const Case& c : cases) {
+  } cases[] = {{1, 1, {300, 720, 1800}, 1.5f, 3},    {64, 5, {300, 300, 300}, 1.0f, 3},
+               {63, 9, {300, 300, 600}, 1.0f, 1},    {65, 9, {300, 300, 600}, 2.0f, 1},
+               {128, 2, {300, 300, 300}, 70.0f, 3},  {70, 12, {72, 300, 360}, 36.0f, 3},
+               {200, 30, {600, 300, 150}, 1.5f, 3},  {20, 20, {300, 300, 600}, 1.5f, 0xFFFFFFFF},
+               {90, 20, {300, 720, 1800}, 2.5f, 40}, {150, 40, {720, 300, 300}, 0.0f, 3}};
+  for (const auto& c : cases) {
     const Source art = make_art(c.width, c.rows, c.width);
     DeviceChokeInput input = art.input();
     input.light_mask = nullptr;

@@ -1,7 +1,6 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
-#include <functional>
 #include <random>
 #include <vector>
 
@@ -54,10 +53,10 @@ TEST(DropCode, GivesTheLevelOfEveryMaskByteInEveryVariant) {
   }
 }
 
-/// Random rows for one width, and the operations that run a kernel on them. Inputs start `misalignment`
-/// elements into their arrays; outputs are written between guards that must survive.
+constexpr std::size_t kGuard = 64;
+
+/// Random rows for one width that start `misalignment` elements into their arrays.
 struct KernelInput {
-  static constexpr std::size_t kGuard = 64;
   std::size_t width, misalignment;
   std::vector<std::uint8_t> base, threshold, mask;
   std::vector<float> inks, row;
@@ -66,12 +65,14 @@ struct KernelInput {
 
   KernelInput(std::size_t columns, std::size_t offset)
       : width(columns), misalignment(offset), random(static_cast<std::uint32_t>(columns * 64 + offset)) {
+    const auto extreme_or_any = [&] {
+      return static_cast<std::uint8_t>(random() % 4 == 0 ? 255 * (random() & 1) : random());
+    };
     const std::size_t size = offset + columns * 8 + 64 + kScreenBlock;
     for (std::size_t i = 0; i < size; ++i) {
       base.push_back(static_cast<std::uint8_t>(random() % 4));
-      threshold.push_back(static_cast<std::uint8_t>(random() % 4 == 0 ? 255 * (random() & 1) : random()));
-      if (base.back() == 3) threshold.back() = 0;
-      mask.push_back(static_cast<std::uint8_t>(random() % 4 == 0 ? 255 * (random() & 1) : random()));
+      threshold.push_back(base.back() == 3 ? std::uint8_t{0} : extreme_or_any());
+      mask.push_back(extreme_or_any());
       inks.push_back(std::uniform_real_distribution<float>(0.0f, 256.0f)(random));
       row.push_back(std::uniform_real_distribution<float>(0.0f, 255.0f)(random));
     }
@@ -90,29 +91,28 @@ struct KernelInput {
   }
 };
 
-/// Every kernel on one input; the bytes of all outputs with their guards.
+/// Every kernel on one input; the bytes of all outputs. They stand between guards that must survive.
 std::vector<std::uint8_t> run_all(const ScreeningKernels& kernels, KernelInput in) {
-  const std::size_t n = in.width, at = KernelInput::kGuard + in.misalignment;
+  const std::size_t n = in.width, m = in.misalignment;
+  const std::uint8_t *base = &in.base[m], *threshold = &in.threshold[m], *mask = &in.mask[m];
+  const float *inks = &in.inks[m], *row = &in.row[m];
   std::vector<std::uint8_t> result;
-  const auto bytes = [&](const std::function<void(std::uint8_t*, std::uint8_t*)>& run) {
-    std::vector<std::uint8_t> first(at + n + KernelInput::kGuard, 0xa5), second = first;
-    std::copy_n(in.base.begin(), n, first.begin() + static_cast<std::ptrdiff_t>(at));
-    run(first.data() + at, second.data() + at);
-    const auto is_guard = [](std::uint8_t byte) { return byte == 0xa5; };
-    for (const auto* out : {&first, &second}) {
-      EXPECT_TRUE(std::all_of(out->begin(), out->begin() + static_cast<std::ptrdiff_t>(at), is_guard));
-      EXPECT_TRUE(std::all_of(out->end() - KernelInput::kGuard, out->end(), is_guard));
+  const auto output = [&]<class T>(T guard, const auto& run) {
+    std::vector<T> first(kGuard + m, guard);
+    first.insert(first.end(), in.base.begin(), in.base.begin() + static_cast<std::ptrdiff_t>(n));
+    first.resize(first.size() + kGuard, guard);
+    std::vector<T> second = first;
+    run(&first[kGuard + m], &second[kGuard + m]);
+    for (const std::vector<T>& out : {first, second}) {
+      const auto is_guard = [&](T value) { return value == guard; };
+      EXPECT_TRUE(std::all_of(out.data(), &out[kGuard + m], is_guard));
+      EXPECT_TRUE(std::all_of(out.end() - kGuard, out.end(), is_guard));
+      const auto* raw = reinterpret_cast<const std::uint8_t*>(out.data());
+      result.insert(result.end(), raw, raw + out.size() * sizeof(T));
     }
-    result.insert(result.end(), first.begin(), first.end());
-    result.insert(result.end(), second.begin(), second.end());
   };
-  const auto floats = [&](const std::function<void(float*)>& run) {
-    std::vector<float> out(at + n + KernelInput::kGuard, 7.5f);
-    run(out.data() + at);
-    const auto* raw = reinterpret_cast<const std::uint8_t*>(out.data());
-    result.insert(result.end(), raw, raw + out.size() * sizeof(float));
-  };
-  const std::size_t m = in.misalignment;
+  const std::uint8_t byte_guard = 0xa5;
+  const float float_guard = 7.5f;
   for (const unsigned step : {1u, 2u, 4u}) {  // groups reach less than 8, less than 16 and further
     const auto start = in.starts(step);
     ColumnTapsView taps{start.data(), nullptr, n, step + 1, 0};
@@ -120,56 +120,45 @@ std::vector<std::uint8_t> run_all(const ScreeningKernels& kernels, KernelInput i
     for (float& weight : weights) weight = std::uniform_real_distribution<float>(0.0f, 0.5f)(in.random);
     taps.weights = weights.data();
     for (std::size_t x = 0; x + 8 <= n; x += 8) taps.reach = std::max(taps.reach, start[x + 7] - start[x]);
-    floats([&](float* out) { kernels.filter_columns(in.row.data() + m, taps, out); });
+    output(float_guard, [&](float* out, float*) { kernels.filter_columns(row, taps, out); });
   }
-  floats([&](float* out) { kernels.add_scaled_row(in.row.data() + m, 0.3f, out, n); });
-  bytes([&](std::uint8_t* a, std::uint8_t* b) { kernels.encode_row(in.inks.data() + m, n, a, b); });
-  bytes([&](std::uint8_t* a, std::uint8_t*) {
-    kernels.screen_row(in.base.data() + m, in.threshold.data() + m, in.mask.data() + m, n, a);
-  });
-  bytes([&](std::uint8_t* a, std::uint8_t*) { kernels.keep_dots(in.kept.data(), n, a); });
+  output(float_guard, [&](float* out, float*) { kernels.add_scaled_row(row, 0.3f, out, n); });
+  output(byte_guard, [&](auto* a, auto* b) { kernels.encode_row(inks, n, a, b); });
+  output(byte_guard, [&](auto* a, auto*) { kernels.screen_row(base, threshold, mask, n, a); });
+  output(byte_guard, [&](auto* a, auto*) { kernels.keep_dots(in.kept.data(), n, a); });
 
-  const PairWeights weights{in.inks.data() + m, in.inks.data() + m + n};
   if (n % 2 == 0) {  // two outputs a pixel
+    const PairWeights weights{inks, inks + n};
     std::vector<CodeWord> codes;
     for (std::size_t i = 0; i < in.base.size(); ++i)
       codes.push_back(static_cast<CodeWord>(in.base[i] | in.threshold[i] << 8));
-    bytes([&](std::uint8_t* a, std::uint8_t* b) {
-      kernels.encode_pairs(in.row.data() + m, codes.data() + m, weights, n / 2, a, b);
-    });
-    floats([&](float* out) { kernels.mix_pairs(in.row.data() + m, weights, n / 2, out); });
+    output(byte_guard, [&](auto* a, auto* b) { kernels.encode_pairs(row, &codes[m], weights, n / 2, a, b); });
+    output(float_guard, [&](float* out, float*) { kernels.mix_pairs(row, weights, n / 2, out); });
   }
   if (n % kSpreadGroup == 0) {
     auto columns = in.starts(2);
     for (std::int32_t& column : columns) column = in.random() % 9 == 0 ? -1 : column;
     const CodeSpread spread = build_code_spread(columns);
     EXPECT_TRUE(spread.usable());
-    bytes([&](std::uint8_t* a, std::uint8_t* b) {
-      kernels.spread_codes(in.base.data() + m, in.threshold.data() + m, spread.view(), a, b);
-    });
+    output(byte_guard, [&](auto* a, auto* b) { kernels.spread_codes(base, threshold, spread.view(), a, b); });
   }
-  std::fill(in.base.begin() + static_cast<std::ptrdiff_t>(m + n), in.base.end(), std::uint8_t{0});
-  std::fill(in.threshold.begin() + static_cast<std::ptrdiff_t>(m + n), in.threshold.end(), std::uint8_t{0});
+  for (auto* codes : {&in.base, &in.threshold}) std::fill(&(*codes)[m + n], &codes->back(), std::uint8_t{0});
   for (const int least : {1, 3, 128, 255}) {
     std::vector<std::uint64_t> words((n + 63) / 64 + 1, ~std::uint64_t{0});
-    kernels.bits_at_least(in.mask.data() + m, static_cast<std::uint8_t>(least), n, words.data());
-    for (const std::uint64_t word : words)
-      for (int i = 0; i < 8; ++i) result.push_back(static_cast<std::uint8_t>(word >> 8 * i));
+    kernels.bits_at_least(mask, static_cast<std::uint8_t>(least), n, words.data());
+    const auto* raw = reinterpret_cast<const std::uint8_t*>(words.data());
+    result.insert(result.end(), raw, raw + words.size() * sizeof words[0]);
   }
   std::vector<std::uint64_t> also(in.kept.rbegin(), in.kept.rend());
   for (const bool all : {false, true})
-    bytes([&](std::uint8_t* a, std::uint8_t* dots) {
-      const std::vector<std::uint8_t> before(a, a + n);
-      kernels.screen_packed(in.base.data() + m, in.threshold.data() + m, in.mask.data() + m,
-                            all ? nullptr : in.kept.data(), also.data(), n, a);
-      kernels.screen_row(in.base.data() + m, in.threshold.data() + m, in.mask.data() + m, n, dots);
+    output(byte_guard, [&](auto* a, auto* dots) {
+      std::vector<std::uint8_t> expected(a, a + n);
+      kernels.screen_packed(base, threshold, mask, all ? nullptr : in.kept.data(), also.data(), n, a);
+      kernels.screen_row(base, threshold, mask, n, dots);
       for (std::size_t i = 0; !all && i < also.size(); ++i) also[i] &= in.kept[i];
       if (!all) kernels.keep_dots(also.data(), n, dots);
-      std::vector<std::uint8_t> packed(packed_dots_bytes(static_cast<std::uint32_t>(n)));
-      pack_row(dots, static_cast<std::uint32_t>(n), packed.data());
-      EXPECT_TRUE(std::equal(packed.begin(), packed.end(), a));
-      EXPECT_TRUE(
-          std::equal(a + packed.size(), a + n, before.begin() + static_cast<std::ptrdiff_t>(packed.size())));
+      pack_row(dots, static_cast<std::uint32_t>(n), expected.data());
+      EXPECT_TRUE(std::equal(expected.begin(), expected.end(), a));
     });
   return result;
 }

@@ -1,5 +1,6 @@
-#include "screen/mask_cache.h"
+// The blue-noise masks: how they are made, kept in files and looked up.
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <filesystem>
@@ -11,7 +12,10 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include "core/fnv1a.h"
 #include "core/platform/paths.h"
+#include "screen/mask_cache.h"
+#include "screen/mask_generator.h"
 #include "support/failure.h"
 #include "support/fault_injection.h"
 #include "support/log_capture.h"
@@ -25,6 +29,105 @@ namespace fs = std::filesystem;
 using test::failure_of;
 using test::ScopedVariable;
 using testing::ElementsAre;
+
+/// Void-and-cluster as the textbook has it: every placement scans the whole tile.
+class PlainGenerator {
+ public:
+  PlainGenerator(int w, int h, float sigma) : w_(w), h_(h), sigma_(sigma), dot_(w * h), energy_(w * h) {}
+
+  std::vector<std::uint8_t> run(std::uint64_t x) {
+    const int pixels = w_ * h_, dots = std::max(pixels / 10, 1);
+    for (int set = 0; set < dots;) {
+      x ^= x << 13, x ^= x >> 7, x ^= x << 17;
+      const auto i = static_cast<int>(x % static_cast<std::uint64_t>(pixels));
+      if (!dot_[i]) ++set, put(i, true);
+    }
+    for (int from = -1, to = 0; from != to;) {
+      put(from = extreme(true), false);
+      put(to = extreme(false), true);
+    }
+    std::vector<std::uint8_t> bytes(dot_.size());
+    const auto rank_next = [&](bool dot, int rank) {
+      const int i = extreme(dot);
+      bytes[i] = static_cast<std::uint8_t>(rank * 255 / (pixels - 1));
+      put(i, !dot);
+    };
+    const PlainGenerator relaxed = *this;
+    for (int rank = dots - 1; rank >= 0; --rank) rank_next(true, rank);
+    *this = relaxed;
+    for (int rank = dots; rank < pixels; ++rank) rank_next(false, rank);
+    return bytes;
+  }
+
+ private:
+  /// The first dot of the highest energy, or the first void of the lowest.
+  int extreme(bool dot) const {
+    int best = 0;
+    while (dot_[best] != dot) ++best;
+    for (int i = best + 1; i < w_ * h_; ++i)
+      if (dot_[i] == dot && (dot ? energy_[i] > energy_[best] : energy_[i] < energy_[best])) best = i;
+    return best;
+  }
+
+  void put(int index, bool dot) {
+    dot_[index] = dot;
+    const int radius = std::max(static_cast<int>(std::ceil(sigma_ * 3)), 1);
+    for (int dy = -radius; dy <= radius; ++dy) {
+      for (int dx = -radius; dx <= radius; ++dx) {
+        const float weight = expf(-static_cast<float>(dx * dx + dy * dy) / ((sigma_ + sigma_) * sigma_));
+        const int y = ((index / w_ + dy) % h_ + h_) % h_, x = ((index % w_ + dx) % w_ + w_) % w_;
+        energy_[y * w_ + x] += dot ? weight : -weight;
+      }
+    }
+  }
+
+  int w_, h_;
+  float sigma_;
+  std::vector<std::uint8_t> dot_;
+  std::vector<float> energy_;
+};
+
+TEST(MaskGenerator, GivesTheBytesOfFullScans) {
+  const struct {
+    int w, h;
+    float sigma;
+  } cases[] = {{3, 3, 1.0f},    {10, 12, 3.0f}, {10, 16, 4.0f}, {2, 1, 1.5f},    {1, 2, 0.5f},
+               {1, 64, 1.5f},   {64, 1, 1.0f},  {7, 5, 0.4f},   {16, 8, 1.5f},   {17, 9, 1.5f},
+               {15, 40, 4.0f},  {37, 53, 2.0f}, {53, 37, 8.0f}, {64, 64, 0.01f}, {96, 40, 1.5f},
+               {300, 17, 1.5f}, {11, 11, 1.5f}, {33, 300, 1.0f}};
+  int index = 0;
+  for (const auto& c : cases) {
+    const std::uint64_t seed = mask_seed(index++ % 6);
+    std::vector<std::uint8_t> mask(static_cast<std::size_t>(c.w * c.h));
+    generate_mask(mask.data(), c.w, c.h, seed, c.sigma);
+    EXPECT_TRUE(mask == PlainGenerator(c.w, c.h, c.sigma).run(seed)) << c.w << "x" << c.h << " " << c.sigma;
+  }
+}
+
+TEST(MaskGenerator, DefaultSetNeverChanges) {
+  const test::LogCapture log;
+  const auto masks = generate_all_masks({});
+  EXPECT_EQ(masks.size(), 6u << 20);
+  EXPECT_EQ(fnv1a(masks.data(), masks.size()), 0xBC20D3E320440649ULL);
+  EXPECT_EQ(mask_seed(46341), 0xF6F1B6180B883CA5ULL) << "whose square is negative in 32 bits";
+}
+
+TEST(MaskGenerator, RejectsBadArguments) {
+  std::uint8_t out[4] = {};
+  const std::string bad = "MaskCache: invalid V&C generation parameters";
+  const std::string size = "MaskCache: V&C tile size is out of supported range";
+  const struct {
+    std::uint8_t* mask;
+    int w, h;
+    float sigma;
+    std::string failure;
+  } cases[] = {{nullptr, 2, 2, 1.5f, bad}, {out, 0, 2, 1.5f, bad},           {out, 2, -1, 1.5f, bad},
+               {out, 2, 2, NAN, bad},      {out, 2, 2, INFINITY, bad},       {out, 2, 2, 0.0f, bad},
+               {out, 2, 2, -1.0f, bad},    {out, 2, 2, 64.5f, bad},          {out, 2, 2, 1e-30f, bad},
+               {out, 1, 1, 1.5f, size},    {out, 0x7FFFFFFF, 2, 1.5f, size}, {out, 2, 1, 64.0f, ""}};
+  for (const auto& c : cases)
+    EXPECT_EQ(failure_of([&] { generate_mask(c.mask, c.w, c.h, 1, c.sigma); }), c.failure) << c.sigma;
+}
 
 constexpr MaskParams kSmall{16, 12, 2, 1.5f, 5};
 constexpr const char* kSmallName = "bnmask_v5_16x12_m2_sg15.bin";
@@ -66,29 +169,32 @@ TEST(MaskCache, ReplacesAFileThatDoesNotFit) {
   const std::string bad_hash = "[WARN ] MaskCache: CRC mismatch, regenerating.";
   constexpr std::size_t kWhole = kHeader + 16 * 12 * 2;
   const struct {
-    std::size_t flip, size;  // offset of a byte to change, where the file is cut off
+    std::vector<std::size_t> flips;  // offsets of bytes to change, one at a time
+    std::size_t size;                // where the file is cut off
     const std::string& first_line;
-  } cases[] = {{3, kWhole, mismatch},          {4, kWhole, mismatch},         {8, kWhole, mismatch},
-               {12, kWhole, mismatch},         {16, kWhole, mismatch},        {20, kWhole, mismatch},
-               {24, kWhole, mismatch},         {48, kWhole, bad_hash},        {kHeader, kWhole, bad_hash},
-               {kWhole - 1, kWhole, bad_hash}, {kWhole, kWhole - 1, kBanner}, {kWhole, kHeader - 1, kBanner},
-               {8, kHeader, mismatch},         {kWhole, 0, kBanner}};
+  } cases[] = {{{3, 4, 8, 12, 16, 20, 24}, kWhole, mismatch},
+               {{8}, kHeader, mismatch},
+               {{48, kHeader, kWhole - 1}, kWhole, bad_hash},
+               {{kWhole}, kWhole - 1, kBanner},
+               {{kWhole}, kHeader - 1, kBanner},
+               {{kWhole}, 0, kBanner}};
   const test::TempDir dir;
   test::LogCapture log;
   const std::string path = dir.file(kSmallName);
   const std::string masks = all_bytes(MaskCache(kSmall, dir.path().string()));
   const std::string good = test::read_all(path);
   ASSERT_EQ(good.size(), kWhole);
-  for (const auto& c : cases) {
-    SCOPED_TRACE(testing::Message() << "byte " << c.flip << " of " << c.size);
-    std::string bad = good;
-    if (c.flip < kWhole) bad[c.flip] ^= 1;
-    test::write_all(path, bad.substr(0, c.size));
-    log.take();
-    EXPECT_EQ(all_bytes(MaskCache(kSmall, dir.path().string())), masks);
-    EXPECT_EQ(log.take().front(), c.first_line);
-    EXPECT_EQ(test::read_all(path), good);
-  }
+  for (const auto& c : cases)
+    for (const std::size_t flip : c.flips) {
+      SCOPED_TRACE(testing::Message() << "byte " << flip << " of " << c.size);
+      std::string bad = good;
+      if (flip < kWhole) bad[flip] ^= 1;
+      test::write_all(path, bad.substr(0, c.size));
+      log.take();
+      EXPECT_EQ(all_bytes(MaskCache(kSmall, dir.path().string())), masks);
+      EXPECT_EQ(log.take().front(), c.first_line);
+      EXPECT_EQ(test::read_all(path), good);
+    }
   EXPECT_THAT(dir.names(), ElementsAre(kSmallName));
   EXPECT_NE(all_bytes(MaskCache({16, 12, 2, 1.55f, 5}, dir.path().string())), masks) << "file of that name";
 }
