@@ -302,6 +302,8 @@ TEST(RipEngine, ChokesOnlyWhereTheSettingsAsk) {
   Random random(5);
   const auto plane = random_plane(random, 30, 12);
   const ChokeContext choke = random_choke(random, 72, 72);
+  ChokeContext bare;  // of the right size, but without its masks
+  bare.width = bare.height = 72, bare.adaptive = true;
   const auto production = DeviceChokeAlgorithm::production, adaptive = DeviceChokeAlgorithm::adaptive;
   const struct {
     bool enabled;
@@ -321,7 +323,9 @@ TEST(RipEngine, ChokesOnlyWhereTheSettingsAsk) {
     params.white_choke_strategy = c.strategy;
     RipEngine engine(params);
     const auto applied = [&](std::int32_t channel, const std::uint8_t* coverage) {
-      return screened(engine, plane, 30, channel, coverage, &choke) != screened(engine, plane, 30, channel);
+      const auto unchoked = screened(engine, plane, 30, channel);
+      EXPECT_TRUE(screened(engine, plane, 30, channel, coverage, &bare) == unchoked);
+      return screened(engine, plane, 30, channel, coverage, &choke) != unchoked;
     };
     EXPECT_EQ(applied(0, plane.data()), c.colour);
     EXPECT_FALSE(applied(0, nullptr));
