@@ -302,8 +302,8 @@ TEST(RipEngine, ChokesOnlyWhereTheSettingsAsk) {
   Random random(5);
   const auto plane = random_plane(random, 30, 12);
   const ChokeContext choke = random_choke(random, 72, 72);
-  ChokeContext bare;  // of the right size, but without its masks
-  bare.width = bare.height = 72, bare.adaptive = true;
+  ChokeContext torn = random_choke(random, 72, 71);
+  torn.height = 72;  // the right size, but its masks lack a row
   const auto production = DeviceChokeAlgorithm::production, adaptive = DeviceChokeAlgorithm::adaptive;
   const struct {
     bool enabled;
@@ -324,7 +324,7 @@ TEST(RipEngine, ChokesOnlyWhereTheSettingsAsk) {
     RipEngine engine(params);
     const auto applied = [&](std::int32_t channel, const std::uint8_t* coverage) {
       const auto unchoked = screened(engine, plane, 30, channel);
-      EXPECT_TRUE(screened(engine, plane, 30, channel, coverage, &bare) == unchoked);
+      EXPECT_TRUE(screened(engine, plane, 30, channel, coverage, &torn) == unchoked);
       return screened(engine, plane, 30, channel, coverage, &choke) != unchoked;
     };
     EXPECT_EQ(applied(0, plane.data()), c.colour);
