@@ -1,6 +1,8 @@
 #include "image/banded_raster_source.h"
 
 #include <cstring>
+#include <exception>
+#include <new>
 
 namespace nvo {
 namespace {
@@ -73,6 +75,40 @@ bool BandedRasterSource::read_rectangle(const RasterRegion& region, std::vector<
   if (!read_rows(region.y, region.height, out, &error)) return false;
   if (region.width < meta_.width) crop_columns(region, row_bytes(), meta_.channel_count, out);
   return true;
+}
+
+bool BandedRasterSource::read_from_full_image(std::uint32_t y, std::uint32_t rows,
+                                              std::vector<std::uint8_t>& out, std::string& error) {
+  if (!require_full_image(error)) return false;
+  const auto* first = full_image_.data() + y * row_bytes();
+  out.assign(first, first + rows * row_bytes());
+  return true;
+}
+
+bool BandedRasterSource::require_full_image(std::string& error) {
+  if (!full_image_.empty()) return true;
+  if (const auto known = failures_->failure(DecodeStage::whole_image)) {
+    error = *known;
+    return false;
+  }
+  error = try_full_decode();
+  if (error.empty()) return true;
+  failures_->remember(DecodeStage::whole_image, error);
+  return false;
+}
+
+/// Empty, or why there is no image.
+std::string BandedRasterSource::try_full_decode() try {
+  full_image_ = decode_full_image();
+  if (full_image_.empty()) return format_ + " full decode produced empty image";
+  ++stats_.full_decodes;
+  return {};
+} catch (const std::bad_alloc&) {
+  throw;
+} catch (const std::exception& failure) {
+  return failure.what();
+} catch (...) {
+  return "unknown " + format_ + " decode error";
 }
 
 }  // namespace nvo

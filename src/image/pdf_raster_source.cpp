@@ -1,5 +1,6 @@
 #include "image/pdf_raster_source.h"
 
+#include <stdexcept>
 #include <utility>
 #include <vector>
 
@@ -11,9 +12,10 @@ namespace {
 
 class PdfRasterSource final : public BandedRasterSource {
  public:
-  explicit PdfRasterSource(LoadedImage image)
-      : BandedRasterSource(std::move(static_cast<ImageMeta&>(image))), pixels_(std::move(image.pixels)) {
-    if (!pixels_.empty()) stats_.full_decodes = 1;
+  PdfRasterSource(LoadedImage image, SharedFailures failures)
+      : BandedRasterSource(std::move(static_cast<ImageMeta&>(image)), "PDF", std::move(failures)) {
+    full_image_ = std::move(image.pixels);
+    if (!full_image_.empty()) stats_.full_decodes = 1;
   }
 
   bool supports_row_reads() const override { return true; }
@@ -22,22 +24,18 @@ class PdfRasterSource final : public BandedRasterSource {
  private:
   bool read_band(std::uint32_t y, std::uint32_t rows, std::vector<std::uint8_t>& out,
                  std::string& error) override {
-    if (pixels_.empty()) {
-      error = "PDF raster source has no pixels";
-      return false;
-    }
-    const auto* first = pixels_.data() + y * row_bytes();
-    out.assign(first, first + rows * row_bytes());
-    return true;
+    return read_from_full_image(y, rows, out, error);
   }
 
-  std::vector<std::uint8_t> pixels_;
+  std::vector<std::uint8_t> decode_full_image() override {
+    throw std::runtime_error("PDF raster source has no pixels");
+  }
 };
 
 }  // namespace
 
-std::shared_ptr<RasterSource> open_pdf_source(const std::string& path, SharedFailures) {
-  return std::make_shared<PdfRasterSource>(load_first_pdf_page(path));
+std::shared_ptr<RasterSource> open_pdf_source(const std::string& path, SharedFailures failures) {
+  return std::make_shared<PdfRasterSource>(load_first_pdf_page(path), std::move(failures));
 }
 
 }  // namespace nvo

@@ -16,10 +16,9 @@ namespace {
 class TiffRasterSource final : public BandedRasterSource {
  public:
   TiffRasterSource(const std::string& path, TiffReader reader, TiffMeta tiff, SharedFailures failures)
-      : BandedRasterSource(describe_tiff(path, tiff)),
+      : BandedRasterSource(describe_tiff(path, tiff), "TIFF", std::move(failures)),
         tiff_(std::move(tiff)),
-        reader_(std::move(reader)),
-        failures_(std::move(failures)) {}
+        reader_(std::move(reader)) {}
 
   bool supports_row_reads() const override { return true; }
 
@@ -31,10 +30,7 @@ class TiffRasterSource final : public BandedRasterSource {
   bool read_band(std::uint32_t y, std::uint32_t rows, std::vector<std::uint8_t>& out,
                  std::string& error) override {
     if (!fallback_ && read_native(y, rows, out)) return true;
-    if (!decode_full_image(error)) return false;
-    const auto* first = full_image_.data() + y * row_bytes();
-    out.assign(first, first + rows * row_bytes());
-    return true;
+    return read_from_full_image(y, rows, out, error);
   }
 
   bool read_native(std::uint32_t y, std::uint32_t rows, std::vector<std::uint8_t>& out) {
@@ -71,42 +67,18 @@ class TiffRasterSource final : public BandedRasterSource {
     log_warn("RasterSource(TIFF): ", fallback_reason_, "; switching to full-load fallback for ", meta_.path);
   }
 
-  bool decode_full_image(std::string& error) {
-    if (!full_image_.empty()) return true;
-    if (const auto known = failures_->failure(DecodeStage::whole_image)) {
-      error = *known;
-      return false;
-    }
-    error = try_full_decode();
-    if (error.empty()) return true;
-    failures_->remember(DecodeStage::whole_image, error);
-    return false;
-  }
-
-  /// Empty, or why there is no image.
-  std::string try_full_decode() try {
+  std::vector<std::uint8_t> decode_full_image() override {
     std::vector<std::uint8_t> image;
     read_presented(0, tiff_.height, image);
-    if (image.empty()) return "TIFF full decode produced empty image";
-    full_image_ = std::move(image);
-    ++stats_.full_decodes;
     // From here on only the image itself is needed.
     reader_.close();
     std::vector<std::uint8_t>().swap(gray_band_);
-    return {};
-  } catch (const std::bad_alloc&) {
-    throw;
-  } catch (const std::exception& failure) {
-    return failure.what();
-  } catch (...) {
-    return "unknown TIFF decode error";
+    return image;
   }
 
   TiffMeta tiff_;
   TiffReader reader_;
-  SharedFailures failures_;
-  std::vector<std::uint8_t> gray_band_;   // as the file has it; its memory serves all reads
-  std::vector<std::uint8_t> full_image_;  // empty until a band read has failed
+  std::vector<std::uint8_t> gray_band_;  // as the file has it; its memory serves all reads
   bool fallback_ = false;
   std::string fallback_reason_;
 };

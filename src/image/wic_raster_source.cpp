@@ -19,7 +19,7 @@ namespace {
 class WicRasterSource final : public BandedRasterSource {
  public:
   WicRasterSource(const std::string& path, WicFile file, SharedFailures failures)
-      : BandedRasterSource(describe_wic(path, file.info)), failures_(std::move(failures)) {
+      : BandedRasterSource(describe_wic(path, file.info), "WIC", std::move(failures)) {
     try {
       if (file.decoder->info().needs_whole_frame) wic_rgba_layout(meta_.width, meta_.height, "WIC frame");
       file.decoder->start();
@@ -44,10 +44,7 @@ class WicRasterSource final : public BandedRasterSource {
 
   bool read_band(std::uint32_t y, std::uint32_t rows, Bytes& out, std::string& error) override {
     if (native_ && read_native({0, y, meta_.width, rows}, "row", out)) return true;
-    if (!decode_full_image(error)) return false;
-    const auto* first = full_image_.data() + y * row_bytes();
-    out.assign(first, first + rows * row_bytes());
-    return true;
+    return read_from_full_image(y, rows, out, error);
   }
 
   bool read_rectangle(const RasterRegion& region, Bytes& out, std::string& error) override {
@@ -88,33 +85,11 @@ class WicRasterSource final : public BandedRasterSource {
     explain(failure);
   }
 
-  bool decode_full_image(std::string& error) {
-    if (!full_image_.empty()) return true;
-    if (const auto known = failures_->failure(DecodeStage::whole_image)) {
-      error = *known;
-      return false;
-    }
-    error = try_full_decode();
-    if (error.empty()) return true;
-    failures_->remember(DecodeStage::whole_image, error);
-    return false;
-  }
-
-  /// Empty, or why there is no image.
-  std::string try_full_decode() try {
+  Bytes decode_full_image() override {
     WicDecodedImage image = wic_decode_rgba(meta_.path);
-    if (image.pixels.empty()) return "WIC full decode produced empty image";
-    if (image.width != meta_.width || image.height != meta_.height)
-      return "the file was replaced by another image";
-    full_image_ = std::move(image.pixels);
-    ++stats_.full_decodes;
-    return {};
-  } catch (const std::bad_alloc&) {
-    throw;
-  } catch (const std::exception& failure) {
-    return failure.what();
-  } catch (...) {
-    return "unknown WIC decode error";
+    if (!image.pixels.empty() && (image.width != meta_.width || image.height != meta_.height))
+      throw std::runtime_error("the file was replaced by another image");
+    return std::move(image.pixels);
   }
 
   void explain(const std::exception& failure) const {
@@ -123,8 +98,6 @@ class WicRasterSource final : public BandedRasterSource {
 
   std::unique_ptr<SpooledRows> native_;  // null once rows come from the full image
   std::string native_error_;
-  Bytes full_image_;  // empty until a native read has failed
-  SharedFailures failures_;
 };
 
 }  // namespace
