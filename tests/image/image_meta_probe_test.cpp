@@ -9,8 +9,6 @@
 namespace nvo::test {
 namespace {
 
-using ::testing::ElementsAre;
-
 constexpr auto kTiff = static_cast<std::size_t>(ImageSourceKind::tiff);
 
 class ImageMetaProbeTest : public ImageTest {

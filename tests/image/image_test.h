@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <string>
 #include <utility>
@@ -19,6 +20,13 @@
 #include "support/temp_dir.h"
 
 namespace nvo::test {
+
+using namespace std::string_literals;
+using ::testing::AllOf;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::StartsWith;
 
 using Bytes = std::vector<std::uint8_t>;
 

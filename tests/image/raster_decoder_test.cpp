@@ -13,9 +13,6 @@
 namespace nvo::test {
 namespace {
 
-using namespace std::string_literals;
-using ::testing::HasSubstr;
-
 class RasterDecoderTest : public ImageTest {
  protected:
   RasterInfo info_;

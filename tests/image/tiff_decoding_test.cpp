@@ -1,35 +1,15 @@
 // Decoding in one thread and in several, with libtiff's own way of undoing differences as the plain form.
 #include <algorithm>
-#include <cstdlib>
 #include <fstream>
-#include <string>
 #include <string_view>
-#include <vector>
 
-#include <gtest/gtest.h>
-
+#include "image/image_test.h"
 #include "image/tiff_reader.h"
-#include "support/log_capture.h"
-#include "support/temp_dir.h"
+#include "support/scoped_variable.h"
 #include "support/tiff_file.h"
 
 namespace nvo::test {
 namespace {
-
-using Bytes = std::vector<std::uint8_t>;
-
-/// The way that composition divides its work, for the life of the object.
-class ComposeThreads {
- public:
-  explicit ComposeThreads(int threads) {
-    ::setenv("NVO_RIP_PARALLEL_COMPOSE_ITEMS", threads > 1 ? "1" : "0", 1);
-    ::setenv("NVO_RIP_COMPOSE_THREADS", std::to_string(threads).c_str(), 1);
-  }
-  ~ComposeThreads() {
-    ::unsetenv("NVO_RIP_PARALLEL_COMPOSE_ITEMS");
-    ::unsetenv("NVO_RIP_COMPOSE_THREADS");
-  }
-};
 
 /// One result of reading a file: the pixels of some bands, upwards with an overlap, or an error; and the log
 /// without the lines on buffers, which threads have of their own.
@@ -41,50 +21,82 @@ struct Reading {
   bool operator==(const Reading&) const = default;
 };
 
-Reading read_upwards(const std::string& path, int threads, std::uint32_t height) {
-  const ComposeThreads setting(threads);
-  Reading reading;
-  LogCapture log;
-  try {
-    TiffReader reader;
-    reader.open(path);
-    for (std::uint32_t end = height; end > 0; end = end > 40 ? end - 35 : 0) {
-      const std::uint32_t begin = end > 40 ? end - 40 : 0;
-      reading.bands.push_back(reader.read_rows(begin, end - begin));
-    }
-  } catch (const std::exception& failure) {
-    reading.error = failure.what();
-  }
-  reading.log = log.take();
-  std::erase_if(reading.log,
-                [](const std::string& line) { return line.find(" buffer of ") != std::string::npos; });
-  return reading;
+std::vector<Bytes> bands_upwards(std::uint32_t height,
+                                 const std::function<Bytes(std::uint32_t y, std::uint32_t rows)>& band) {
+  std::vector<Bytes> bands;
+  for (std::uint32_t end = height; end > 0; end = end > 40 ? end - 35 : 0)
+    bands.push_back(band(end - std::min(end, 40u), std::min(end, 40u)));
+  return bands;
 }
 
-TEST(TiffDecoding, GivesTheSamplesOfTheFileWithAnyPredictorAndThreads) {
-  const TempDir dir;
-  const std::string path = dir.file("a.tif");
+class TiffDecoding : public ImageTest {
+ protected:
+  const std::string path_ = dir_.file("a.tif");
+
+  /// Opens the file for a reader that divides its work among so many threads.
+  void with_reader(int threads, const std::function<void(TiffReader&)>& use) const {
+    const ScopedVariable mode("NVO_RIP_PARALLEL_COMPOSE_ITEMS", threads > 1 ? "1" : "0");
+    const ScopedVariable count("NVO_RIP_COMPOSE_THREADS", std::to_string(threads).c_str());
+    TiffReader reader;
+    reader.open(path_);
+    use(reader);
+  }
+
+  Reading read_upwards(int threads, std::uint32_t height) {
+    Reading reading;
+    log_.take();
+    reading.error = failure_of([&] {
+      with_reader(threads, [&](TiffReader& reader) {
+        bands_upwards(height, [&](std::uint32_t y, std::uint32_t rows) {
+          return reading.bands.emplace_back(reader.read_rows(y, rows));
+        });
+      });
+    });
+    reading.log = log_.take();
+    std::erase_if(reading.log, [](const auto& line) { return line.find(" buffer of ") != line.npos; });
+    return reading;
+  }
+
+  /// What one thread reads; expects the same of several, so many times each.
+  Reading expect_same(std::uint32_t height, std::initializer_list<int> thread_counts, int runs) {
+    const Reading plain = read_upwards(1, height);
+    for (const int threads : thread_counts)
+      for (int run = 0; run < runs; ++run) {
+        const Reading reading = read_upwards(threads, height);
+        EXPECT_EQ(reading.error, plain.error) << threads;
+        EXPECT_EQ(reading.log, plain.log) << threads;
+        EXPECT_TRUE(reading.bands == plain.bands) << threads;
+      }
+    return plain;
+  }
+
+  /// Writes a file whose strips or tiles hold `packed(number)`.
+  void write_raw(const TiffFile& file, std::uint32_t pieces,
+                 const std::function<std::string(std::uint32_t number)>& packed) const {
+    TIFF* tiff = TIFFOpen(path_.c_str(), "w");
+    set_tags(tiff, file);
+    for (std::uint32_t number = 0; number < pieces; ++number) {
+      std::string bytes = packed(number);
+      const auto write = file.tile_width != 0 ? TIFFWriteRawTile : TIFFWriteRawStrip;
+      write(tiff, number, bytes.data(), static_cast<tmsize_t>(bytes.size()));
+    }
+    TIFFClose(tiff);
+  }
+};
+
+TEST_F(TiffDecoding, GivesTheSamplesOfTheFileWithAnyPredictorAndThreads) {
   for (const std::uint16_t samples : std::initializer_list<std::uint16_t>{1, 2, 3, 4, 5, 8, 9})
     for (const std::uint16_t predictor : std::initializer_list<std::uint16_t>{1, 2})
       for (const std::uint32_t tile : {0u, 16u}) {
-        const TiffFile file{.samples = samples,
-                            .width = 53,
-                            .height = 130,
-                            .compression = COMPRESSION_ADOBE_DEFLATE,
-                            .predictor = predictor,
-                            .rows_per_strip = 7,
-                            .tile_width = tile,
-                            .tile_length = tile};
-        write_tiff(path, file);
-        const Reading plain = read_upwards(path, 1, file.height);
-        std::uint32_t end = file.height;
-        for (const Bytes& band : plain.bands) {
-          const std::uint32_t begin = end > 40 ? end - 40 : 0;
-          ASSERT_EQ(band, file.band(begin, end - begin)) << samples << " samples, predictor " << predictor;
-          end = end > 40 ? end - 35 : 0;
-        }
-        for (const int threads : {2, 3, 16})
-          EXPECT_TRUE(read_upwards(path, threads, file.height) == plain) << samples << " " << tile;
+        TiffFile file{.samples = samples, .width = 53, .height = 130, .predictor = predictor};
+        file.compression = COMPRESSION_ADOBE_DEFLATE;
+        file.rows_per_strip = 7;
+        file.tile_width = file.tile_length = tile;
+        write_tiff(path_, file);
+        SCOPED_TRACE(std::to_string(samples) + " samples, predictor " + std::to_string(predictor));
+        const Reading plain = expect_same(file.height, {2, 3, 16}, 1);
+        ASSERT_EQ(plain.bands,
+                  bands_upwards(file.height, [&](auto y, auto rows) { return file.band(y, rows); }));
       }
 }
 
@@ -100,63 +112,33 @@ std::string runs_of(std::size_t bytes, char value) {
 }
 
 // Such a row is not kept, and room for its rows is made as they come.
-TEST(TiffDecoding, TilesOfARowAbove64MiBAreDecodedSideBySide) {
-  const TempDir dir;
-  const std::string path = dir.file("a.tif");
-  const TiffFile file{.samples = 8,
-                      .photometric = PHOTOMETRIC_SEPARATED,
-                      .width = 8300,
-                      .height = 1024,
-                      .compression = COMPRESSION_PACKBITS,
-                      .tile_width = 128,
-                      .tile_length = 1024};
-  const std::uint32_t tiles = (file.width + file.tile_width - 1) / file.tile_width;
-  TIFF* tiff = TIFFOpen(path.c_str(), "w");
-  ASSERT_TRUE(tiff);
-  set_tags(tiff, file);
-  for (std::uint32_t tile = 0; tile < tiles; ++tile) {
-    std::string packed =
-        runs_of(file.tile_width * file.tile_length * file.samples, static_cast<char>(tile + 1));
-    TIFFWriteRawTile(tiff, tile, packed.data(), static_cast<tmsize_t>(packed.size()));
-  }
-  TIFFClose(tiff);
-
-  constexpr std::uint32_t kRows = 60;
-  Bytes expected(std::size_t{file.row_bytes()} * kRows);
-  for (std::size_t i = 0; i < expected.size(); ++i)
-    expected[i] = static_cast<std::uint8_t>(i % file.row_bytes() / (file.tile_width * file.samples) + 1);
-  for (const int threads : {1, 2, 3}) {
-    const ComposeThreads setting(threads);
-    TiffReader reader;
-    reader.open(path);
-    EXPECT_TRUE(reader.read_rows(500, kRows) == expected) << threads;
-  }
+TEST_F(TiffDecoding, TilesOfARowAbove64MiBAreDecodedSideBySide) {
+  TiffFile file{.samples = 8, .photometric = PHOTOMETRIC_SEPARATED, .width = 8300, .height = 1024};
+  file.compression = COMPRESSION_PACKBITS;
+  file.tile_width = 128, file.tile_length = 1024;
+  file.pixel = [&](std::uint32_t x, std::uint32_t, std::uint8_t* samples) {
+    std::fill_n(samples, file.samples, static_cast<std::uint8_t>(x / file.tile_width + 1));
+  };
+  write_raw(file, (file.width + file.tile_width - 1) / file.tile_width, [&](std::uint32_t tile) {
+    return runs_of(file.tile_width * file.tile_length * file.samples, static_cast<char>(tile + 1));
+  });
+  const Bytes expected = file.band(500, 60);
+  for (const int threads : {1, 2, 3})
+    with_reader(threads,
+                [&](TiffReader& reader) { EXPECT_TRUE(reader.read_rows(500, 60) == expected) << threads; });
 }
 
-using Codes = std::vector<unsigned>;
-
-/// Codes of nine bits, in the order of TIFF's LZW or in the old one.
-std::string lzw_bytes(const Codes& codes, bool old_style) {
+/// A strip of codes of nine bits, in the order of TIFF's LZW or in the old one.
+std::string lzw_strip(std::uint32_t first_value, std::uint32_t width, bool old_style) {
+  std::vector<unsigned> codes{256};
+  for (std::uint32_t x = 0; x < width; ++x) codes.push_back(first_value + x);
+  codes.push_back(257);
   std::string bytes((codes.size() * 9 + 7) / 8, '\0');
   for (std::size_t i = 0; i < codes.size() * 9; ++i) {
     const bool set = codes[i / 9] >> (old_style ? i % 9 : 8 - i % 9) & 1;
     if (set) bytes[i / 8] = static_cast<char>(bytes[i / 8] | (old_style ? 1 << i % 8 : 0x80 >> i % 8));
   }
   return bytes;
-}
-
-/// Strips of both dialects; which one a decoder expects, it takes from the first strip that it sees.
-void write_two_lzw_dialects(const std::string& path, const TiffFile& file) {
-  TIFF* tiff = TIFFOpen(path.c_str(), "w");
-  set_tags(tiff, file);
-  for (std::uint32_t strip = 0; strip < file.height; ++strip) {
-    Codes codes{256};
-    for (std::uint32_t x = 0; x < file.width; ++x) codes.push_back(strip + x);
-    codes.push_back(257);
-    std::string bytes = lzw_bytes(codes, strip % 3 == 0);
-    TIFFWriteRawStrip(tiff, strip, bytes.data(), static_cast<tmsize_t>(bytes.size()));
-  }
-  TIFFClose(tiff);
 }
 
 /// Strips with tables of their own, different ones, and strips without, which take those of the strip before.
@@ -177,63 +159,41 @@ void write_jpeg_without_some_tables(const std::string& path, const TiffFile& fil
       bytes.replace(at + kBeforeValues, kValues, kValues, static_cast<char>(tables + 1));
     else
       bytes.replace(at, kTable.size(), kComment);
-  std::ofstream(path, std::ios::binary) << bytes;
+  write_all(path, bytes);
 }
 
-TEST(TiffDecoding, PiecesThatLeanOnOthersAreDecodedAsInOrder) {
-  const TempDir dir;
-  const std::string lzw = dir.file("lzw.tif"), jpeg = dir.file("jpeg.tif");
-  write_two_lzw_dialects(lzw, {.width = 100, .height = 328, .rows_per_strip = 1});
-  write_jpeg_without_some_tables(
-      jpeg, {.width = 64, .height = 328, .compression = COMPRESSION_JPEG, .rows_per_strip = 8});
-  for (const std::string& path : {lzw, jpeg}) {
-    const Reading plain = read_upwards(path, 1, 328);
-    for (int run = 0; run < 20; ++run) ASSERT_TRUE(read_upwards(path, 3, 328) == plain) << path;
-  }
+TEST_F(TiffDecoding, PiecesThatLeanOnOthersAreDecodedAsInOrder) {
+  // Which of two dialects a decoder expects, it takes from the first strip that it sees.
+  const TiffFile lzw{.width = 100, .height = 328, .rows_per_strip = 1};
+  write_raw(lzw, lzw.height, [&](std::uint32_t y) { return lzw_strip(y, lzw.width, y % 3 == 0); });
+  expect_same(lzw.height, {3}, 20);
+
+  const TiffFile jpeg{.width = 64, .height = 328, .compression = COMPRESSION_JPEG, .rows_per_strip = 8};
+  write_jpeg_without_some_tables(path_, jpeg);
+  expect_same(jpeg.height, {3}, 20);
 }
 
-TEST(TiffDecoding, AFileWrittenAnewIsNotDecodedIntoBuffersOfTheOldOne) {
-  const TempDir dir;
-  const std::string path = dir.file("a.tif");
-  const auto write = [&](std::uint32_t tile) {
-    write_tiff(path, {.width = 1024,
-                      .height = 512,
-                      .compression = COMPRESSION_NONE,
-                      .tile_width = tile,
-                      .tile_length = tile});
-  };
-  write(16);
-  TiffReader reader;
-  reader.open(path);
-  write(512);
-  const ComposeThreads setting(3);
-  EXPECT_EQ(reader.read_rows(8, 40).size(), std::size_t{1024} * 40);
+TEST_F(TiffDecoding, AFileWrittenAnewIsNotDecodedIntoBuffersOfTheOldOne) {
+  TiffFile file{.width = 1024, .height = 512, .compression = COMPRESSION_NONE, .tile_width = 16};
+  file.tile_length = 16;
+  write_tiff(path_, file);
+  with_reader(3, [&](TiffReader& reader) {
+    file.tile_width = file.tile_length = 512;
+    write_tiff(path_, file);
+    EXPECT_EQ(reader.read_rows(8, 40).size(), std::size_t{1024} * 40);
+  });
 }
 
-TEST(TiffDecoding, SeveralDamagedPiecesFailAsInOrder) {
-  const TempDir dir;
-  const std::string path = dir.file("a.tif");
+TEST_F(TiffDecoding, SeveralDamagedPiecesFailAsInOrder) {
+  TiffFile file{.samples = 4, .photometric = PHOTOMETRIC_SEPARATED, .width = 90, .height = 96};
+  file.compression = COMPRESSION_ADOBE_DEFLATE;
+  file.predictor = PREDICTOR_HORIZONTAL;
+  file.rows_per_strip = 4;
   for (const std::uint32_t tile : {0u, 16u}) {
-    const TiffFile file{.samples = 4,
-                        .photometric = PHOTOMETRIC_SEPARATED,
-                        .width = 90,
-                        .height = 96,
-                        .compression = COMPRESSION_ADOBE_DEFLATE,
-                        .predictor = PREDICTOR_HORIZONTAL,
-                        .rows_per_strip = 4,
-                        .tile_width = tile,
-                        .tile_length = tile};
-    write_tiff(path, file);
-    for (const std::uint32_t piece : {14u, 15u, 17u}) damage_piece(path, piece);
-    const Reading plain = read_upwards(path, 1, file.height);
-    EXPECT_NE(plain.error.find("error reading"), std::string::npos);
-    for (const int threads : {2, 5})
-      for (int run = 0; run < 10; ++run) {
-        const Reading reading = read_upwards(path, threads, file.height);
-        ASSERT_EQ(reading.error, plain.error);
-        ASSERT_EQ(reading.log, plain.log);
-        ASSERT_TRUE(reading.bands == plain.bands);
-      }
+    file.tile_width = file.tile_length = tile;
+    write_tiff(path_, file);
+    for (const std::uint32_t piece : {14u, 15u, 17u}) damage_piece(path_, piece);
+    EXPECT_THAT(expect_same(file.height, {2, 5}, 10).error, HasSubstr("error reading"));
   }
 }
 

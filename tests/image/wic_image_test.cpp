@@ -6,6 +6,7 @@
 #include "image/image_test.h"
 #include "image/raster_source.h"
 #include "raster_files.h"
+#include "support/scoped_variable.h"
 
 namespace nvo::test {
 namespace {
@@ -92,20 +93,19 @@ TEST_F(WicImageTest, PngSuiteFiles) {
     for (std::size_t i = 0; i < image.white_coverage.size(); ++i)
       ASSERT_EQ(image.white_coverage[i], c.has_alpha ? image.pixels[i * 4 + 3] : 255);
   }
-  EXPECT_EQ(load_failure(suite_file("xcsn0g01")), "WIC CopyPixels failed");
-  EXPECT_EQ(load_failure(suite_file("xdtn0g01")), "WIC GetFrame failed");
-  EXPECT_EQ(load_failure(suite_file("xhdn0g08")), "WIC GetFrame failed");
-  EXPECT_EQ(load_failure(suite_file("xs4n0g01")), "WIC cannot open: " + suite_file("xs4n0g01"));
+  const std::pair<const char*, std::string> broken[] = {
+      {"xcsn0g01", "WIC CopyPixels failed"},
+      {"xdtn0g01", "WIC GetFrame failed"},
+      {"xhdn0g08", "WIC GetFrame failed"},
+      {"xs4n0g01", "WIC cannot open: " + suite_file("xs4n0g01")},
+  };
+  for (const auto& [name, text] : broken) EXPECT_EQ(load_failure(suite_file(name)), text);
 }
 
 TEST_F(WicImageTest, TrnsScanReadsChunkHeadersOnly) {
-  using namespace std::string_literals;
   const std::string signature = "\x89PNG\r\n\x1A\n";
   const std::string other = "\0\0\0\2abcd..crc-"s, trns = "\0\0\0\1tRNS"s, data = "\0\0\0\1IDAT.crc-"s;
-  const struct {
-    std::string bytes;
-    bool found;
-  } cases[] = {
+  const std::pair<std::string, bool> cases[] = {
       {signature + other + trns, true},
       {signature + other + data + trns, false},
       {signature + "\0\0\0\0IENDcrc-"s + trns, false},
@@ -114,8 +114,7 @@ TEST_F(WicImageTest, TrnsScanReadsChunkHeadersOnly) {
       {"x" + trns, false},
       {"", false},
   };
-  for (std::size_t i = 0; i < std::size(cases); ++i)
-    EXPECT_EQ(png_has_trns(write("a", cases[i].bytes)), cases[i].found) << i;
+  for (const auto& [bytes, found] : cases) EXPECT_EQ(png_has_trns(write("a", bytes)), found) << bytes;
   EXPECT_FALSE(png_has_trns(dir_.file("none")));
   EXPECT_FALSE(png_has_trns(dir_.path()));
 }
@@ -189,12 +188,8 @@ TEST_F(WicImageTest, DecodesTheWholeImageWhenTheTemporaryFileFails) {
   const PngFile file{.width = 2100, .height = 2100};
   const std::string path = write("a.png", file.bytes());
   const auto source = make_raster_source(path);
-  const char* old = std::getenv("TMPDIR");
-  const std::string old_folder = old ? old : "/tmp";
-  ::setenv("TMPDIR", dir_.file("none").c_str(), 1);
+  const ScopedVariable folder("TMPDIR", dir_.file("none").c_str());
   EXPECT_TRUE(source->read_rows(2000, 100, out_, &error_));
-  ::setenv("TMPDIR", old_folder.c_str(), 1);
-
   EXPECT_TRUE(out_ == band(file.pixels(), 2100, 2000, 100));
   EXPECT_TRUE(source->read_region({1, 1, 2, 2}, out_, &error_));
   const std::string reason = "WIC CopyPixels row read failed";

@@ -12,10 +12,6 @@
 namespace nvo::test {
 namespace {
 
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
-using ::testing::StartsWith;
-
 /// Two pixels as a back-end delivers them.
 PdfRenderResult two_pixels() {
   PdfRenderResult page;

@@ -12,10 +12,6 @@
 namespace nvo::test {
 namespace {
 
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
-using namespace std::string_literals;
-
 /// Types as letters (n number, / name, w word, [ ] { } brackets), then the text.
 std::string shown(std::string_view text) {
   std::string line;
@@ -42,10 +38,9 @@ TEST(PdfTokens, SplitsTextAtDelimiters) {
 TEST(PdfTokens, ReadsNumbersAsStrtod) {
   std::istringstream words(
       "0 -0 +5 --5 +-5 5. .5 . - + 1e3 1e 1e+ 1E-3 1d3 0x10 0X.8p1 0x 0x. 0x1p 0xg 0x-1 0xinf 0xnan inf -INF "
-      "nan "
-      "-nAn infin InFiNity 1e308 1e309 -1e309 1e-307 1e-400 0e-400 0.0e999 1e99999999999999999999 \v1 \v+1 "
-      "+\v1 "
-      "1\v 12abc 1,5 0b1 00012 123456789012345678901234567890 0x1p2000 0x1.8 1_0 1.2.3 1-2 4.9e-324");
+      "nan -nAn infin InFiNity 1e308 1e309 -1e309 1e-307 1e-400 0e-400 0.0e999 1e99999999999999999999 \v1 "
+      "\v+1 "
+      "+\v1 1\v 12abc 1,5 0b1 00012 123456789012345678901234567890 0x1p2000 0x1.8 1_0 1.2.3 1-2 4.9e-324");
   for (std::string word; std::getline(words, word, ' ');) {
     errno = 0;
     char* end = nullptr;
@@ -215,11 +210,10 @@ TEST(PdfStreams, StringsOfObjects) {
 
 TEST(PdfContents, AreLoadedInOrderOrNotAtAll) {
   PdfFile file;
-  file.stream(1, "", "one")
-      .flate(2, "", "two")
-      .stream(3, "/Filter /FlateDecode", "damaged")
-      .stream(4, "", "");
-  file.stream(5, "", std::string(16 << 20, 'x')).stream(6, "", std::string((16 << 20) + 1, 'x'));
+  file.stream(1, "", "one").flate(2, "", "two").stream(3, "/Filter /FlateDecode", "damaged");
+  file.stream(4, "", "")
+      .stream(5, "", std::string(16 << 20, 'x'))
+      .stream(6, "", std::string((16 << 20) + 1, 'x'));
   const PdfObjectTable table = build_object_table(file.text());
   EXPECT_THAT(load_page_contents("/Contents [2 0 R 1 0 R 2 0 R]", table), ElementsAre("two", "one", "two"));
   EXPECT_THAT(load_page_contents("/Contents 7 /Contents 1 0 R", table), ElementsAre("one"));

@@ -11,10 +11,6 @@
 namespace nvo::test {
 namespace {
 
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
-using ::testing::StartsWith;
-
 /// Stands in for Poppler: says that it was called, and fails if told so.
 struct SecondBackend final : PdfBackend {
   bool fails;

@@ -47,9 +47,9 @@ std::string expect_quick(const std::string& what, std::string_view bytes, std::u
 /// The piece again and again: alone, in an object, as a page's object and as its content.
 TEST(SpotHostile, AnythingRepeatedIsLinear) {
   std::istringstream pieces(
-      "1 0 obj|(|<<|[|9|1 |%|%\n|/|<|\\| |1 0 obj a endobj |endobj|stream|endstream|1 0 "
-      "obj<<>>stream\n|xref\n|"
-      "/MediaBox [|/MediaBox[1 |/Parent 1 0 R |/Length 1 |/Contents [|1 0 R |/A [|/ColorSpace |/Separation |"
+      "1 0 obj|(|<<|[|9|1 |%|%\n|/|<|\\| |1 0 obj a endobj |endobj|stream|endstream|"
+      "1 0 obj<<>>stream\n|xref\n|/MediaBox [|/MediaBox[1 |/Parent 1 0 R |/Length 1 |/Contents [|1 0 R |/A "
+      "[|/ColorSpace |/Separation |"
       "/DeviceN [|/White|#41|1e|q |m l |0 0 9 9 re W n |1 1 m 1 1 l ");
   for (std::string piece; std::getline(pieces, piece, '|');) {
     const std::string text = filled(piece);

@@ -9,7 +9,6 @@
 namespace nvo::test {
 namespace {
 
-using ::testing::AllOf;
 using ::testing::Gt;
 using ::testing::Lt;
 

@@ -10,8 +10,6 @@
 namespace nvo::test {
 namespace {
 
-using namespace std::string_literals;
-
 const std::string kVectors = "extracted vector spot-white mask";
 const std::string kImages = "extracted image spot-white mask";
 const std::string kBoth = "extracted vector and image spot-white masks";
