@@ -24,8 +24,8 @@ class ImageMetaProbeTest : public ImageTest {
 };
 
 TEST_F(ImageMetaProbeTest, TellsSizeAndResolution) {
-  const std::string path = dir_.file("x/../a*b.TIFF");
   std::filesystem::create_directory(dir_.file("x"));
+  const std::string path = dir_.file("x/../a*b.TIFF");
   write_tiff(path, {.width = 70, .height = 30, .x_resolution = 150, .y_resolution = 200, .unit = 2});
   const ImageProbeInfo info = probe_image(path);
   EXPECT_EQ(info.path + info.normalized_path, path + dir_.file("a*b.TIFF"));

@@ -18,7 +18,6 @@ unsigned long error_code = 0;
 int load_count = 0;
 
 std::uint8_t* bitmap_pixels = nullptr;
-std::size_t bitmap_bytes = 0;
 
 double order(const char* name, double otherwise) {
   const std::size_t found = orders.find(std::string(name) + "=");
@@ -59,15 +58,12 @@ FAKE_ENTRY double FPDF_GetPageWidth(void*) {
 FAKE_ENTRY double FPDF_GetPageHeight(void*) {
   return order("height", 36);
 }
-FAKE_ENTRY void* FPDFBitmap_CreateEx(int, int height, int, void* pixels, int stride) {
+FAKE_ENTRY void* FPDFBitmap_CreateEx(int, int, int, void* pixels, int) {
   bitmap_pixels = static_cast<std::uint8_t*>(pixels);
-  bitmap_bytes = static_cast<std::size_t>(stride) * height;
   return fails("bitmap_error") ? nullptr : pixels;
 }
 FAKE_ENTRY void FPDFBitmap_Destroy(void*) {}
-FAKE_ENTRY void FPDFBitmap_FillRect(void*, int, int, int, int, unsigned long color) {
-  std::memset(bitmap_pixels, static_cast<int>(color), bitmap_bytes);
-}
+FAKE_ENTRY void FPDFBitmap_FillRect(void*, int, int, int, int, unsigned long) {}
 FAKE_ENTRY void FPDF_RenderPageBitmap(void*, void*, int, int, int, int, int, int) {
   const std::uint8_t blue_green_red_alpha[] = {10, 20, 30, 200};
   std::memcpy(bitmap_pixels, blue_green_red_alpha, 4);

@@ -12,9 +12,11 @@ namespace {
 /// The system's PDFium under the name that the program looks for, or nothing where it isn't installed.
 PdfiumLibrary& real_pdfium() {
   static const TempDir folder;
-  std::filesystem::create_symlink("/usr/lib/libreoffice/program/libpdfiumlo.so",
-                                  folder.path() / "libpdfium.so");
-  static PdfiumLibrary library(folder.path());
+  static PdfiumLibrary library = [] {
+    const char* const installed = "/usr/lib/libreoffice/program/libpdfiumlo.so";
+    std::filesystem::create_symlink(installed, folder.path() / "libpdfium.so");
+    return PdfiumLibrary(folder.path());
+  }();
   return library;
 }
 

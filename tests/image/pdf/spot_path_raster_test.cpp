@@ -9,15 +9,13 @@
 namespace nvo::test {
 namespace {
 
-using ::testing::Gt;
-using ::testing::Lt;
-
 constexpr std::uint32_t kWidth = 37, kHeight = 29;
+const Bytes kBlank(kWidth* kHeight);
 using Points = std::vector<DevicePoint>;
 
 /// The rule of a fill, written down row by row.
 Bytes plain_fill(const Points& points) {
-  Bytes plane(kWidth * kHeight);
+  Bytes plane = kBlank;
   for (std::uint32_t row = 0; row < kHeight; ++row) {
     const double s = row + 0.5;
     std::vector<double> crossings;
@@ -36,35 +34,35 @@ Bytes plain_fill(const Points& points) {
 
 /// The rule of a stroke, asked of every pixel.
 Bytes plain_stroke(DevicePoint a, DevicePoint b, double radius) {
-  Bytes plane(kWidth * kHeight);
+  Bytes plane = kBlank;
   const double dx = b.x - a.x, dy = b.y - a.y, length2 = dx * dx + dy * dy;
-  for (std::uint32_t y = 0; y < kHeight; ++y) {
-    for (std::uint32_t x = 0; x < kWidth; ++x) {
-      const double cx = x + 0.5, cy = y + 0.5;
-      const double t =
-          length2 <= 1e-9 ? 0.0 : std::clamp(((cx - a.x) * dx + (cy - a.y) * dy) / length2, 0.0, 1.0);
-      const double ex = cx - (a.x + t * dx), ey = cy - (a.y + t * dy);
-      if (std::sqrt(ex * ex + ey * ey) <= radius) plane[y * kWidth + x] = 255;
-    }
+  for (std::uint32_t i = 0; i < plane.size(); ++i) {
+    const double cx = i % kWidth + 0.5, cy = i / kWidth + 0.5;
+    const double t =
+        length2 <= 1e-9 ? 0.0 : std::clamp(((cx - a.x) * dx + (cy - a.y) * dy) / length2, 0.0, 1.0);
+    const double ex = cx - (a.x + t * dx), ey = cy - (a.y + t * dy);
+    if (std::sqrt(ex * ex + ey * ey) <= radius) plane[i] = 255;
   }
   return plane;
 }
 
-template <class Paint>
-Bytes painted(Paint paint) {
-  Bytes plane(kWidth * kHeight);
+/// What is left of the work that a page may cost, and the plane.
+struct Canvas {
+  Bytes plane = kBlank;
+  MaskView mask{plane.data(), kWidth, kHeight};
   WorkBudget work = WorkBudget::for_page(plane.size());
-  EXPECT_TRUE(paint(MaskView{plane.data(), kWidth, kHeight}, work));
-  return plane;
-}
+};
 
 Bytes fast_fill(const Points& points) {
-  return painted([&](const MaskView& mask, WorkBudget& work) { return fill_subpath(points, mask, work); });
+  Canvas canvas;
+  EXPECT_TRUE(fill_subpath(points, canvas.mask, canvas.work));
+  return canvas.plane;
 }
 
 Bytes fast_stroke(DevicePoint a, DevicePoint b, double radius) {
-  return painted(
-      [&](const MaskView& mask, WorkBudget& work) { return stroke_segment(a, b, radius, mask, work); });
+  Canvas canvas;
+  EXPECT_TRUE(stroke_segment(a, b, radius, canvas.mask, canvas.work));
+  return canvas.plane;
 }
 
 /// Coordinates on, around and far off the raster, many of them on the lines where rounding decides.
@@ -112,29 +110,30 @@ TEST(SpotPathRaster, StrokesAsThePlainRuleDoes) {
 
 TEST(SpotPathRaster, CoordinatesThatNoPageHasPaintNothing) {
   for (const double bad : {HUGE_VAL, -HUGE_VAL, std::nan(""), 1e300, -1e200}) {
-    EXPECT_EQ(fast_fill({{0, 0}, {bad, 5}, {5, bad}}), Bytes(kWidth * kHeight)) << bad;
-    EXPECT_EQ(fast_stroke({0, bad}, {5, 5}, 1), Bytes(kWidth * kHeight)) << bad;
-    EXPECT_EQ(fast_stroke({0, 0}, {5, 5}, std::abs(bad)), Bytes(kWidth * kHeight)) << bad;
+    EXPECT_EQ(fast_fill({{0, 0}, {bad, 5}, {5, bad}}), kBlank) << bad;
+    EXPECT_EQ(fast_stroke({0, bad}, {5, 5}, 1), kBlank) << bad;
+    EXPECT_EQ(fast_stroke({0, 0}, {5, 5}, std::abs(bad)), kBlank) << bad;
   }
 }
 
 TEST(SpotPathRaster, StopsWhenTheWorkRunsOut) {
-  Bytes plane(kWidth * kHeight);
-  const MaskView mask{plane.data(), kWidth, kHeight};
-  const auto count = [&](auto paint) {
-    WorkBudget work(20'000);
-    int times = 0;
-    while (times < 1000 && paint(work)) ++times;
-    return times;
-  };
   const Points page = {{0, 0}, {kWidth, 0}, {kWidth, kHeight}, {0, kHeight}};
-  EXPECT_THAT(count([&](WorkBudget& work) { return fill_subpath(page, mask, work); }),
-              AllOf(Gt(0), Lt(1000)));
-  for (const double end : {30.0, 1e20})  // near and far lines are drawn in different ways
-    EXPECT_THAT(count([&](WorkBudget& work) {
-                  return stroke_segment({0, 0}, {end, end}, 2, mask, work);
-                }),
-                AllOf(Gt(0), Lt(1000)));
+  const std::function<bool(Canvas&)> shapes[] = {
+      [&](Canvas& c) { return fill_subpath(page, c.mask, c.work); },
+      // Near and far lines are drawn in different ways.
+      [](Canvas& c) {
+        return stroke_segment({0, 0}, {30, 30}, 2, c.mask, c.work);
+      },
+      [](Canvas& c) {
+        return stroke_segment({0, 0}, {1e20, 1e20}, 2, c.mask, c.work);
+      },
+  };
+  for (const auto& paint : shapes) {
+    Canvas canvas{.work = WorkBudget(20'000)};
+    int times = 0;
+    while (times < 1000 && paint(canvas)) ++times;
+    EXPECT_THAT(times, AllOf(::testing::Gt(0), ::testing::Lt(1000)));
+  }
 }
 
 }  // namespace
