@@ -29,9 +29,6 @@ struct SecondBackend final : PdfBackend {
 
 class PdfRendererTest : public ::testing::Test {
  protected:
-  PdfRenderer renderer(bool second_fails = false) {
-    return {library_, std::make_unique<SecondBackend>(second_fails)};
-  }
   /// A document for the fake library.
   std::string document(const std::string& orders, const std::string& name = "a.PDF") {
     write_all(dir_.file(name), orders);
@@ -40,11 +37,11 @@ class PdfRendererTest : public ::testing::Test {
 
   TempDir dir_;
   PdfiumLibrary library_{NVO_FAKE_PDFIUM};
+  PdfRenderer pdf_{library_, std::make_unique<SecondBackend>(false)};
   LogCapture log_{LogLevel::info};
 };
 
 TEST_F(PdfRendererTest, RefusesBadRequestsBeforeAnyBackend) {
-  PdfRenderer pdf = renderer();
   const std::string good = document("pages=1"), huge = document("", "huge.pdf"), loop = dir_.file("loop.pdf");
   std::filesystem::resize_file(huge, 536'870'913);
   std::filesystem::create_symlink("loop.pdf", loop);
@@ -61,23 +58,22 @@ TEST_F(PdfRendererTest, RefusesBadRequestsBeforeAnyBackend) {
       {loop, "cannot inspect PDF file before render: filesystem error:"},
   };
   for (const auto& c : cases) {
-    EXPECT_THAT(failure_of([&] { pdf.render(c.path, 0, c.dpi); }), StartsWith("PdfRenderer: " + c.text));
-    EXPECT_THAT(failure_of([&] { pdf.probe(c.path, 0, c.dpi); }), StartsWith("PdfRenderer: " + c.text));
+    EXPECT_THAT(failure_of([&] { pdf_.render(c.path, 0, c.dpi); }), StartsWith("PdfRenderer: " + c.text));
+    EXPECT_THAT(failure_of([&] { pdf_.probe(c.path, 0, c.dpi); }), StartsWith("PdfRenderer: " + c.text));
   }
   EXPECT_THAT(log_.lines(), IsEmpty());
 }
 
 TEST_F(PdfRendererTest, PdfiumDeliversTheWholePage) {
   ASSERT_TRUE(library_.available()) << library_.unavailable_reason();
-  PdfRenderer pdf = renderer();
-  const std::string path = document("pages=3 width=612 height=792"),
-                    other = document("width=.1 height=.24", "b.pdf");
-  const PdfPageInfo info = pdf.probe(path, 2, 300);
+  const std::string path = document("pages=3 width=612 height=792");
+  const std::string other = document("width=.1 height=.24", "b.pdf");
+  const PdfPageInfo info = pdf_.probe(path, 2, 300);
   EXPECT_THAT((std::vector{info.page_count, info.page_index, info.width, info.height}),
               ElementsAre(3, 2, 2550, 3300));
   EXPECT_EQ(info.width_inches, 8.5f);
 
-  const PdfRenderResult page = pdf.render(other, 0, 300);
+  const PdfRenderResult page = pdf_.render(other, 0, 300);
   EXPECT_THAT(page.rgba, ElementsAre(30, 20, 10, 200)) << "one pixel: the width is rounded to 0, then raised";
   EXPECT_TRUE(page.has_alpha);
   EXPECT_FALSE(page.has_spot_white);
@@ -103,7 +99,7 @@ TEST_F(PdfRendererTest, FailuresOfPdfiumFallThroughWithTheirReason) {
       {"width=1e9 height=1e9", "PdfRenderer: PDF render buffer size overflow"},
   };
   for (const auto& c : cases) {
-    PdfRenderer pdf = renderer();
+    PdfRenderer pdf(library_, std::make_unique<SecondBackend>(false));  // knows of no failure yet
     document(c.orders, "a.pdf");
     EXPECT_EQ(pdf.render(path, c.index, 300).page_index, c.index);
     const auto lines = log_.take();
@@ -118,26 +114,25 @@ TEST_F(PdfRendererTest, AFailedFileStaysWithTheOtherBackendUntilItChanges) {
   void* fake = ::dlopen(NVO_FAKE_PDFIUM "/libpdfium.so", RTLD_NOW | RTLD_NOLOAD);
   const auto load_count = reinterpret_cast<int (*)()>(::dlsym(fake, "fake_load_count"));
   const int before = load_count();
-  PdfRenderer pdf = renderer();
   const std::string path = document("load_error=3");
-  pdf.render(path, 0, 300);
+  pdf_.render(path, 0, 300);
   log_.take();
-  pdf.render(path, 0, 300);
+  pdf_.render(path, 0, 300);
   EXPECT_THAT(log_.take(), IsEmpty());
-  pdf.probe(path, 0, 300);
+  pdf_.probe(path, 0, 300);
   EXPECT_THAT(log_.take(),
               ElementsAre("[INFO ] PdfRenderer: selected Poppler backend for probe '" + path + "'"));
   EXPECT_EQ(load_count(), before + 1);
 
   document("load_error=2 of another size");
-  EXPECT_EQ(pdf.render(path, 0, 300).rgba.size(), 4u);
+  EXPECT_EQ(pdf_.render(path, 0, 300).rgba.size(), 4u);
   EXPECT_TRUE(log_.contains("PDFium render failed"));
   EXPECT_EQ(load_count(), before + 2);
   ::dlclose(fake);
 }
 
 TEST_F(PdfRendererTest, TheLastFailureIsTheSecondBackends) {
-  PdfRenderer pdf = renderer(true);
+  PdfRenderer pdf(library_, std::make_unique<SecondBackend>(true));
   EXPECT_EQ(failure_of([&] { pdf.render(document("load_error=1"), 0, 300); }), "second back-end failed");
   EXPECT_EQ(failure_of([&] { pdf.probe(dir_.file("none.pdf"), 0, 300); }), "second back-end failed");
   EXPECT_TRUE(log_.contains("PdfRenderer(PDFium): failed to read PDF bytes or file exceeds 512 MiB cap: "));
@@ -165,10 +160,9 @@ TEST_F(PdfRendererTest, TellsOnceWhyPdfiumIsNotThere) {
 }
 
 TEST_F(PdfRendererTest, TheCandidateScanSeesWordsAcrossItsPieces) {
-  const std::string word = "/Separation /White";
   for (const std::size_t start : {0u, 1'048'560u, 1'048'576u, 2'097'150u}) {
-    std::string bytes(start, ' ');
-    EXPECT_TRUE(file_has_spot_candidate(document(bytes + word))) << start;
+    const std::string bytes(start, ' ');
+    EXPECT_TRUE(file_has_spot_candidate(document(bytes + "/Separation /White"))) << start;
     EXPECT_FALSE(file_has_spot_candidate(document(bytes + "/Separation /Gold"))) << start;
   }
   EXPECT_FALSE(file_has_spot_candidate(document("")));

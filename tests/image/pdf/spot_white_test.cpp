@@ -296,7 +296,7 @@ TEST(SpotWhite, SoftMasksAreProcessAlpha) {
 
   EXPECT_EQ(art(with_mask("", "").process_alpha_coverage), shown) << "the image itself need not be readable";
   EXPECT_TRUE(with_mask("", "/ColorSpace /DeviceRGB").process_alpha_coverage.empty());
-  const auto white = with_mask(kWhiteImage, "");
+  const SpotWhiteResult white = with_mask(kWhiteImage, "");
   EXPECT_EQ(art(white.process_alpha_coverage), shown);
   EXPECT_EQ(white.status, kImages);
 }
