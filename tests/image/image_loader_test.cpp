@@ -30,9 +30,7 @@ TEST_F(ImageLoaderTest, WhiteCoverageComesFromWhiteElseAlphaElseIsFull) {
 
   const TiffFile rgba{.samples = 4, .photometric = PHOTOMETRIC_RGB, .extra_samples = {2}};
   EXPECT_EQ(load(rgba).white_coverage, every(rgba.pixels(), 3, 4));
-
-  const TiffFile rgb{.samples = 3, .photometric = PHOTOMETRIC_RGB};
-  EXPECT_EQ(load(rgb).white_coverage, Bytes(20, 255));
+  EXPECT_EQ(load({.samples = 3, .photometric = PHOTOMETRIC_RGB}).white_coverage, Bytes(20, 255));
 }
 
 TEST_F(ImageLoaderTest, GrayIsDeliveredAsRgb) {

@@ -58,41 +58,42 @@ TEST_F(RasterDecoderTest, PngInterlacedOrWithOtherChunks) {
   EXPECT_EQ(decode(png), PngFile{}.pixels());
 }
 
-TEST_F(RasterDecoderTest, JpegColours) {
-  using Rule = std::function<Rgba(const std::function<int(int)>& sample)>;
-  const auto expect = [&](const JpegFile& file, int tolerance, const Rule& rule) {
-    const auto pixel = [&](std::uint32_t x, std::uint32_t y) {
-      return rule([&](int component) { return file.sample(x, y, component); });
+/// The colours that a JPEG is made of. Adobe's marker says that ink amounts are inverted.
+Bytes jpeg_pixels(const JpegFile& file) {
+  return rgba_image(file.width, file.height, [&](std::uint32_t x, std::uint32_t y) {
+    const auto light = [&](int component) {
+      const int sample = file.sample(x, y, file.components == 1 ? 0 : component);
+      return file.components < 4 || file.adobe ? sample : 255 - sample;
     };
-    EXPECT_LE(largest_difference(decode(file.bytes()), rgba_image(file.width, file.height, pixel)),
-              tolerance);
-    EXPECT_EQ(info_.needs_whole_frame, file.progressive);
-    EXPECT_FALSE(info_.has_alpha);
+    const double black = file.components < 4 ? 1.0 : light(3) / 255.0;
+    const auto byte = [&](int c) { return static_cast<std::uint8_t>(std::lround(light(c) * black)); };
+    return Rgba{byte(0), byte(1), byte(2), 255};
+  });
+}
+
+TEST_F(RasterDecoderTest, JpegColours) {
+  const std::pair<JpegFile, int> cases[] = {
+      {{.components = 1, .stored = JCS_GRAYSCALE}, 2},
+      {{.stored = JCS_YCbCr}, 4},
+      {{.stored = JCS_RGB, .adobe = true}, 4},
+      {{.components = 4, .stored = JCS_CMYK}, 5},
+      {{.components = 4, .stored = JCS_CMYK, .adobe = true}, 5},
+      {{.components = 4, .stored = JCS_YCCK, .adobe = true}, 5},
   };
-  const auto byte = [](double value) { return static_cast<std::uint8_t>(std::lround(value)); };
-  const Rule gray = [&](auto& s) { return Rgba{byte(s(0)), byte(s(0)), byte(s(0)), 255}; };
-  const Rule rgb = [&](auto& s) { return Rgba{byte(s(0)), byte(s(1)), byte(s(2)), 255}; };
-  for (const bool progressive : {false, true}) {
-    expect({.components = 1, .stored = JCS_GRAYSCALE, .progressive = progressive}, 2, gray);
-    expect({.stored = JCS_YCbCr, .progressive = progressive}, 4, rgb);
-    expect({.stored = JCS_RGB, .progressive = progressive, .adobe = true}, 4, rgb);
-    // Adobe's marker says that ink amounts are inverted, and alone tells YCCK.
-    for (const auto& [stored, adobe] : {std::pair{JCS_CMYK, false}, {JCS_CMYK, true}, {JCS_YCCK, true}})
-      expect({.components = 4, .stored = stored, .progressive = progressive, .adobe = adobe}, 5,
-             [&, is_light = adobe](auto& s) {
-               const auto light = [&](int c) { return is_light ? s(c) : 255 - s(c); };
-               const auto mixed = [&](int c) { return byte(light(c) * light(3) / 255.0); };
-               return Rgba{mixed(0), mixed(1), mixed(2), 255};
-             });
-  }
+  for (auto [file, tolerance] : cases)
+    for (const bool progressive : {false, true}) {
+      file.progressive = progressive;
+      EXPECT_LE(largest_difference(decode(file.bytes()), jpeg_pixels(file)), tolerance) << file.stored;
+      EXPECT_EQ(info_.needs_whole_frame, progressive);
+      EXPECT_FALSE(info_.has_alpha);
+    }
 
   // Of a single colour nothing is lost, so that the rounding shows: 100 * 130 / 255 is 50.98.
   JpegFile flat{.components = 4, .stored = JCS_CMYK, .adobe = true};
   flat.sample = [](auto, auto, int component) {
-    return static_cast<std::uint8_t>(component == 3 ? 130 : 100);
+    return component == 3 ? std::uint8_t{130} : std::uint8_t{100};
   };
-  const auto rounded = [](auto, auto) { return Rgba{51, 51, 51, 255}; };
-  EXPECT_EQ(decode(flat.bytes()), rgba_image(flat.width, flat.height, rounded));
+  EXPECT_EQ(decode(flat.bytes()), jpeg_pixels(flat));
 }
 
 TEST_F(RasterDecoderTest, Webp) {
