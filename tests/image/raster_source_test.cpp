@@ -79,7 +79,7 @@ TEST_F(RasterSourceTest, FallsBackToAFullDecodeOnce) {
     if (line.find(reason) != line.npos) write_tiff(path, file);
   });
   for (const auto& [y, rows] : {std::pair{0u, 20u}, {5u, 30u}, {0u, 30u}}) {
-    ASSERT_TRUE(source->read_rows(y, rows, out_, &error_)) << error_;
+    EXPECT_TRUE(source->read_rows(y, rows, out_, &error_)) << error_;
     Bytes widened;
     const Bytes gray = file.band(y, rows);
     for (std::size_t i = 0; i < gray.size(); i += 2) {
