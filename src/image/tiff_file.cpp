@@ -20,8 +20,8 @@ constexpr std::size_t kMessageBytes = 512;
 // another program cuts short gives a read error instead of a bus error.
 constexpr const char* kReadUnmapped = "rm";
 
-/// 1 tells libtiff that nothing is left to print. No exception may cross the C library, and a line that cannot
-/// be logged is no reason to fail a read.
+/// 1 tells libtiff that nothing is left to print. No exception may cross the C library, and a line that
+/// cannot be logged is no reason to fail a read.
 int log_message(LogLevel level, const char* format, va_list arguments) noexcept {
   char text[kMessageBytes];
   static_cast<void>(std::vsnprintf(text, sizeof text, format, arguments));

@@ -82,8 +82,8 @@ TEST_F(LocalisationTest, TheSystemLanguageIsTheFirstThatTheEnvironmentNames) {
 }
 
 TEST_F(LocalisationTest, TheShippedLanguagesSayEverythingInTheirOwnWords) {
-  for (const char* folder : {NVO_LANGUAGE_FILES, ""}) {  // without a folder: those beside the executable
-    const test::ScopedVariable used("NVO_UI_LANG_DIR", folder);
+  for (const char* languages : {NVO_LANGUAGE_FILES, ""}) {  // without a folder: those beside the executable
+    const test::ScopedVariable used("NVO_UI_LANG_DIR", languages);
     Localisation texts;
     for (const auto& [id, english] : kEnglishTexts) {
       std::set<std::string> different;

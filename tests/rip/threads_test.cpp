@@ -115,6 +115,24 @@ TEST_F(Threads, EveryCombinationOfSwitchesGivesTheSerialFile) {
   }
 }
 
+// A strip of several bands, two of which are in work at a time.
+TEST(Bands, ShareNothingWhileTwoAreInWork) {
+  test::Job job;
+  job.rip.options.white_choke_enabled = true;
+  job.rip.options.performance.mode = PerformanceMode::manual;
+  job.rip.options.performance.parallel_rows = TriState::off;
+  test::write_tiff(job.input, test::picture(700, 1100));
+  const auto print = [&](TriState parallel, std::uint32_t threads) {
+    job.rip.options.performance.parallel_channels = parallel;
+    job.rip.options.performance.channel_threads = threads;
+    job.run();
+    return test::read_all(job.output);
+  };
+  const std::string serial = print(TriState::off, 1);
+  for (const std::uint32_t threads : {2u, 5u, 3u, 5u})
+    ASSERT_TRUE(print(TriState::on, threads) == serial) << threads;
+}
+
 /// Runs tasks five by five, the channels of a strip, in an order drawn from a seed.
 class ShuffledPool final : public Executor {
  public:
