@@ -22,6 +22,11 @@ void BandQueue::put(StripBand band) noexcept {
   changed_.notify_all();
 }
 
+void BandQueue::wait_for_rows(std::uint64_t rows) {
+  std::unique_lock lock(mutex_);
+  changed_.wait(lock, [&] { return closed_ || rows_written_ >= rows; });
+}
+
 void BandQueue::finish() noexcept {
   {
     const std::lock_guard lock(mutex_);
@@ -42,6 +47,7 @@ std::optional<StripBand> BandQueue::take() {
 void BandQueue::give_back(StripCycles cycles) {
   {
     const std::lock_guard lock(mutex_);
+    rows_written_ += cycles.rows;
     spent_.push_back(std::move(cycles));
   }
   changed_.notify_all();

@@ -27,11 +27,14 @@ class BandQueue {
   StripCycles take_spent();
   /// Never waits and never fails: there is room for each band whose memory was taken.
   void put(StripBand band) noexcept;
+  /// Waits until so many rows have been written, or the writing side has given up.
+  void wait_for_rows(std::uint64_t rows);
   /// No band follows.
   void finish() noexcept;
 
   /// The next band; none when there will be no more.
   std::optional<StripBand> take();
+  /// The band was written.
   void give_back(StripCycles cycles);
   /// The writing side has given up.
   void close() noexcept;
@@ -41,6 +44,7 @@ class BandQueue {
   std::condition_variable changed_;
   std::vector<StripBand> filled_;  ///< in order
   std::vector<StripCycles> spent_;
+  std::uint64_t rows_written_ = 0;
   bool finished_ = false, closed_ = false;
 };
 

@@ -243,8 +243,11 @@ void run_streaming(SheetRun& run) {
       std::async(std::launch::async, [&] { return write_bands(run, bands); });
   try {
     std::future<StreamingStripResult> next = start_strip(run.strips - 1);
+    std::uint64_t rows_before = 0;  // of the strips before the one that is done
     for (std::uint32_t remaining = run.strips; remaining > 0; --remaining) {
       const StreamingStripResult result = next.get();
+      bands.wait_for_rows(rows_before);  // however small strips are, two at the most are in flight
+      rows_before += result.dev_rows;
       if (remaining > 1) next = start_strip(remaining - 2);
       add_to_profile(result, run.dev_w, run.profile);
     }
