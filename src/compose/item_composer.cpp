@@ -297,7 +297,7 @@ std::uint64_t ItemComposer::raster_rows(const Plan& plan, const SourceView& view
   const std::uint32_t threads =
       has_thread_of_its_own ? 1 : compose_threads(rows.size() / kMinRowsPerThread, pixels);
   std::atomic<std::uint64_t> written{0};
-  const std::vector<ItemRange> parts = guided_ranges(rows.size(), threads, kMinRowsPerThread);
+  const std::vector<WorkRange> parts = guided_ranges(rows.size(), threads, kMinRowsPerThread);
   parallel_tasks(parts.size(), threads, [&](std::size_t part_number, std::size_t thread) {
     const auto [begin, end] = parts[part_number];
     RowColor color = plan.color;

@@ -136,9 +136,9 @@ void parallel_tasks(std::size_t count, std::size_t workers,
   tasks.rethrow_failure();
 }
 
-std::vector<ItemRange> guided_ranges(std::size_t count, std::size_t workers, std::size_t least) {
+std::vector<WorkRange> guided_ranges(std::size_t count, std::size_t workers, std::size_t least) {
   least = std::max<std::size_t>(least, 1);
-  std::vector<ItemRange> ranges;
+  std::vector<WorkRange> ranges;
   for (std::size_t begin = 0; begin < count;) {
     const std::size_t left = count - begin;
     std::size_t size = workers < 2 ? left : std::max(left / (2 * workers), least);

@@ -16,14 +16,14 @@ namespace nvo {
 void parallel_tasks(std::size_t count, std::size_t workers,
                     const std::function<void(std::size_t task, std::size_t worker)>& body);
 
-/// Items `begin` up to, not including, `end`.
-struct ItemRange {
+/// Items of work `begin` up to, not including, `end`: rows, mostly.
+struct WorkRange {
   std::size_t begin = 0, end = 0;
 };
 
 /// Cuts `count` items into ascending ranges for `workers` threads: large ones first, then ever smaller ones,
 /// none below `least` items if `count` isn't, so that all threads end together though items differ in cost.
-std::vector<ItemRange> guided_ranges(std::size_t count, std::size_t workers, std::size_t least);
+std::vector<WorkRange> guided_ranges(std::size_t count, std::size_t workers, std::size_t least);
 
 /// Splits `count` items into `workers` contiguous ranges, item t x count / workers up to the next such bound,
 /// and runs `body(begin, end, t)` on each as `parallel_tasks` does.

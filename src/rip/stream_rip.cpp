@@ -26,7 +26,7 @@ constexpr const char* kStrategyOverride = "NVO_WHITE_CHOKE_STRATEGY_DEBUG_OVERRI
 constexpr std::int32_t kMinWidthLow = 1, kMinWidthHigh = 16;
 constexpr float kLightnessHigh = 100.0f;
 constexpr float kChokeReferenceDpi = 300.0f;
-constexpr std::size_t kLeastRowsOfPart = 16;  ///< of source rows that a thread takes at a time
+constexpr std::size_t kLeastRowsOfPart = 16;  ///< source rows that a thread takes at a time
 
 const char* name_of(bool value) {
   return value ? "true" : "false";
@@ -184,7 +184,7 @@ void make_choke_planes(const SheetRun& run, const std::vector<Plane>& planes, st
   const RipEngineParams& params = run.engine.params();
   const std::uint32_t threads =
       row_threads(rows, run.src_w, hardware_threads(), params.performance_env, params.performance);
-  const std::vector<ItemRange> parts = guided_ranges(rows, threads, kLeastRowsOfPart);
+  const std::vector<WorkRange> parts = guided_ranges(rows, threads, kLeastRowsOfPart);
   parallel_tasks(parts.size(), threads, [&](std::size_t part, std::size_t) {
     for (std::size_t y = parts[part].begin; y < parts[part].end;
          ++y) {  // both planes while the row is in cache

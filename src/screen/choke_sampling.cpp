@@ -153,7 +153,7 @@ void sample_choke_masks(const DeviceChokeInput& input, const ChokeRowMap& row_ma
   size_plane(context.support, context.adaptive);
   size_plane(context.light, context.adaptive && context.protect_light);
   StripSampler sampler(input, row_map, context);
-  const std::vector<ItemRange> parts = guided_ranges(row_map.first_rows.size(), threads, kLeastGroupsOfPart);
+  const std::vector<WorkRange> parts = guided_ranges(row_map.first_rows.size(), threads, kLeastGroupsOfPart);
   parallel_tasks(parts.size(), threads, [&](std::size_t part, std::size_t) {
     sampler.sample_groups(parts[part].begin, parts[part].end);
   });

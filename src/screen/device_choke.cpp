@@ -76,7 +76,7 @@ class StripChoke {
     context_.grown.reshape(context_.width, context_.height);
     context_.ring_rows.assign(rows + 1, 0);
     // Art is dense in one place and absent in another.
-    const std::vector<ItemRange> parts = guided_ranges(rows, threads, kLeastRowsOfPart);
+    const std::vector<WorkRange> parts = guided_ranges(rows, threads, kLeastRowsOfPart);
     std::vector<std::vector<RingDot>> rings(parts.size());
     parallel_tasks(parts.size(), threads, [&](std::size_t part, std::size_t) {
       rings[part] = choke_rows(parts[part].begin, parts[part].end);

@@ -33,7 +33,7 @@ TEST(GuidedRanges, JoinUpAndShrinkToTheLeast) {
     for (const std::size_t workers : {0u, 1u, 2u, 5u}) {
       const auto ranges = guided_ranges(count, workers, 16);
       std::size_t next = 0, before = count;
-      for (const ItemRange& range : ranges) {
+      for (const WorkRange& range : ranges) {
         EXPECT_EQ(range.begin, next);
         next = range.end;
         EXPECT_GE(next - range.begin, std::min<std::size_t>(count, 16));
