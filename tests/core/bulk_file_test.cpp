@@ -34,6 +34,22 @@ TEST(BulkFile, HoldsWhatWasAppendedInOrder) {
   }
 }
 
+// A file this large is flushed while it grows.
+TEST(BulkFile, HoldsALargeFile) {
+  const test::TempDir dir;
+  BulkFile file;
+  ASSERT_EQ(file.create_exclusive(dir.file("bulk")), 0);
+  std::string expected;
+  for (char piece = 'a'; piece < 'i'; ++piece) {
+    const std::string bytes((12 << 20) + 5, piece);
+    ASSERT_EQ(file.append(bytes.data(), bytes.size()), 0);
+    expected += bytes;
+  }
+  ASSERT_EQ(file.flush(), 0);
+  ASSERT_EQ(file.close(), 0);
+  EXPECT_TRUE(test::read_all(dir.file("bulk")) == expected);
+}
+
 TEST(BulkFile, TakesANewNameOnlyAndServesAgainAfterClosing) {
   const test::TempDir dir;
   BulkFile file;

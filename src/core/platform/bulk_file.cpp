@@ -1,12 +1,16 @@
 #include "core/platform/bulk_file.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstring>
+#include <system_error>
 
 namespace nvo::platform {
 namespace {
 
 constexpr std::size_t kCopyBytes = 256 * kBulkBlock;
+/// A flush begins when so much was appended since the last one, and that is done.
+constexpr std::size_t kFlushBytes = 32 << 20;
 
 std::size_t whole_blocks(std::size_t size) {
   return size / kBulkBlock * kBulkBlock;
@@ -19,7 +23,8 @@ bool is_aligned(const std::uint8_t* data) {
 }  // namespace
 
 int BulkFile::create_exclusive(const std::string& path) {
-  held_size_ = 0;
+  wait_for_flush();  // of a file given up
+  held_size_ = unflushed_ = 0;
   if (!held_) held_ = allocate_bulk(kCopyBytes);  // before the file is there, as it may throw
   if (const int error = file_.create_exclusive(path)) return error;
   direct_ = file_.set_direct(true);
@@ -27,6 +32,8 @@ int BulkFile::create_exclusive(const std::string& path) {
 }
 
 int BulkFile::append(const void* data, std::size_t size) {
+  if (const int error = flush_behind()) return error;
+  unflushed_ += size;
   const auto* bytes = static_cast<const std::uint8_t*>(data);
   if (direct_ && (held_size_ != 0 || size < kBulkBlock)) {
     const std::size_t taken = std::min(size, kBulkBlock - held_size_);
@@ -38,11 +45,7 @@ int BulkFile::append(const void* data, std::size_t size) {
     held_size_ = 0;
     if (const int error = write_blocks(held_.get(), kBulkBlock)) return error;
   }
-  if (!direct_) {
-    if (const int error = file_.write_all(bytes, size)) return error;
-    file_.start_write_back();
-    return 0;
-  }
+  if (!direct_) return file_.write_all(bytes, size);
   const std::size_t whole = whole_blocks(size);
   if (const int error = is_aligned(bytes) ? write_blocks(bytes, whole) : write_copied(bytes, whole))
     return error;
@@ -50,6 +53,24 @@ int BulkFile::append(const void* data, std::size_t size) {
   held_size_ = size - whole;
   std::memcpy(held_.get(), bytes + whole, held_size_);
   return 0;
+}
+
+int BulkFile::flush_behind() try {
+  const auto is_flushing = [this] {
+    return flushing_.valid() && flushing_.wait_for(std::chrono::seconds(0)) != std::future_status::ready;
+  };
+  if (unflushed_ < kFlushBytes || is_flushing()) return 0;
+  if (const int error = wait_for_flush()) return error;
+  unflushed_ = 0;
+  flushing_ = std::async(std::launch::async, [this] { return file_.flush(); });
+  return 0;
+} catch (const std::system_error& no_thread) {
+  return no_thread.code().value();
+}
+
+/// How the last flush in between ended, if nobody has asked yet: the system tells of a failure only once.
+int BulkFile::wait_for_flush() {
+  return flushing_.valid() ? flushing_.get() : 0;
 }
 
 int BulkFile::write_copied(const std::uint8_t* data, std::size_t size) {
@@ -87,6 +108,7 @@ void BulkFile::leave_direct_mode() {
 }
 
 int BulkFile::flush() {
+  if (const int error = wait_for_flush()) return error;
   if (direct_) leave_direct_mode();
   if (const int error = file_.write_all(held_.get(), held_size_)) return error;
   held_size_ = 0;
@@ -94,8 +116,10 @@ int BulkFile::flush() {
 }
 
 int BulkFile::close() {
-  held_size_ = 0;
-  return file_.close();
+  const int flushed = wait_for_flush();
+  const int closed = file_.close();
+  held_size_ = unflushed_ = 0;
+  return flushed ? flushed : closed;
 }
 
 }  // namespace nvo::platform

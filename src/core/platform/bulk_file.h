@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <future>
 #include <memory>
 #include <string>
 
@@ -24,10 +25,15 @@ BulkMemory allocate_bulk(std::size_t size);
 
 /// A new file that grows in order, to gigabytes. Whole blocks go to the disk past the page cache where the
 /// file system lets them: that is several times faster than filling the cache, and leaves the cache to other
-/// programs. The bytes of the file are the same either way. Functions return 0 or the system's error. For one
-/// thread.
+/// programs. The bytes of the file are the same either way. While the file grows, a thread of its own flushes
+/// what was appended so far, so that the disk works from the start and the last flush is short. Functions
+/// return 0 or the system's error; that of a flush in between comes with the next call. For one thread.
 class BulkFile {
  public:
+  BulkFile() = default;
+  BulkFile(const BulkFile&) = delete;
+  BulkFile& operator=(const BulkFile&) = delete;
+
   /// Creates a file that does not exist yet; the error is "already exists" where it does.
   int create_exclusive(const std::string& path);
   bool is_open() const { return file_.is_open(); }
@@ -41,6 +47,8 @@ class BulkFile {
   int close();
 
  private:
+  int flush_behind();
+  int wait_for_flush();
   int write_blocks(const std::uint8_t* data, std::size_t size);
   int write_copied(const std::uint8_t* data, std::size_t size);
   void leave_direct_mode();
@@ -49,6 +57,8 @@ class BulkFile {
   bool direct_ = false;
   BulkMemory held_;            ///< the unfinished block at the end of the file, and room to copy through
   std::size_t held_size_ = 0;  ///< bytes of that block
+  std::size_t unflushed_ = 0;  ///< bytes appended after the last flush began
+  std::future<int> flushing_;  ///< waits in its destructor; so it stands behind `file_`
 };
 
 }  // namespace nvo::platform

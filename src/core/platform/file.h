@@ -32,13 +32,10 @@ class File {
   int write_some(const void* data, std::size_t size, std::size_t& written);
   /// Writes all bytes, in as many calls as the system wants.
   int write_all(const void* data, std::size_t size);
-  /// Lets the system start to carry what was written to the disk, without waiting: a later `flush` of a
-  /// large file is short then. No promise; failures show at `flush`.
-  void start_write_back() noexcept;
   /// Turns writing past the page cache on or off; false where the file system has no such mode. While it is
   /// on, addresses, sizes and the file's end must be whole blocks.
   bool set_direct(bool enabled);
-  /// Sends what was written on to the disk.
+  /// Sends what was written on to the disk. May run beside writes, which it need not include.
   int flush();
   int close();
 

@@ -105,13 +105,6 @@ int File::write_all(const void* data, std::size_t size) {
   return 0;
 }
 
-void File::start_write_back() noexcept {
-#ifdef __linux__
-  constexpr off_t from_start = 0, to_end = 0;
-  ::sync_file_range(descriptor_, from_start, to_end, SYNC_FILE_RANGE_WRITE);
-#endif
-}
-
 bool File::set_direct(bool enabled) {
 #ifdef O_DIRECT
   const int flags = ::fcntl(descriptor_, F_GETFL);
