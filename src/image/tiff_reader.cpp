@@ -32,6 +32,9 @@ namespace {
 /// A tile row that a neighbouring band may need too stays decoded if it is no larger than this.
 constexpr std::uint64_t kMaxKeptTileRowBytes = 64 << 20;
 
+/// A reader's first band gets so much room if the image has as many bytes.
+constexpr std::uint64_t kBandRoom = 64 << 20;
+
 /// Pieces up to this size are decoded side by side, in rounds of so many bytes or pieces.
 constexpr std::uint64_t kMaxParallelPieceBytes = 4 << 20;
 constexpr std::uint64_t kRoundBytes = 64 << 20;
@@ -52,10 +55,16 @@ std::size_t pieces_of_round(std::uint64_t count, std::uint64_t piece_bytes) {
 /// promises more than the file holds costs no memory before the read fails.
 class Band {
  public:
-  Band(std::uint32_t first, std::uint32_t count, std::uint64_t row_bytes, std::vector<std::uint8_t>& out)
-      : first_(first), end_(std::uint64_t{first} + count), row_bytes_(row_bytes), out_(out) {
-    const auto bytes = tiff_product(count, row_bytes, "TIFF row buffer size");
-    reserve_large(out, bytes);  // its content is not worth copying
+  Band(std::uint32_t first, std::uint32_t count, const TiffMeta& meta, std::vector<std::uint8_t>& out)
+      : first_(first),
+        end_(std::uint64_t{first} + count),
+        row_bytes_(tiff_product(meta.width, meta.samples_per_pixel, "TIFF row bytes")),
+        out_(out) {
+    const auto bytes = tiff_product(count, row_bytes_, "TIFF row buffer size");
+    // The content is not worth copying. Room that no row fills costs nothing, and the next band may be
+    // larger.
+    const auto room = std::min(kBandRoom, checked_product(meta.height, row_bytes_).value_or(kBandRoom));
+    if (out.capacity() < bytes) reserve_large(out, std::max(bytes, room));
     if (out.size() > bytes) out.resize(bytes);
   }
 
@@ -361,7 +370,7 @@ void TiffReader::Impl::read_rows(const TiffMeta& meta, std::uint32_t y, std::uin
   }
   if (y >= meta.height || rows > meta.height - y) fail_tiff("row-range request is out of bounds");
 
-  Band band(y, rows, tiff_product(meta.width, meta.samples_per_pixel, "TIFF row bytes"), out);
+  Band band(y, rows, meta, out);
   if (TIFFIsTiled(decoders.tiff()))
     read_tiles(meta, band);
   else

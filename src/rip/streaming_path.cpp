@@ -54,12 +54,24 @@ StripPlace place_strip(const SheetRun& run, std::uint32_t strip, std::uint32_t h
   return place;
 }
 
+/// The most rows of each kind that any strip has.
+StripPlace largest_of_strips(const SheetRun& run, std::uint32_t halo) {
+  StripPlace largest;
+  for (std::uint32_t strip = 0; strip < run.strips; ++strip) {
+    const StripPlace place = place_strip(run, strip, halo);
+    largest.rows = std::max(largest.rows, place.rows);
+    largest.dev_rows = std::max(largest.dev_rows, place.dev_rows);
+    largest.all_dev_rows = std::max(largest.all_dev_rows, place.all_dev_rows);
+  }
+  return largest;
+}
+
 /// A strip's rows are screened and written in so many bands, unless these were very small or large: writing
 /// begins early, and a band is a size that memory is cheap for.
 constexpr std::size_t kBandsOfStrip = 12;
 constexpr std::size_t kLeastBandBytes = 4 << 20, kMostBandBytes = 32 << 20;
 /// Two are filled and one is written; the others wait, so that the disk has work while a strip is composed.
-constexpr std::size_t kBandsInFlight = 12;
+constexpr std::size_t kBandsInFlight = 8;
 
 std::uint32_t rows_of_band(std::uint32_t strip_rows, std::size_t row_bytes) {
   const std::size_t bytes =
@@ -70,7 +82,11 @@ std::uint32_t rows_of_band(std::uint32_t strip_rows, std::size_t row_bytes) {
 
 class StripTask {
  public:
-  StripTask(SheetRun& run, BandQueue& bands) : run_(run), bands_(bands) {}
+  /// No strip has more rows, composed or on the device, than `largest`.
+  StripTask(SheetRun& run, BandQueue& bands, const StripPlace& largest)
+      : run_(run), bands_(bands), band_rows_(rows_of_band(largest.dev_rows, run.writer.row_bytes())) {
+    reserve(largest);
+  }
 
   /// Composes and screens a strip and puts its bands into the queue, from the strip's bottom to its top.
   StreamingStripResult rip_strip(const StripPlace& place) {
@@ -97,6 +113,17 @@ class StripTask {
   }
 
  private:
+  /// The first strip, at the sheet's bottom, may be a small one. With room for the largest from the start no
+  /// later one touches new memory; room that nobody uses costs nothing.
+  void reserve(const StripPlace& largest) {
+    const std::size_t pixels = std::size_t{run_.src_w} * largest.rows;
+    strip_buffer_.planes.resize(kChannelCount);
+    for (Plane& plane : strip_buffer_.planes) reserve_large(plane, pixels);
+    for (Plane* plane : {&strip_buffer_.explicit_white, &choke_planes_.coverage, &choke_planes_.light})
+      reserve_large(*plane, pixels);
+    for (BitPlane* plane : {&choke_.grown, &choke_.keep}) plane->reshape(run_.dev_w, largest.all_dev_rows);
+  }
+
   ChokeContext prepare_choke(const StripPlace& place, const StripBuffer& strip, const ChokePlanes& planes) {
     const std::size_t pixels = planes.coverage.size();
     const auto if_whole = [&](const Plane& plane) { return plane.size() >= pixels ? plane.data() : nullptr; };
@@ -153,11 +180,10 @@ class StripTask {
     };
 
     // Two bands are in work at a time, so that no thread waits for the slowest ink of a band.
-    const std::uint32_t band_rows = rows_of_band(place.dev_rows, run_.writer.row_bytes());
     std::unique_ptr<BandInWork> before;
     std::size_t scratch_set = 0;
     for (std::uint32_t end = place.dev_rows; end > 0; scratch_set = 1 - scratch_set) {
-      const std::uint32_t rows = std::min(band_rows, end);
+      const std::uint32_t rows = std::min(band_rows_, end);
       end -= rows;
       std::unique_ptr<BandInWork> band = start_band(end, rows, scratch_set);
       if (before) finish_band(*before);
@@ -181,6 +207,7 @@ class StripTask {
 
   SheetRun& run_;
   BandQueue& bands_;
+  const std::uint32_t band_rows_;
   StripBuffer strip_buffer_;  ///< of the strip before; its memory serves the next, as that of all below
   ChokePlanes choke_planes_;
   ChokeContext choke_;
@@ -225,7 +252,7 @@ void run_streaming(SheetRun& run) {
                  run.choke.device_choke, options.white_choke_amount_px_at_300dpi, run.choke.min_width_dots});
 
   BandQueue bands(kBandsInFlight);
-  StripTask task(run, bands);
+  StripTask task(run, bands, largest_of_strips(run, halo));
   const auto start_strip = [&](std::uint32_t strip) {
     run.throw_if_cancelled();
     const std::uint32_t stage = run.strips - 1 - strip;
