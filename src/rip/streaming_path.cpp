@@ -5,6 +5,7 @@
 #include <optional>
 #include <utility>
 
+#include "core/large_vector.h"
 #include "core/log.h"
 #include "core/scoped_timer.h"
 #include "plan/sheet_geometry.h"
