@@ -26,8 +26,7 @@ std::string clock_text(std::uint64_t seconds) {
 }  // namespace
 
 ProgressTerminal standard_error_terminal() {
-  return {[](const std::string& text) { std::fwrite(text.data(), 1, text.size(), stderr); },
-          platform::set_line_unfinished, platform::standard_error_columns, platform::monotonic_nanoseconds};
+  return {platform::write_unless_ended, platform::standard_error_columns, platform::monotonic_nanoseconds};
 }
 
 std::string progress_text(const RipProgress& progress, std::uint64_t elapsed_ns) {
@@ -86,9 +85,7 @@ void ProgressLine::draw(const std::string& text) {
   std::string out = "\r" + shown_;
   if (old_length > shown_.size()) out.append(old_length - shown_.size(), ' ');
   if (shown_.empty()) out += '\r';
-  terminal_.set_unfinished(true);  // first, as a signal may come right behind the text
-  terminal_.write(out);
-  if (shown_.empty()) terminal_.set_unfinished(false);
+  terminal_.write(out, !shown_.empty());
 }
 
 }  // namespace nvo

@@ -14,8 +14,7 @@ namespace nvo {
 
 /// What a progress line is written on, and its clock.
 struct ProgressTerminal {
-  std::function<void(const std::string&)> write;
-  std::function<void(bool)> set_unfinished;  ///< told whether a line stands there
+  std::function<void(const std::string&, bool)> write;  ///< told whether a line stands there afterwards
   std::function<std::size_t()> columns;
   std::function<std::uint64_t()> nanoseconds;  ///< monotonic
 };

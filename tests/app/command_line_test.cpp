@@ -1,6 +1,8 @@
 #include <algorithm>
 #include <csignal>
 #include <filesystem>
+#include <map>
+#include <optional>
 #include <thread>
 
 #include <gmock/gmock.h>
@@ -16,70 +18,55 @@
 namespace nvo {
 namespace {
 
-/// A terminal of 40 columns for a program's standard error.
-class Terminal {
- public:
-  Terminal() {
+/// The program with a terminal of 40 columns for its standard error.
+struct TerminalRun {
+  TerminalRun(const std::string& input, const std::string& progress) {
     winsize window{24, 40, 0, 0};
-    if (::openpty(&screen_, &program_side_, nullptr, nullptr, &window) != 0)
+    int program_side = -1;
+    if (::openpty(&screen, &program_side, nullptr, nullptr, &window) != 0)
       throw std::runtime_error("no terminal");
+    const std::map<std::string, std::string> environment = {{"NVO_RIP_PROGRESS", progress}};
+    program.emplace(std::vector<std::string>{NVO_RIP_PROGRAM, input}, environment, program_side);
+    ::close(program_side);  // so that the program's end is that of its output
   }
-  ~Terminal() { ::close(program_side_), ::close(screen_); }
-  Terminal(const Terminal&) = delete;
-  Terminal& operator=(const Terminal&) = delete;
-
-  int program_side() const { return program_side_; }
+  ~TerminalRun() { ::close(screen); }
   /// What has been shown since the last call, waited for; empty once the program has ended and all is read.
   std::string read() const {
     char bytes[4096];
-    const ssize_t got = ::read(screen_, bytes, sizeof bytes);
+    const ssize_t got = ::read(screen, bytes, sizeof bytes);
     return {bytes, static_cast<std::size_t>(std::max<ssize_t>(got, 0))};
   }
-  std::string read_to_end() {
-    ::close(std::exchange(program_side_, -1));  // so that the program's end is that of its output
+  std::string read_to_end() const {
     std::string all;
     for (std::string part = read(); !part.empty(); part = read()) all += part;
     return all;
   }
 
- private:
-  int screen_ = -1, program_side_ = -1;
+  int screen = -1;
+  std::optional<test::ChildProcess> program;
 };
 
 /// A folder with inputs in which the real program runs.
 class CommandLine : public testing::Test {
  protected:
-  CommandLine() { ::setenv("XDG_CONFIG_HOME", dir.file("config").c_str(), 1); }
+  CommandLine() { ::setenv("XDG_CONFIG_HOME", config.path().c_str(), 1); }
 
-  static std::vector<std::string> command(std::vector<std::string> arguments) {
+  static test::Outcome rip(std::vector<std::string> arguments) {
     arguments.insert(arguments.begin(), NVO_RIP_PROGRAM);
-    return arguments;
-  }
-  static test::Outcome rip(std::vector<std::string> arguments, const std::string& progress = "0") {
-    return test::run_to_end(command(std::move(arguments)), {{"NVO_RIP_PROGRESS", progress}});
-  }
-  static test::Outcome rip_on_terminal(const std::string& input, const std::string& progress) {
-    Terminal terminal;
-    test::ChildProcess child(command({input}), {{"NVO_RIP_PROGRESS", progress}}, terminal.program_side());
-    const std::string shown = terminal.read_to_end();
-    const int code = child.wait();
-    return {code, child.out(), shown};
+    return test::run_to_end(arguments, {{"NVO_RIP_PROGRESS", "1"}});
   }
   std::string art(const std::string& name, std::uint32_t width, std::uint32_t height) const {
     test::write_tiff(dir.file(name), test::cmykw_tiff(width, height, {}));
     return dir.file(name);
   }
-  std::vector<std::string> names() const {
-    auto found = dir.names();
-    std::erase(found, "config");
-    return found;
-  }
 
-  test::TempDir dir;
+  test::TempDir dir, config;
 };
 
 TEST_F(CommandLine, ArgumentsAreReadInTheirOrder) {
-  const std::string version = version_json({"0.1.7", "1071", "stable", "windows", "x64"}) + "\n";
+  const std::string version =
+      R"({"version":"0.1.7","build_id":"1071","channel":"stable","platform":"windows","arch":"x64"})"
+      "\n";
   const std::string usage =
       "NVO RIP CLI   Hoson i3200\n\nUsage: nvo_rip <input_image> [output.prt|output.prn]\n\n"
       "For nesting: use nvo_rip_gui.exe\n";
@@ -96,9 +83,8 @@ TEST_F(CommandLine, ArgumentsAreReadInTheirOrder) {
     EXPECT_EQ(std::tuple(outcome.code, outcome.out, outcome.err), std::tuple(code, out, err));
   }
   EXPECT_EQ(rip({dir.file("--PRINT-APP-VERSION-JSON")}).code, 2) << "taken as an input";
-  EXPECT_EQ(version_json({"a\"b", "c\\d", "\t\x01", "\xC3\xA9", "x64"}),
-            "{\"version\":\"a\\\"b\",\"build_id\":\"c\\\\d\",\"channel\":\"\\t\\u0001\",\"platform\":"
-            "\"\xC3\xA9\",\"arch\":\"x64\"}");
+  EXPECT_THAT(version_json({"a\"b", "c\\d", "\t\x01", "", ""}),
+              testing::StartsWith(R"({"version":"a\"b","build_id":"c\\d","channel":"\t\u0001",)"));
 }
 
 TEST_F(CommandLine, AGoodJobLeavesOneWholeFileTheSameEveryTime) {
@@ -127,7 +113,7 @@ TEST_F(CommandLine, FailuresHaveTheirTextAndCodeAndLeaveNothing) {
   test::write_all(dir.file("cut.tif"), bytes.substr(0, bytes.size() / 2));
   test::write_all(dir.file("text.xyz"), "x");
   test::write_all(dir.file("there.prt"), "older");
-  const auto before = names();
+  const auto before = dir.names();
   const std::string fatal = "[ERROR] Fatal: ";
   const std::pair<std::vector<std::string>, std::string> cases[] = {
       {{dir.file("none.tif")}, fatal + "TiffReader: cannot open '" + dir.file("none.tif") + "'"},
@@ -142,7 +128,7 @@ TEST_F(CommandLine, FailuresHaveTheirTextAndCodeAndLeaveNothing) {
     const test::Outcome outcome = rip(arguments);
     EXPECT_EQ(outcome.code, 2) << arguments.back();
     EXPECT_THAT(text.starts_with(fatal) ? outcome.out : outcome.err, testing::HasSubstr(text));
-    EXPECT_EQ(names(), before) << arguments.back();
+    EXPECT_EQ(dir.names(), before) << arguments.back();
   }
   EXPECT_EQ(test::read_all(dir.file("there.prt")), "older");
 }
@@ -150,33 +136,33 @@ TEST_F(CommandLine, FailuresHaveTheirTextAndCodeAndLeaveNothing) {
 TEST_F(CommandLine, ProgressIsForThoseWhoAskOnATerminal) {
   const std::string input = art("art.tif", 60, 40);
   const auto lines = [](const std::string& log) { return std::count(log.begin(), log.end(), '\n'); };
-  const auto log_lines = lines(rip({input}).out);
+  const test::Outcome without_terminal = rip({input});
+  EXPECT_EQ(without_terminal.err, "");
   const std::string bytes = test::read_all(dir.file("art.prt"));
 
-  const test::Outcome watched = rip_on_terminal(input, "1");
-  EXPECT_EQ(watched.code, 0);
-  EXPECT_EQ(lines(watched.out), log_lines);
+  TerminalRun watched(input, "1");
+  const std::string shown = watched.read_to_end();
+  EXPECT_EQ(watched.program->wait(), 0);
+  EXPECT_EQ(lines(watched.program->out()), lines(without_terminal.out));
   EXPECT_EQ(test::read_all(dir.file("art.prt")), bytes);
-  EXPECT_THAT(watched.err, testing::StartsWith("\rStreaming strip 1/1: 0 done, 0 %"));
-  EXPECT_THAT(watched.err, testing::ContainsRegex("\rFinalizing .prt: 1 done, 97 %, [0-9]+ r"));
-  EXPECT_THAT(watched.err, testing::ContainsRegex("\r +\r$")) << "gone at the end";
-
-  EXPECT_EQ(rip_on_terminal(input, "0").err, "");
-  EXPECT_EQ(rip({input}, "1").err, "") << "no terminal";
+  EXPECT_THAT(shown, testing::StartsWith("\rStreaming strip 1/1: 0 done, 0 %"));
+  EXPECT_THAT(shown, testing::ContainsRegex("\rFinalizing .prt: 1 done, 97 %, [0-9]+ r"));
+  EXPECT_THAT(shown, testing::ContainsRegex("\r +\r$")) << "gone at the end";
+  EXPECT_EQ(TerminalRun(input, "0").read_to_end(), "");
 }
 
 TEST_F(CommandLine, TerminationInTheMiddleKeepsTheOldFileAndEndsTheLineShown) {
   const std::string input = art("long.tif", 1200, 6000);
   test::write_all(dir.file("long.prt"), "older");
   for (const int number : {SIGINT, SIGTERM}) {
-    Terminal terminal;
-    test::ChildProcess child(command({input}), {{"NVO_RIP_PROGRESS", "1"}}, terminal.program_side());
-    EXPECT_THAT(terminal.read(), testing::StartsWith("\rStreaming"));
-    while (names().size() < 3) std::this_thread::yield();  // until the temporary file stands
-    ::kill(child.id(), number);
-    EXPECT_THAT(terminal.read_to_end(), testing::EndsWith("\r\n"));
-    EXPECT_EQ(child.wait(), -number);
-    EXPECT_EQ(names(), (std::vector<std::string>{"long.prt", "long.tif"}));
+    TerminalRun run(input, "1");
+    EXPECT_THAT(run.read(), testing::StartsWith("\rStreaming"));
+    while (dir.names().size() < 3) std::this_thread::yield();  // until the temporary file stands
+    ::kill(run.program->id(), number);
+    // No line stands while one of the log is printed.
+    EXPECT_THAT(run.read_to_end(), testing::AnyOf(testing::EndsWith("\r\n"), testing::EndsWith(" \r")));
+    EXPECT_EQ(run.program->wait(), -number);
+    EXPECT_EQ(dir.names(), (std::vector<std::string>{"long.prt", "long.tif"}));
     EXPECT_TRUE(test::read_all(dir.file("long.prt")) == "older");
   }
 }
@@ -184,27 +170,22 @@ TEST_F(CommandLine, TerminationInTheMiddleKeepsTheOldFileAndEndsTheLineShown) {
 // The settings files belong to the shop: not even a missing or a broken one is made anew.
 TEST_F(CommandLine, AJobNeverWritesSettings) {
   const std::string input = art("art.tif", 12, 9);
-  const std::filesystem::path folder = dir.path() / "config/NVO_RIP";
-  const auto files = [&] {
-    std::map<std::string, std::string> found;
-    for (const auto& entry : std::filesystem::directory_iterator(folder))
-      if (entry.path().string().ends_with("settings.json"))
-        found[entry.path().filename()] = test::read_all(entry.path());
-    return found;
-  };
+  const auto path = [&](const std::string& name) { return config.file("NVO_RIP/" + name); };
+  std::filesystem::create_directories(path(""));
   const std::map<std::string, std::string> cases[] = {
-      {},
-      {{"settings.json", R"({"ui_language":"ru"})"},
+      {{"settings.json", ""}, {"job_settings.json", ""}, {"icc_settings.json", ""}},  // there are none
+      {{"settings.json", "{"},
        {"job_settings.json", R"({"print_head":"i1600","white_generation_mode":"InkBudget"})"},
+       {"icc_settings.json", "[]"}},
+      {{"settings.json", R"({"ui_language":"ru"})"},
+       {"job_settings.json", R"({"print_head":"i9"})"},
        {"icc_settings.json", R"({"intent":2})"}},
-      {{"settings.json", "{"}, {"job_settings.json", R"({"print_head":"i9"})"}, {"icc_settings.json", "[]"}},
   };
-  for (const auto& before : cases) {
-    std::filesystem::remove_all(folder);
-    std::filesystem::create_directories(folder);
-    for (const auto& [name, text] : before) test::write_all(folder / name, text);
+  for (const auto& files : cases) {
+    for (const auto& [name, text] : files)
+      if (!text.empty()) test::write_all(path(name), text);
     EXPECT_EQ(rip({input}).code, 0);
-    EXPECT_EQ(files(), before);
+    for (const auto& [name, text] : files) EXPECT_EQ(test::read_all(path(name)), text) << name;
   }
 }
 

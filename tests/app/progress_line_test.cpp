@@ -1,7 +1,8 @@
 #include "app/progress_line.h"
 
-#include <algorithm>
+#include <string>
 #include <tuple>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -21,61 +22,33 @@ TEST(ProgressText, TellsRateAndTimeLeftOnceThereIsSomethingToGoBy) {
   for (const auto& [progress, elapsed, text] : cases) EXPECT_EQ(progress_text(progress, elapsed), text);
 }
 
-/// A terminal of one line that understands what a progress line sends.
-struct Screen {
-  std::size_t columns = 80;
-  std::uint64_t now = 7 * kSecond;
-  std::string line;
-  std::size_t cursor = 0, drawings = 0;
-  bool unfinished = false;
-
-  ProgressTerminal terminal() {
-    return {[this](const std::string& text) { take(text); }, [this](bool now_so) { unfinished = now_so; },
-            [this] { return columns; }, [this] { return now; }};
-  }
-  void take(const std::string& text) {
-    ++drawings;
-    EXPECT_TRUE(unfinished) << "a signal right behind the text finds no line";
-    for (const char c : text) {
-      if (c == '\r') {
-        cursor = 0;
-        continue;
-      }
-      ASSERT_LT(cursor, columns - 1) << "the line wraps";
-      line.resize(std::max(line.size(), cursor + 1), ' ');
-      line[cursor++] = c;
-    }
-  }
-  std::string shown() const { return line.substr(0, line.find_last_not_of(' ') + 1); }
-};
-
 TEST(ProgressLine, IsRewrittenInPlaceAndGoneAtTheEnd) {
-  Screen screen;
+  std::uint64_t now = 7 * kSecond;
+  std::size_t columns = 80;
+  std::vector<std::string> sent;
+  const std::string unfinished = "|", log_line = "(log)";
+  const auto print = [&] { sent.push_back(log_line); };
   {
-    ProgressLine line(screen.terminal());
-    line.step_aside([] {});
-    EXPECT_EQ(screen.drawings, 0u) << "no line yet";
-    for (int strip = 0; strip < 20; ++strip, screen.now += 30'000'000)
+    ProgressLine line(
+        {[&](const std::string& text, bool stays) { sent.push_back(text + (stays ? unfinished : "")); },
+         [&] { return columns; }, [&] { return now; }});
+    line.step_aside(print);  // there is no line yet
+    for (int strip = 0; strip < 12; ++strip, now += 30'000'000)
       line.show({strip, 20, static_cast<float>(strip) * 5.0f, "Strip", 0});
-    EXPECT_EQ(screen.drawings, 5u) << "every fourth of the records, which come 30 ms apart";
-    EXPECT_EQ(screen.shown(), "Strip: 16 done, 80 %, 0:01 left");
-    EXPECT_TRUE(screen.unfinished);
-    line.step_aside([&] {
-      EXPECT_EQ(screen.shown(), "");
-      EXPECT_FALSE(screen.unfinished);
-      EXPECT_EQ(screen.cursor, 0u) << "a line of the log starts at the left";
-    });
-    EXPECT_EQ(screen.shown(), "Strip: 16 done, 80 %, 0:01 left");
+    line.step_aside(print);
     line.show({20, 20, 97.0f, "End", 0});
-    EXPECT_EQ(screen.shown(), "End: 20 done, 97 %, 0:01 left") << "at once, and nothing of the longer line";
-
-    screen.columns = 12;  // the window became narrower
+    columns = 12;  // the window became narrower
     line.show({20, 20, 100.0f, "End", 0});
-    EXPECT_EQ(screen.line.substr(0, 11), "End: 20 don");
-    screen.line.resize(11);
   }
-  EXPECT_EQ(screen.shown(), "");
-  EXPECT_EQ(screen.cursor, 0u);
+  const std::string last = "\rStrip: 8 done, 40 %, 0:01 left", blanks(last.size() - 1, ' ');
+  // Every fourth of the records, which come 30 ms apart, is shown, the last stage at once. A line of the log
+  // starts at the left. No line reaches the last column, where it would wrap.
+  EXPECT_EQ(sent,
+            (std::vector<std::string>{log_line, "\rStrip: 0 done, 0 %" + unfinished,
+                                      "\rStrip: 4 done, 20 %, 0:01 left" + unfinished, last + unfinished,
+                                      "\r" + blanks + "\r", log_line, last + unfinished,
+                                      "\rEnd: 20 done, 97 %, 0:01 left " + unfinished,
+                                      "\rEnd: 20 don" + unfinished, "\r" + std::string(11, ' ') + "\r"}));
 }
 
 }  // namespace

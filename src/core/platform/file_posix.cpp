@@ -32,7 +32,7 @@ std::array<TemporarySlot, kMaxTemporaries> temporaries;
 void remove_temporaries_and_end(int signal_number) {
   for (TemporarySlot& slot : temporaries)
     if (slot.state.load(std::memory_order_acquire) == TemporarySlot::live) ::unlink(slot.path);
-  end_unfinished_line();
+  end_last_line();
   ::signal(signal_number, SIG_DFL);
   ::raise(signal_number);
 }
