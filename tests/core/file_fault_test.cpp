@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "core/file_io.h"
+#include "core/platform/bulk_file.h"
 #include "support/fault_injection.h"
 #include "support/temp_dir.h"
 
@@ -31,6 +32,26 @@ TEST(AtomicWriteFaults, TargetIsOldOrNewAndNothingElseIsLeft) {
       EXPECT_EQ(done, error.empty()) << "call " << n << ": " << error;
       EXPECT_TRUE(done || failed_somewhere);
     }
+  }
+}
+
+// So many bytes that a flush runs while more are appended; its failure must not get lost.
+TEST(BulkFileFaults, EveryFailureIsTold) {
+  constexpr std::size_t kPiece = 33 << 20;
+  const platform::BulkMemory bytes = platform::allocate_bulk(kPiece);
+  bool failed_somewhere = true;
+  for (long n = 1; failed_somewhere; ++n) {
+    ASSERT_LT(n, 100);
+    const test::TempDir dir;
+    fault_plan = {n, 0, false};
+    platform::BulkFile file;
+    int error = file.create_exclusive(dir.file("bulk"));
+    for (int piece = 0; piece < 3 && !error; ++piece) error = file.append(bytes.get(), kPiece);
+    if (!error) error = file.flush();
+    if (const int closed = file.close(); !error) error = closed;
+    failed_somewhere = fault_plan.calls >= fault_plan.fail_at;
+    fault_plan = {};
+    EXPECT_EQ(error != 0, failed_somewhere) << "call " << n;
   }
 }
 

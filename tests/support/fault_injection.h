@@ -3,6 +3,7 @@
 // Include in one source of a program that is linked with
 //   -Wl,--wrap=open,--wrap=write,--wrap=fsync,--wrap=close,--wrap=rename
 
+#include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstddef>
@@ -21,8 +22,9 @@ struct FaultPlan {
 };
 inline FaultPlan fault_plan;
 
+/// For several threads, as a large file is flushed by one of its own.
 inline bool fault_is_due() {
-  return ++fault_plan.calls == fault_plan.fail_at;
+  return ++std::atomic_ref(fault_plan.calls) == fault_plan.fail_at;
 }
 
 inline int fail(int error) {
