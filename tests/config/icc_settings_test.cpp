@@ -6,7 +6,6 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
 
 #include "config/settings_paths.h"
 #include "support/log_capture.h"
@@ -15,7 +14,6 @@
 namespace nvo {
 namespace {
 
-using nlohmann::json;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -24,59 +22,46 @@ auto fields(const IccSettings& s) {
                     s.use_bpc);
 }
 
-TEST(IccSettings, EveryKeyIsTakenOrRefused) {
-  const std::string longest(32768, 'p');
-  IccSettings settings;
-  std::string error;
-  EXPECT_TRUE(parse_icc_settings(json::parse(R"({"enabled": true, "input_rgb_profile": "r", "intent": 3,
-                                                "input_cmyk_profile": "ö", "use_bpc": false})"),
-                                 settings, &error));
-  EXPECT_EQ(fields(settings), fields({true, "r", "ö", "", 3, false}));
-  EXPECT_TRUE(parse_icc_settings({{"output_profile", longest}}, settings, &error));
-  IccSettings expected;
-  expected.output_profile = longest;
-  EXPECT_EQ(fields(settings), fields(expected)) << "nothing stays of the older values";
-
-  const std::pair<json, std::string> cases[] = {
-      {{{"output_profile", longest + "p"}}, "output_profile is too large."},
-      {json::array(), "top-level JSON must be an object."},
-      {{{"use_bpc", nullptr}}, "use_bpc must be a boolean."},
-      {{{"input_cmyk_profile", 1}}, "input_cmyk_profile must be a string."},
-      {{{"intent", 1.0}}, "intent must be an integer."},
-      {{{"intent", 4}}, "intent is outside the supported range."},
-      {{{"intent", -1}}, "intent is outside the supported range."},
-      {{{"intent", 4294967297}}, "intent is outside the supported range."},
-      {{{"use_bpc", 0}, {"intent", 9}, {"output_profile", 1}, {"enabled", ""}}, "enabled must be a boolean."},
-      {{{"enabled", true}, {"use_bpc", 0}, {"intent", 9}}, "intent is outside the supported range."},
-  };
-  for (const auto& [document, text] : cases) {
-    EXPECT_FALSE(parse_icc_settings(document, settings, &error)) << text;
-    EXPECT_EQ(error, text);
-    EXPECT_EQ(fields(settings), fields(expected)) << text;
-  }
-}
-
-TEST(IccSettings, AFaultyFileGivesDefaultsAndOneLine) {
+TEST(IccSettings, AFileIsTakenWholeOrGivesDefaultsAndOneLine) {
   const test::TempDir folder;
   test::LogCapture log;
-  const std::string path = folder.file("icc.json");
-  const auto enabled = [&](const std::string& content) {
+  const std::string path = folder.file("icc.json"), longest(32768, 'p');
+  const auto read = [&](const std::string& content) {
     test::write_all(path, content);
-    return load_icc_settings(path).enabled;
+    return fields(load_icc_settings(path));
   };
-  const std::string fill(1048576 - 17, ' ');
-  EXPECT_FALSE(load_icc_settings(path).enabled);
-  EXPECT_TRUE(enabled(R"({"enabled": true})" + fill));
+  EXPECT_EQ(fields(load_icc_settings(path)), fields({}));
+  EXPECT_EQ(read(R"({"enabled": true, "input_rgb_profile": "r", "intent": 3, "input_cmyk_profile": "ö",
+                     "use_bpc": false})"),
+            fields({true, "r", "ö", "", 3, false}));
+  std::string largest = R"({"enabled": true, "output_profile": ")" + longest + "\"}";
+  largest.resize(1048576, ' ');
+  EXPECT_EQ(read(largest), fields({true, "", "", longest, 1, true}));
   EXPECT_THAT(log.take(), IsEmpty());
 
-  EXPECT_FALSE(enabled(R"({"enabled": true} )" + fill));
-  EXPECT_FALSE(enabled(""));
-  EXPECT_FALSE(enabled(R"({"enabled": true, "use_bpc": 1})"));
-  const std::string start = "[ERROR] IccSettings: falling back to defaults for '" + path + "': ";
-  EXPECT_THAT(log.take(), ElementsAre(start + "File exceeds size cap (1048577 bytes > 1048576): " + path,
-                                      start + "Cannot parse JSON: " + path,
-                                      "[ERROR] IccSettings: invalid config for '" + path +
-                                          "': use_bpc must be a boolean.; falling back to defaults."));
+  const std::string unreadable = "falling back to defaults for '" + path + "': ";
+  EXPECT_EQ(read(largest + " "), fields({}));
+  EXPECT_EQ(read(""), fields({}));
+  EXPECT_THAT(log.take(), ElementsAre("[ERROR] IccSettings: " + unreadable +
+                                          "File exceeds size cap (1048577 bytes > 1048576): " + path,
+                                      "[ERROR] IccSettings: " + unreadable + "Cannot parse JSON: " + path));
+  // The first fault in the order of the keys is told.
+  const std::pair<std::string, std::string> cases[] = {
+      {"[]", "top-level JSON must be an object."},
+      {R"({"output_profile": ")" + longest + "p\"}", "output_profile is too large."},
+      {R"({"input_cmyk_profile": 1})", "input_cmyk_profile must be a string."},
+      {R"({"intent": 1.0})", "intent must be an integer."},
+      {R"({"intent": 4})", "intent is outside the supported range."},
+      {R"({"intent": -1})", "intent is outside the supported range."},
+      {R"({"intent": 4294967297})", "intent is outside the supported range."},
+      {R"({"use_bpc": 0, "intent": 9, "output_profile": 1, "enabled": ""})", "enabled must be a boolean."},
+      {R"({"enabled": true, "use_bpc": null, "intent": 2})", "use_bpc must be a boolean."},
+  };
+  for (const auto& [content, text] : cases) {
+    EXPECT_EQ(read(content), fields({})) << text;
+    EXPECT_THAT(log.take(), ElementsAre("[ERROR] IccSettings: invalid config for '" + path + "': " + text +
+                                        "; falling back to defaults."));
+  }
 }
 
 TEST(SettingsPaths, TheFolderIsMadeAndTheFilesLieInIt) {

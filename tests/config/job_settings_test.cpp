@@ -1,6 +1,6 @@
 #include "config/job_settings.h"
 
-#include <functional>
+#include <tuple>
 
 #include <gtest/gtest.h>
 
@@ -26,43 +26,38 @@ class JobSettingsFile : public testing::Test {
 };
 
 TEST_F(JobSettingsFile, ValuesAreCutFloorsHoldAndLaterKeysWin) {
-  using J = JobSettings;
-  const std::tuple<const char*, float J::*, float> amounts[] = {
-      {R"({"white_choke_amount_px_at_300dpi":9})", &J::white_choke_amount_px_at_300dpi, 2.5f},
-      {R"({"expansion_amount_px_at_300dpi":1,"white_choke_amount_px_at_300dpi":2})",
-       &J::white_choke_amount_px_at_300dpi, 1.0f},
-      {R"({"nesting_gap_in":1,"repeated_file_gap_in":2})", &J::repeated_file_gap_in, 2.0f},
-      {R"({"nesting_gap_in":-1})", &J::repeated_file_gap_in, 0.0f},
-      {R"({"sheet_width_in":0})", &J::sheet_width_in, 0.01f},
-      {R"({"max_length_in":-5})", &J::max_length_in, 0.01f},
-      {R"({"min_white_pct":50,"max_white_pct":20})", &J::min_white_pct, 20.0f},
+  const auto amounts = [](const JobSettings& j) {
+    return std::tuple(j.white_choke_amount_px_at_300dpi, j.white_choke_adaptive_min_width_dots,
+                      j.repeated_file_gap_in, j.sheet_width_in, j.max_length_in, j.min_white_pct);
   };
-  const std::pair<const char*, std::function<bool(const J&)>> cases[] = {
-      {R"({"white_choke_adaptive_min_width_dots":2.5})",
-       [](auto& j) { return j.white_choke_adaptive_min_width_dots == 3; }},
-      {R"({"white_choke_adaptive_min_width_dots":1e300})",
-       [](auto& j) { return j.white_choke_adaptive_min_width_dots == 16; }},
-      {R"({"use_color_expansion_over_white":false})", [](auto& j) { return !j.white_choke_enabled; }},
-      {R"({"white_choke_enabled":0,"sheet_width_in":"9","print_head":3})",
-       [](auto& j) {
-         return j.white_choke_enabled && j.sheet_width_in == 23.0f && j.print_head == PrintHead::i3200;
-       }},
-      {R"({"sheet_placement_mode":"align-RIGHT","color_resampling":"Nearest_Neighbour"})",
-       [](auto& j) {
-         return j.sheet_placement_mode == SheetPlacementMode::align_right &&
-                j.color_resampling_mode == ResamplingMode::hard;
-       }},
-      {R"({"white_choke_algorithm":"baseline"})",
-       [](auto& j) { return j.white_choke_algorithm == WhiteChokeSetting::production; }},
-      {R"({"white_choke_algorithm":"baseline","white_choke_strategy":"Adaptive White"})",
-       [](auto& j) { return j.white_choke_algorithm == WhiteChokeSetting::adaptive; }},
-      {R"({"icc":{"enabled":true,"output_profile":"p"}})", [](auto& j) { return j.icc.enabled; }},
-      {R"({"icc":{"enabled":true,"intent":9}})", [](auto& j) { return !j.icc.enabled; }},
-      {"[1,2]", [](auto& j) { return j.print_mode.id == "720x1800_6pass"; }},
+  const auto choices = [](const JobSettings& j) {
+    return std::tuple(j.print_head, j.sheet_placement_mode, j.color_resampling_mode, j.white_choke_algorithm,
+                      j.white_choke_enabled, j.icc.enabled);
   };
   const test::LogCapture log(LogLevel::info);
-  for (const auto& [text, field, amount] : amounts) EXPECT_EQ(read(text).*field, amount) << text;
-  for (const auto& [text, holds] : cases) EXPECT_TRUE(holds(read(text))) << text;
+  const JobSettings cut = read(
+      R"({"white_choke_amount_px_at_300dpi":9,"white_choke_adaptive_min_width_dots":2.5,"nesting_gap_in":-1,
+          "sheet_width_in":0,"max_length_in":-5,"min_white_pct":50,"max_white_pct":20,
+          "sheet_placement_mode":"align-RIGHT","color_resampling":"Nearest_Neighbour",
+          "white_choke_algorithm":"baseline","icc":{"enabled":true,"output_profile":"p"}})");
+  EXPECT_EQ(amounts(cut), std::tuple(2.5f, 3, 0.0f, 0.01f, 0.01f, 20.0f));
+  EXPECT_EQ(choices(cut), std::tuple(PrintHead::i3200, SheetPlacementMode::align_right, ResamplingMode::hard,
+                                     WhiteChokeSetting::production, true, true));
+
+  const JobSettings later = read(
+      R"({"expansion_amount_px_at_300dpi":1,"white_choke_amount_px_at_300dpi":2,"repeated_file_gap_in":2,
+          "nesting_gap_in":1,"white_choke_adaptive_min_width_dots":1e300,"white_choke_enabled":true,
+          "use_color_expansion_over_white":false,"white_choke_strategy":"Adaptive White",
+          "white_choke_algorithm":"baseline","icc":{"enabled":true,"intent":9}})");
+  EXPECT_EQ(amounts(later), std::tuple(1.0f, 16, 2.0f, 23.0f, 120.0f, 10.0f));
+  EXPECT_EQ(choices(later), std::tuple(PrintHead::i3200, SheetPlacementMode::align_center,
+                                       ResamplingMode::smooth, WhiteChokeSetting::adaptive, false, false));
+
+  const JobSettings defaults;
+  for (const char* wrong : {R"({"white_choke_enabled":0,"sheet_width_in":"9","print_head":3})", "[1,2]"}) {
+    EXPECT_EQ(amounts(read(wrong)), amounts(defaults)) << wrong;
+    EXPECT_EQ(choices(read(wrong)), choices(defaults)) << wrong;
+  }
   EXPECT_TRUE(log.lines().empty()) << log.lines().front();
 }
 
@@ -82,6 +77,13 @@ TEST_F(JobSettingsFile, HeadModeAndSlotsFitEachOther) {
        "720x1800_6pass",
        {4, 4, 4, 5, 5, 2}},
       {R"({"print_head":"xp600","output_channel_map":"KCMY"})", "xp600_720x720", of_xp600},
+      // An old map that lost its white gets it back, others stay as they are.
+      {R"({"print_head":"xp600","output_channel_map":["k","c","m","y","off","off","off"]})", "xp600_720x720",
+       of_xp600},
+      {R"({"print_head":"xp600","output_channel_map":["k","c","m","y","off","off","k"]})",
+       "xp600_720x720",
+       {3, 0, 1, 2, 5, 5, 3}},
+      {R"({"output_channel_map":["k","c","m","y","off","off"]})", "720x1800_6pass", {3, 0, 1, 2, 5, 5}},
       {R"({"print_mode_id":"720X1800_6PASS"})", "720x1800_6pass", {3, 0, 1, 2, 4, 4}},
   };
   for (const auto& [text, mode, slots] : cases) {
@@ -92,22 +94,21 @@ TEST_F(JobSettingsFile, HeadModeAndSlotsFitEachOther) {
 }
 
 TEST_F(JobSettingsFile, UnknownTokensAndLegacyModesAreNamed) {
-  using Lines = std::vector<std::string>;
-  const auto unknown = [](const std::string& rest) { return Lines{"[WARN ] JobSettings: unknown " + rest}; };
-  const std::pair<const char*, Lines> cases[] = {
-      {R"({"print_head":"i9"})", unknown("print_head token 'i9'; using i3200")},
-      {R"({"white_resampling_mode":"Bilinear!"})",
-       unknown("white_resampling_mode token 'Bilinear!'; using hard")},
-      {R"({"color_resampling":"x"})", unknown("color_resampling token 'x'; using smooth")},
-      {R"({"sheet_placement_mode":""})", unknown("sheet_placement_mode token ''; using AlignCenter")},
-      {R"({"white_choke_strategy":"legacy_same_grid_distance_mask"})",
-       unknown("white_choke_strategy token 'legacy_same_grid_distance_mask'; using production")},
-      {R"({"output_channel_map":["C","Gold"]})", unknown("output_channel_map[1] token 'Gold'; using Off")},
+  const std::string unknown = "[WARN ] JobSettings: unknown ";
+  const std::pair<const char*, std::vector<std::string>> cases[] = {
+      {R"({"print_head":"i9","white_resampling_mode":"Bilinear!","color_resampling":"x",
+           "sheet_placement_mode":"","white_choke_strategy":"legacy_same_grid_distance_mask",
+           "output_channel_map":["C","Gold"],"white_generation_mode":"sourcecoverage"})",
+       {unknown + "print_head token 'i9'; using i3200",
+        unknown + "output_channel_map[1] token 'Gold'; using Off",
+        unknown + "sheet_placement_mode token ''; using AlignCenter",
+        unknown + "legacy white_generation_mode 'sourcecoverage' ignored; using SourceCoverage.",
+        unknown + "white_choke_strategy token 'legacy_same_grid_distance_mask'; using production",
+        unknown + "color_resampling token 'x'; using smooth",
+        unknown + "white_resampling_mode token 'Bilinear!'; using hard"}},
       {R"({"white_generation_mode":"InkBudget","white_ink_limit_enabled":false})",
        {"[WARN ] JobSettings: legacy white_generation_mode 'InkBudget' migrated to SourceCoverage",
         "[WARN ] JobSettings: legacy InkBudget maps to white_ink_limit_enabled."}},
-      {R"({"white_generation_mode":"sourcecoverage"})",
-       unknown("legacy white_generation_mode 'sourcecoverage' ignored; using SourceCoverage.")},
       {R"({"white_generation_mode":"SourceCoverage"})", {}},
       {"", {"[ERROR] JobSettings: falling back to defaults for '" + path + "': Cannot parse JSON: " + path}},
       {R"({"sheet_width_in":5,"output_channel_map":["C",7]})",
@@ -123,27 +124,23 @@ TEST_F(JobSettingsFile, UnknownTokensAndLegacyModesAreNamed) {
   }
 }
 
-TEST_F(JobSettingsFile, AFaultOfTheColourFileIsToldOnce) {
-  std::filesystem::create_directory(dir.file("NVO_RIP"));
-  test::write_all(dir.file("NVO_RIP/icc_settings.json"), "{");
-  for (const char* text : {"{}", "{", R"({"output_channel_map":[7]})"}) {
-    const test::LogCapture log;
-    read(text);
-    EXPECT_EQ(log.count("IccSettings: "), 1u) << text;
-  }
-}
-
 TEST_F(JobSettingsFile, InstallationGivesTheDefaults) {
   rip.nesting_gap_in = -3;
   rip.sheet_width_in = 17;
   rip.print_mode_id = "360x3600_6pass";
   const test::LogCapture log;
   const JobSettings job = load_job_settings(rip, dir.file("none.json"));
-  EXPECT_EQ(job.repeated_file_gap_in, 0.0f);
-  EXPECT_EQ(job.sheet_width_in, 17.0f);
-  EXPECT_EQ(job.print_mode.id, "360x3600_6pass");
+  EXPECT_EQ(std::tuple(job.repeated_file_gap_in, job.sheet_width_in, job.print_mode.id),
+            std::tuple(0.0f, 17.0f, "360x3600_6pass"));
   EXPECT_EQ(job_settings_path(), dir.file("NVO_RIP/job_settings.json"));
   EXPECT_TRUE(log.lines().empty());
+
+  test::write_all(dir.file("NVO_RIP/icc_settings.json"), R"({"intent":2})");
+  EXPECT_EQ(read("{}").icc.intent, 2);
+  EXPECT_EQ(read(R"({"icc":{}})").icc.intent, 1) << "the job's record has nothing of the file's";
+  test::write_all(dir.file("NVO_RIP/icc_settings.json"), "{");
+  read(R"({"output_channel_map":[7]})");
+  EXPECT_EQ(log.count("IccSettings: "), 1u) << "a fault of the colour file is told once";
 }
 
 }  // namespace

@@ -61,7 +61,7 @@ TEST_F(RipSettingsFile, OneInvalidValueRefusesTheWholeFileWithItsText) {
             "[ERROR] RipSettings: falling back to defaults for '" + path + "': Cannot parse JSON: " + path);
 }
 
-TEST_F(RipSettingsFile, ValidValuesArrive) {
+TEST_F(RipSettingsFile, ValidValuesArriveAndVagueOnesWarnOrKeepTheirDefault) {
   std::string lut = "0";
   for (int i = 1; i < 256; ++i) lut += "," + std::to_string(255 - i);
   const test::LogCapture log;
@@ -81,15 +81,12 @@ TEST_F(RipSettingsFile, ValidValuesArrive) {
   EXPECT_EQ(p.autotune_inputs.qty, 0u);
   EXPECT_EQ(s.filename_copies.position, CopiesPosition::number_after_marker);
   EXPECT_EQ(s.filename_copies.markers, (std::vector<std::string>{"x2", "y"}));
-}
 
-TEST_F(RipSettingsFile, SmallThingsWarnOrKeepTheirDefault) {
-  const test::LogCapture log;
   EXPECT_EQ(load_rip_settings(dir.file("none.json")).display_units, "in");
-  const RipSettings s =
+  const RipSettings vague =
       read(R"({"display_units":"Feet","ui_language":"ru","filename_copies":{"markers":" , "}})");
-  EXPECT_EQ(s.display_units + s.ui_language, "inru");
-  EXPECT_EQ(s.filename_copies.markers.size(), 3u);
+  EXPECT_EQ(vague.display_units + vague.ui_language, "inru");
+  EXPECT_EQ(vague.filename_copies.markers.size(), 3u) << "no marker keeps the default";
   EXPECT_EQ(log.lines(),
             std::vector<std::string>{"[WARN ] DisplayUnits: unknown display_units token 'Feet'; using in."});
 }

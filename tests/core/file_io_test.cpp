@@ -5,7 +5,6 @@
 #include <tuple>
 
 #include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
 
 #include "support/temp_dir.h"
 
@@ -31,23 +30,6 @@ TEST(ReadFileBounded, CapMissingAndFolder) {
     EXPECT_EQ(read_file_bounded(name, cap, out, &error, &missing), ok) << name;
     EXPECT_EQ(std::tuple(out, error, missing), std::tuple(content, text, is_missing)) << name;
     EXPECT_EQ(read_file_bounded(name, cap, out, nullptr, nullptr), ok) << "without texts";
-  }
-}
-
-TEST(ReadJsonBounded, ParsesOrNamesTheFile) {
-  const test::TempDir dir;
-  const std::string path = dir.file("a.json");
-  nlohmann::json json;
-  std::string error;
-  test::write_all(path, R"({"a":[1,2]})");
-  ASSERT_TRUE(read_json_bounded(path, 100, json, &error, nullptr));
-  EXPECT_EQ(json["a"][1], 2);
-  for (const std::string text : {"", "{", "{\"a\":1}x", "\xff"}) {
-    test::write_all(path, text);
-    json = 7;
-    EXPECT_FALSE(read_json_bounded(path, 100, json, &error, nullptr)) << text;
-    EXPECT_EQ(error, "Cannot parse JSON: " + path);
-    EXPECT_TRUE(json.is_null());
   }
 }
 

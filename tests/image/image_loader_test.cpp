@@ -6,45 +6,35 @@
 namespace nvo::test {
 namespace {
 
-/// Every `step`-th byte from `first` on, each combined with `flip`.
-Bytes every(const Bytes& bytes, std::size_t first, std::size_t step, std::uint8_t flip = 0) {
-  Bytes taken;
-  for (std::size_t i = first; i < bytes.size(); i += step) taken.push_back(bytes[i] ^ flip);
-  return taken;
-}
-
-class ImageLoaderTest : public ImageTest {
- protected:
-  LoadedImage load(const TiffFile& file) {
-    write_tiff(dir_.file("A.TIF"), file);
-    return load_image(dir_.file("A.TIF"));
-  }
-};
+using ImageLoaderTest = ImageTest;
 
 TEST_F(ImageLoaderTest, WhiteCoverageComesFromWhiteElseAlphaElseIsFull) {
-  const TiffFile cmykw{.samples = 6, .photometric = PHOTOMETRIC_SEPARATED, .extra_samples = {1, 0}};
-  const LoadedImage with_white = load(cmykw);
-  EXPECT_TRUE(with_white.is_cmyk && with_white.has_alpha && !with_white.is_rgb);
-  EXPECT_EQ(with_white.pixels, cmykw.pixels());
-  EXPECT_EQ(with_white.white_coverage, every(cmykw.pixels(), 5, 6, 0xFF));
-
-  const TiffFile rgba{.samples = 4, .photometric = PHOTOMETRIC_RGB, .extra_samples = {2}};
-  EXPECT_EQ(load(rgba).white_coverage, every(rgba.pixels(), 3, 4));
-  EXPECT_EQ(load({.samples = 3, .photometric = PHOTOMETRIC_RGB}).white_coverage, Bytes(20, 255));
-}
-
-TEST_F(ImageLoaderTest, GrayIsDeliveredAsRgb) {
-  // The second alpha is none; the samples of the two pixels are 3, 14, 25 and 36, 47, 58.
-  const TiffFile file{
-      .samples = 3, .extra_samples = {2, 1}, .width = 2, .height = 1, .x_resolution = 200, .unit = 2};
-  const LoadedImage image = load(file);
-  EXPECT_TRUE(image.is_gray && image.is_rgb && !image.is_cmyk && image.has_alpha);
-  EXPECT_EQ(image.kind, ImageSourceKind::tiff);
-  EXPECT_EQ(image.dpi_y, 200.0f);
-  EXPECT_EQ(image.role_index(ChannelRole::alpha), 3);
-  EXPECT_EQ(image.pixels, (Bytes{3, 3, 3, 14, 36, 36, 36, 47}));
-  EXPECT_EQ(image.white_coverage, (Bytes{14, 47}));
-  EXPECT_EQ(load({.width = 2, .height = 1}).pixels, (Bytes{3, 3, 3, 14, 14, 14}));
+  const std::uint16_t cmyk = PHOTOMETRIC_SEPARATED, rgb = PHOTOMETRIC_RGB;
+  const struct {
+    TiffFile file;
+    int alpha;
+    Bytes white_coverage;
+    Bytes gray_pixels = {};  ///< delivered as RGB; the second alpha is none
+  } cases[] = {
+      // The samples of the two pixels are 3, 14, 25 and so on.
+      {{.samples = 6, .photometric = cmyk, .extra_samples = {1, 0}}, 4, {255 - 58, 255 - 124}},
+      {{.samples = 4, .photometric = rgb, .extra_samples = {2}}, 3, {36, 80}},
+      {{.samples = 3, .photometric = rgb}, -1, {255, 255}},
+      {{.samples = 3, .extra_samples = {2, 1}}, 3, {14, 47}, {3, 3, 3, 14, 36, 36, 36, 47}},
+      {{.samples = 1}, -1, {255, 255}, {3, 3, 3, 14, 14, 14}},
+  };
+  for (const auto& c : cases) {
+    TiffFile file = c.file;
+    file.width = 2, file.height = 1;
+    write_tiff(dir_.file("A.TIF"), file);
+    const LoadedImage image = load_image(dir_.file("A.TIF"));
+    const bool is_cmyk = file.photometric == cmyk, is_gray = !c.gray_pixels.empty();
+    EXPECT_TRUE(image.is_cmyk == is_cmyk && image.is_rgb == !is_cmyk && image.is_gray == is_gray);
+    EXPECT_EQ(image.role_index(ChannelRole::alpha), c.alpha);
+    EXPECT_EQ(image.has_alpha, c.alpha >= 0);
+    EXPECT_EQ(image.pixels, is_gray ? c.gray_pixels : file.pixels());
+    EXPECT_EQ(image.white_coverage, c.white_coverage);
+  }
 }
 
 TEST_F(ImageLoaderTest, NamesTheFileThatFails) {

@@ -30,6 +30,12 @@ using ::testing::StartsWith;
 
 using Bytes = std::vector<std::uint8_t>;
 
+/// Rows `y` .. `y + rows - 1` of an image.
+inline Bytes rows_of(const Bytes& image, std::size_t row_bytes, std::size_t y, std::size_t rows) {
+  const std::uint8_t* first = image.data() + y * row_bytes;
+  return {first, first + rows * row_bytes};
+}
+
 class ImageTest : public ::testing::Test {
  protected:
   std::string write(const std::string& name, const std::string& bytes) const {

@@ -13,50 +13,31 @@
 namespace nvo::test {
 namespace {
 
+using ::testing::DoubleNear;
+using ::testing::Pointwise;
+
 class RasterDecoderTest : public ImageTest {
  protected:
   RasterInfo info_;
 
+  /// By rows; expects the same of decoding at once.
   Bytes decode(const std::string& file) {
     const auto decoder = open_raster_decoder(write("image", file));
     if (!decoder) throw DecodeError("not an image");
     info_ = decoder->info();
     decoder->start();
-    Bytes pixels(decoder->row_bytes() * info_.height);
+    Bytes pixels(decoder->row_bytes() * info_.height), at_once;
     for (std::size_t at = 0; at < pixels.size(); at += decoder->row_bytes()) decoder->read_row(&pixels[at]);
-    return pixels;
-  }
-  /// The last image again, not by rows.
-  Bytes decode_at_once() const {
-    const auto decoder = open_raster_decoder(dir_.file("image"));
-    decoder->start();
-    Bytes pixels;
-    decoder->read_image(pixels);
+    const auto again = open_raster_decoder(dir_.file("image"));
+    again->start();
+    again->read_image(at_once);
+    EXPECT_TRUE(pixels == at_once);
     return pixels;
   }
   std::string failure(const std::string& file) {
     return failure_of([&] { decode(file); });
   }
 };
-
-int largest_difference(const Bytes& a, const Bytes& b) {
-  if (a.size() != b.size()) return 999;
-  int largest = 0;
-  for (std::size_t i = 0; i < a.size(); ++i) largest = std::max(largest, std::abs(a[i] - b[i]));
-  return largest;
-}
-
-TEST_F(RasterDecoderTest, PngInterlacedOrWithOtherChunks) {
-  const PngFile file{.interlaced = true};
-  EXPECT_EQ(decode(file.bytes()), file.pixels());
-  EXPECT_EQ(decode_at_once(), file.pixels());
-  EXPECT_TRUE(info_.needs_whole_frame);
-
-  // A chunk of 9 MB behind the header, its checksum wrong.
-  std::string png = PngFile{}.bytes();
-  png.insert(33, "\x00\x89\x54\x40zTXt"s + std::string(0x895440, 'x') + "crc?");
-  EXPECT_EQ(decode(png), PngFile{}.pixels());
-}
 
 /// The colours that a JPEG is made of. Adobe's marker says that ink amounts are inverted.
 Bytes jpeg_pixels(const JpegFile& file) {
@@ -83,7 +64,7 @@ TEST_F(RasterDecoderTest, JpegColours) {
   for (auto [file, tolerance] : cases)
     for (const bool progressive : {false, true}) {
       file.progressive = progressive;
-      EXPECT_LE(largest_difference(decode(file.bytes()), jpeg_pixels(file)), tolerance) << file.stored;
+      EXPECT_THAT(decode(file.bytes()), Pointwise(DoubleNear(tolerance), jpeg_pixels(file))) << file.stored;
       EXPECT_EQ(info_.needs_whole_frame, progressive);
       EXPECT_FALSE(info_.has_alpha);
     }
@@ -96,15 +77,28 @@ TEST_F(RasterDecoderTest, JpegColours) {
   EXPECT_EQ(decode(flat.bytes()), jpeg_pixels(flat));
 }
 
-TEST_F(RasterDecoderTest, Webp) {
+TEST_F(RasterDecoderTest, PngAndWebp) {
+  const PngFile plain, interlaced{.interlaced = true};
+  const Bytes opaque = rgba_image(9, 5, [](auto, auto) { return Rgba{9, 99, 199, 255}; });
   // Larger than one piece of the incremental decoder.
   const Bytes busy = rgba_image(401, 399, busy_pixel);
-  EXPECT_EQ(decode(webp_bytes(busy, 401, 399, true)), busy);
-  EXPECT_EQ(decode_at_once(), busy);
-  EXPECT_TRUE(info_.has_alpha);
-  const Bytes opaque = rgba_image(9, 5, [](auto, auto) { return Rgba{9, 99, 199, 255}; });
-  EXPECT_EQ(decode(webp_bytes(opaque, 9, 5, true)), opaque);
-  EXPECT_FALSE(info_.has_alpha);
+  // A chunk of 9 MB behind the header, its checksum wrong.
+  const std::string long_chunk = "\x00\x89\x54\x40zTXt"s + std::string(0x895440, 'x') + "crc?";
+  const struct {
+    std::string file;
+    Bytes pixels;
+    bool has_alpha, needs_whole_frame;
+  } cases[] = {
+      {plain.bytes().insert(33, long_chunk), plain.pixels(), true, false},
+      {interlaced.bytes(), interlaced.pixels(), true, true},
+      {webp_bytes(busy, 401, 399, true), busy, true, true},
+      {webp_bytes(opaque, 9, 5, true), opaque, false, true},
+  };
+  for (const auto& c : cases) {
+    EXPECT_TRUE(decode(c.file) == c.pixels);
+    EXPECT_EQ(info_.has_alpha, c.has_alpha);
+    EXPECT_EQ(info_.needs_whole_frame, c.needs_whole_frame);
+  }
 }
 
 TEST_F(RasterDecoderTest, BmpVariants) {
@@ -204,14 +198,6 @@ TEST_F(RasterDecoderTest, CutFilesFailAtEveryLength) {
   }
 }
 
-TEST_F(RasterDecoderTest, DamageInThePixelsIsAnError) {
-  std::string png = PngFile{}.bytes(), jpeg = JpegFile{.width = 200, .height = 200}.bytes();
-  png[png.size() / 2] = static_cast<char>(~png[png.size() / 2]);
-  EXPECT_THAT(failure(png), HasSubstr("PNG: "));
-  jpeg.replace(jpeg.size() / 2, 2, "\xFF\xD9");
-  EXPECT_THAT(failure(jpeg), HasSubstr("JPEG: Corrupt JPEG data"));
-}
-
 /// A file with its last scan `times` times more.
 std::string with_repeated_scan(const std::string& jpeg, int times) {
   const std::size_t scan = jpeg.rfind("\xFF\xDA"), end = jpeg.size() - 2;
@@ -227,11 +213,10 @@ TEST_F(RasterDecoderTest, BombsCostLittle) {
   constexpr double kMaxSeconds = 1.0;
 #endif
   constexpr long kMaxKibibytes = 256 << 10;
-  const auto scans = [](int extra) {
-    return JpegFile{.components = 1, .stored = JCS_GRAYSCALE, .extra_scans = extra}.bytes();
-  };
-  JpegFile flat{.components = 1, .stored = JCS_GRAYSCALE, .progressive = true, .width = 6500, .height = 6500};
-  flat.sample = [](std::uint32_t, std::uint32_t, int) { return std::uint8_t{99}; };
+  JpegFile flat{.components = 1, .stored = JCS_GRAYSCALE, .progressive = true};
+  flat.sample = [](auto, auto, int) { return std::uint8_t{99}; };
+  const std::string small = flat.bytes();
+  flat.width = flat.height = 6500;
   std::string claim = JpegFile{.progressive = true}.bytes();
   claim.replace(claim.find("\xFF\xC2"s) + 5, 4, "\x75\x30\x75\x30");
   std::string chunks;
@@ -241,8 +226,8 @@ TEST_F(RasterDecoderTest, BombsCostLittle) {
     const char* name;
     std::string file, failure;
   } cases[] = {
-      {"scans", scans(150), "JPEG: too many scans"},
-      {"fewer scans", scans(60), ""},
+      {"scans", with_repeated_scan(small, 150), "JPEG: too many scans"},
+      {"fewer scans", with_repeated_scan(small, 60), ""},
       {"scans of a large image", with_repeated_scan(flat.bytes(), 60), "JPEG: too many scans"},
       {"JPEG size", claim, "JPEG: the file is too short for its size in pixels"},
       {"PNG size", png_header_only(12000, 12000), "PNG: the file is too short for its size in pixels"},

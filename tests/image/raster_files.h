@@ -85,7 +85,6 @@ struct JpegFile {
   int components = 3;
   J_COLOR_SPACE stored = JCS_YCbCr;
   bool progressive = false, adobe = false;
-  int extra_scans = 0;  ///< of one coefficient each, at most 189
   std::uint32_t width = 40, height = 33;
   UINT8 density_unit = 0;
   UINT16 density_x = 1, density_y = 1;
@@ -116,16 +115,6 @@ struct JpegFile {
     jpeg.X_density = density_x;
     jpeg.Y_density = density_y;
     if (progressive) jpeg_simple_progression(&jpeg);
-    std::vector<jpeg_scan_info> scans;
-    if (extra_scans != 0) {
-      scans.push_back({1, {0}, 0, 0, 0, 0});
-      for (int i = 0; i < extra_scans; ++i) {
-        const int coefficient = 1 + i % 63, step = i / 63;
-        scans.push_back({1, {0}, coefficient, coefficient, step == 0 ? 0 : 3 - step, 2 - step});
-      }
-      jpeg.scan_info = scans.data();
-      jpeg.num_scans = static_cast<int>(scans.size());
-    }
     jpeg_start_compress(&jpeg, TRUE);
     Bytes row(std::size_t{width} * static_cast<unsigned>(components));
     for (std::uint32_t y = 0; y < height; ++y) {

@@ -1,8 +1,11 @@
 #include "image/tiff_reader.h"
 
+#include <algorithm>
 #include <stdexcept>
+#include <string_view>
 
 #include "image/image_test.h"
+#include "support/scoped_variable.h"
 #include "support/seed_replay.h"
 #include "support/tiff_file.h"
 
@@ -10,6 +13,24 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
 namespace nvo::test {
 namespace {
+
+constexpr std::uint16_t kCmyk = PHOTOMETRIC_SEPARATED, kRgb = PHOTOMETRIC_RGB, kGray = PHOTOMETRIC_MINISBLACK;
+
+/// Bands (first row, rows) from the bottom up, with an overlap.
+std::vector<std::pair<std::uint32_t, std::uint32_t>> bands_upwards(std::uint32_t height) {
+  std::vector<std::pair<std::uint32_t, std::uint32_t>> bands;
+  for (std::uint32_t end = height; end > 0; end = end > 40 ? end - 35 : 0)
+    bands.emplace_back(end - std::min(end, 40u), std::min(end, 40u));
+  return bands;
+}
+
+/// One result of reading a file: its bands upwards, or an error; and the log without the lines on buffers,
+/// which threads have of their own.
+struct Reading {
+  std::vector<Bytes> bands;
+  std::string error;
+  std::vector<std::string> log;
+};
 
 class TiffReaderTest : public ImageTest {
  protected:
@@ -22,21 +43,68 @@ class TiffReaderTest : public ImageTest {
     return reader;
   }
 
-  /// The reader's own lines, without those of libtiff.
-  std::vector<std::string> own_lines() {
+  /// The log without lines that contain one of these texts.
+  std::vector<std::string> lines_without(std::initializer_list<const char*> texts) {
     auto lines = log_.take();
-    std::erase_if(lines, [](const std::string& line) { return line.find("libtiff: ") != std::string::npos; });
+    for (const char* text : texts)
+      std::erase_if(lines, [&](const std::string& line) { return line.find(text) != std::string::npos; });
     return lines;
   }
-};
 
-constexpr std::uint16_t kCmyk = PHOTOMETRIC_SEPARATED, kRgb = PHOTOMETRIC_RGB, kGray = PHOTOMETRIC_MINISBLACK;
+  /// Opens the file for a reader that divides its work among so many threads.
+  void with_reader(int threads, const std::function<void(TiffReader&)>& use) const {
+    const ScopedVariable mode("NVO_RIP_PARALLEL_COMPOSE_ITEMS", threads > 1 ? "1" : "0");
+    const ScopedVariable count("NVO_RIP_COMPOSE_THREADS", std::to_string(threads).c_str());
+    TiffReader reader;
+    reader.open(path_);
+    use(reader);
+  }
+
+  Reading read_upwards(int threads, std::uint32_t height) {
+    Reading reading;
+    log_.take();
+    with_reader(threads, [&](TiffReader& reader) {
+      reading.error = failure_of([&] {
+        for (const auto& [y, rows] : bands_upwards(height))
+          reading.bands.push_back(reader.read_rows(y, rows));
+      });
+    });
+    reading.log = lines_without({" buffer of "});
+    return reading;
+  }
+
+  /// What one thread reads; expects the same of several, so many times each.
+  Reading expect_same(std::uint32_t height, std::initializer_list<int> thread_counts, int runs) {
+    const Reading plain = read_upwards(1, height);
+    for (const int threads : thread_counts)
+      for (int run = 0; run < runs; ++run) {
+        const Reading reading = read_upwards(threads, height);
+        EXPECT_EQ(reading.error, plain.error) << threads;
+        EXPECT_EQ(reading.log, plain.log) << threads;
+        EXPECT_TRUE(reading.bands == plain.bands) << threads;
+      }
+    return plain;
+  }
+
+  /// Writes a file whose strips or tiles hold `packed(number)`.
+  void write_raw(const TiffFile& file, std::uint32_t pieces,
+                 const std::function<std::string(std::uint32_t number)>& packed) const {
+    TIFF* tiff = TIFFOpen(path_.c_str(), "w");
+    set_tags(tiff, file);
+    for (std::uint32_t number = 0; number < pieces; ++number) {
+      std::string bytes = packed(number);
+      const auto write = file.tile_width != 0 ? TIFFWriteRawTile : TIFFWriteRawStrip;
+      write(tiff, number, bytes.data(), static_cast<tmsize_t>(bytes.size()));
+    }
+    TIFFClose(tiff);
+  }
+};
 
 TEST_F(TiffReaderTest, DecidesWhatSamplesMean) {
   const struct {
     TiffFile file;
     const char* channels;                ///< index:name=role, by the numbers of the log
-    std::vector<const char*> decisions;  ///< as logged
+    std::vector<std::string> decisions;  ///< as logged
   } cases[] = {
       {{.samples = 2, .photometric = {}},
        "0:Gray(min-is-white)=255 1:Alpha(inferred)=6",
@@ -65,19 +133,17 @@ TEST_F(TiffReaderTest, DecidesWhatSamplesMean) {
        "0:Cyan=0 1:Magenta=1 2:Yellow=2 3:Black=3 4:Spot_0=5",
        {"[WARN ] No InkNames / ExtraSamples tags. Treating 1 extra channel(s) as spot.",
         "[WARN ] Extra channel 0 has no InkNames/ExtraSamples signal; treating as Spot (ignored)"}},
-      {{.samples = 6, .photometric = kCmyk, .extra_samples = {0, 0}},
+      {{.samples = 6, .photometric = kCmyk, .extra_samples = {0, 0, 1, 1}},
        "0:Cyan=0 1:Magenta=1 2:Yellow=2 3:Black=3 4:White=4 5:Alpha(inferred)=6",
-       {"[INFO ] ExtraSample[0] -> White (unspecified)", "[INFO ] ExtraSample[1] -> Alpha (inferred)"}},
-      {{.samples = 5, .photometric = kCmyk, .extra_samples = {1, 0, 0}},
-       "0:Cyan=0 1:Magenta=1 2:Yellow=2 3:Black=3 4:Alpha(assoc)=6",
-       {"[INFO ] ExtraSample[0] -> Alpha (type=1)",
-        "[WARN ] TiffReader: ignoring ExtraSamples entry 1 beyond samples-per-pixel=5"}},
-      {{.samples = 6,
+       {"[INFO ] ExtraSample[0] -> White (unspecified)", "[INFO ] ExtraSample[1] -> Alpha (inferred)",
+        "[WARN ] TiffReader: ignoring ExtraSamples entry 2 beyond samples-per-pixel=6"}},
+      {{.samples = 7,
         .photometric = kCmyk,
-        .extra_samples = {1, 0},
+        .extra_samples = {1, 1, 0},
         .ink_names = {"c", "m", "y", "k", "wht"}},
-       "0:c=0 1:m=1 2:y=2 3:k=3 4:wht=4 5:Alpha(inferred)=6",
-       {"[INFO ] Spot channel 'wht' -> White", "[INFO ] ExtraSample[1] -> Alpha (inferred)"}},
+       "0:c=0 1:m=1 2:y=2 3:k=3 4:wht=4 5:Alpha(assoc)=6 6:Spot_2=5",
+       {"[INFO ] Spot channel 'wht' -> White", "[INFO ] ExtraSample[1] -> Alpha (type=1)",
+        "[WARN ] ExtraSample[2] -> Spot (ignored)"}},
       {{.samples = 5, .photometric = kCmyk, .ink_names = {"c", std::string(1280, 'm'), "y", "k", "w", "x"}},
        "0:c=0 1:Magenta=1 2:Yellow=2 3:Black=3 4:Spot_0=5",
        {"[WARN ] TiffReader: TIFF InkNames is not NUL-terminated within 1280 bytes; ignoring remaining names",
@@ -95,11 +161,7 @@ TEST_F(TiffReaderTest, DecidesWhatSamplesMean) {
       channels += (channels.empty() ? "" : " ") + std::to_string(channel.index) + ":" + channel.name + "=" +
                   std::to_string(static_cast<std::uint8_t>(channel.role));
     EXPECT_EQ(channels, c.channels);
-    const auto lines = own_lines();
-    ASSERT_GT(lines.size(), c.decisions.size());
-    EXPECT_THAT(std::vector(lines.begin(), lines.begin() + c.decisions.size()),
-                ::testing::ElementsAreArray(c.decisions));
-    EXPECT_THAT(lines[c.decisions.size()], HasSubstr("TIFF meta: 5x4 spp="));
+    EXPECT_EQ(lines_without({"libtiff: ", "[INFO ] TIFF meta: ", "[DEBUG]   channel["}), c.decisions);
   }
 }
 
@@ -107,21 +169,18 @@ TEST_F(TiffReaderTest, NormalisesResolution) {
   const struct {
     float x, y;
     std::uint16_t unit;
-    float dpi_x, dpi_y;
     const char* line;
   } cases[] = {
-      {118.11f, 118.11f, 3, 118.11f * 2.54f, 118.11f * 2.54f, "unit=centimeter dpi_norm=299.999x299.999"},
-      {240, 0, 2, 240, 240,
-       "TIFF meta: 5x4 spp=1 bps=8 res_raw=240x0 unit=inch dpi_norm=240x240 [TIFF] [Gray]"},
-      {0, 600, 2, 600, 600, "res_raw=0x600 unit=inch"},
-      {0, 0, 0, 300, 300, "res_raw=0x0 unit=none"},
-      {72, 144, 1, 72, 144, "res_raw=72x144 unit=none"},
+      {118.11f, 118.11f, 3, "res_raw=118.11x118.11 unit=centimeter dpi_norm=299.999x299.999"},
+      {240, 0, 2, "res_raw=240x0 unit=inch dpi_norm=240x240"},
+      {0, 600, 2, "res_raw=0x600 unit=inch dpi_norm=600x600"},
+      {0, 0, 0, "res_raw=0x0 unit=none dpi_norm=300x300"},
+      {72, 144, 1, "res_raw=72x144 unit=none dpi_norm=72x144"},
   };
   for (const auto& c : cases) {
-    const TiffMeta meta = open({.x_resolution = c.x, .y_resolution = c.y, .unit = c.unit}).read_meta();
-    EXPECT_EQ(meta.dpi_x, c.dpi_x);
-    EXPECT_EQ(meta.dpi_y, c.dpi_y);
-    EXPECT_THAT(own_lines()[0], HasSubstr(c.line));
+    open({.x_resolution = c.x, .y_resolution = c.y, .unit = c.unit}).read_meta();
+    EXPECT_EQ(lines_without({"libtiff: "})[0],
+              "[INFO ] TIFF meta: 5x4 spp=1 bps=8 "s + c.line + " [TIFF] [Gray]");
   }
 }
 
@@ -143,9 +202,7 @@ TEST_F(TiffReaderTest, RefusesWhatItCannotProcess) {
   }
 
   TiffReader reader;
-  EXPECT_EQ(failure_of([&] { reader.read_rows(0, 1); }), "TiffReader::read_meta called before open()");
-  for (const std::string& path : {dir_.file("missing.tif"), dir_.path().string()})
-    EXPECT_EQ(failure_of([&] { reader.open(path); }), "TiffReader: cannot open '" + path + "'");
+  EXPECT_THROW(reader.open(dir_.file("missing.tif")), std::runtime_error);
   EXPECT_TRUE(log_.contains("[ERROR] libtiff: " + dir_.file("missing.tif") + ": No such file or directory"));
 }
 
@@ -158,14 +215,18 @@ TEST_F(TiffReaderTest, ReadsAnyBandInAnyOrder) {
       {.width = 23, .height = 40, .compression = COMPRESSION_ADOBE_DEFLATE, .big = true},
       {.samples = 4, .photometric = kCmyk, .width = 37, .height = 40, .tile_width = 16, .tile_length = 16},
       {.width = 37, .height = 40, .tile_width = 48, .tile_length = 48, .big = true},
+      {.samples = 2, .photometric = {}, .extra_samples = {1}, .width = 23, .height = 40, .rows_per_strip = 7},
   };
   for (const TiffFile& file : layouts) {
     SCOPED_TRACE("layout " + std::to_string(&file - layouts));
+    Bytes image = file.pixels();
+    if (!file.photometric)  // white is 0, which inverts the gray sample alone
+      for (std::size_t i = 0; i < image.size(); i += file.samples) image[i] ^= 0xFF;
     TiffReader reader = open(file);
     EXPECT_EQ(reader.read_meta().is_bigtiff, file.big);
-    EXPECT_EQ(reader.read_image(), file.pixels());
+    EXPECT_EQ(reader.read_image(), image);
     const auto expect_band = [&](std::uint32_t y, std::uint32_t rows) {
-      ASSERT_EQ(reader.read_rows(y, rows), file.band(y, rows)) << "rows " << y << " + " << rows;
+      ASSERT_EQ(reader.read_rows(y, rows), rows_of(image, file.row_bytes(), y, rows)) << y << " + " << rows;
     };
     for (std::uint32_t height : {1u, 5u, 16u, 33u}) {
       for (std::uint32_t end = file.height; end >= height; --end) expect_band(end - height, height);
@@ -182,14 +243,112 @@ TEST_F(TiffReaderTest, ReadsAnyBandInAnyOrder) {
   }
 }
 
-TEST_F(TiffReaderTest, InvertsOnlyTheGraySampleOfMinIsWhite) {
-  const TiffFile file{.samples = 2, .photometric = {}, .extra_samples = {1}};
-  auto expected = file.pixels();
-  for (std::size_t i = 0; i < expected.size(); i += 2)
-    expected[i] = static_cast<std::uint8_t>(255 - expected[i]);
-  TiffReader reader = open(file);
-  EXPECT_EQ(reader.read_image(), expected);
-  EXPECT_EQ(reader.read_image(), expected) << "a kept strip must stay as the file has it";
+TEST_F(TiffReaderTest, GivesTheSamplesOfTheFileWithAnyPredictorAndThreads) {
+  for (const std::uint16_t samples : std::initializer_list<std::uint16_t>{1, 2, 3, 4, 5, 8, 9})
+    for (const std::uint16_t predictor : std::initializer_list<std::uint16_t>{1, 2})
+      for (const std::uint32_t tile : {0u, 16u}) {
+        TiffFile file{.samples = samples, .width = 53, .height = 130, .predictor = predictor};
+        file.compression = COMPRESSION_ADOBE_DEFLATE;
+        file.rows_per_strip = 7;
+        file.tile_width = file.tile_length = tile;
+        write_tiff(path_, file);
+        SCOPED_TRACE(std::to_string(samples) + " samples, predictor " + std::to_string(predictor));
+        const Reading plain = expect_same(file.height, {2, 3, 16}, 1);
+        std::vector<Bytes> expected;
+        for (const auto& [y, rows] : bands_upwards(file.height)) expected.push_back(file.band(y, rows));
+        ASSERT_EQ(plain.bands, expected);
+      }
+}
+
+// Such a row is not kept, and room for its rows is made as they come.
+TEST_F(TiffReaderTest, TilesOfARowAbove64MiBAreDecodedSideBySide) {
+  TiffFile file{.samples = 8, .photometric = PHOTOMETRIC_SEPARATED, .width = 8300, .height = 1024};
+  file.compression = COMPRESSION_PACKBITS;
+  file.tile_width = 128, file.tile_length = 1024;
+  file.pixel = [&](std::uint32_t x, std::uint32_t, std::uint8_t* samples) {
+    std::fill_n(samples, file.samples, static_cast<std::uint8_t>(x / file.tile_width + 1));
+  };
+  write_tiff(path_, file);
+  const Bytes expected = file.band(500, 60);
+  for (const int threads : {1, 2, 3})
+    with_reader(threads,
+                [&](TiffReader& reader) { EXPECT_TRUE(reader.read_rows(500, 60) == expected) << threads; });
+}
+
+/// A strip of codes of nine bits, in the order of TIFF's LZW or in the old one.
+std::string lzw_strip(std::uint32_t first_value, std::uint32_t width, bool old_style) {
+  std::vector<unsigned> codes{256};
+  for (std::uint32_t x = 0; x < width; ++x) codes.push_back((first_value + x) % 256);
+  codes.push_back(257);
+  std::string bytes((codes.size() * 9 + 7) / 8, '\0');
+  for (std::size_t i = 0; i < codes.size() * 9; ++i) {
+    const bool set = codes[i / 9] >> (old_style ? i % 9 : 8 - i % 9) & 1;
+    if (set) bytes[i / 8] = static_cast<char>(bytes[i / 8] | (old_style ? 1 << i % 8 : 0x80 >> i % 8));
+  }
+  return bytes;
+}
+
+/// Strips with tables of their own, different ones, and strips without, which take those of the strip before.
+void write_jpeg_without_some_tables(const std::string& path, const TiffFile& file) {
+  TIFF* tiff = TIFFOpen(path.c_str(), "w");
+  set_tags(tiff, file);
+  TIFFSetField(tiff, TIFFTAG_JPEGTABLESMODE, 0);
+  const Bytes pixels = file.pixels();
+  for (std::uint32_t y = 0; y < file.height; ++y)
+    TIFFWriteScanline(tiff, const_cast<std::uint8_t*>(&pixels[y * file.row_bytes()]), y, 0);
+  TIFFClose(tiff);
+  std::string bytes = read_all(path);
+  constexpr std::string_view kTable = "\xff\xdb", kComment = "\xff\xfe";
+  constexpr std::size_t kBeforeValues = 5, kValues = 64;
+  int tables = 0;
+  for (auto at = bytes.find(kTable); at != bytes.npos; at = bytes.find(kTable, at + 2), ++tables)
+    if (tables % 3 == 0)
+      bytes.replace(at + kBeforeValues, kValues, kValues, static_cast<char>(tables + 1));
+    else
+      bytes.replace(at, kTable.size(), kComment);
+  write_all(path, bytes);
+}
+
+TEST_F(TiffReaderTest, PiecesThatLeanOnOthersAreDecodedAsInOrder) {
+  // Which of two dialects a decoder expects, it takes from the first strip that it sees, here from strip 288.
+  const TiffFile lzw{.width = 100, .height = 328, .rows_per_strip = 1};
+  write_raw(lzw, lzw.height, [&](std::uint32_t y) { return lzw_strip(y, lzw.width, y % 3 == 0); });
+  EXPECT_EQ(expect_same(lzw.height, {3}, 20).error, "TiffReader: error reading strip 289");
+
+  const TiffFile jpeg{.width = 64, .height = 328, .compression = COMPRESSION_JPEG, .rows_per_strip = 8};
+  write_jpeg_without_some_tables(path_, jpeg);
+  EXPECT_EQ(expect_same(jpeg.height, {3}, 20).error, "");
+}
+
+TEST_F(TiffReaderTest, SeveralDamagedPiecesFailAsInOrder) {
+  TiffFile file{.samples = 4, .photometric = PHOTOMETRIC_SEPARATED, .width = 90, .height = 96};
+  file.compression = COMPRESSION_ADOBE_DEFLATE;
+  file.predictor = PREDICTOR_HORIZONTAL;
+  file.rows_per_strip = 4;
+  for (const std::uint32_t tile : {0u, 16u}) {
+    file.tile_width = file.tile_length = tile;
+    write_tiff(path_, file);
+    for (const std::uint32_t piece : {14u, 15u, 17u}) damage_piece(path_, piece);
+    EXPECT_THAT(expect_same(file.height, {2, 5}, 10).error, HasSubstr("error reading"));
+  }
+}
+
+TEST_F(TiffReaderTest, AFileWrittenAnewIsNotDecodedIntoBuffersOfTheOldOne) {
+  TiffFile file{.width = 1024, .height = 512, .compression = COMPRESSION_NONE, .tile_width = 16};
+  file.tile_length = 16;
+  write_tiff(path_, file);
+  with_reader(3, [&](TiffReader& reader) {
+    file.tile_width = file.tile_length = 512;
+    write_tiff(path_, file);
+    EXPECT_EQ(reader.read_rows(8, 40).size(), std::size_t{1024} * 40);
+  });
+}
+
+TEST_F(TiffReaderTest, AFileCutShortWhileItIsReadGivesAnError) {
+  TiffReader reader = open({.width = 700, .height = 600, .compression = COMPRESSION_NONE});
+  reader.read_rows(0, 10);
+  std::filesystem::resize_file(path_, std::filesystem::file_size(path_) / 2);
+  EXPECT_THROW(reader.read_rows(590, 10), std::runtime_error);
 }
 
 TEST_F(TiffReaderTest, KeepsThePiecesThatTheNextBandNeeds) {
@@ -199,8 +358,9 @@ TEST_F(TiffReaderTest, KeepsThePiecesThatTheNextBandNeeds) {
     ASSERT_EQ(reader.read_rows(20, 24), file.band(20, 24));
     for (const std::uint32_t piece : {0u, 1u}) damage_piece(path_, piece);
     EXPECT_EQ(reader.read_rows(0, 64), file.band(0, 64)) << "a piece was decoded again";
-    EXPECT_THAT(own_lines(), ::testing::Contains(::testing::EndsWith(" buffer of 2048 bytes"))
-                                 .Times(file.tile_width == 0 ? 2 : 3));
+    EXPECT_THAT(lines_without({"libtiff: "}),
+                ::testing::Contains(::testing::EndsWith(" buffer of 2048 bytes"))
+                    .Times(file.tile_width == 0 ? 2 : 3));
   }
 }
 
@@ -231,37 +391,18 @@ TEST_F(TiffReaderTest, DamagedPixelsAreTheSameInEveryRun) {
   EXPECT_EQ(read_after(0x11, 0), read_after(0x11, 2)) << "nor do they hang on what was read before";
 }
 
-TEST_F(TiffReaderTest, AFileCutShortWhileItIsReadGivesAnError) {
-  TiffReader reader = open({.width = 700, .height = 600, .compression = COMPRESSION_NONE});
-  reader.read_rows(0, 10);
-  std::filesystem::resize_file(path_, std::filesystem::file_size(path_) / 2);
-  EXPECT_THROW(reader.read_rows(590, 10), std::runtime_error);
-}
-
-/// Gives every tag of a file that states a size in pixels the value 1 << `bits`.
-void claim_size(const std::string& path, int bits) {
-  auto bytes = read_all(path);
-  for (const int tag :
-       {TIFFTAG_IMAGEWIDTH, TIFFTAG_IMAGELENGTH, TIFFTAG_ROWSPERSTRIP, TIFFTAG_TILEWIDTH, TIFFTAG_TILELENGTH})
-    for (const char type : {char{TIFF_SHORT}, char{TIFF_LONG}}) {
-      // A directory entry is the tag, the type, a count of 1 and the value.
-      const char entry[] = {static_cast<char>(tag & 255), static_cast<char>(tag >> 8), type, 0, 1, 0, 0, 0};
-      const auto at = bytes.find(std::string(entry, sizeof entry));
-      if (at == std::string::npos) continue;
-      bytes[at + 2] = TIFF_LONG;
-      for (int i = 0; i < 4; ++i) bytes[at + 8 + i] = static_cast<char>((1u << bits) >> 8 * i);
-    }
-  write_all(path, bytes);
-}
-
 TEST_F(TiffReaderTest, HugeClaimsEndInExceptionsAndTakeNoMemory) {
-  for (const TiffFile& file : {TiffFile{}, TiffFile{.tile_width = 16, .tile_length = 16}})
-    for (const int bits : {15, 30}) {
-      write_tiff(path_, file);
-      claim_size(path_, bits);
+  for (const std::uint32_t side : {1u << 15, 1u << 30})
+    for (const std::uint32_t tile : {0u, side}) {
+      TiffFile file{.width = side, .height = side, .rows_per_strip = side};
+      file.tile_width = file.tile_length = tile;
+      write_raw(file, 1, [](std::uint32_t) { return lzw_strip(0, 100, false); });
       Bytes out;
       TiffReader reader;
-      EXPECT_NE(failure_of([&] { reader.open(path_), reader.read_rows(1, 1, out); }), "");
+      reader.open(path_);
+      EXPECT_THAT(
+          failure_of([&] { reader.read_rows(1, 1, out); }),
+          StartsWith(side < 1u << 30 ? "TiffReader: error reading " : "TiffReader: not enough memory "));
       EXPECT_TRUE(out.empty());
     }
 }

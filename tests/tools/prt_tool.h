@@ -27,9 +27,8 @@ inline ToolResult run_tool(std::vector<std::string> arguments) {
 /// A print file of these maps for a head, in the head's default mode unless an id is given.
 inline void write_print_file(const std::string& path, std::uint32_t head, const std::vector<DropMap>& maps,
                              const std::string& mode_id = "") {
-  PrintMode mode = default_print_mode({0, head});
-  if (const PrintMode* row = find_print_mode({0, head}, mode_id)) mode = *row;
-  HosonWriter writer({{0, head}, mode, {}});
+  const PrintMode* mode = find_print_mode({0, head}, mode_id);
+  HosonWriter writer({{0, head}, mode ? *mode : default_print_mode({0, head}), {}});
   writer.begin_stream_write(path, maps[0].width, maps[0].height);
   writer.write_dropmaps_strip(maps, 0);
   writer.end_stream_write();

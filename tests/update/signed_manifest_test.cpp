@@ -15,14 +15,13 @@ namespace nvo {
 namespace {
 
 using nlohmann::json;
-using test::trusted_key;
 
 constexpr const char* kNow = "2024-02-29T12:00:00Z";
 
 ManifestExpectations expectations() {
-  return {"/v1/update/check",         "n",
-          "nvo-update-api-prod",      parse_utc_time(kNow),
-          trusted_key().public_key(), {"other.test", "downloads.example.test"}};
+  return {"/v1/update/check",    "n",
+          "nvo-update-api-prod", parse_utc_time(kNow),
+          test::public_key(),    {"other.test", "downloads.example.test"}};
 }
 
 json payload() {
@@ -78,17 +77,16 @@ TEST(SignedManifest, RefusesWhatItsSignerShouldNotHaveSigned) {
       {{{"size_bytes", 0x40000001}}, "Invalid size_bytes"},
       {{{"size_bytes", -1}}, "Negative value in field: size_bytes"},
       {{{"published_at", "yesterday"}}, "Invalid published_at"},
-      {{{"published_at", "2020-01-01T00:00:00.5Z"}}, ""},
   };
   for (const auto& [changes, text] : cases) {
     json changed = payload();
     changed.update(changes);
-    EXPECT_EQ(refusal(trusted_key().sign(changed), expectations()), text) << changes;
+    EXPECT_EQ(refusal(test::sign(changed), expectations()), text) << changes;
   }
 }
 
 TEST(SignedManifest, MembersHaveTheirTypesAndLengths) {
-  const json good = json::parse(trusted_key().sign(payload()));
+  const json good = json::parse(test::sign(payload()));
   const std::tuple<const char*, json, std::string> cases[] = {
       {"/payload", 3, "Missing payload object"},
       {"/signature", json::array(), "Missing signature object"},
@@ -129,7 +127,7 @@ TEST(SignedManifest, MembersHaveTheirTypesAndLengths) {
 // The service of the tests signs a text of its own making, so that one which lacked a member would not
 // verify.
 TEST(SignedManifest, TheSignatureHoldsForNothingElse) {
-  const json good = json::parse(trusted_key().sign(payload()));
+  const json good = json::parse(test::sign(payload()));
   EXPECT_EQ(refusal(good, "/payload/fallback_download_url", ""), "Signature verification failed")
       << "no text is not null";
   std::string signature = good["signature"]["value"];
@@ -138,6 +136,8 @@ TEST(SignedManifest, TheSignatureHoldsForNothingElse) {
     changed[i] = signature[i] == 'A' ? 'B' : 'A';
     EXPECT_EQ(refusal(good, "/signature/value", changed), "Signature verification failed") << i;
   }
+  const std::shared_ptr<EVP_PKEY> another(EVP_RSA_gen(2048), EVP_PKEY_free);
+  EXPECT_EQ(refusal(test::sign(payload(), another.get()), expectations()), "Signature verification failed");
   for (char& c : signature) c = c == '+' ? '-' : c == '/' ? '_' : c;
   signature.erase(signature.find_last_not_of('=') + 1);
   EXPECT_EQ(refusal(good, "/signature/value", signature), "") << "URL-safe and unpadded";
@@ -157,7 +157,7 @@ TEST(SignedManifest, NothingIsBelievedWithoutKeyClockOrExpectation) {
       {[](Expectations& e) { e.download_hosts.clear(); },
        "Update download host is not allowed: downloads.example.test"},
   };
-  const std::string body = trusted_key().sign(payload());
+  const std::string body = test::sign(payload());
   for (const auto& [change, text] : cases) {
     Expectations expected = expectations();
     change(expected);

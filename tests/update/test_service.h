@@ -53,55 +53,46 @@ inline std::string canonical(const json& payload) {
   return text;
 }
 
-/// An RSA key made for this run, signing what an update service signs.
-class SigningKey {
- public:
-  /// SubjectPublicKeyInfo in base64.
-  std::string public_key() const {
-    unsigned char* der = nullptr;
-    const int size = i2d_PUBKEY(key_.get(), &der);
-    require(size > 0);
-    const std::string text = to_base64(der, static_cast<std::size_t>(size));
-    OPENSSL_free(der);
-    return text;
-  }
-  /// The JSON text of a payload with its signature.
-  std::string sign(const json& payload) const {
-    const std::string text = canonical(payload);
-    unsigned char signature[512];
-    std::size_t size = sizeof signature;
-    const std::shared_ptr<EVP_MD_CTX> context(EVP_MD_CTX_new(), EVP_MD_CTX_free);
-    require(EVP_DigestSignInit(context.get(), nullptr, EVP_sha256(), nullptr, key_.get()) == 1 &&
-            EVP_DigestSign(context.get(), signature, &size,
-                           reinterpret_cast<const unsigned char*>(text.data()), text.size()) == 1);
-    const json signed_by = {{"value", to_base64(signature, size)},
-                            {"algorithm", "RS256"},
-                            {"key_id", "nvo-update-signing-v1"},
-                            {"canonicalization", "nvo-update-manifest-v1"}};
-    return json{{"payload", payload}, {"signature", signed_by}}.dump();
-  }
-
- private:
-  std::shared_ptr<EVP_PKEY> key_{EVP_RSA_gen(2048), EVP_PKEY_free};
-};
-
-/// The key that the tests trust.
-inline const SigningKey& trusted_key() {
-  static const SigningKey made;
-  return made;
+/// The RSA key of the service and its servers, made for this run.
+inline EVP_PKEY* service_key() {
+  static const std::shared_ptr<EVP_PKEY> made(EVP_RSA_gen(2048), EVP_PKEY_free);
+  return made.get();
 }
 
-/// A payload that passes every test of a request with this nonce. `age_s` seconds old.
-inline json good_payload(const std::string& nonce, int age_s = 0) {
+/// Its SubjectPublicKeyInfo in base64.
+inline std::string public_key() {
+  unsigned char der[512], *end = der;
+  require(i2d_PUBKEY(service_key(), &end) > 0);
+  return to_base64(der, static_cast<std::size_t>(end - der));
+}
+
+/// The JSON text of a payload with its signature.
+inline std::string sign(const json& payload, EVP_PKEY* key = service_key()) {
+  const std::string text = canonical(payload);
+  unsigned char signature[512];
+  std::size_t size = sizeof signature;
+  const std::shared_ptr<EVP_MD_CTX> context(EVP_MD_CTX_new(), EVP_MD_CTX_free);
+  require(EVP_DigestSignInit(context.get(), nullptr, EVP_sha256(), nullptr, key) == 1 &&
+          EVP_DigestSign(context.get(), signature, &size, reinterpret_cast<const unsigned char*>(text.data()),
+                         text.size()) == 1);
+  const json signed_by = {{"value", to_base64(signature, size)},
+                          {"algorithm", "RS256"},
+                          {"key_id", "nvo-update-signing-v1"},
+                          {"canonicalization", "nvo-update-manifest-v1"}};
+  return json{{"payload", payload}, {"signature", signed_by}}.dump();
+}
+
+/// A payload that passes every test of a request with this nonce.
+inline json good_payload(const std::string& nonce) {
   json payload = json::parse(R"({
       "version": 1, "endpoint": "/v1/update/check", "issuer": "nvo-update-api-prod", "update_available": true,
       "mandatory": false, "latest_version": "0.2.0", "latest_build_id": "2000",
       "minimum_supported_version": "0.1.0", "download_url": "https://Downloads.Example.test/nvo.exe",
       "fallback_download_url": null, "size_bytes": 1073741824, "release_notes": "First line\nsecond = line",
       "published_at": "", "channel": "stable", "platform": "windows", "arch": "x64"})");
-  const std::time_t issued = std::time(nullptr) - age_s;
+  const std::time_t now = std::time(nullptr);
   char issued_at[32];
-  std::strftime(issued_at, sizeof issued_at, "%Y-%m-%dT%H:%M:%SZ", std::gmtime(&issued));
+  std::strftime(issued_at, sizeof issued_at, "%Y-%m-%dT%H:%M:%SZ", std::gmtime(&now));
   payload.update({{"issued_at", issued_at}, {"client_nonce", nonce}, {"sha256", std::string(64, 'a')}});
   return payload;
 }
@@ -125,7 +116,7 @@ inline Script manifest_with(const json& changes = json::object()) {
   return [changes](const json& request) {
     json payload = good_payload(request.at("client_nonce"));
     payload.update(changes);
-    return http_answer(trusted_key().sign(payload));
+    return http_answer(sign(payload));
   };
 }
 
@@ -134,6 +125,7 @@ class Listener {
  public:
   explicit Listener(const char* address = "127.0.0.1", int port = 0)
       : socket_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    std::signal(SIGPIPE, SIG_IGN);  // clients and servers leave in the middle
     place_.sin_family = AF_INET;
     place_.sin_port = htons(static_cast<std::uint16_t>(port));
     auto* const place = reinterpret_cast<sockaddr*>(&place_);
@@ -166,29 +158,28 @@ class Listener {
 
 struct ServerTerms {
   const char* names = "IP:127.0.0.1,DNS:service.test,DNS:two.test";  ///< of the certificate
-  long valid_s = 3600;
-  Answer as_proxy = {};  ///< sent in clear before TLS begins: the server plays a proxy and its origin
+  std::string as_proxy = {};  ///< sent in clear before TLS begins: the server plays a proxy and its origin
 };
 
 /// A server's side of TLS.
 inline std::shared_ptr<SSL_CTX> make_context(const std::string& ca_file, const ServerTerms& terms) {
-  const std::shared_ptr<EVP_PKEY> key(EVP_EC_gen("P-256"), EVP_PKEY_free);
   const std::shared_ptr<X509> certificate(X509_new(), X509_free);
   X509* const made = certificate.get();
   X509_set_version(made, X509_VERSION_3);
   X509_gmtime_adj(X509_getm_notBefore(made), -3600);
-  X509_gmtime_adj(X509_getm_notAfter(made), terms.valid_s);
-  X509_set_pubkey(made, key.get());
+  X509_gmtime_adj(X509_getm_notAfter(made), 3600);
+  X509_set_pubkey(made, service_key());
   X509_NAME* const name = X509_get_subject_name(made);
-  X509_NAME_add_entry_by_NID(name, NID_commonName, MBSTRING_ASC,
-                             reinterpret_cast<const unsigned char*>("test"), -1, -1, 0);
+  const unsigned char text[] = "test";
+  X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC, text, -1, -1, 0);
   X509_set_issuer_name(made, name);
   X509_EXTENSION* const names = X509V3_EXT_conf_nid(nullptr, nullptr, NID_subject_alt_name, terms.names);
   require(names && X509_add_ext(made, names, -1) == 1);
   X509_EXTENSION_free(names);
   std::shared_ptr<SSL_CTX> context(SSL_CTX_new(TLS_server_method()), SSL_CTX_free);
-  require(X509_sign(made, key.get(), EVP_sha256()) > 0 && SSL_CTX_use_certificate(context.get(), made) == 1 &&
-          SSL_CTX_use_PrivateKey(context.get(), key.get()) == 1);
+  require(X509_sign(made, service_key(), EVP_sha256()) > 0 &&
+          SSL_CTX_use_certificate(context.get(), made) == 1 &&
+          SSL_CTX_use_PrivateKey(context.get(), service_key()) == 1);
   const std::shared_ptr<BIO> file(BIO_new_file(ca_file.c_str(), "w"), BIO_free);
   require(file && PEM_write_bio_X509(file.get(), made) == 1);
   return context;
@@ -203,16 +194,9 @@ inline bool read(BIO* client, std::string& text) {
   return count > 0;
 }
 
-inline void give(BIO* client, const Answer& answer) {
-  const auto write = [&](const std::string& text) {
-    return BIO_write(client, text.data(), static_cast<int>(text.size())) == static_cast<int>(text.size());
-  };
-  pollfd socket{static_cast<int>(BIO_get_fd(client, nullptr)), POLLIN, 0};
-  std::string ignored;
-  bool is_there = write(answer.bytes);
-  while (is_there && answer.then != Answer::close)
-    is_there =
-        answer.then == Answer::hold ? read(client, ignored) : ::poll(&socket, 1, 20) == 0 && write(" ");
+inline bool write(BIO* client, const std::string& text) {
+  const int size = static_cast<int>(text.size());
+  return BIO_write(client, text.data(), size) == size;
 }
 
 /// An HTTPS server. Its certificate, signed by itself, goes into a file.
@@ -220,7 +204,6 @@ class LoopbackServer : public Listener {
  public:
   LoopbackServer(Script script, const std::string& ca_file, const ServerTerms& terms = {})
       : script_(std::move(script)), as_proxy_(terms.as_proxy), context_(make_context(ca_file, terms)) {
-    std::signal(SIGPIPE, SIG_IGN);  // clients leave in the middle
     thread_ = std::thread([this] { serve(); });
   }
   ~LoopbackServer() {
@@ -234,10 +217,9 @@ class LoopbackServer : public Listener {
       BIO* const clear = BIO_new_socket(client, BIO_CLOSE);
       const std::shared_ptr<BIO> tls(BIO_push(BIO_new_ssl(context_.get(), 0), clear), BIO_free_all);
       std::string connect;
-      while (!as_proxy_.bytes.empty() && connect.find("\r\n\r\n") == std::string::npos &&
-             read(clear, connect)) {
+      while (!as_proxy_.empty() && connect.find("\r\n\r\n") == std::string::npos && read(clear, connect)) {
       }
-      give(clear, as_proxy_);
+      write(clear, as_proxy_);
       answer_check(tls.get());
     }
   }
@@ -253,11 +235,15 @@ class LoopbackServer : public Listener {
     for (const char* line : {"POST /v1/update/check HTTP/1.1\r\n", "\r\nContent-Type: application/json\r\n",
                              "\r\nAccept: application/json\r\n", "\r\nUser-Agent: nvo_rip_update/1.0\r\n"})
       if (request.find(line) == std::string::npos) return;
-    give(client, script_(body));
+    const Answer answer = script_(body);
+    pollfd socket{static_cast<int>(BIO_get_fd(client, nullptr)), POLLIN, 0};
+    bool is_there = write(client, answer.bytes);
+    while (is_there && answer.then != Answer::close)  // a client that leaves can be read from
+      is_there = ::poll(&socket, 1, answer.then == Answer::hold ? -1 : 20) == 0 && write(client, " ");
   }
 
   Script script_;
-  Answer as_proxy_;
+  std::string as_proxy_;
   std::shared_ptr<SSL_CTX> context_;
   std::thread thread_;
 };

@@ -3,7 +3,6 @@
 
 #include <chrono>
 #include <condition_variable>
-#include <csignal>
 #include <cstdlib>
 #include <map>
 #include <mutex>
@@ -61,7 +60,6 @@ test::Script always(const Answer& answer) {
 class UpdateCheck : public testing::Test {
  protected:
   UpdateCheck() {
-    std::signal(SIGPIPE, SIG_IGN);
     ::setenv("XDG_CONFIG_HOME", dir.path().c_str(), 1);
     use_proxy("", "*");
     const std::lock_guard lock(mutex);
@@ -84,7 +82,7 @@ class UpdateCheck : public testing::Test {
     const milliseconds limit(limit_ms);
     const UpdateService service{origins,
                                 {"downloads.example.test"},
-                                test::trusted_key().public_key(),
+                                test::public_key(),
                                 ca_file,
                                 {milliseconds(1000), limit, limit, limit}};
     UpdateTrace trace;
@@ -92,11 +90,13 @@ class UpdateCheck : public testing::Test {
     result = UpdateClient(service, trace).check_for_update(origin_override, {"1", "c", "p", "a", ""});
     took = std::chrono::steady_clock::now() - begun;
     EXPECT_EQ(result.ok, result.error.empty());
+    EXPECT_LT(took, std::chrono::seconds(8)) << result.error;
     return result.error;
   }
-  std::string failure_at(const test::Script& script, const test::ServerTerms& terms = {}) {
+  std::string failure_at(const test::Script& script, const test::ServerTerms& terms = {},
+                         int limit_ms = 10'000) {
     const LoopbackServer server(script, ca_file, terms);
-    return failure({server.url()});
+    return failure({server.url()}, limit_ms);
   }
   std::string trace() const { return test::read_all(dir.file("NVO_RIP/logs/update_trace.log")); }
 
@@ -107,11 +107,8 @@ class UpdateCheck : public testing::Test {
   std::chrono::nanoseconds took{};
 };
 
-TEST_F(UpdateCheck, EveryBadAnswerEndsInItsText) {
-  const std::string too_large = "Update response exceeds maximum allowed size";
-  const auto by_another_key = [](const json& request) {
-    return http_answer(test::SigningKey().sign(test::good_payload(request.at("client_nonce"))));
-  };
+TEST_F(UpdateCheck, EveryBadAnswerEndsInItsTextAndNoneHoldsTheCheckUp) {
+  const std::string too_large = "Update response exceeds maximum allowed size", silence = kFailed + "28)";
   const auto busy = [](const json& request) {
     return Answer{"HTTP/1.1 503 Busy" + manifest_with()(request).bytes.substr(kOk.size() - 2)};
   };
@@ -119,38 +116,23 @@ TEST_F(UpdateCheck, EveryBadAnswerEndsInItsText) {
   while (endless_headers.size() < 0x50000) endless_headers += "X: " + std::string(500, 'x') + "\r\n";
   const std::vector<std::pair<test::Script, std::string>> cases = {
       {manifest_with(), ""},
-      {manifest_with({{"issued_at", test::good_payload("", 605)["issued_at"]}}),
-       "Signed update manifest is stale"},
-      {manifest_with({{"issued_at", test::good_payload("", -330)["issued_at"]}}),
-       "Signed update manifest is outside future clock-skew window"},
-      {by_another_key, "Signature verification failed"},
       {busy, "HTTP 503"},
-      {always(http_answer("<html>Sign in to this network</html>")), "JSON root must be an object"},
       {always({"HTTP/1.1 302 Found\r\nLocation: https://127.0.0.1:1/\r\nContent-Length: 0\r\n\r\n"}),
        "JSON root must be an object"},
-      {always(http_answer(std::string(0x40001, ' '))), too_large},
-      {always({kOk + "\r\n" + std::string(0x80000, ' '), Answer::hold}), too_large},
+      {always({kOk + "\r\n" + std::string(0x40001, ' '), Answer::hold}), too_large},
       {always({endless_headers, Answer::hold}), too_large},
       {always({kOk + "Content-Length: 900\r\n\r\n{\"payload\":{"}), kFailed + "18)"},
-      {always({}), kFailed + "52)"},
-      {always({"220 mail.test ESMTP\r\n"}), kFailed + "1)"},
+      {always({"", Answer::hold}), silence},
+      {always({kOk + "Content-Length: 900\r\n\r\n{", Answer::hold}), silence},
+      {always({kOk + "\r\n", Answer::trickle}), silence},
+      {always({kOk + "X: ", Answer::trickle}), silence},
   };
-  for (const auto& [script, text] : cases) EXPECT_EQ(failure_at(script), text) << &text - &cases[0].second;
-}
-
-TEST_F(UpdateCheck, NobodyHoldsItBeyondTheLimits) {
-  const auto ends_in_time = [&](const std::string& url, const std::string& name) {
-    EXPECT_EQ(failure({url}, 400), kFailed + "28)") << name;
-    EXPECT_LT(took, std::chrono::seconds(8)) << name;
-  };
-  for (const Answer& answer :
-       {Answer{"", Answer::hold}, Answer{kOk + "Content-Length: 900\r\n\r\n{", Answer::hold},
-        Answer{kOk + "\r\n", Answer::trickle}, Answer{kOk + "X: ", Answer::trickle}})
-    ends_in_time(LoopbackServer(always(answer), ca_file).url(), answer.bytes);
+  for (const auto& [script, text] : cases)
+    EXPECT_EQ(failure_at(script, {}, text == silence ? 400 : 10'000), text);
   Listener listener;
-  ends_in_time(listener.url(), "without TLS");
+  EXPECT_EQ(failure({listener.url()}, 400), silence) << "without TLS";
   listener.fall_silent();
-  ends_in_time(listener.url(), "without a connection");
+  EXPECT_EQ(failure({listener.url()}, 400), silence) << "without a connection";
 }
 
 TEST_F(UpdateCheck, OnlyAnUnreachableOriginLeadsToTheFallback) {
@@ -174,30 +156,23 @@ TEST_F(UpdateCheck, OnlyAnUnreachableOriginLeadsToTheFallback) {
 
 TEST_F(UpdateCheck, AServerIsKnownByItsCertificate) {
   EXPECT_EQ(failure_at(manifest_with(), {"DNS:service.test,IP:127.0.0.2"}), kFailed + "60)");
-  EXPECT_EQ(failure_at(manifest_with(), {"IP:127.0.0.1", -60}), kFailed + "60)") << "has expired";
   const LoopbackServer unknown(manifest_with(), dir.file("unknown.pem"));
   EXPECT_EQ(failure({unknown.url()}), kFailed + "60)");
 }
 
 TEST_F(UpdateCheck, AProxyOfTheSystemIsUsedButNotTrusted) {
-  const auto failure_behind = [&](const Answer& as_proxy, const char* names) {
-    const LoopbackServer server(manifest_with(), ca_file, {names, 3600, as_proxy});
+  const auto failure_behind = [&](const std::string& as_proxy, const char* names) {
+    const LoopbackServer server(manifest_with(), ca_file, {names, as_proxy});
     use_proxy(server.url("http"), "nobody.test");
-    return failure({"https://service.test"}, as_proxy.then == Answer::trickle ? 400 : 10'000);
+    return failure({"https://service.test"});
   };
-  EXPECT_EQ(failure_behind({kOk + "\r\n"}, "DNS:service.test"), "");
-  EXPECT_EQ(failure_behind({kOk + "\r\n"}, "DNS:proxy.test"), kFailed + "60)") << "in the service's place";
-  EXPECT_EQ(failure_behind({"HTTP/1.1 407 No\r\n\r\n"}, "DNS:service.test"), kFailed + "56)");
-  EXPECT_EQ(failure_behind({kOk + "X: ", Answer::trickle}, "DNS:service.test"), kFailed + "28)");
+  EXPECT_EQ(failure_behind(kOk + "\r\n", "DNS:service.test"), "");
+  EXPECT_EQ(failure_behind(kOk + "\r\n", "DNS:proxy.test"), kFailed + "60)") << "in the service's place";
+  EXPECT_EQ(failure_behind("HTTP/1.1 407 No\r\n\r\n", "DNS:service.test"), kFailed + "56)");
 
   const Listener silent;
-  const LoopbackServer server(manifest_with(), ca_file);
   use_proxy(silent.url("http"), "nobody.test");
-  EXPECT_EQ(failure({server.url()}, 400), kFailed + "28)");
-  use_proxy(silent.url("http"), "127.0.0.1");
-  EXPECT_EQ(failure({server.url()}), "");
-  use_proxy(Listener().url("http"), "nobody.test");
-  EXPECT_EQ(failure({server.url()}), kFailed + "7)");
+  EXPECT_EQ(failure({"https://service.test"}, 400), kFailed + "28)");
 }
 
 TEST_F(UpdateCheck, ReservedNamesAreNotAskedForUnknownOnesOnceAndSilentServersWaitedForOnceInAll) {

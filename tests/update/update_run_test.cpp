@@ -27,7 +27,7 @@ class UpdateRun : public testing::Test {
     server = std::make_unique<LoopbackServer>(script, dir.file("ca.pem"));
     const json record = {{"origins", {server->url()}},
                          {"download_hosts", {"downloads.example.test"}},
-                         {"public_key", test::trusted_key().public_key()},
+                         {"public_key", test::public_key()},
                          {"ca_file", dir.file("ca.pem")}};
     test::write_all(dir.file("service.json"), record.dump());
   }

@@ -24,11 +24,8 @@ TEST(VersionOrder, FollowsCoreThenPreRelease) {
       {"1.0.1-rc", "1.0.0", 1},
       {"", "0", -1},
       {"1..2", "0.1", -1},
-      {"1.+", "1", -1},
       {"99999999999999999999", "1", -1},  // no number of 64 bits
-      {"abc", "abcd", -1},
       {"B", "a", 1},
-      {"-1", "0", -1},
   };
   for (const auto& [a, b, order] : cases) {
     EXPECT_EQ(compare_versions(a, b), order) << a << " : " << b;

@@ -15,8 +15,6 @@ namespace {
 
 std::string orders;
 unsigned long error_code = 0;
-int load_count = 0;
-
 std::uint8_t* bitmap_pixels = nullptr;
 
 double order(const char* name, double otherwise) {
@@ -31,14 +29,9 @@ bool fails(const char* name) {
 
 }  // namespace
 
-FAKE_ENTRY int fake_load_count() {
-  return load_count;
-}
-
 FAKE_ENTRY void FPDF_InitLibrary() {}
 FAKE_ENTRY void FPDF_DestroyLibrary() {}
 FAKE_ENTRY void* FPDF_LoadMemDocument64(const void* bytes, std::size_t size, const char*) {
-  ++load_count;
   orders.assign(static_cast<const char*>(bytes), size);
   return fails("load_error") ? nullptr : &orders;
 }

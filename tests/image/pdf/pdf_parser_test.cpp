@@ -60,18 +60,6 @@ TEST(PdfTokens, KeepsItsLimitAndNotOneMore) {
   EXPECT_THAT(tokenize_pdf(text + ']'), IsEmpty());
 }
 
-TEST(PdfTokens, FoldsNames) {
-  const char* const cases[][3] = {{"/WHITE-#49nk_", "WHITE-Ink_", "whiteink"},
-                                  {"/a#2", "a#2", "a2"},
-                                  {"/a#2g#41", "a#2gA", "a2ga"},
-                                  {"//x", "/x", "x"},
-                                  {"/#23#32#30", "#20", "20"}};
-  for (const auto& [name, plain, folded] : cases) {
-    EXPECT_EQ(normalize_pdf_name(name), plain);
-    EXPECT_EQ(fold_pdf_name(name), folded);
-  }
-}
-
 TEST(PdfTokens, LooksUpFlatly) {
   const PdfTokens tokens =
       tokenize_pdf("/W /W 2.5 /A [ [ ] << ] 7 ] /B << [ >> /P 3 R /P 4 0 R /I 1e10 /J nan /K -1.5 /L [ ( 1");
@@ -109,31 +97,27 @@ TEST(PdfObjects, AreFoundByTheirKeywords) {
   }
 }
 
-TEST(PdfObjects, StopAtTheirLimit) {
+TEST(PdfObjects, StopAtTheirLimitAndCountPagesByNumber) {
   std::string bytes;
   for (int i = 1; i <= 100'000; ++i) bytes += std::to_string(i) + " 0 obj a endobj ";
   bytes += "7 0 obj b endobj 100001 0 obj b endobj";
-  const PdfObjectTable full = build_object_table(bytes);
+  const PdfObjectTable full = build_object_table(bytes);  // refers to the bytes
   EXPECT_EQ(full.size(), 100'000u);
   EXPECT_EQ(full.at(7).text, " a ");
-}
 
-TEST(PdfObjects, CountPagesByObjectNumber) {
   const auto table = build_object_table(
       "9 0 obj /Type /Page endobj 3 0 obj /Type/Page/B endobj 1 0 obj /Type /Pages endobj "
       "2 0 obj /Type 1 /Page endobj 4 0 obj (/Type /Page) endobj");
-  EXPECT_EQ(find_page(table, 0), &table.at(3));
-  EXPECT_EQ(find_page(table, 1), &table.at(9));
-  EXPECT_EQ(find_page(table, 2), nullptr);
+  const PdfObject* const pages[] = {&table.at(3), &table.at(9), nullptr};
+  for (std::uint32_t i = 0; i < std::size(pages); ++i) EXPECT_EQ(find_page(table, i), pages[i]) << i;
 }
 
 TEST(PdfObjects, FindTheMediaBox) {
-  const auto box_of = [](const std::string& page, const std::string& others = "") -> std::string {
+  const auto box_of = [](const std::string& page, const std::string& others) {
     const auto box = find_media_box(page, build_object_table(others));
-    if (!box) return "none";
-    std::string text;
-    for (const double v : {box->x0, box->y0, box->x1, box->y1}) text += std::to_string(std::lround(v));
-    return text;
+    std::ostringstream text;
+    if (box) text << box->x0 << box->y0 << box->x1 << box->y1;
+    return text.str();
   };
   const char* const cases[][3] = {
       {"/MediaBox [1 2 x 3 4 5 6", "", "1234"},
@@ -141,10 +125,10 @@ TEST(PdfObjects, FindTheMediaBox) {
       {"/MediaBox [5 5 5 9] /MediaBox [nan 0 1 1] /MediaBox [0 0 9 9]", "", "0099"},
       {"/MediaBox [/MediaBox [5 5 1 1 ] /MediaBox [ /MediaBox [0 0 9 9]", "", "0099"},
       {"/MediaBox [9 /MediaBox [0 0 9 9]", "", "0099"},
-      {"(/MediaBox [0 0 1 1])", "", "none"},
-      {"/MediaBox 7 0 R", "7 0 obj [0 0 1 1] endobj", "none"},
+      {"(/MediaBox [0 0 1 1])", "", ""},
+      {"/MediaBox 7 0 R", "7 0 obj [0 0 1 1] endobj", ""},
       {"/Parent 7 0 R", "7 0 obj /Parent 8 0 R endobj 8 0 obj /MediaBox [0 0 1 1] endobj", "0011"},
-      {"/Parent 7 0 R", "7 0 obj /Parent 7 0 R endobj", "none"},
+      {"/Parent 7 0 R", "7 0 obj /Parent 7 0 R endobj", ""},
   };
   for (const auto& [page, others, box] : cases) EXPECT_EQ(box_of(page, others), box) << page;
 
@@ -155,7 +139,7 @@ TEST(PdfObjects, FindTheMediaBox) {
     return others + std::to_string(ancestors) + " 0 obj /MediaBox [0 0 1 1] endobj";
   };
   EXPECT_EQ(box_of("/Parent 1 0 R", chain(16)), "0011");
-  EXPECT_EQ(box_of("/Parent 1 0 R", chain(17)), "none");
+  EXPECT_EQ(box_of("/Parent 1 0 R", chain(17)), "");
 }
 
 TEST(PdfStreams, AreCutAndInflated) {
@@ -166,7 +150,6 @@ TEST(PdfStreams, AreCutAndInflated) {
     std::uint64_t max_bytes = 1000;
   } cases[] = {
       {"<</Length 3>>stream\r\nabcdef endstream", "abc"},
-      {"<</Length 3>>stream\nabc", "abc"},
       {"<</Length 4>>stream\nabc", "failed"},
       {"<</Length 99>>stream\rabc endstream", "abc "},
       {"<</Length -1 /Length 2>>streamabc endstream", "ab"},
@@ -188,7 +171,6 @@ TEST(PdfStreams, AreCutAndInflated) {
     EXPECT_EQ(decode_stream(c.text, tokenize_pdf(c.text), c.max_bytes).value_or("failed"), c.data) << c.text;
 
   const std::string fits(16 << 20, 'x');
-  EXPECT_EQ(inflate_bytes(deflated(fits), fits.size()), fits);
   EXPECT_EQ(decode_stream("/FlateDecode stream" + deflated(fits + 'x') + "endstream", {}, 64 << 20),
             std::nullopt);
 }

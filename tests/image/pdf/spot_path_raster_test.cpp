@@ -46,22 +46,26 @@ Bytes plain_stroke(DevicePoint a, DevicePoint b, double radius) {
   return plane;
 }
 
-/// What is left of the work that a page may cost, and the plane.
+/// A plane and what is left of the work that a page may cost.
 struct Canvas {
   Bytes plane = kBlank;
-  MaskView mask{plane.data(), kWidth, kHeight};
   WorkBudget work = WorkBudget::for_page(plane.size());
+
+  bool fill(const Points& points) { return fill_subpath(points, {plane.data(), kWidth, kHeight}, work); }
+  bool stroke(DevicePoint a, DevicePoint b, double radius) {
+    return stroke_segment(a, b, radius, {plane.data(), kWidth, kHeight}, work);
+  }
 };
 
 Bytes fast_fill(const Points& points) {
   Canvas canvas;
-  EXPECT_TRUE(fill_subpath(points, canvas.mask, canvas.work));
+  EXPECT_TRUE(canvas.fill(points));
   return canvas.plane;
 }
 
 Bytes fast_stroke(DevicePoint a, DevicePoint b, double radius) {
   Canvas canvas;
-  EXPECT_TRUE(stroke_segment(a, b, radius, canvas.mask, canvas.work));
+  EXPECT_TRUE(canvas.stroke(a, b, radius));
   return canvas.plane;
 }
 
@@ -117,23 +121,17 @@ TEST(SpotPathRaster, CoordinatesThatNoPageHasPaintNothing) {
 }
 
 TEST(SpotPathRaster, StopsWhenTheWorkRunsOut) {
-  const Points page = {{0, 0}, {kWidth, 0}, {kWidth, kHeight}, {0, kHeight}};
-  const std::function<bool(Canvas&)> shapes[] = {
-      [&](Canvas& c) { return fill_subpath(page, c.mask, c.work); },
-      // Near and far lines are drawn in different ways.
-      [](Canvas& c) {
-        return stroke_segment({0, 0}, {30, 30}, 2, c.mask, c.work);
-      },
-      [](Canvas& c) {
-        return stroke_segment({0, 0}, {1e20, 1e20}, 2, c.mask, c.work);
-      },
-  };
-  for (const auto& paint : shapes) {
+  const auto expect_end = [](const std::function<bool(Canvas&)>& paint) {
     Canvas canvas{.work = WorkBudget(20'000)};
     int times = 0;
     while (times < 1000 && paint(canvas)) ++times;
     EXPECT_THAT(times, AllOf(::testing::Gt(0), ::testing::Lt(1000)));
-  }
+  };
+  const Points page = {{0, 0}, {kWidth, 0}, {kWidth, kHeight}, {0, kHeight}};
+  expect_end([&](Canvas& canvas) { return canvas.fill(page); });
+  // Near and far lines are drawn in different ways.
+  expect_end([](Canvas& canvas) { return canvas.stroke({0, 0}, {30, 30}, 2); });
+  expect_end([](Canvas& canvas) { return canvas.stroke({0, 0}, {1e20, 1e20}, 2); });
 }
 
 }  // namespace
