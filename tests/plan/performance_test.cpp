@@ -14,14 +14,10 @@ namespace {
 
 constexpr TriState kAuto = TriState::automatic, kOn = TriState::on, kOff = TriState::off;
 
-RipPerformance automatic(TriState setting = kAuto) {
-  RipPerformance block;
-  block.parallel_channels = block.parallel_rows = setting;
-  return block;
-}
 RipPerformance manual(TriState setting = kAuto, std::uint32_t threads = 0) {
-  RipPerformance block = automatic(setting);
+  RipPerformance block;
   block.mode = PerformanceMode::manual;
+  block.parallel_channels = block.parallel_rows = setting;
   block.channel_threads = block.row_threads = threads;
   return block;
 }
@@ -47,83 +43,72 @@ TEST(Normalize, CutsToTheRangesInUse) {
   EXPECT_EQ(block.max_concurrent_jobs, 3u);
   const auto& [workload, folder, preset, qty] = block.autotune_inputs;
   EXPECT_EQ(std::tuple(workload, preset, qty), std::tuple("synthetic_large", "smoke", 1));
-  const RipPerformance untouched = normalize_performance({}, 6);
-  EXPECT_EQ(untouched.sheet_threads + untouched.channel_threads + untouched.row_threads, 0u);
-}
-
-TEST(ChannelThreads, AutoAndManual) {
-  EXPECT_EQ(channel_threads(1, {}), 2u);
-  EXPECT_EQ(channel_threads(64, {}), 5u);
-  EXPECT_EQ(channel_threads(4, manual()), 4u);
-  EXPECT_EQ(channel_threads(1, manual(kAuto, 9)), 5u);
-  EXPECT_EQ(channel_threads(8, manual(kAuto, 1)), 1u);
 }
 
 TEST(ParallelChannels, EnvironmentThenSettingsThenWorkload) {
   const auto uses = [](std::optional<std::string> word, const RipPerformance& block, bool auto_enabled,
-                       std::uint64_t workload, std::uint32_t threads = 2) {
+                       std::uint64_t workload) {
     RipPerformanceEnv env;
     env.parallel_channels = std::move(word);
-    return use_parallel_channels(auto_enabled, workload, 1'000'000, threads, env, block);
+    return use_parallel_channels(auto_enabled, workload, 1'000'000, 2, env, block);
   };
   const auto unset = std::nullopt;
+  RipPerformance ignored = manual(kOff);
+  ignored.mode = PerformanceMode::automatic;
   EXPECT_TRUE(uses("force", manual(kOff), false, 1));
   EXPECT_FALSE(uses("disable", manual(kOn), true, 9'000'000));
-  EXPECT_TRUE(uses("maybe", automatic(), true, 1'000'000));
-  EXPECT_FALSE(uses(unset, automatic(), true, 999'999));
-  EXPECT_FALSE(uses(unset, automatic(), false, 9'000'000));
-  EXPECT_TRUE(uses(unset, automatic(kOff), true, 9'000'000));
+  EXPECT_TRUE(uses("maybe", {}, true, 1'000'000));
+  EXPECT_FALSE(uses(unset, {}, true, 999'999));
+  EXPECT_FALSE(uses(unset, {}, false, 9'000'000));
+  EXPECT_TRUE(uses(unset, ignored, true, 9'000'000));
   EXPECT_TRUE(uses(unset, manual(kOn), false, 1));
   EXPECT_FALSE(uses(unset, manual(kOff), true, 9'000'000));
   EXPECT_TRUE(uses(unset, manual(), true, 9'000'000));
-  EXPECT_FALSE(uses(unset, manual(kOn, 1), true, 9'000'000, 1));
+  EXPECT_FALSE(uses(unset, manual(kOn, 1), true, 9'000'000));
+
+  EXPECT_EQ(channel_threads(1, {}), 2u);
+  EXPECT_EQ(channel_threads(64, {}), 5u);
+  EXPECT_EQ(channel_threads(1, manual(kAuto, 9)), 5u);
 }
 
 TEST(RowThreads, RulesInOrder) {
-  struct Case {
+  const auto unset = std::nullopt;
+  const struct {
+    std::uint32_t callers, hw;
     std::uint64_t rows, row_bytes;
     std::optional<std::string> parallel_rows, row_threads;
     RipPerformance block;
     std::uint32_t expected;
+  } cases[] = {
+      {1, 4, 1, 1'000'000, "force", unset, {}, 1},
+      {1, 4, 100, 0, "force", unset, {}, 1},
+      {1, 4, 100, 10'000, "off", "9", manual(kOn, 9), 1},
+      {1, 4, 3, 1, "on", "9", {}, 3},
+      {1, 4, 1000, 1, "on", "99", {}, 64},
+      {1, 4, 1000, 1, "on", "0", {}, 4},
+      {1, 4, 1000, 1, unset, unset, manual(kOff, 9), 1},
+      {1, 4, 1000, 1, unset, unset, manual(kAuto, 99), 64},
+      {1, 4, 1000, 1, unset, unset, manual(kOn), 4},
+      {1, 4, 63, 1'000'000, unset, unset, {}, 1},
+      {1, 4, 64, 4095, unset, unset, {}, 1},
+      {1, 4, 64, 4096, unset, "3", {}, 3},
+      {1, 4, 100, ~0ull, unset, unset, {}, 4},
+      {1, 4, 6144, 15840, unset, unset, manual(), 4},
+      {1, 1, 6144, 15840, unset, unset, {}, 2},
+      {1, 64, 6144, 15840, unset, unset, {}, 8},
+      {5, 2, 6144, 15840, unset, unset, {}, 1},
+      {5, 8, 6144, 15840, unset, unset, {}, 2},
+      {5, 64, 6144, 15840, unset, unset, {}, 8},
+      {5, 2, 6144, 15840, unset, "3", {}, 3},
+      {5, 2, 6144, 15840, unset, unset, manual(kOn), 2},
+      {5, 8, 6144, 15840, unset, unset, manual(kOff), 1},
   };
-  const auto unset = std::nullopt;
-  const Case cases[] = {
-      {1, 1'000'000, "force", unset, {}, 1},
-      {100, 0, "force", unset, {}, 1},
-      {100, 10'000, "off", "9", manual(kOn, 9), 1},
-      {3, 1, "on", "9", {}, 3},
-      {1000, 1, "on", "99", {}, 64},
-      {1000, 1, "on", "0", {}, 4},
-      {1000, 1, unset, unset, manual(kOff, 9), 1},
-      {1000, 1, unset, unset, manual(kAuto, 99), 64},
-      {1000, 1, unset, unset, manual(kOn), 4},
-      {63, 1'000'000, unset, unset, {}, 1},
-      {64, 4095, unset, unset, {}, 1},
-      {64, 4096, unset, "3", {}, 3},
-      {47, 1'000'000, unset, "3", {}, 1},
-      {100, ~0ull, unset, unset, {}, 4},
-      {6144, 15840, unset, unset, manual(), 4},
-  };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     RipPerformanceEnv env;
     env.parallel_rows = c.parallel_rows, env.row_threads = c.row_threads;
-    EXPECT_EQ(row_threads(c.rows, c.row_bytes, 4, env, c.block), c.expected) << &c - cases;
+    EXPECT_EQ(shared_row_threads(c.callers, c.rows, c.row_bytes, c.hw, env, c.block), c.expected)
+        << &c - cases;
   }
-  EXPECT_EQ(row_threads(6144, 15840, 1, {}, {}), 2u);
-  EXPECT_EQ(row_threads(6144, 15840, 64, {}, {}), 8u);
-
-  // Five callers on so many cores.
-  const auto shared = [](std::uint32_t hw, const RipPerformanceEnv& env, const RipPerformance& block) {
-    return shared_row_threads(5, 6144, 15840, hw, env, block);
-  };
-  RipPerformanceEnv asked;
-  asked.row_threads = "3";
-  EXPECT_EQ(shared(2, {}, {}), 1u);
-  EXPECT_EQ(shared(8, {}, {}), 2u);
-  EXPECT_EQ(shared(64, {}, {}), 8u);
-  EXPECT_EQ(shared(2, asked, {}), 3u);
-  EXPECT_EQ(shared(2, {}, manual(kOn)), 2u);
-  EXPECT_EQ(shared(8, {}, manual(kOff)), 1u);
 }
 
 TEST(ComposeThreads, FollowTheEnvironmentAndTheWork) {

@@ -35,37 +35,17 @@ struct Planes {
   std::array<std::vector<std::uint8_t>, kChannelCount> inks;
 };
 
-constexpr std::uint32_t kArtWidth = 26, kArtHeight = 33;  // at 300 dots per inch
-
-/// A pale patch at the left, solid ones, a coarse texture, and bare film at the right.
-std::array<std::uint8_t, kChannelCount> art(std::uint32_t x, std::uint32_t y) {
-  if (x >= 19) return {};
-  if (x < 5) return {12, 6, 9, 0, 255};
-  if (x < 11) return {85, 170, 255, static_cast<std::uint8_t>(y < 16 ? 0 : 255), 255};
-  const auto grain = [&](std::uint32_t step) {
-    return static_cast<std::uint8_t>((x * 73 + y * 151 + step * 89) % 256);
-  };
-  return {grain(0), grain(1), grain(2), grain(3), static_cast<std::uint8_t>((x ^ y) & 4 ? 255 : 0)};
-}
-
-/// Draws the art; its white is a channel of its own, or, where the choke is to have something to do, follows
-/// from transparency. Returns the planes that a sheet with `pad` pixels around it has to be composed of.
+/// Draws the art. Returns the planes that a sheet with `pad` pixels around it has to be composed of.
 Planes draw(const std::string& path, std::uint32_t src_dpi, bool own_white, std::uint32_t pad) {
   const std::uint32_t zoom = src_dpi / 300;
-  test::TiffFile tiff =
-      test::cmykw_tiff(kArtWidth * zoom, kArtHeight * zoom, [=](auto x, auto y, std::uint8_t* samples) {
-        std::copy_n(art(x / zoom, y / zoom).begin(), kChannelCount, samples);
-        if (own_white) samples[4] = static_cast<std::uint8_t>(255 - samples[4]);
-      });
-  if (!own_white) tiff.extra_samples = {EXTRASAMPLE_UNASSALPHA};
-  tiff.x_resolution = tiff.y_resolution = static_cast<float>(src_dpi);
+  const test::TiffFile tiff = test::picture(26 * zoom, 33 * zoom, src_dpi, own_white);
   test::write_tiff(path, tiff);
 
   Planes planes{tiff.width + 2 * pad, tiff.height + 2 * pad, {}};
   for (auto& plane : planes.inks) plane.resize(std::size_t{planes.width} * planes.height);
   for (std::uint32_t y = 0; y < tiff.height; ++y)
     for (std::uint32_t x = 0; x < tiff.width; ++x) {
-      const auto inks = art(x / zoom, y / zoom);
+      const auto inks = test::art(x / zoom, y / zoom);
       for (std::uint32_t channel = 0; channel < kChannelCount; ++channel)
         if (own_white || inks[kChannelW] != 0)
           planes.inks[channel][std::size_t{y + pad} * planes.width + x + pad] = inks[channel];

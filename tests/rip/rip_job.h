@@ -1,5 +1,7 @@
 #pragma once
 
+#include <algorithm>
+#include <array>
 #include <cstdint>
 #include <string>
 
@@ -54,16 +56,28 @@ struct Job {
   }
 };
 
-/// A CMYK + white picture with slopes, edges and blank parts.
-inline TiffFile picture(std::uint32_t width, std::uint32_t height, std::uint32_t dpi = 300) {
-  TiffFile tiff = cmykw_tiff(width, height, [=](std::uint32_t x, std::uint32_t y, std::uint8_t* ink) {
-    const bool inside = (x / 16 + y / 64) % 3 != 0;
-    ink[0] = static_cast<std::uint8_t>(inside ? x * 255 / width : 0);
-    ink[1] = static_cast<std::uint8_t>(inside ? y * 255 / height : 0);
-    ink[2] = inside && (x ^ y) & 8 ? 170 : 0;
-    ink[3] = inside ? static_cast<std::uint8_t>((x * y) % 251) : 0;
-    ink[4] = inside ? static_cast<std::uint8_t>(x % 7 * 20) : 255;
+/// What the jobs print, at 300 dots per inch and again to the right: a pale patch, solid ones, a coarse
+/// texture and bare film. Four inks and the white below them.
+inline std::array<std::uint8_t, kChannelCount> art(std::uint32_t x, std::uint32_t y) {
+  x %= 26;
+  if (x >= 19) return {};
+  if (x < 5) return {12, 6, 9, 0, 255};
+  if (x < 11) return {85, 170, 255, static_cast<std::uint8_t>(y < 16 ? 0 : 255), 255};
+  const auto grain = [&](std::uint32_t step) {
+    return static_cast<std::uint8_t>((x * 73 + y * 151 + step * 89) % 256);
+  };
+  return {grain(0), grain(1), grain(2), grain(3), static_cast<std::uint8_t>((x ^ y) & 4 ? 255 : 0)};
+}
+
+/// The art with a white channel of its own or, where the choke is to have something to do, with transparency
+/// that white follows from.
+inline TiffFile picture(std::uint32_t width, std::uint32_t height, std::uint32_t dpi = 300,
+                        bool own_white = true) {
+  TiffFile tiff = cmykw_tiff(width, height, [=](std::uint32_t x, std::uint32_t y, std::uint8_t* samples) {
+    std::ranges::copy(art(x * 300 / dpi, y * 300 / dpi), samples);
+    if (own_white) samples[kChannelW] = static_cast<std::uint8_t>(255 - samples[kChannelW]);
   });
+  if (!own_white) tiff.extra_samples = {EXTRASAMPLE_UNASSALPHA};
   tiff.x_resolution = tiff.y_resolution = static_cast<float>(dpi);
   return tiff;
 }

@@ -81,7 +81,6 @@ TEST(RunProfile, LogAndJsonTellTheSameNumbers) {
     const ScopedVariable variable("NVO_RIP_PROFILE", word);
     EXPECT_EQ(profile_enabled(), *word == 'T' || *word == 'Y') << word;
   }
-
   const test::TempDir dir;
   const std::string path = dir.file("runs.jsonl");
   StreamRipProfile profile;

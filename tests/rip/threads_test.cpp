@@ -32,8 +32,7 @@ class Threads : public testing::Test {
     options.print_mode = mode;
     options.white_choke_enabled = true;
     options.strip_h_px = 40;
-    test::TiffFile tiff = test::picture(56, 41, src_dpi);
-    tiff.extra_samples = {EXTRASAMPLE_UNASSALPHA};  // white that the choke may change
+    const test::TiffFile tiff = test::picture(56, 41, src_dpi, false);
     test::write_tiff(job.input, tiff);
     sheet = {};
     for (std::uint32_t i = 0; i < 4; ++i)
@@ -74,23 +73,13 @@ class Threads : public testing::Test {
     StripCompositor compositor(config);
     compositor.set_layout(sheet);
     RipEngine engine(job.engine_params());
-    HosonWriter writer({options.head(), options.print_mode, {}});
-    SheetRun run{.job = job.rip,
-                 .options = options,
-                 .output_path = job.output,
-                 .mode = options.print_mode,
-                 .choke = choke,
-                 .src_w = kSheetWidth,
-                 .src_h = kSheetHeight,
-                 .dev_w = kSheetWidth * options.print_mode.x_dpi / options.src_dpi,
-                 .dev_h = kSheetHeight * options.print_mode.y_dpi / options.src_dpi,
-                 .strips = (kSheetHeight + options.strip_h_px - 1) / options.strip_h_px,
-                 .compositor = compositor,
-                 .engine = engine,
-                 .writer = writer,
-                 .pool = pool,
-                 .scratch = {},
-                 .profile = {}};
+    HosonWriter writer({options.head(), options.print_mode, {3, 0, kChannelOff, 2, 4, 4}});
+    const std::uint32_t dev_w = kSheetWidth * options.print_mode.x_dpi / options.src_dpi;
+    const std::uint32_t dev_h = kSheetHeight * options.print_mode.y_dpi / options.src_dpi;
+    const std::uint32_t strips = (kSheetHeight + options.strip_h_px - 1) / options.strip_h_px;
+    SheetRun run{job.rip, options, job.output, options.print_mode, choke,  kSheetWidth, kSheetHeight,
+                 dev_w,   dev_h,   strips,     compositor,         engine, writer,      pool,
+                 {},      {}};
     if (pool) engine.ensure_column_taps(run.src_w, run.dev_w);
     path(run);
     return test::read_all(job.output);
@@ -116,21 +105,13 @@ TEST_F(Threads, EveryCombinationOfSwitchesGivesTheSerialFile) {
 }
 
 // A strip of several bands, two of which are in work at a time.
-TEST(Bands, ShareNothingWhileTwoAreInWork) {
-  test::Job job;
-  job.rip.options.white_choke_enabled = true;
-  job.rip.options.performance.mode = PerformanceMode::manual;
-  job.rip.options.performance.parallel_rows = TriState::off;
+TEST_F(Threads, BandsShareNothingWhileTwoAreInWork) {
+  prepare(300, default_print_mode({}));
+  job.rip.options.strip_h_px = 1024;
   test::write_tiff(job.input, test::picture(700, 1100));
-  const auto print = [&](TriState parallel, std::uint32_t threads) {
-    job.rip.options.performance.parallel_channels = parallel;
-    job.rip.options.performance.channel_threads = threads;
-    job.run();
-    return test::read_all(job.output);
-  };
-  const std::string serial = print(TriState::off, 1);
-  for (const std::uint32_t threads : {2u, 5u, 3u, 5u})
-    ASSERT_TRUE(print(TriState::on, threads) == serial) << threads;
+  sheet = {{{"item", "item", job.input, 0, 0, inches(700), inches(1100)}}, inches(1100)};
+  const std::string serial = print(0, 1);
+  for (const std::uint32_t threads : {2u, 5u, 3u, 5u}) ASSERT_TRUE(print(1, threads) == serial) << threads;
 }
 
 /// Runs tasks five by five, the channels of a strip, in an order drawn from a seed.

@@ -247,38 +247,61 @@ RipEngineParams choking_params(float amount) {
   return params;
 }
 
-TEST(RipEngine, CaptureShowsTheValuesThatWereScreened) {
+/// What a capture sees goes another way to the same drops.
+TEST(RipEngine, ChokesOnlyWhereTheSettingsAskAsTheCaptureShows) {
   const LogCapture quiet(LogLevel::error);
   Random random(11);
   const auto plane = random_plane(random, 30, 12);
-  const ChokeContext other = random_choke(random, 72, 71);  // of another size, hence left aside
-  ChokeContext choke = random_choke(random, 72, 72);
+  ChokeContext other = random_choke(random, 72, 71);  // of another size, hence left aside
+  ChokeContext torn = other, choke = random_choke(random, 72, 72);
+  torn.height = 72;                  // the right size, but its masks lack a row
   for (RingDot& dot : choke.ring) {  // as in a real choke sources are seeds, which stay as they are
     dot.source_x = dot.x;
     dot.source_y = random() % 72;
     choke.colour_core.set(dot.source_x, dot.source_y);
     choke.grown.set(dot.source_x, dot.source_y);
   }
+  const auto production = DeviceChokeAlgorithm::production, adaptive = DeviceChokeAlgorithm::adaptive;
+  const struct {
+    bool enabled;
+    float amount;
+    DeviceChokeAlgorithm algorithm;
+    WhiteChokeStrategy strategy;
+    SamplingMode white_sampling;
+    bool colour, white;
+  } cases[] = {{true, 1.0f, adaptive, WhiteChokeStrategy::baseline, SamplingMode::smooth, true, true},
+               {true, 1.0f, adaptive, WhiteChokeStrategy::baseline, SamplingMode::hard, true, true},
+               {true, 1.0f, production, WhiteChokeStrategy::production, SamplingMode::hard, true, false},
+               {true, 1.0f, production, WhiteChokeStrategy::baseline, SamplingMode::hard, false, false},
+               {true, 0.0f, adaptive, WhiteChokeStrategy::production, SamplingMode::hard, false, false},
+               {false, 1.0f, adaptive, WhiteChokeStrategy::production, SamplingMode::hard, false, false}};
   RipEngine::PreThresholdCapture seen;
-  for (const SamplingMode white : {SamplingMode::smooth, SamplingMode::hard}) {
-    RipEngineParams params = choking_params(1.0f);
-    params.white_resampling = white;
+  for (const auto& c : cases) {
+    RipEngineParams params = choking_params(c.amount);
+    params.white_choke_enabled = c.enabled;
+    params.white_choke_algorithm = c.algorithm;
+    params.white_choke_strategy = c.strategy;
+    params.white_resampling = c.white_sampling;
     RipEngine engine(params);
-    for (const auto& [channel, algorithm] : {std::pair(2, ""), {4, "_adaptive_white"}}) {
-      const std::uint8_t* coverage = channel < 4 ? plane.data() : nullptr;
-      EXPECT_TRUE(screened(engine, plane, 30, channel, coverage, &choke) ==
-                  screened(engine, plane, 30, channel, coverage, &choke, &seen));
-      EXPECT_TRUE(seen.device_choke_used);
-      EXPECT_EQ(seen.algorithm, std::string("rip_pre_threshold_device_domain") + algorithm);
-      ASSERT_EQ(seen.values.size(), 72u * 72u);
-      const BitPlane& shown = channel < 4 ? choke.grown : choke.keep;
-      for (std::size_t i = 0; i < seen.values.size(); ++i)
-        ASSERT_TRUE(shown.test(i % 72, i / 72) || seen.values[i] == 0);
-      const auto unchoked = screened(engine, plane, 30, channel, coverage, &other);
-      EXPECT_TRUE(unchoked == screened(engine, plane, 30, channel, coverage, &other, &seen));
-      EXPECT_TRUE(unchoked == screened(engine, plane, 30, channel, coverage) || channel < 4);
-      EXPECT_EQ(seen.algorithm, "rip_pre_threshold_standard");
-      EXPECT_FALSE(seen.device_choke_used);
+    for (const std::int32_t channel : {2, 4}) {
+      const bool colour = channel < 4;
+      const std::uint8_t* coverage = colour ? plane.data() : nullptr;
+      const auto unchoked = screened(engine, plane, 30, channel);
+      EXPECT_TRUE(!colour || screened(engine, plane, 30, channel, nullptr, &choke) == unchoked);
+      for (const ChokeContext* given : {&choke, &other, &torn}) {
+        const bool applies = given == &choke && (colour ? c.colour : c.white);
+        const auto drops = screened(engine, plane, 30, channel, coverage, given);
+        EXPECT_EQ(drops != unchoked, applies);
+        EXPECT_TRUE(screened(engine, plane, 30, channel, coverage, given, &seen) == drops);
+        EXPECT_EQ(seen.device_choke_used, applies);
+        EXPECT_EQ(seen.algorithm, !applies ? "rip_pre_threshold_standard"
+                                  : colour ? "rip_pre_threshold_device_domain"
+                                           : "rip_pre_threshold_device_domain_adaptive_white");
+        ASSERT_EQ(seen.values.size(), 72u * 72u);
+        const BitPlane& shown = colour ? choke.grown : choke.keep;
+        for (std::size_t i = 0; i < seen.values.size(); ++i)
+          ASSERT_TRUE(!applies || shown.test(i % 72, i / 72) || seen.values[i] == 0);
+      }
     }
   }
 
@@ -295,42 +318,6 @@ TEST(RipEngine, CaptureShowsTheValuesThatWereScreened) {
   RipEngine engine(params);
   screened(engine, ramp, 256, 0, nullptr, nullptr, &seen);
   EXPECT_EQ(seen.values, rounded);
-}
-
-TEST(RipEngine, ChokesOnlyWhereTheSettingsAsk) {
-  const LogCapture quiet(LogLevel::error);
-  Random random(5);
-  const auto plane = random_plane(random, 30, 12);
-  const ChokeContext choke = random_choke(random, 72, 72);
-  ChokeContext torn = random_choke(random, 72, 71);
-  torn.height = 72;  // the right size, but its masks lack a row
-  const auto production = DeviceChokeAlgorithm::production, adaptive = DeviceChokeAlgorithm::adaptive;
-  const struct {
-    bool enabled;
-    float amount;
-    DeviceChokeAlgorithm algorithm;
-    WhiteChokeStrategy strategy;
-    bool colour, white;
-  } cases[] = {{true, 1.0f, adaptive, WhiteChokeStrategy::baseline, true, true},
-               {true, 1.0f, production, WhiteChokeStrategy::production, true, false},
-               {true, 1.0f, production, WhiteChokeStrategy::baseline, false, false},
-               {true, 0.0f, adaptive, WhiteChokeStrategy::production, false, false},
-               {false, 1.0f, adaptive, WhiteChokeStrategy::production, false, false}};
-  for (const auto& c : cases) {
-    RipEngineParams params = choking_params(c.amount);
-    params.white_choke_enabled = c.enabled;
-    params.white_choke_algorithm = c.algorithm;
-    params.white_choke_strategy = c.strategy;
-    RipEngine engine(params);
-    const auto applied = [&](std::int32_t channel, const std::uint8_t* coverage) {
-      const auto unchoked = screened(engine, plane, 30, channel);
-      EXPECT_TRUE(screened(engine, plane, 30, channel, coverage, &torn) == unchoked);
-      return screened(engine, plane, 30, channel, coverage, &choke) != unchoked;
-    };
-    EXPECT_EQ(applied(0, plane.data()), c.colour);
-    EXPECT_FALSE(applied(0, nullptr));
-    EXPECT_EQ(applied(4, nullptr), c.white);
-  }
 }
 
 TEST(RipEngine, ComputesAMissingColourChokeItself) {
