@@ -54,7 +54,7 @@ void ignore_other_chunks(png_structp png) {
   constexpr png_byte kPhys[] = "pHYs";
   png_set_keep_unknown_chunks(png, PNG_HANDLE_CHUNK_NEVER, nullptr, kAllButPixels);
   png_set_keep_unknown_chunks(png, PNG_HANDLE_CHUNK_AS_DEFAULT, kPhys, 1);
-  png_set_chunk_malloc_max(png, 0);  // would refuse long chunks even when they are skipped
+  png_set_chunk_malloc_max(png, 0);  // some builds of libpng refuse long chunks, even those they skip
 }
 
 /// Whatever the file has becomes 8-bit RGBA.
