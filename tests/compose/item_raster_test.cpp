@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <numeric>
 #include <random>
 #include <string>
 #include <tuple>
@@ -10,6 +11,7 @@
 
 #include <gtest/gtest.h>
 
+#include "compose/ink_rows.h"
 #include "compose/plain_item.h"
 #include "compose/sampling.h"
 #include "image/image_loader.h"
@@ -224,6 +226,15 @@ TEST(Bilinear, WeighsTheFourSamples) {
   EXPECT_EQ(bilinear_byte(10, 20, 30, 40, 0.5f, 0.5f), 25);
   EXPECT_EQ(bilinear_byte(0, 1, 0, 1, 0.5f, 0.3f), 1) << "half rounds up";
   EXPECT_EQ(bilinear_linear_light(0, 255, 0, 255, 0.5f, 0.0f), 188) << "half the light";
+  std::mt19937 random(3);
+  std::uniform_real_distribution<float> fraction;
+  for (int i = 0; i < 2000; ++i) {
+    const float fx = fraction(random), fy = fraction(random);
+    for (int v = 0; v < 256; ++v) {
+      const auto p = static_cast<std::uint8_t>(v);
+      ASSERT_EQ(bilinear_byte(p, p, p, p, fx, fy), p) << "equal samples at " << fx << ", " << fy;
+    }
+  }
 }
 
 TEST(LinearLight, TableEncodesAsTheFormulaDoes) {
@@ -245,6 +256,16 @@ TEST(LinearLight, TableEncodesAsTheFormulaDoes) {
     for (int i = 0; i < 200; ++i) light = std::nextafter(light, 0.0f);
     for (int i = 0; i < 600 && light <= 1.0f; ++i, light = std::nextafter(light, 2.0f))
       ASSERT_EQ(curve.encode(light), srgb_from_linear(light)) << std::hexfloat << light;
+  }
+}
+
+TEST(InkRows, PremultiplyIsTheRoundedQuotient) {
+  std::vector<std::uint8_t> alpha(256);
+  std::iota(alpha.begin(), alpha.end(), std::uint8_t{0});
+  for (unsigned value = 0; value < 256; ++value) {
+    std::vector<std::uint8_t> ink(256, static_cast<std::uint8_t>(value));
+    premultiply(alpha.data(), alpha.size(), ink.data());
+    for (unsigned a = 0; a < 256; ++a) ASSERT_EQ(ink[a], (value * a + 127) / 255) << value << " x " << a;
   }
 }
 
