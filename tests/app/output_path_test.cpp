@@ -34,11 +34,13 @@ TEST(OutputPath, StemsAreSafeForEveryFileSystem) {
       {"a.b.tif", "./a.b.prt"},
       {"a . .tif", "./a.prt"},
       {"._..tif", "./job.prt"},
+      {"noext", "./noext.prt"},
       {"a\"*:<>?\\|\x01\x7f.tif", "./a__________.prt"},
       {"\xC3\xA9t\xC3\xA9.tif", "./\xC3\xA9t\xC3\xA9.prt"},
   };
   for (const auto& [input, expected] : cases) EXPECT_EQ(resolve(input, ""), expected);
   EXPECT_EQ(resolve("/in/a.tif", "", {}, PrintHead::i1600), "/in/a.prn");
+  EXPECT_EQ(resolve("/in/a.tif", "", {}, PrintHead::xp600), "/in/a.prt");
 }
 
 TEST(OutputPath, ExplicitTargetsAreCheckedHard) {
