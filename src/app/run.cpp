@@ -74,6 +74,7 @@ int run_guarded(const std::string& input_path, const std::string& explicit_outpu
 
 int run(const std::string& input_path, const std::string& output_path, const UpdateService& update_service) {
   Logger::instance().set_level(LogLevel::info);
+  Logger::instance().begin_job();
   try {
     return run_guarded(input_path, output_path, update_service);
   } catch (const std::exception& e) {

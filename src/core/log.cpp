@@ -3,7 +3,9 @@
 #include <cstdio>
 #include <ctime>
 
+#include "core/fnv1a.h"
 #include "core/platform/clock.h"
+#include "core/text.h"
 
 namespace nvo {
 namespace {
@@ -27,7 +29,7 @@ std::string format_line(LogLevel level, const std::string& text) {
   char stamp[16];
   const auto length = std::strftime(stamp, sizeof stamp, "%H:%M:%S", &now);
   std::string line(stamp, length);
-  line.append(" [").append(level_name(level)).append("] ").append(text);
+  line.append(" [").append(level_name(level)).append("] ").append(escape_controls(text));
   return line;
 }
 
@@ -59,11 +61,27 @@ void Logger::remove_sink(int id) {
   std::erase_if(sinks_, [id](const auto& entry) { return entry.first == id; });
 }
 
+void Logger::begin_job() {
+  const std::lock_guard lock(said_mutex_);
+  said_.emplace();
+}
+
+bool Logger::is_repetition(LogLevel level, const std::string& text) {
+  if (level < LogLevel::warn) return false;
+  constexpr std::size_t kMostTexts = 1 << 16;
+  const std::lock_guard lock(said_mutex_);
+  if (!said_) return false;
+  if (said_->size() >= kMostTexts) said_->clear();
+  return !said_->insert(fnv1a(text.data(), text.size(), kFnvOffsetBasis + static_cast<std::uint64_t>(level)))
+              .second;
+}
+
 void Logger::emit(LogLevel level, std::string text) {
   if (HeldLog* const held = HeldLog::innermost_) {
     held->entries_.push_back({level, std::move(text)});
     return;
   }
+  if (is_repetition(level, text)) return;
   const std::string line = format_line(level, text);
   std::vector<Sink> sinks;
   {

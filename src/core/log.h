@@ -1,10 +1,13 @@
 #pragma once
 
 #include <atomic>
+#include <cstdint>
 #include <functional>
 #include <mutex>
+#include <optional>
 #include <sstream>
 #include <string>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -39,8 +42,10 @@ class HeldLog {
 };
 
 /// The process-wide log. A line is the local time, the level in a field of five characters between brackets
-/// and the text, as in `14:03:22 [INFO ] Done: out.prt`. Lines go to the registered sinks, or to standard
-/// output when there are none. Any thread may log; sinks run on the logging thread, outside all locks.
+/// and the text, as in `14:03:22 [INFO ] Done: out.prt`. Control characters of the text are shown escaped.
+/// Once a job has begun, a WARN or ERROR that says the same as an earlier one of the job is dropped: it would
+/// stand once a strip or look-up. Lines go to the registered sinks, or to standard output when there are
+/// none. Any thread may log; sinks run on the logging thread, outside all locks.
 class Logger {
  public:
   using Sink = std::function<void(LogLevel, const std::string&)>;
@@ -50,6 +55,9 @@ class Logger {
   /// Lines below `level` are dropped before their pieces are formatted.
   void set_level(LogLevel level) { minimum_level_.store(level, std::memory_order_relaxed); }
   LogLevel level() const { return minimum_level_.load(std::memory_order_relaxed); }
+
+  /// From here on every WARN and ERROR is new again.
+  void begin_job();
 
   /// Streams the pieces (texts, numbers, paths) in order into one line.
   template <class... Pieces>
@@ -72,12 +80,15 @@ class Logger {
  private:
   Logger() = default;
   void emit(LogLevel level, std::string text);
+  bool is_repetition(LogLevel level, const std::string& text);
 
   std::atomic<LogLevel> minimum_level_{LogLevel::info};
   std::mutex sink_mutex_;
   std::vector<std::pair<int, Sink>> sinks_;
   int next_sink_id_ = 1;
   std::mutex console_mutex_;
+  std::mutex said_mutex_;
+  std::optional<std::unordered_set<std::uint64_t>> said_;  ///< hashes of the job's WARN and ERROR texts
 };
 
 template <class... Pieces>

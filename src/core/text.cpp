@@ -57,6 +57,20 @@ std::string lower_extension(std::string_view path) {
   return dot == std::string_view::npos ? std::string() : ascii_lower(path.substr(dot + 1));
 }
 
+std::string escape_controls(std::string_view text) {
+  constexpr std::string_view kDigits = "0123456789ABCDEF";
+  std::string escaped;
+  escaped.reserve(text.size());
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (byte < 32 || byte == 127)
+      escaped.append({'\\', 'x', kDigits[byte >> 4], kDigits[byte & 15]});
+    else
+      escaped += c;
+  }
+  return escaped;
+}
+
 std::string escape_json(std::string_view text, std::string_view letters) {
   constexpr std::string_view kControls = "\b\f\n\r\t";
   constexpr std::string_view kControlLetters = "bfnrt";

@@ -32,6 +32,10 @@ std::string lower_extension(std::string_view path);
 /// A file name with the bytes `"*/:<>?\|` and control characters replaced by `_`; "image" when empty.
 std::string sanitize_name(std::string_view name);
 
+/// Text for a person's eyes: bytes below 32 and 127, which may come from a file and steer a terminal or forge
+/// a line, as \\xNN. Everything else stays.
+std::string escape_controls(std::string_view text);
+
 /// Text for a JSON string: quote and backslash with a backslash, the control characters whose letters stand
 /// in `letters` (of "bfnrt") as a backslash and that letter, the others below 32 as \u00xx in lower case.
 std::string escape_json(std::string_view text, std::string_view letters);

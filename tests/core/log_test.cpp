@@ -36,6 +36,27 @@ TEST(Logger, LinesBelowTheLevelAreNotFormatted) {
   EXPECT_EQ(log.lines(), std::vector<std::string>{"[WARN ] piece"});
 }
 
+TEST(Logger, ShowsControlCharactersAndSaysAWarningOnceAJob) {
+  const test::LogCapture log;
+  const auto say = [] {
+    log_warn("ink '\x1B[2J\n", "14:00:00 [INFO ] Done: a.prt\x7F'");
+    log_error("the disk is slow");
+    log_info("strip");
+  };
+  Logger::instance().begin_job();
+  say();
+  log_error("ink 'plain'");
+  const std::vector<std::string> once = log.lines();
+  EXPECT_EQ(once,
+            (std::vector<std::string>{R"([WARN ] ink '\x1B[2J\x0A14:00:00 [INFO ] Done: a.prt\x7F')",
+                                      "[ERROR] the disk is slow", "[INFO ] strip", "[ERROR] ink 'plain'"}));
+  say();
+  EXPECT_EQ(log.lines().size(), once.size() + 1);  // the INFO line
+  Logger::instance().begin_job();
+  say();
+  EXPECT_EQ(log.lines().size(), once.size() + 4);
+}
+
 TEST(Logger, SinksSilenceTheConsoleAndMayLogAndUnregister) {
   testing::internal::CaptureStdout();
   int first = 0, calls = 0;

@@ -1,0 +1,33 @@
+#pragma once
+
+#include <new>
+#include <stdexcept>
+#include <string>
+#include <system_error>
+
+namespace nvo {
+
+/// The machine has failed, not a file: memory, disk, processes. So say this type, `bad_alloc` and
+/// `system_error`, whatever the text; all of them end the job. No layer may take one for a damaged file,
+/// print on without the image or remember it as the file's own failure.
+class MachineFailure : public std::runtime_error {
+ public:
+  using runtime_error::runtime_error;
+};
+
+/// For the beginning of a handler that takes exceptions for the fault of a file: throws the exception in
+/// flight once more where the machine has failed, and returns otherwise.
+inline void rethrow_machine_failure() {
+  try {
+    throw;
+  } catch (const std::bad_alloc&) {
+    throw;
+  } catch (const std::system_error&) {
+    throw;
+  } catch (const MachineFailure&) {
+    throw;
+  } catch (...) {  // NOLINT: the caller's handler goes on with it
+  }
+}
+
+}  // namespace nvo
