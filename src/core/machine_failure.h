@@ -15,6 +15,11 @@ class MachineFailure : public std::runtime_error {
   using runtime_error::runtime_error;
 };
 
+/// Throws what a failed system call on a file means; `what` is "read", "write" and so on.
+[[noreturn]] inline void fail_on_file(const char* what, const std::string& path, int error) {
+  throw std::system_error(error, std::generic_category(), std::string("cannot ") + what + " '" + path + "'");
+}
+
 /// For the beginning of a handler that takes exceptions for the fault of a file: throws the exception in
 /// flight once more where the machine has failed, and returns otherwise.
 inline void rethrow_machine_failure() {
