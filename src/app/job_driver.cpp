@@ -90,6 +90,7 @@ std::string run_job(const std::string& input_path, const std::string& output_pat
   rip.options.src_dpi = source_layout_dpi({input_path});
   if (sheet_width_in > 0.0f) rip.options.sheet_width_in = sheet_width_in;
   log_info("source-driven layout dpi selected: ", rip.options.src_dpi);
+  for (const std::string& note : probe_image(input_path).notes) log_warn("Art '", input_path, "': ", note);
   rip.progress = callbacks.progress;
   rip.cancel = callbacks.cancel;
   rip.rip_single(input_path, output_path, rip_settings, width_in, height_in);

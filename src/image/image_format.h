@@ -12,7 +12,7 @@
 namespace nvo {
 
 /// What a file says of its size. A resolution that it does not state is 0.
-struct ImageExtent {
+struct ImageExtent : ImageRemarks {
   std::uint32_t width = 0, height = 0;  ///< pixels
   float dpi_x = 0.0f, dpi_y = 0.0f;     ///< dots per inch
 };

@@ -113,6 +113,9 @@ void probe_file(ImageProbeInfo& info) {
   const ImageExtent extent = format->probe(info.path);
   if (extent.width == 0 || extent.height == 0)
     throw std::runtime_error("ImageMetaProbe: empty image metadata for " + info.path);
+  static_cast<ImageRemarks&>(info) = extent;
+  if (!(extent.dpi_x > 0.0f) && info.resolution_source == ResolutionSource::file)
+    info.resolution_source = ResolutionSource::assumed;
   info.kind = format->kind;
   info.width = extent.width;
   info.height = extent.height;

@@ -8,7 +8,7 @@
 namespace nvo {
 
 /// Pixel size and resolution of a file, found without decoding pixels.
-struct ImageProbeInfo : ImagePath {
+struct ImageProbeInfo : ImagePath, ImageRemarks {
   ImageSourceKind kind = ImageSourceKind::unknown;
   std::uint32_t width = 0, height = 0;  ///< pixels
   float dpi_x = 0.0f, dpi_y = 0.0f;     ///< dots per inch, above 0

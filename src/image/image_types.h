@@ -38,6 +38,21 @@ struct ImagePath {
   std::string safe_name;  ///< `file_name` without characters that a file system may refuse
 };
 
+/// Where a resolution comes from.
+enum class ResolutionSource : std::uint8_t {
+  file,     ///< the file states it
+  assumed,  ///< the file states none: the format's default
+  damaged,  ///< it stood in a part of the file that is damaged: the format's default
+  page,     ///< a page has a size of its own and is rasterised at a fixed resolution
+};
+
+/// What a viewer may show of a file and the film will not, or what this program had to assume.
+struct ImageRemarks {
+  ResolutionSource resolution_source = ResolutionSource::file;
+  bool has_profile = false;        ///< a colour profile is embedded; it is not used
+  std::vector<std::string> notes;  ///< sentences for a person, without the file's name
+};
+
 /// What is known of an image apart from its pixels. Resolutions are dots per inch and always above 0.
 struct ImageMeta : ImagePath {
   ImageSourceKind kind = ImageSourceKind::unknown;

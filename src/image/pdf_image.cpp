@@ -127,7 +127,7 @@ LoadedImage load_pdf(const std::string& path, std::uint32_t page_index, float dp
 
 ImageExtent probe_pdf(const std::string& path) {
   const PdfPageInfo page = PdfRenderer::instance().probe(path, 0, kPdfDpi);
-  return {page.width, page.height, page.dpi_x, page.dpi_y};
+  return {{ResolutionSource::page, false, {}}, page.width, page.height, page.dpi_x, page.dpi_y};
 }
 
 LoadedImage load_first_pdf_page(const std::string& path) {

@@ -95,7 +95,7 @@ ImageExtent probe_tiff(const std::string& path) {
   TiffReader reader;
   reader.open(path);
   const TiffMeta tiff = reader.read_meta();
-  return {tiff.width, tiff.height, tiff.dpi_x, tiff.dpi_y};
+  return {{}, tiff.width, tiff.height, tiff.dpi_x, tiff.dpi_y};
 }
 
 LoadedImage load_tiff(const std::string& path) {

@@ -128,7 +128,7 @@ ImageMeta describe_wic(const std::string& path, const WicImageInfo& info) {
 
 ImageExtent probe_wic(const std::string& path) {
   const WicImageInfo info = wic_read_info(path);
-  return {info.width, info.height, info.dpi_x, info.dpi_y};
+  return {{}, info.width, info.height, info.dpi_x, info.dpi_y};
 }
 
 LoadedImage load_wic(const std::string& path) {
