@@ -4,6 +4,8 @@
 #include <array>
 #include <cstdint>
 #include <cstdlib>
+#include <functional>
+#include <utility>
 
 #include "compose/color_conversion.h"
 #include "compose/item_raster.h"
@@ -15,9 +17,15 @@ namespace nvo::test {
 /// rows. Only the source rows `held` are seen where `banded` is set.
 class PlainItem {
  public:
+  /// Samples of a pixel, red, green and blue or four inks, to the inks that are printed.
+  using Conversion = std::function<std::array<std::uint8_t, 4>(const std::array<std::uint8_t, 4>&)>;
+
   PlainItem(const LoadedImage& image, bool rotated, const StripCompositorConfig& config,
             const ItemPlacement& place, bool banded)
       : image_(image), rotated_(rotated), config_(config), place_(place), banded_(banded) {}
+
+  /// Takes the place of the formula, or of inks that stay as they are.
+  void convert_with(Conversion conversion) { convert_ = std::move(conversion); }
 
   /// Returns the pixels written.
   std::uint64_t compose(const IndexRange& rows, const IndexRange& held, StripBuffer& strip) {
@@ -115,14 +123,13 @@ class PlainItem {
   }
 
   std::array<std::uint8_t, 4> cmyk() const {
-    std::array<std::uint8_t, 4> inks;
-    if (is_rgb()) {
-      const std::array<std::uint8_t, 3> rgb{color_byte(0), color_byte(1), color_byte(2)};
-      rgb_to_cmyk_simple(rgb.data(), inks.data(), 1);
-    } else {
-      for (int ink = 0; ink < 4; ++ink)
-        inks[static_cast<std::size_t>(ink)] = color_byte(image_.role_index(static_cast<ChannelRole>(ink)));
-    }
+    std::array<std::uint8_t, 4> samples{}, inks{};
+    for (int i = 0; i < (is_rgb() ? 3 : 4); ++i)
+      samples[static_cast<std::size_t>(i)] =
+          color_byte(is_rgb() ? i : image_.role_index(static_cast<ChannelRole>(i)));
+    if (convert_) return convert_(samples);
+    if (!is_rgb()) return samples;
+    rgb_to_cmyk_simple(samples.data(), inks.data(), 1);
     return inks;
   }
 
@@ -133,6 +140,7 @@ class PlainItem {
   const bool banded_;
   IndexRange held_;
   AxisSample mx_, my_;
+  Conversion convert_;
 };
 
 }  // namespace nvo::test
