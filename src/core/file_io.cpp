@@ -12,6 +12,7 @@
 #include <nlohmann/json.hpp>
 
 #include "core/platform/clock.h"
+#include "core/platform/input_file.h"
 #include "core/platform/paths.h"
 
 namespace nvo {
@@ -118,6 +119,10 @@ bool read_file_bounded(const std::string& path, std::uint64_t max_bytes, std::st
   }
   if (missing) *missing = absent;
   return done;
+}
+
+int path_error(const std::string& path) {
+  return platform::path_error(path);
 }
 
 bool read_json_bounded(const std::string& path, std::uint64_t max_bytes, nlohmann::json& json,

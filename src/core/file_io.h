@@ -25,6 +25,11 @@ struct TempFile {
 bool read_file_bounded(const std::string& path, std::uint64_t max_bytes, std::string& out, std::string* error,
                        bool* missing);
 
+/// Why nothing can be said about `path`, for callers that a `missing` file doesn't satisfy: 0 where its
+/// status could be had or nothing is there, otherwise the system's error (`platform::error_text` has its
+/// text).
+int path_error(const std::string& path);
+
 /// `read_file_bounded` and a JSON parse; `json` is null on failure.
 bool read_json_bounded(const std::string& path, std::uint64_t max_bytes, nlohmann::json& json,
                        std::string* error, bool* missing);

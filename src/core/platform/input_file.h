@@ -35,4 +35,8 @@ class InputFile {
 /// this user may read. Any other error means that the machine has failed.
 bool tells_of_path(int code);
 
+/// Asks for the status of whatever stands at a path: 0 where it could be had or nothing is there, otherwise
+/// the system's error, such as that of a folder on the way that this user may not enter.
+int path_error(const std::string& path);
+
 }  // namespace nvo::platform

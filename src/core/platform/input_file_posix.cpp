@@ -59,4 +59,10 @@ bool tells_of_path(int code) {
   return std::ranges::find(kOfPath, code) != std::end(kOfPath);
 }
 
+int path_error(const std::string& path) {
+  struct stat status {};
+  if (::stat(path.c_str(), &status) == 0 || errno == ENOENT || errno == ENOTDIR) return 0;
+  return errno;
+}
+
 }  // namespace nvo::platform
