@@ -8,9 +8,11 @@
 
 #include <nlohmann/json.hpp>
 
+#include "config/settings_keys.h"
 #include "config/settings_paths.h"
 #include "core/file_io.h"
 #include "core/log.h"
+#include "core/machine_failure.h"
 
 namespace nvo {
 namespace {
@@ -73,16 +75,27 @@ IccSettings read_settings(const std::string& path) {
   std::string error;
   bool missing = false;
   if (!read_json_bounded(path, kMaxFileBytes, document, &error, &missing)) {
-    if (!missing) log_error("IccSettings: falling back to defaults for '", path, "': ", error);
+    if (missing)
+      warn_if_out_of_sight(path);
+    else
+      log_error("IccSettings: falling back to defaults for '", path, "': ", error);
     return {};
   }
   IccSettings settings;
-  if (!parse_icc_settings(document, settings, &error))
+  if (parse_icc_settings(document, settings, &error))
+    warn_of_unknown_keys(SettingsFile::icc, document, path);
+  else
     log_error("IccSettings: invalid config for '", path, "': ", error, "; falling back to defaults.");
   return settings;
 }
 
 }  // namespace
+
+std::vector<std::string> icc_settings_keys() {
+  std::vector<std::string> keys;
+  for (const KeyRule& rule : kKeyRules) keys.emplace_back(rule.key);
+  return keys;
+}
 
 std::string default_icc_settings_path() {
   constexpr std::string_view kMainName = "settings.json";
@@ -100,6 +113,7 @@ IccSettings load_icc_settings(const std::string& path) {
   try {
     return read_settings(path);
   } catch (const std::exception& e) {
+    rethrow_machine_failure();
     log_error("IccSettings: parse failed for '", path, "': ", e.what(), "; falling back to defaults.");
   } catch (...) {
     log_error("IccSettings: parse failed for '", path, "': unknown error; falling back to defaults.");

@@ -20,8 +20,9 @@ struct IccSettings {
 /// `icc_settings.json` beside the main settings file.
 std::string default_icc_settings_path();
 
-/// Reads the file at `path`, or at the default path. Never throws: a file that is not there gives the
-/// defaults silently, anything wrong with it gives the defaults and an ERROR line.
+/// Reads the file at `path`, or at the default path. A file that is not there gives the defaults silently,
+/// anything wrong with it the defaults and an ERROR line; keys that nobody knows warn. Throws only where the
+/// machine has failed.
 IccSettings load_icc_settings();
 IccSettings load_icc_settings(const std::string& path);
 

@@ -72,7 +72,8 @@ std::string job_settings_path();
 
 /// Reads the job file over defaults from the installation's settings. Never throws for bad data: a file that
 /// is not there gives the defaults silently, an unreadable one the defaults and an ERROR line, and a bad
-/// value falls back key by key.
+/// value falls back key by key. What is not taken as it stands there WARNs. Throws where the machine has
+/// failed.
 JobSettings load_job_settings(const RipSettings& rip_settings);
 JobSettings load_job_settings(const RipSettings& rip_settings, const std::string& path);
 

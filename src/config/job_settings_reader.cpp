@@ -12,9 +12,12 @@
 #include <nlohmann/json.hpp>
 
 #include "config/job_settings.h"
+#include "config/job_settings_check.h"
+#include "config/settings_keys.h"
 #include "config/settings_paths.h"
 #include "core/file_io.h"
 #include "core/log.h"
+#include "core/machine_failure.h"
 #include "core/text.h"
 
 namespace nvo {
@@ -108,24 +111,49 @@ Value parse_token(std::span<const Token<Value>> tokens, const std::string& key, 
 
 // ---- Keys: what each takes and where it goes ----
 
+enum class ValueType { flag, number, text, list, object };
+
+/// Of each value type, how the log calls what a key of it takes.
+constexpr const char* kTypeNames[] = {"true or false", "a number", "a text", "a list of texts", "an object"};
+
+bool has_type(const json& value, ValueType type) {
+  switch (type) {
+    case ValueType::flag:
+      return value.is_boolean();
+    case ValueType::number:
+      return value.is_number();
+    case ValueType::text:
+      return value.is_string();
+    case ValueType::list:
+      return value.is_array();
+    case ValueType::object:
+      return value.is_object();
+  }
+  return false;
+}
+
 struct Flag {
+  static constexpr ValueType type = ValueType::flag;
   bool JobSettings::*field;
 };
 
 /// A number cut to a range.
 struct Amount {
+  static constexpr ValueType type = ValueType::number;
   float JobSettings::*field;
   float low;
   float high = kNoLimit;
 };
 
 struct Resampling {
+  static constexpr ValueType type = ValueType::text;
   ResamplingMode JobSettings::*field;
   Fallback<ResamplingMode> fallback;
 };
 
-/// A key with rules of its own. `key` is its name in the file.
+/// A key with rules of its own. `key` is its name in the file; the value has the type.
 struct Special {
+  ValueType type;
   void (*apply)(const json& value, const char* key, JobSettings& job);
 };
 
@@ -134,19 +162,20 @@ struct KeyRow {
   std::variant<Flag, Amount, Resampling, Special> rule;
 };
 
-void apply_device_board(const json& value, const char*, JobSettings& job) {
-  if (value.is_string() && normalize_token(value.get<std::string>()) == "hoson")
+void apply_device_board(const json& value, const char* key, JobSettings& job) {
+  const auto& board = value.get_ref<const std::string&>();
+  if (normalize_token(board) == "hoson")
     job.device_board = DeviceBoard::hoson;
+  else
+    log_warn("JobSettings: unknown ", key, " '", board, "' is ignored; using hoson");
 }
 
 void apply_print_head(const json& value, const char* key, JobSettings& job) {
-  if (!value.is_string()) return;
   job.print_head =
       parse_token<PrintHead>(kHeadTokens, key, value.get<std::string>(), {PrintHead::i3200, "i3200"});
 }
 
 void apply_print_mode_id(const json& value, const char*, JobSettings& job) {
-  if (!value.is_string()) return;
   const auto& id = value.get_ref<const std::string&>();
   if (const PrintMode* mode = find_print_mode(job.head(), id))
     job.print_mode = *mode;
@@ -155,10 +184,6 @@ void apply_print_mode_id(const json& value, const char*, JobSettings& job) {
 }
 
 void apply_channel_map(const json& value, const char* key, JobSettings& job) {
-  if (!value.is_array()) {
-    job.output_channel_map = default_channel_map(job.head());
-    return;
-  }
   std::vector<std::uint32_t> slots;
   for (std::size_t i = 0; i < value.size(); ++i) {
     const std::string label = std::string(key) + "[" + std::to_string(i) + "]";
@@ -169,19 +194,19 @@ void apply_channel_map(const json& value, const char* key, JobSettings& job) {
 }
 
 void apply_placement(const json& value, const char* key, JobSettings& job) {
-  if (!value.is_string()) return;
   job.sheet_placement_mode = parse_token<SheetPlacementMode>(
       kPlacementTokens, key, value.get<std::string>(), {SheetPlacementMode::align_center, "AlignCenter"});
 }
 
-void apply_icc(const json& value, const char*, JobSettings& job) {
-  if (value.is_object()) parse_icc_settings(value, job.icc, nullptr);
+void apply_icc(const json& value, const char* key, JobSettings& job) {
+  std::string error;
+  if (!parse_icc_settings(value, job.icc, &error))
+    log_warn("JobSettings: ", key, " is skipped, icc_settings.json holds: ", error);
 }
 
 constexpr std::string_view kInkBudget = "InkBudget";
 
 void apply_legacy_white_mode(const json& value, const char*, JobSettings&) {
-  if (!value.is_string()) return;
   const auto& name = value.get_ref<const std::string&>();
   if (name == "SourceCoverage") return;
   if (name != "SolidUnderbase" && name != kInkBudget) {
@@ -193,17 +218,22 @@ void apply_legacy_white_mode(const json& value, const char*, JobSettings&) {
 }
 
 void apply_choke_algorithm(const json& value, const char* key, JobSettings& job) {
-  if (!value.is_string()) return;
   job.white_choke_algorithm = parse_token<WhiteChokeSetting>(kChokeTokens, key, value.get<std::string>(),
                                                              {WhiteChokeSetting::production, "production"});
 }
 
-void apply_min_width(const json& value, const char*, JobSettings& job) {
-  if (!value.is_number()) return;
+/// The number within the range; says so where it had to be cut.
+double cut(double number, double low, double high, const char* key) {
+  const double within = std::clamp(number, low, high);
+  if (within != number) log_warn("JobSettings: ", key, " ", number, " is out of range; using ", within);
+  return within;
+}
+
+void apply_min_width(const json& value, const char* key, JobSettings& job) {
   const double width = value.get<double>();
   if (!std::isfinite(width)) return;
-  job.white_choke_adaptive_min_width_dots = static_cast<std::int32_t>(
-      std::clamp(std::round(width), static_cast<double>(kMinWidthDots), static_cast<double>(kMaxWidthDots)));
+  job.white_choke_adaptive_min_width_dots =
+      static_cast<std::int32_t>(cut(std::round(width), kMinWidthDots, kMaxWidthDots, key));
 }
 
 constexpr Fallback<ResamplingMode> kSmooth{ResamplingMode::smooth, "smooth"};
@@ -211,10 +241,10 @@ constexpr Fallback<ResamplingMode> kHard{ResamplingMode::hard, "hard"};
 
 // The order is that in which keys take effect: of two keys for one field the later one wins.
 constexpr KeyRow kKeys[] = {
-    {"device_board", Special{apply_device_board}},
-    {"print_head", Special{apply_print_head}},
-    {"print_mode_id", Special{apply_print_mode_id}},
-    {"output_channel_map", Special{apply_channel_map}},
+    {"device_board", Special{ValueType::text, apply_device_board}},
+    {"print_head", Special{ValueType::text, apply_print_head}},
+    {"print_mode_id", Special{ValueType::text, apply_print_mode_id}},
+    {"output_channel_map", Special{ValueType::list, apply_channel_map}},
     {"nesting_gap_in", Amount{&JobSettings::repeated_file_gap_in, 0.0f}},
     {"repeated_file_gap_in", Amount{&JobSettings::repeated_file_gap_in, 0.0f}},
     {"sheet_width_in", Amount{&JobSettings::sheet_width_in, kLeastLengthIn}},
@@ -223,19 +253,19 @@ constexpr KeyRow kKeys[] = {
     {"sheet_margin_right_in", Amount{&JobSettings::sheet_margin_right_in, 0.0f}},
     {"sheet_margin_top_in", Amount{&JobSettings::sheet_margin_top_in, 0.0f}},
     {"sheet_margin_bottom_in", Amount{&JobSettings::sheet_margin_bottom_in, 0.0f}},
-    {"sheet_placement_mode", Special{apply_placement}},
-    {"icc", Special{apply_icc}},
-    {"white_generation_mode", Special{apply_legacy_white_mode}},
+    {"sheet_placement_mode", Special{ValueType::text, apply_placement}},
+    {"icc", Special{ValueType::object, apply_icc}},
+    {"white_generation_mode", Special{ValueType::text, apply_legacy_white_mode}},
     {"white_choke_enabled", Flag{&JobSettings::white_choke_enabled}},
     {"use_color_expansion_over_white", Flag{&JobSettings::white_choke_enabled}},
     {"white_choke_amount_px_at_300dpi",
      Amount{&JobSettings::white_choke_amount_px_at_300dpi, 0.0f, kMaxChokeAmount}},
     {"expansion_amount_px_at_300dpi",
      Amount{&JobSettings::white_choke_amount_px_at_300dpi, 0.0f, kMaxChokeAmount}},
-    {"white_choke_algorithm", Special{apply_choke_algorithm}},
-    {"white_choke_strategy", Special{apply_choke_algorithm}},
-    {"white_choke_adaptive_min_width_dots", Special{apply_min_width}},
-    {"adaptive_white_choke_min_width_dots", Special{apply_min_width}},
+    {"white_choke_algorithm", Special{ValueType::text, apply_choke_algorithm}},
+    {"white_choke_strategy", Special{ValueType::text, apply_choke_algorithm}},
+    {"white_choke_adaptive_min_width_dots", Special{ValueType::number, apply_min_width}},
+    {"adaptive_white_choke_min_width_dots", Special{ValueType::number, apply_min_width}},
     {"white_choke_adaptive_protect_light_enabled",
      Flag{&JobSettings::white_choke_adaptive_protect_light_enabled}},
     {"adaptive_white_choke_protect_light_enabled",
@@ -256,21 +286,18 @@ constexpr KeyRow kKeys[] = {
 };
 
 void apply(const Flag& rule, const json& value, const char*, JobSettings& job) {
-  if (value.is_boolean()) job.*rule.field = value.get<bool>();
+  job.*rule.field = value.get<bool>();
 }
 
-void apply(const Amount& rule, const json& value, const char*, JobSettings& job) {
-  if (!value.is_number()) return;
+void apply(const Amount& rule, const json& value, const char* key, JobSettings& job) {
   const double number = value.get<double>();
   if (!std::isfinite(number)) return;
-  job.*rule.field =
-      static_cast<float>(std::clamp(number, static_cast<double>(rule.low), static_cast<double>(rule.high)));
+  job.*rule.field = static_cast<float>(cut(number, rule.low, rule.high, key));
 }
 
 void apply(const Resampling& rule, const json& value, const char* key, JobSettings& job) {
-  if (value.is_string())
-    job.*rule.field =
-        parse_token<ResamplingMode>(kResamplingTokens, key, value.get<std::string>(), rule.fallback);
+  job.*rule.field =
+      parse_token<ResamplingMode>(kResamplingTokens, key, value.get<std::string>(), rule.fallback);
 }
 
 void apply(const Special& rule, const json& value, const char* key, JobSettings& job) {
@@ -278,11 +305,15 @@ void apply(const Special& rule, const json& value, const char* key, JobSettings&
 }
 
 void apply_keys(const json& document, JobSettings& job) {
-  if (!document.is_object()) return;
   for (const KeyRow& row : kKeys) {
     const auto found = document.find(row.key);
-    if (found != document.end())
+    if (found == document.end()) continue;
+    const ValueType type = std::visit([](const auto& rule) { return rule.type; }, row.rule);
+    if (has_type(*found, type))
       std::visit([&](const auto& rule) { apply(rule, *found, row.key, job); }, row.rule);
+    else
+      log_warn("JobSettings: ", row.key, " must be ", kTypeNames[static_cast<std::size_t>(type)],
+               "; this value (", found->type_name(), ") is skipped");
   }
   // An old file's InkBudget stands above the newer key.
   const auto legacy = document.find("white_generation_mode");
@@ -291,7 +322,11 @@ void apply_keys(const json& document, JobSettings& job) {
 }
 
 void normalize(JobSettings& job) {
-  job.min_white_pct = std::min(job.min_white_pct, job.max_white_pct);
+  if (job.min_white_pct > job.max_white_pct) {
+    log_warn("JobSettings: min_white_pct ", job.min_white_pct, " is above max_white_pct; using ",
+             job.max_white_pct);
+    job.min_white_pct = job.max_white_pct;
+  }
   job.print_mode = resolve_print_mode(job.head(), job.print_mode);
   job.output_channel_map = normalize_channel_map(job.head(), job.output_channel_map);
   job.white_generation_mode = WhiteGenerationMode::source_coverage;
@@ -303,22 +338,60 @@ void normalize(JobSettings& job) {
   threshold = std::isnan(threshold) ? kDefaultLightness : std::clamp(threshold, 0.0f, kMaxLightness);
 }
 
-JobSettings read_job(JobSettings job, const std::string& path) {
+/// The value of a key where it has the type, or null.
+const json* find_value(const json& document, const char* key, ValueType type) {
+  const auto found = document.find(key);
+  return found != document.end() && has_type(*found, type) ? &*found : nullptr;
+}
+
+/// Null where there is no document that could be read.
+json read_document(const std::string& path) {
   json document;
   std::string error;
   bool missing = false;
-  if (!read_json_bounded(path, kMaxFileBytes, document, &error, &missing)) {
-    if (!missing) log_error("JobSettings: falling back to defaults for '", path, "': ", error);
-    return job;
+  if (read_json_bounded(path, kMaxFileBytes, document, &error, &missing)) {
+    if (!document.is_object()) {
+      log_warn("JobSettings: '", path, "' holds no JSON object; the defaults hold");
+      document = json::object();
+    }
+  } else if (missing) {
+    warn_if_out_of_sight(path);
+  } else {
+    log_error("JobSettings: falling back to defaults for '", path, "': ", error);
   }
-  if (!document.is_object() || !document.contains("output_channel_map"))
+  return document;
+}
+
+JobSettings read_job(JobSettings job, const json& document, const std::string& path) {
+  if (!find_value(document, "output_channel_map", ValueType::list))
     job.output_channel_map.clear();  // the default map of whichever head the file ends with
   apply_keys(document, job);
   normalize(job);
+  warn_of_unknown_keys(SettingsFile::job, document, path);
   return job;
 }
 
+/// What the file asks for and won't get.
+void warn_of_unmet(const JobSettings& job, const json& document, const RipSettings& rip_settings) {
+  const json* const mode = find_value(document, "print_mode_id", ValueType::text);
+  const json* const icc = find_value(document, "icc", ValueType::object);
+  IccSettings ignored;
+  const bool has_icc = icc && parse_icc_settings(*icc, ignored, nullptr);
+  warn_of_unmet_settings(job, mode ? mode->get_ptr<const std::string*>() : nullptr, rip_settings,
+                         has_icc ? "JobSettings: icc" : "IccSettings");
+}
+
 }  // namespace
+
+std::vector<std::string> job_settings_keys() {
+  std::vector<std::string> keys;
+  for (const KeyRow& row : kKeys) {
+    keys.emplace_back(row.key);
+    if (const auto* special = std::get_if<Special>(&row.rule); special && special->apply == apply_icc)
+      for (const std::string& key : icc_settings_keys()) keys.push_back(std::string(row.key) + "." + key);
+  }
+  return keys;
+}
 
 std::string job_settings_path() {
   constexpr std::string_view kMainName = "settings.json";
@@ -333,15 +406,21 @@ JobSettings load_job_settings(const RipSettings& rip_settings) {
 }
 
 JobSettings load_job_settings(const RipSettings& rip_settings, const std::string& path) {
-  const JobSettings defaults = default_job_settings(rip_settings, load_icc_settings());
+  JobSettings job = default_job_settings(rip_settings, load_icc_settings());
+  json document;
   try {
-    return read_job(defaults, path);
+    document = read_document(path);
+    if (document.is_object()) job = read_job(job, document, path);
   } catch (const std::exception& e) {
+    rethrow_machine_failure();
     log_error("JobSettings: parse failed for '", path, "': ", e.what());
+    document = nullptr;
   } catch (...) {
     log_error("JobSettings: parse failed for '", path, "': unknown error");
+    document = nullptr;
   }
-  return defaults;
+  warn_of_unmet(job, document, rip_settings);
+  return job;
 }
 
 }  // namespace nvo

@@ -7,6 +7,7 @@ namespace nvo {
 namespace {
 
 struct HeadCatalog {
+  std::string_view name;
   std::vector<PrintMode> modes;
   std::size_t default_row;
   std::vector<std::uint32_t> default_map;
@@ -18,7 +19,8 @@ constexpr std::uint32_t kC = kChannelC, kM = kChannelM, kY = kChannelY, kK = kCh
 
 const std::array<HeadCatalog, 3>& catalogs() {
   static const std::array<HeadCatalog, 3> all = {{
-      {{
+      {"i3200",
+       {
            {"360x1200_2pass", "360x1200 2PASS", 360, 1200, 2, 2},
            {"360x1800_3pass", "360x1800 3PASS", 360, 1800, 3, 2},
            {"360x2400_4pass", "360x2400 4PASS", 360, 2400, 4, 2},
@@ -30,7 +32,8 @@ const std::array<HeadCatalog, 3>& catalogs() {
        5,
        {kK, kC, kM, kY, kW, kW},
        ".prt"},
-      {{
+      {"i1600",
+       {
            {"i1600_720x900_observed", "720x900 (observed 5-slot)", 720, 900, 6, 2},
            {"i1600_720x1200_observed", "720x1200 (observed 5-slot)", 720, 1200, 8, 2},
            {"i1600_720x1800_observed", "720x1800 (observed 5-slot)", 720, 1800, 12, 2},
@@ -38,7 +41,8 @@ const std::array<HeadCatalog, 3>& catalogs() {
        2,
        {kK, kC, kM, kY, kW, kOff},
        ".prn"},
-      {{
+      {"xp600",
+       {
            {"xp600_360x360", "360x360 2PASS", 360, 360, 2, 2},
            {"xp600_360x540", "360x540 3PASS", 360, 540, 3, 2},
            {"xp600_360x720", "360x720 4PASS", 360, 720, 4, 2},
@@ -121,6 +125,21 @@ PrintMode effective_print_mode(HeadConfig head, const PrintMode& mode, const Exp
   }
   effective.bit_depth = 2;
   return effective;
+}
+
+std::string_view print_head_name(HeadConfig head) {
+  return catalog_of(head).name;
+}
+
+std::string_view channel_name(std::uint32_t code) {
+  constexpr std::string_view kNames[] = {"C", "M", "Y", "K", "W"};
+  return code < kChannelCount ? kNames[code] : "Off";
+}
+
+std::string channel_map_text(std::span<const std::uint32_t> map) {
+  std::string text;
+  for (const std::uint32_t code : map) text.append(text.empty() ? "" : " ").append(channel_name(code));
+  return text;
 }
 
 std::uint32_t slot_count(HeadConfig head) {

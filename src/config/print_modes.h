@@ -59,6 +59,13 @@ struct ExplicitResolution {
 /// The mode that a job really prints with: always two bits per dot and positive numbers.
 PrintMode effective_print_mode(HeadConfig head, const PrintMode& mode, const ExplicitResolution& numbers);
 
+/// "i3200", "i1600" or "xp600".
+std::string_view print_head_name(HeadConfig head);
+/// "C", "M", "Y", "K" or "W", and "Off" for any other code.
+std::string_view channel_name(std::uint32_t code);
+/// The slots of a map as "K C M Y W Off".
+std::string channel_map_text(std::span<const std::uint32_t> map);
+
 /// Number of ink slots in a row of the print file: 7 for xp600, otherwise 6.
 std::uint32_t slot_count(HeadConfig head);
 /// One `ChannelCode` for each slot, in file order.

@@ -68,7 +68,8 @@ struct RipSettings {
 };
 
 /// Reads the installation's settings file. Never throws for bad data: a file that is not there gives the
-/// defaults silently, one invalid value gives all defaults and an ERROR line.
+/// defaults silently, one invalid value gives all defaults and an ERROR line, a key that nobody knows warns.
+/// Throws where the machine has failed.
 RipSettings load_rip_settings();
 RipSettings load_rip_settings(const std::string& path);
 

@@ -12,9 +12,11 @@
 #include <nlohmann/json.hpp>
 
 #include "config/rip_settings.h"
+#include "config/settings_keys.h"
 #include "config/settings_paths.h"
 #include "core/file_io.h"
 #include "core/log.h"
+#include "core/machine_failure.h"
 #include "core/text.h"
 
 namespace nvo {
@@ -49,12 +51,15 @@ std::string text_of(double number) {
 }
 
 /// One JSON object of the file. Each `take` reads a key into a field, leaves the field alone where the key is
-/// absent, and throws `InvalidSettings` with the key's dotted path where the value is invalid.
+/// absent, and throws `InvalidSettings` with the key's dotted path where the value is invalid. With a list of
+/// keys it enters there each key that it is asked for, and absent objects count as empty ones.
 class Section {
  public:
-  Section(const json& object, std::string prefix) : object_(object), prefix_(std::move(prefix)) {}
+  Section(const json& object, std::string prefix, std::vector<std::string>* keys)
+      : object_(object), prefix_(std::move(prefix)), keys_(keys) {}
 
   const json* find(const char* key) const {
+    if (keys_ && (keys_->empty() || keys_->back() != label(key))) keys_->push_back(label(key));
     const auto found = object_.find(key);
     return found == object_.end() ? nullptr : &*found;
   }
@@ -63,9 +68,11 @@ class Section {
 
   std::optional<Section> section(const char* key) const {
     const json* value = find(key);
+    static const json kNoKeys = json::object();
+    if (!value && keys_) value = &kNoKeys;
     if (!value) return std::nullopt;
     if (!value->is_object()) throw InvalidSettings(label(key) + " must be an object.");
-    return Section(*value, label(key) + ".");
+    return Section(*value, label(key) + ".", keys_);
   }
 
   void take(const char* key, std::string& field) const {
@@ -131,6 +138,7 @@ class Section {
 
   const json& object_;
   std::string prefix_;
+  std::vector<std::string>* keys_;
 };
 
 PerformanceMode parse_performance_mode(const std::string& text) {
@@ -229,10 +237,10 @@ void take_filename_copies(const Section& top, FilenameCopies& copies) {
 }
 
 // The order of the keys is that in which faults are found.
-RipSettings parse_rip_settings(const json& document) {
+RipSettings parse_rip_settings(const json& document, std::vector<std::string>* keys = nullptr) {
   if (!document.is_object()) throw InvalidSettings("top-level JSON must be an object.");
   RipSettings settings;
-  const Section top(document, "");
+  const Section top(document, "", keys);
   take_channels(top, settings);
   top.take("last_tiff_path", settings.last_tiff_path);
   top.take("print_mode_id", settings.print_mode_id);
@@ -255,11 +263,16 @@ RipSettings read_rip_settings(const std::string& path) {
   std::string error;
   bool missing = false;
   if (!read_json_bounded(path, kMaxFileBytes, document, &error, &missing)) {
-    if (!missing) log_error("RipSettings: falling back to defaults for '", path, "': ", error);
+    if (missing)
+      warn_if_out_of_sight(path);
+    else
+      log_error("RipSettings: falling back to defaults for '", path, "': ", error);
     return {};
   }
   try {
-    return parse_rip_settings(document);
+    RipSettings settings = parse_rip_settings(document);
+    warn_of_unknown_keys(SettingsFile::rip, document, path);
+    return settings;
   } catch (const InvalidSettings& e) {
     log_error("RipSettings: invalid config for '", path, "': ", e.what(), "; falling back to defaults.");
     return {};
@@ -267,6 +280,12 @@ RipSettings read_rip_settings(const std::string& path) {
 }
 
 }  // namespace
+
+std::vector<std::string> rip_settings_keys() {
+  std::vector<std::string> keys;
+  parse_rip_settings(json::object(), &keys);
+  return keys;
+}
 
 RipSettings load_rip_settings() {
   return load_rip_settings(settings_path());
@@ -276,6 +295,7 @@ RipSettings load_rip_settings(const std::string& path) {
   try {
     return read_rip_settings(path);
   } catch (const std::exception& e) {
+    rethrow_machine_failure();
     log_error("RipSettings: parse failed for '", path, "': ", e.what(), "; falling back to defaults.");
   } catch (...) {
     log_error("RipSettings: parse failed for '", path, "': unknown error; falling back to defaults.");

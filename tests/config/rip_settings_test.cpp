@@ -64,13 +64,21 @@ TEST_F(RipSettingsFile, OneInvalidValueRefusesTheWholeFileWithItsText) {
 TEST_F(RipSettingsFile, ValidValuesArriveAndVagueOnesWarnOrKeepTheirDefault) {
   std::string lut = "0";
   for (int i = 1; i < 256; ++i) lut += "," + std::to_string(255 - i);
-  const test::LogCapture log;
-  const RipSettings s =
-      read(R"({"unknown":1,"channels":{"K":{"lut":null,"gamma":0.1},"Y":{"lut":[)" + lut +
-           R"(]}},"sheet_width_in":500,"display_units":"Milli-Meters","rip_performance":{"mode":"Custom",
+  test::LogCapture log;
+  const RipSettings s = read(
+      R"({"output_chanel_map":1,"row_threads":2,"channels":{"K":{"lut":null,"gamma":0.1,"gama":2},"k":{},"Y":{"lut":[)" +
+      lut +
+      R"(]}},"sheet_width_in":500,"display_units":"Milli-Meters","rip_performance":{"mode":"Custom",
       "parallel_rows":"FORCED","parallel_channels":"disabled","parallel_sheets":"perhaps","row_threads":1024,
       "autotune_inputs":{"qty":0}},"filename_copies":{"position":"After","markers":" x2 ,; y\t"}})");
-  EXPECT_TRUE(log.lines().empty()) << log.lines().front();
+  const std::string unknown = "[WARN ] RipSettings: unknown key '",
+                    in_file = "' in '" + path + "' is ignored; ";
+  EXPECT_EQ(log.take(),
+            (std::vector{unknown + "channels.K.gama" + in_file + "did you mean 'channels.K.gamma'?",
+                         unknown + "channels.k" + in_file + "did you mean 'channels.K'?",
+                         unknown + "output_chanel_map" + in_file +
+                             "did you mean 'output_channel_map' of job_settings.json?",
+                         unknown + "row_threads" + in_file + "did you mean 'rip_performance.row_threads'?"}));
   EXPECT_TRUE(s.channels[3].lut.empty() && s.channels[2].lut.at(254) == 1.0f);
   EXPECT_EQ(std::tuple(s.channels[3].gamma, s.channels[0].limit, s.sheet_width_in),
             std::tuple(0.1f, 220.0f, 500.0f));
