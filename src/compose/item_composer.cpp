@@ -11,6 +11,7 @@
 #include "core/checked.h"
 #include "core/env_override.h"
 #include "core/log.h"
+#include "core/machine_failure.h"
 #include "core/platform/environment.h"
 #include "core/text.h"
 #include "plan/compose_threads.h"
@@ -103,6 +104,18 @@ void ItemComposer::compose_item(const LayoutItem& item, StripBuffer& strip, Work
     caches_.forget_source(job.signature, source);
   }
   compose_from_image(job);
+}
+
+std::optional<ImageMeta> ItemComposer::item_meta(const LayoutItem& item) {
+  const CounterBook::Timer timer(counters_, &CompositorCounters::source_open_ns);
+  try {
+    const auto source = caches_.open_raster_source(make_content_signature(item.path), item.path);
+    const std::lock_guard alone(source->use);
+    return source->reader->metadata();
+  } catch (const std::exception&) {
+    rethrow_machine_failure();
+    return std::nullopt;
+  }
 }
 
 /// Null when the file cannot be opened.

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -31,6 +32,10 @@ class ItemComposer {
   /// An item that cannot be read is logged and left out. A null worker uses the shared converters, and may
   /// spread rows over threads.
   void compose_item(const LayoutItem& item, StripBuffer& strip, WorkerIcc* worker);
+
+  /// What an item's file says of itself, from the source that its composition will use. Nothing where it
+  /// can't be opened; composing it then tells why.
+  std::optional<ImageMeta> item_meta(const LayoutItem& item);
 
   CounterBook& counters() { return counters_; }
   const CounterBook& counters() const { return counters_; }

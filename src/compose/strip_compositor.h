@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <mutex>
+#include <optional>
 #include <vector>
 
 #include "compose/compositor_config.h"
@@ -27,6 +28,7 @@ class StripCompositor {
   void set_profiling(bool enabled) { composer_.counters().set_profiling(enabled); }
   void reset_counters() { composer_.counters().reset(); }
   CompositorCounters read_counters() const { return composer_.counters().read(); }
+  std::optional<ImageMeta> item_meta(const LayoutItem& item) { return composer_.item_meta(item); }
 
   /// Rows `y` .. `y + height - 1` of the sheet; height 0 stands for the configured one. Later items cover
   /// earlier ones without blending. An item that cannot be read is logged and left out; running out of memory

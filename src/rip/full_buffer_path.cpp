@@ -88,6 +88,7 @@ std::vector<DropMap> rip_sheet(SheetRun& run, const SheetPlanes& sheet, const Ch
 }  // namespace
 
 void run_full_buffer(SheetRun& run) {
+  if (run.announce) run.announce();
   const SheetPlanes sheet = compose_sheet(run);
   ChokePlanes choke_planes;
   {

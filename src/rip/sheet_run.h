@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -44,6 +45,7 @@ struct SheetRun {
   Executor* pool = nullptr;  ///< null when the channels run one after another
   std::array<RipEngine::ProcessScratch, 2 * kChannelCount> scratch{};  ///< two bands' tasks, five each
   StreamRipProfile profile;
+  std::function<void()> announce{};  ///< tells what the job is; called once the file is open, before a pixel
 
   void report(int stage, int stage_count, float percent, std::string message, std::uint64_t rows = 0) const;
   void throw_if_cancelled() const;

@@ -15,6 +15,7 @@
 #include "plan/parallel.h"
 #include "plan/performance.h"
 #include "plan/sheet_geometry.h"
+#include "rip/job_summary.h"
 #include "rip/memory_estimate.h"
 #include "rip/sheet_run.h"
 #include "screen/device_grid.h"
@@ -304,6 +305,11 @@ void StreamRip::run(SheetLayout sheet, const std::string& output_path,
                dev_h, strips,  compositor,  engine, writer, pool.get(), {},    {}};
   run.profile.streaming = streaming;
   run.profile.parallel_channels = parallel_channels;
+  run.announce = [&] {
+    const JobSummary summary{options, mode, choke, effective_icc(options), sheet, size};
+    log_job_summary(summary,
+                    sheet.items.size() == 1 ? compositor.item_meta(sheet.items.front()) : std::nullopt);
+  };
   if (streaming) {
     log_streaming(options.src_dpi, mode.y_dpi);
     run_streaming(run);

@@ -264,6 +264,7 @@ void run_streaming(SheetRun& run) {
                run.dev_h - (place.dev_y + place.dev_rows));
     log_debug("StreamRip: strip ", run.strips - strip, "/", run.strips, " src_y=", place.src_y,
               " h=", place.src_rows, place.has_halo() ? " with halo" : "");
+    if (stage == 0 && run.announce) run.announce();
     return std::async(std::launch::async, [&task, place] { return task.rip_strip(place); });
   };
 

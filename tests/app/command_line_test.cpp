@@ -8,6 +8,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <pty.h>
+#include <sys/stat.h>
 
 #include "app/app_version.h"
 #include "support/child_process.h"
@@ -165,6 +166,84 @@ TEST_F(CommandLine, TerminationInTheMiddleKeepsTheOldFileAndEndsTheLineShown) {
     EXPECT_EQ(dir.names(), (std::vector<std::string>{"long.prt", "long.tif"}));
     EXPECT_TRUE(test::read_all(dir.file("long.prt")) == "older");
   }
+}
+
+TEST_F(CommandLine, TheLogTellsWhatTheJobIsBeforeItIsPrinted) {
+  std::filesystem::create_directories(config.file("NVO_RIP"));
+  test::TiffFile rgba;
+  rgba.samples = 4, rgba.photometric = PHOTOMETRIC_RGB, rgba.extra_samples = {EXTRASAMPLE_UNASSALPHA};
+  rgba.width = 60, rgba.height = 40, rgba.x_resolution = rgba.y_resolution = 240.0f;
+  test::write_tiff(dir.file("rgba.tif"), rgba);
+  const std::tuple<std::string, std::string, std::vector<std::string>> cases[] = {
+      {art("white.tif", 60, 40),
+       "{}",
+       {"head i3200, mode 720x1800_6pass (720 x 1800 dpi, 6 passes), slots K C M Y W W",
+        "sheet of 5.4 x 3.7 mm (0.213 x 0.147 in)",
+        "art of 60 x 40 px on 5.1 x 3.4 mm (0.2 x 0.133 in), 300 dpi as the file states",
+        "colour: CMYK as it stands in the file, without a profile",
+        "white: from the file's white channel 'White'",
+        "white choke: adaptive, 1.5 px at 300 dpi (0.127 mm), features up to 3 dots keep their white, light "
+        "areas from L* 85 keep theirs",
+        "white ink limit: off", "resampling: colour smooth, white smooth"}},
+      {dir.file("rgba.tif"),
+       R"({"print_head":"i1600","white_choke_algorithm":"production","white_choke_amount_px_at_300dpi":1,
+           "white_resampling":"hard","white_ink_limit_enabled":true,
+           "icc":{"enabled":true,"output_profile":"/none.icc","intent":0,"use_bpc":false}})",
+       {"head i1600, mode i1600_720x1800_observed (720 x 1800 dpi, 12 passes), slots K C M Y W Off",
+        "sheet of 6.5 x 4.4 mm (0.257 x 0.173 in)",
+        "art of 60 x 40 px on 6.4 x 4.2 mm (0.25 x 0.167 in), 240 dpi as the file states",
+        "colour: RGB to CMYK by the profiles sRGB -> '/none.icc', perceptual, black point compensation off",
+        "white: from the file's transparency; it has no white channel",
+        "white choke: production, 1 px at 300 dpi (0.085 mm)",
+        "white ink limit: 300 % for all inks of a pixel, full white counts 400 %, 10 % stay",
+        "resampling: colour smooth in linear light, white hard"}},
+      {dir.file("white.tif"),
+       R"({"output_channel_map":["K","C","M","Y","Off","Off"],"white_choke_enabled":false,
+           "print_mode_id":"360x1200_2pass"})",
+       {"head i3200, mode 360x1200_2pass (360 x 1200 dpi, 2 passes), slots K C M Y Off Off",
+        "sheet of 5.1 x 3.4 mm (0.2 x 0.133 in)",
+        "art of 60 x 40 px on 5.1 x 3.4 mm (0.2 x 0.133 in), 300 dpi as the file states",
+        "colour: CMYK as it stands in the file, without a profile", "white: not printed, no slot prints W",
+        "white choke: off", "white ink limit: off", "resampling: colour smooth, white smooth"}},
+  };
+  for (const auto& [input, settings, lines] : cases) {
+    test::write_all(config.file("NVO_RIP/job_settings.json"), settings);
+    const std::string out = rip({input}).out;
+    std::string block;
+    for (std::size_t at = 0; (at = out.find("] Job: ", at)) != std::string::npos; ++at)
+      block += out.substr(at + 7, out.find('\n', at) - at - 6);
+    std::string expected;
+    for (const std::string& line : lines) expected += line + "\n";
+    EXPECT_EQ(block, expected);
+    EXPECT_GT(out.find("] Job: "), out.find("StreamRip: streaming mode enabled"));
+    EXPECT_LT(out.find("] Job: "), out.find("StreamRip: complete."));
+  }
+}
+
+TEST_F(CommandLine, SettingsOutOfReachAreToldOnceAndNeverWaitedFor) {
+  const std::string input = art("art.tif", 12, 9), folder = config.file("NVO_RIP");
+  const auto count = [](const std::string& out, const std::string& text) {
+    std::size_t found = 0;
+    for (std::size_t at = out.find(text); at != std::string::npos; at = out.find(text, at + 1)) ++found;
+    return found;
+  };
+  std::filesystem::create_directories(folder);
+  ASSERT_EQ(::mkfifo((folder + "/settings.json").c_str(), 0600), 0);
+  std::filesystem::create_symlink("/dev/zero", folder + "/job_settings.json");
+  std::filesystem::create_symlink("icc_settings.json", folder + "/icc_settings.json");
+  const test::Outcome odd_files = rip({input});
+  EXPECT_EQ(odd_files.code, 0);
+  for (const char* text : {"[ERROR] RipSettings: falling back", "[ERROR] JobSettings: falling back",
+                           "/icc_settings.json': Too many levels of symbolic links; this job prints without"})
+    EXPECT_EQ(count(odd_files.out, text), 1u) << text << odd_files.out;
+
+  std::filesystem::remove_all(folder);
+  std::filesystem::create_symlink("NVO_RIP", folder);
+  const test::Outcome no_folder = rip({input});
+  EXPECT_EQ(no_folder.code, 0);
+  EXPECT_EQ(count(no_folder.out, "[WARN ] Settings: cannot enter the folder '" + folder + "': Too many"), 1u)
+      << no_folder.out;
+  EXPECT_EQ(count(no_folder.out, "Settings: "), 2u) << "and that the folder can't be made";
 }
 
 // The settings files belong to the shop: not even a missing or a broken one is made anew.
