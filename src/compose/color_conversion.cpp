@@ -2,17 +2,21 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <string_view>
 #include <system_error>
 #include <type_traits>
 #include <utility>
 
 #include <lcms2.h>
+#include <lcms2_plugin.h>
 
 #include "core/log.h"
+#include "core/machine_failure.h"
+#include "core/out_of_memory.h"
+#include "core/platform/input_file.h"
 #include "core/platform/paths.h"
 
 namespace nvo {
@@ -43,11 +47,58 @@ using ContextHandle = std::unique_ptr<std::remove_pointer_t<cmsContext>, DeleteC
 // Faults come back as null handles and are told in this program's own log.
 void ignore_message(cmsContext, cmsUInt32Number, const char*) {}
 
-ContextHandle make_context() {
-  ContextHandle context(cmsCreateContext(nullptr, nullptr));
-  cmsSetLogErrorHandlerTHR(context.get(), ignore_message);
-  return context;
-}
+/// lcms goes on where it gets no memory: a profile seems damaged, or a transform comes without one of its
+/// steps and colours move by a level. So the memory of a context is counted for: its user data is a flag that
+/// says whether any was refused. For the thread that uses the context.
+struct ContextMemory {
+  bool ran_out = false;
+
+  /// Larger blocks come from damaged profiles; lcms's own allocator refuses them too.
+  static constexpr cmsUInt32Number kMaxBlockBytes = 512u << 20;
+
+  static void* allocate(cmsContext context, cmsUInt32Number size) {
+    return size > kMaxBlockBytes ? nullptr : checked(context, size, std::malloc(size));
+  }
+  static void* reallocate(cmsContext context, void* memory, cmsUInt32Number size) {
+    return size > kMaxBlockBytes ? nullptr : checked(context, size, std::realloc(memory, size));
+  }
+  static void release(cmsContext, void* memory) { std::free(memory); }
+
+ private:
+  static void* checked(cmsContext context, cmsUInt32Number size, void* memory) {
+    if (memory || size == 0) return memory;
+    // The context itself is asked for under another handle, without user data.
+    if (auto* owner = static_cast<ContextMemory*>(cmsGetContextUserData(context))) owner->ran_out = true;
+    return memory;
+  }
+};
+
+/// A context of lcms that knows when its memory has run out.
+class Context {
+ public:
+  Context() {
+    cmsPluginMemHandler plugin{};
+    plugin.base = {cmsPluginMagicNumber, LCMS_VERSION, cmsPluginMemHandlerSig, nullptr};
+    plugin.MallocPtr = ContextMemory::allocate;
+    plugin.FreePtr = ContextMemory::release;
+    plugin.ReallocPtr = ContextMemory::reallocate;
+    handle_.reset(cmsCreateContext(&plugin, memory_.get()));
+    if (!handle_) throw OutOfMemory("IccConverter: out of memory for a colour engine");
+    throw_if_out_of_memory();
+    cmsSetLogErrorHandlerTHR(handle_.get(), ignore_message);
+  }
+
+  cmsContext get() const { return handle_.get(); }
+
+  /// After every use of lcms that may have allocated, whatever it returned.
+  void throw_if_out_of_memory() const {
+    if (memory_->ran_out) throw OutOfMemory("IccConverter: out of memory for a colour conversion");
+  }
+
+ private:
+  std::unique_ptr<ContextMemory> memory_ = std::make_unique<ContextMemory>();
+  ContextHandle handle_;
+};
 
 struct OpenedProfile {
   std::vector<std::uint8_t> bytes;
@@ -55,13 +106,14 @@ struct OpenedProfile {
 };
 
 /// `what` names the profile in the text: "input RGB", "output CMYK".
-bool open_profile(cmsContext context, const char* what, const std::string& path, OpenedProfile& profile,
+bool open_profile(const Context& context, const char* what, const std::string& path, OpenedProfile& profile,
                   std::string* error) {
   const std::string text = std::string("Cannot open ") + what + " profile: " + path;
   std::string reason;
   if (!read_profile_file(path, profile.bytes, &reason)) return fail(error, text + ": " + reason);
-  profile.handle.reset(cmsOpenProfileFromMemTHR(context, profile.bytes.data(),
+  profile.handle.reset(cmsOpenProfileFromMemTHR(context.get(), profile.bytes.data(),
                                                 static_cast<cmsUInt32Number>(profile.bytes.size())));
+  context.throw_if_out_of_memory();
   return profile.handle ? true : fail(error, text);
 }
 
@@ -132,7 +184,6 @@ constexpr ConversionKind kCmykToCmyk = {
 bool ensure_converter(WorkerIcc& slot, const ConversionKind& kind, const IccSettings& settings,
                       std::string& error) {
   if (!(slot.*kind.tried)) {
-    slot.*kind.tried = true;
     std::string reason;
     auto converter = std::make_unique<IccConverter>();
     if ((*converter.*kind.open)(settings, &reason, slot.quiet)) {
@@ -141,6 +192,7 @@ bool ensure_converter(WorkerIcc& slot, const ConversionKind& kind, const IccSett
     } else {
       slot.*kind.error = reason.empty() ? kind.failed : reason;
     }
+    slot.*kind.tried = true;  // not before: a failure of the machine is none of the profile
   }
   if (slot.*kind.converter) return true;
   error = slot.*kind.error;
@@ -226,22 +278,27 @@ void convert_pixels(cmsHTRANSFORM transform, const std::uint8_t* src, std::uint8
 bool read_profile_file(const std::string& path, std::vector<std::uint8_t>& bytes, std::string* error) {
   bytes.clear();
   if (path.empty()) return fail(error, "path is empty");
-  const std::filesystem::path file = platform::to_path(path);
   std::error_code code;
-  if (!std::filesystem::is_regular_file(file, code))
+  if (!std::filesystem::is_regular_file(platform::to_path(path), code)) {
+    if (code && !platform::tells_of_path(code.value())) fail_on_file("look at", path, code.value());
     return fail(error, "file does not exist or is not a regular file");
-  const std::uint64_t size = std::filesystem::file_size(file, code);
-  if (code) return fail(error, "cannot determine file size: " + code.message());
+  }
+  platform::InputFile file;
+  if (const int failure = file.open(path); failure != 0) {
+    if (!platform::tells_of_path(failure)) fail_on_file("open", path, failure);
+    return fail(error, "cannot open file");
+  }
+  const std::uint64_t size = file.size();
   if (size == 0) return fail(error, "profile file is empty");
   if (size > kMaxProfileBytes)
     return fail(error, "profile file exceeds size cap (" + std::to_string(size) + " bytes > " +
                            std::to_string(kMaxProfileBytes) + ")");
 
-  std::ifstream stream(file, std::ios::binary);
-  if (!stream) return fail(error, "cannot open file");
   bytes.resize(size);
-  stream.read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(size));
-  if (static_cast<std::uint64_t>(stream.gcount()) != size) {
+  std::size_t done = 0;
+  if (const int failure = file.read_at(0, bytes.data(), size, done); failure != 0)
+    fail_on_file("read", path, failure);
+  if (done != size) {
     bytes.clear();
     return fail(error, "cannot read complete profile file");
   }
@@ -251,7 +308,7 @@ bool read_profile_file(const std::string& path, std::vector<std::uint8_t>& bytes
 /// A context of its own for every converter: lcms then shares no state between threads. It stands first and
 /// so dies last.
 struct IccConverter::Impl {
-  ContextHandle context = make_context();
+  Context context;
   OpenedProfile input;
   OpenedProfile output;
   TransformHandle transform;
@@ -267,13 +324,14 @@ struct IccConverter::Impl {
 bool IccConverter::Impl::open(OpenedProfile new_input, bool from_cmyk, const IccSettings& settings,
                               std::string* error) {
   OpenedProfile new_output;
-  if (!open_profile(context.get(), "output CMYK", settings.output_profile, new_output, error)) return false;
+  if (!open_profile(context, "output CMYK", settings.output_profile, new_output, error)) return false;
   close();
   if (!is_cmyk(new_output)) return fail(error, "Output profile is not CMYK");
   TransformHandle new_transform(cmsCreateTransformTHR(
       context.get(), new_input.handle.get(), from_cmyk ? TYPE_CMYK_8 : TYPE_RGB_8, new_output.handle.get(),
       TYPE_CMYK_8, static_cast<cmsUInt32Number>(settings.intent),
       settings.use_bpc ? cmsFLAGS_BLACKPOINTCOMPENSATION : 0));
+  context.throw_if_out_of_memory();
   if (!new_transform) return fail(error, "cmsCreateTransform failed");
   input = std::move(new_input);
   output = std::move(new_output);
@@ -295,8 +353,9 @@ bool IccConverter::open_rgb_to_cmyk(const IccSettings& settings, std::string* er
   OpenedProfile input;
   if (settings.input_rgb_profile.empty()) {
     input.handle.reset(cmsCreate_sRGBProfileTHR(impl_->context.get()));
+    impl_->context.throw_if_out_of_memory();
     if (!input.handle) return fail(error, "Cannot open input RGB profile: ");
-  } else if (!open_profile(impl_->context.get(), "input RGB", settings.input_rgb_profile, input, error)) {
+  } else if (!open_profile(impl_->context, "input RGB", settings.input_rgb_profile, input, error)) {
     return false;
   }
   if (!impl_->open(std::move(input), /*from_cmyk=*/false, settings, error)) return false;
@@ -310,8 +369,7 @@ bool IccConverter::open_rgb_to_cmyk(const IccSettings& settings, std::string* er
 bool IccConverter::open_cmyk_to_cmyk(const IccSettings& settings, std::string* error, bool quiet) {
   if (settings.input_cmyk_profile.empty()) return fail(error, "Input CMYK profile not specified");
   OpenedProfile input;
-  if (!open_profile(impl_->context.get(), "input CMYK", settings.input_cmyk_profile, input, error))
-    return false;
+  if (!open_profile(impl_->context, "input CMYK", settings.input_cmyk_profile, input, error)) return false;
   if (!is_cmyk(input)) return fail(error, "Input profile is not CMYK: " + settings.input_cmyk_profile);
   if (!impl_->open(std::move(input), /*from_cmyk=*/true, settings, error)) return false;
   if (quiet) return true;
@@ -323,6 +381,7 @@ bool IccConverter::transform(const std::uint8_t* src, std::uint8_t* dst, std::si
   if (!impl_->transform || pixels == 0) return false;
   const auto convert = impl_->input_is_cmyk ? convert_pixels<kCmykBytes> : convert_pixels<kRgbBytes>;
   convert(impl_->transform.get(), src, dst, pixels, impl_->runs);
+  impl_->context.throw_if_out_of_memory();
   return true;
 }
 

@@ -13,7 +13,9 @@
 namespace nvo {
 
 /// One ICC transform to 8-bit CMYK through lcms2, from 8-bit RGB or CMYK. Rows are interleaved, four bytes a
-/// CMYK pixel (0 no ink, 255 full). Used by one thread at a time.
+/// CMYK pixel (0 no ink, 255 full). Used by one thread at a time. Construction, opening and converting throw
+/// `bad_alloc` where memory runs out, and opening `system_error` where a profile can't be read for another
+/// reason than what stands at its path.
 class IccConverter {
  public:
   IccConverter();
@@ -34,7 +36,8 @@ class IccConverter {
   std::unique_ptr<Impl> impl_;
 };
 
-/// A profile file of 1 byte to 32 MiB. False with a reason in `error` (may be null).
+/// A profile file of 1 byte to 32 MiB. False with a reason in `error` (may be null); throws `system_error`
+/// where the machine fails to read it.
 bool read_profile_file(const std::string& path, std::vector<std::uint8_t>& bytes, std::string* error);
 
 /// RGB to CMYK without a profile: full grey replacement, in f32.
@@ -50,8 +53,8 @@ struct WorkerIcc {
 
 /// Colour conversion of a job: which converter a thread uses, and what happens when there is none. A null
 /// worker selects the shared converters, one thread at a time; a worker's own need no lock. No profile
-/// problem ever stops a job: RGB falls back to `rgb_to_cmyk_simple`, CMYK passes unchanged, and the log says
-/// so once.
+/// problem ever stops a job, only a failure of the machine does: RGB falls back to `rgb_to_cmyk_simple`, CMYK
+/// passes unchanged, and the log says so once.
 class ColorConversion {
  public:
   /// Takes new settings and forgets the shared converters and what was warned of.
