@@ -1,11 +1,11 @@
 #include "compose/item_caches.h"
 
 #include <exception>
-#include <new>
 #include <stdexcept>
 #include <utility>
 
 #include "core/fnv1a.h"
+#include "core/machine_failure.h"
 #include "image/image_loader.h"
 
 namespace nvo {
@@ -23,9 +23,8 @@ auto try_once(DecodeFailures& failures, DecodeStage stage, const Attempt& attemp
   if (const auto known = failures.failure(stage)) throw std::runtime_error(*known);
   try {
     return attempt();
-  } catch (const std::bad_alloc&) {
-    throw;
   } catch (const std::exception& failure) {
+    rethrow_machine_failure();
     failures.remember(stage, failure.what());
     throw;
   }

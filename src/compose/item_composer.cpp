@@ -4,7 +4,6 @@
 #include <atomic>
 #include <exception>
 #include <mutex>
-#include <new>
 #include <utility>
 
 #include "compose/white_underbase.h"
@@ -123,9 +122,8 @@ std::shared_ptr<SharedSource> ItemComposer::open_source(const Job& job) {
   const CounterBook::Timer timer(counters_, &CompositorCounters::source_open_ns);
   try {
     return caches_.open_raster_source(job.signature, job.item.path);
-  } catch (const std::bad_alloc&) {
-    throw;
   } catch (const std::exception& error) {
+    rethrow_machine_failure();
     log_warn("StripCompositor: cannot open raster source: ", job.item.path, ": ", error.what());
     return nullptr;
   }
@@ -195,9 +193,8 @@ std::shared_ptr<const LoadedImage> ItemComposer::load_item(const Job& job) {
   const CounterBook::Timer timer(counters_, &CompositorCounters::image_load_ns);
   try {
     return caches_.load_image_cached(job.signature, job.item.path);
-  } catch (const std::bad_alloc&) {
-    throw;
   } catch (const std::exception& error) {
+    rethrow_machine_failure();
     log_warn("StripCompositor: cannot open: ", job.item.path, ": ", error.what());
     return nullptr;
   }

@@ -2,7 +2,8 @@
 
 #include <cstring>
 #include <exception>
-#include <new>
+
+#include "core/machine_failure.h"
 
 namespace nvo {
 namespace {
@@ -103,9 +104,8 @@ std::string BandedRasterSource::try_full_decode() try {
   if (full_image_.empty()) return format_ + " full decode produced empty image";
   ++stats_.full_decodes;
   return {};
-} catch (const std::bad_alloc&) {
-  throw;
 } catch (const std::exception& failure) {
+  rethrow_machine_failure();
   return failure.what();
 } catch (...) {
   return "unknown " + format_ + " decode error";
