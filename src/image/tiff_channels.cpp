@@ -176,4 +176,28 @@ std::vector<ChannelInfo> detect_channel_roles(const TiffSampleTags& tags) {
   }
 }
 
+std::vector<std::string> doubtful_channel_roles(const TiffSampleTags& tags) {
+  const HeldLog unheard;  // the decisions have been told
+  const bool is_gray = tags.photometric != PHOTOMETRIC_SEPARATED && tags.photometric != PHOTOMETRIC_RGB;
+  const unsigned colours = is_gray ? 1 : tags.photometric == PHOTOMETRIC_RGB ? kRgbSamples : kProcessInks;
+  std::vector<std::string> notes;
+  for (const ChannelInfo& channel : detect_channel_roles(tags)) {
+    const bool is_white = channel.role == ChannelRole::white;
+    if (!is_white && channel.role != ChannelRole::alpha) continue;
+    if (channel.index < tags.ink_names.size()) continue;  // its name is its meaning
+    const unsigned number = channel.index - colours;
+    const bool stated = number < tags.extra_samples.size();
+    const auto type = stated ? tags.extra_samples[number] : std::uint16_t{EXTRASAMPLE_UNSPECIFIED};
+    const std::string sample = "Sample " + std::to_string(channel.index + 1) + " of a pixel ";
+    if (type == EXTRASAMPLE_UNSPECIFIED)
+      notes.push_back(sample + "has no stated meaning and is taken as " + (is_white ? "white ink" : "alpha") +
+                      "; a viewer may show the art without it");
+    else if (type == EXTRASAMPLE_ASSOCALPHA)
+      notes.push_back(sample +
+                      "is alpha that the colours are already multiplied by (premultiplied), and is taken as "
+                      "straight alpha: the colours of soft edges print other than a viewer shows them");
+  }
+  return notes;
+}
+
 }  // namespace nvo

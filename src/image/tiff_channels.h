@@ -25,4 +25,8 @@ struct TiffSampleTags {
 /// gray files, which have no white of their own, the first is alpha.
 std::vector<ChannelInfo> detect_channel_roles(const TiffSampleTags& tags);
 
+/// Sentences on those decisions that another program may take otherwise: samples without a stated meaning
+/// that became white or alpha, and alpha that the colours are already multiplied by.
+std::vector<std::string> doubtful_channel_roles(const TiffSampleTags& tags);
+
 }  // namespace nvo

@@ -6,6 +6,8 @@
 #include <vector>
 
 #include "core/checked.h"
+#include "core/log.h"
+#include "core/machine_failure.h"
 #include "image/image_loader.h"
 
 namespace nvo {
@@ -51,9 +53,8 @@ std::pair<TiffMeta, std::vector<std::uint8_t>> decode(const std::string& path) t
   std::vector<std::uint8_t> samples = reader.read_image();
   reader.close();
   return {std::move(tiff), std::move(samples)};
-} catch (const std::bad_alloc&) {
-  throw;
 } catch (const std::exception& failure) {
+  rethrow_machine_failure();
   throw std::runtime_error("ImageLoader: failed to load TIFF '" + path + "': " + failure.what());
 }
 
@@ -95,7 +96,14 @@ ImageExtent probe_tiff(const std::string& path) {
   TiffReader reader;
   reader.open(path);
   const TiffMeta tiff = reader.read_meta();
-  return {{}, tiff.width, tiff.height, tiff.dpi_x, tiff.dpi_y};
+  return {reader.remarks(tiff), tiff.width, tiff.height, tiff.dpi_x, tiff.dpi_y};
+}
+
+ImageClaim weigh_tiff(const std::string& path) {
+  const HeldLog unheard;  // the probe has said it
+  TiffReader reader;
+  reader.open(path);
+  return reader.weigh(reader.read_meta());
 }
 
 LoadedImage load_tiff(const std::string& path) {

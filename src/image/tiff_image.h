@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <string>
 
+#include "image/image_claim.h"
 #include "image/image_format.h"
 #include "image/image_types.h"
 #include "image/tiff_reader.h"
@@ -20,8 +21,12 @@ ImageMeta describe_tiff(const std::string& path, const TiffMeta& tiff);
 /// samples are dropped. `out` has room for `count` x `describe_tiff().channel_count` bytes.
 void widen_gray(const TiffMeta& tiff, const std::uint8_t* gray, std::size_t count, std::uint8_t* out);
 
-/// Size and resolution from the tags alone. Throws the reader's exceptions.
+/// Size, resolution and remarks from the tags alone. Throws the reader's exceptions.
 ImageExtent probe_tiff(const std::string& path);
+
+/// Bytes of samples by the header against the most that the file's strips or tiles can unpack to. Throws the
+/// reader's exceptions.
+ImageClaim weigh_tiff(const std::string& path);
 
 /// Decodes the whole file. Throws "ImageLoader: failed to load TIFF ..." when the reader does.
 LoadedImage load_tiff(const std::string& path);

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "core/log.h"
+#include "core/machine_failure.h"
 #include "image/banded_raster_source.h"
 #include "image/tiff_image.h"
 #include "image/tiff_reader.h"
@@ -37,9 +38,8 @@ class TiffRasterSource final : public BandedRasterSource {
     try {
       read_presented(y, rows, out);
       return true;
-    } catch (const std::bad_alloc&) {
-      throw;
     } catch (const std::exception& failure) {
+      rethrow_machine_failure();
       fall_back(failure.what());
     } catch (...) {
       fall_back("unknown error");

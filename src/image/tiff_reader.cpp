@@ -19,9 +19,11 @@
 #include "core/large_vector.h"
 #include "core/log.h"
 #include "core/out_of_memory.h"
+#include "image/tiff_claim.h"
 #include "image/tiff_errors.h"
 #include "image/tiff_file.h"
 #include "image/tiff_predictor.h"
+#include "image/tiff_remarks.h"
 #include "image/tiff_tags.h"
 #include "plan/compose_threads.h"
 #include "plan/parallel.h"
@@ -31,6 +33,12 @@ namespace {
 
 /// A tile row that a neighbouring band may need too stays decoded if it is no larger than this.
 constexpr std::uint64_t kMaxKeptTileRowBytes = 64 << 20;
+
+/// Strips that stay decoded for the next band take no more than this together.
+constexpr std::uint64_t kMaxKeptStripBytes = kMaxTiffPieceBytes;
+
+/// A strip above this size goes straight to its place in the image when the whole image is read.
+constexpr std::uint64_t kMaxCopiedStripBytes = 64 << 20;
 
 /// A reader's first band gets so much room if the image has as many bytes.
 constexpr std::uint64_t kBandRoom = 64 << 20;
@@ -78,6 +86,15 @@ class Band {
     if (out_.size() < end) out_.resize(end);
   }
 
+  /// Where row `from` of the image belongs, with room up to row `to` and zeros in it.
+  std::uint8_t* zeroed_rows(std::uint64_t from, std::uint64_t to) {
+    const auto begin = (from - first_) * row_bytes_, end = (to - first_) * row_bytes_;
+    const auto old = std::min<std::uint64_t>(out_.size(), end);
+    require(to);
+    if (begin < old) std::memset(out_.data() + begin, 0, old - begin);
+    return out_.data() + begin;
+  }
+
   /// Where row `from` of the image belongs, with room up to row `to`. Several threads may ask once there is
   /// room for all.
   std::uint8_t* rows(std::uint64_t from, std::uint64_t to) {
@@ -112,7 +129,7 @@ class DecodeBuffer {
       bytes_.reset(static_cast<std::uint8_t*>(std::calloc(bytes, 1)));
       if (!bytes_) {
         std::ostringstream text;
-        text << "TiffReader: not enough memory for a " << name << " buffer of " << bytes << " bytes";
+        text << "TiffReader: out of memory for a " << name << " buffer of " << bytes << " bytes";
         throw OutOfMemory(text.str());
       }
       size_ = bytes;
@@ -182,12 +199,15 @@ class KeptPieces {
     return std::ranges::find(delivered_, std::optional(first_row)) != delivered_.end();
   }
 
-  /// The buffer for the band's piece number `number`, marked as holding nothing.
-  DecodedRows& place_for(std::uint64_t number) {
-    DecodedRows& piece = pieces_[std::min<std::uint64_t>(number, pieces_.size() - 1)];
+  /// The buffer for the band's piece number `number`, marked as holding nothing. Large pieces share one.
+  DecodedRows& place_for(std::uint64_t number, std::uint64_t piece_bytes) {
+    const auto places = std::clamp<std::uint64_t>(kMaxKeptStripBytes / piece_bytes, 1, pieces_.size());
+    DecodedRows& piece = pieces_[std::min<std::uint64_t>(number, places - 1)];
     piece.first_row.reset();
     return piece;
   }
+
+  void release() { pieces_ = {}; }
 
   static RowRange wanted_rows(std::uint64_t first_row, std::uint64_t height, std::uint64_t image_height,
                               const Band& band) {
@@ -226,6 +246,14 @@ struct TileGrid {
   std::uint64_t tile_width = 0, tile_length = 0;  ///< pixels
   std::uint64_t tile_bytes = 0, tile_row_bytes = 0;
 };
+
+void refuse_large_pieces(TIFF* tiff) {
+  const bool tiled = TIFFIsTiled(tiff) != 0;
+  const auto size = tiled ? TIFFTileSize(tiff) : TIFFStripSize(tiff);
+  if (size > 0 && static_cast<std::uint64_t>(size) > kMaxTiffPieceBytes)
+    fail_tiff("unsupported TIFF ", tiled ? "tile" : "strip", " of ", size, " bytes. At most ",
+              kMaxTiffPieceBytes, " bytes are decoded at a time.");
+}
 
 void invert_gray(const TiffMeta& meta, std::uint32_t rows, std::vector<std::uint8_t>& samples) {
   const auto pixels = tiff_product(meta.width, rows, "TIFF grayscale row pixel count");
@@ -314,7 +342,7 @@ class Decoders {
     while (decoders_.size() < wanted) {
       TiffFile another = first().second();
       if (!another) break;
-      begin_with_first_piece(another.get());
+      begin_with_first_piece(another);
       decoders_.push_back({std::move(another), {}});
     }
     return std::min(wanted, decoders_.size());
@@ -322,13 +350,13 @@ class Decoders {
 
   /// A handle takes the first piece that it decodes for a sign of which of two LZW dialects the file is in,
   /// so all have to see the same piece first. A byte of it will do.
-  void begin_with_first_piece(TIFF* tiff) const {
+  void begin_with_first_piece(const TiffFile& file) const {
     const HeldLog unheard;
     std::uint8_t byte = 0;
-    if (TIFFIsTiled(tiff))
-      TIFFReadEncodedTile(tiff, *first_piece_, &byte, 1);
-    else
-      TIFFReadEncodedStrip(tiff, *first_piece_, &byte, 1);
+    file.ask([&](TIFF* tiff) {
+      return TIFFIsTiled(tiff) ? TIFFReadEncodedTile(tiff, *first_piece_, &byte, 1)
+                               : TIFFReadEncodedStrip(tiff, *first_piece_, &byte, 1);
+    });
   }
 
   std::vector<Decoder> decoders_ = std::vector<Decoder>(1);
@@ -343,6 +371,8 @@ struct TiffReader::Impl {
   KeptPieces kept;
 
   TiffMeta read_meta();
+  ImageRemarks remarks(const TiffMeta& meta) { return remark_tiff(decoders.first(), meta); }
+  ImageClaim weigh(const TiffMeta& meta) { return weigh_tiff_pieces(decoders.first(), meta); }
   void read_rows(const TiffMeta& meta, std::uint32_t y, std::uint32_t rows, std::vector<std::uint8_t>& out);
 
  private:
@@ -352,6 +382,7 @@ struct TiffReader::Impl {
                      Band& band);
   void read_tiles(const TiffMeta& meta, Band& band);
   std::uint32_t rows_per_strip(std::uint32_t image_height);
+  bool is_large_and_sound(std::uint32_t strip, std::uint64_t strip_bytes);
   template <class RowTarget>
   void decode_tile_row(const TileGrid& grid, std::uint64_t first_row, const RowRange& wanted,
                        std::size_t tiles_in_turn, const RowTarget& target);
@@ -359,7 +390,9 @@ struct TiffReader::Impl {
 
 TiffMeta TiffReader::Impl::read_meta() {
   if (!decoders.first()) throw std::logic_error("TiffReader::read_meta called before open()");
-  return read_tiff_tags(decoders.tiff());
+  TiffMeta meta = read_tiff_tags(decoders.tiff());
+  refuse_large_pieces(decoders.tiff());
+  return meta;
 }
 
 void TiffReader::Impl::read_rows(const TiffMeta& meta, std::uint32_t y, std::uint32_t rows,
@@ -390,19 +423,38 @@ struct TiffReader::Impl::Strip {
   std::uint64_t first_row = 0;
   RowRange wanted{};
   DecodedRows* kept = nullptr;  ///< where the strip stays decoded, if it does
+  bool in_place = false;        ///< all of it is wanted, and is decoded to where it stays
 
   /// Fills `buffer` with the samples of the strip and returns how many whole rows it has got; all wanted rows
   /// are among them.
   std::uint64_t decode(const TiffFile& file, std::uint64_t bytes, std::uint64_t row_bytes,
                        DecodeBuffer& buffer) const {
-    std::uint8_t* const samples = buffer.require(bytes, "strip");
-    const auto decoded = TIFFReadEncodedStrip(file.get(), index, samples, static_cast<tmsize_t>(bytes));
+    const auto decoded = read(file, buffer.require(bytes, "strip"), bytes);
     if (decoded < 0) {
       buffer.release();
       fail_tiff("error reading strip ", index);
     }
     buffer.set_used(static_cast<std::uint64_t>(decoded));
+    return count_rows(decoded, row_bytes);
+  }
 
+  /// Fills the strip's rows of the band, which has none of it elsewhere.
+  void decode_into(const TiffFile& file, const TiffMeta& meta, Band& band) const {
+    std::uint8_t* const rows = band.zeroed_rows(wanted.from, wanted.to);
+    const auto decoded = read(file, rows, (wanted.to - wanted.from) * band.row_bytes());
+    if (decoded < 0) fail_tiff("error reading strip ", index);
+    count_rows(decoded, band.row_bytes());
+    if (file.gives_differences())
+      add_up_rows(rows, rows, wanted.to - wanted.from, meta.width, meta.samples_per_pixel);
+  }
+
+ private:
+  tmsize_t read(const TiffFile& file, std::uint8_t* samples, std::uint64_t bytes) const {
+    return file.ask(
+        [&](TIFF* tiff) { return TIFFReadEncodedStrip(tiff, index, samples, static_cast<tmsize_t>(bytes)); });
+  }
+
+  std::uint64_t count_rows(tmsize_t decoded, std::uint64_t row_bytes) const {
     const auto last_offset = tiff_product(wanted.to - 1 - first_row, row_bytes, "TIFF strip row offset");
     const auto needed = tiff_sum(last_offset, row_bytes, "TIFF strip row end");
     if (needed > static_cast<std::uint64_t>(decoded))
@@ -421,6 +473,7 @@ void TiffReader::Impl::read_strips(const TiffMeta& meta, Band& band) {
   kept.deliver(band, strip_rows, meta.height);
   const auto first_strip = band.first() / strip_rows, last_strip = (band.end() - 1) / strip_rows;
   const std::size_t round = pieces_of_round(last_strip - first_strip + 1, strip_bytes);
+  const bool whole_image = band.first() == 0 && band.end() == meta.height;
   std::vector<Strip> strips;
   for (auto strip = first_strip; strip <= last_strip; ++strip) {
     const auto first_row = strip * strip_rows;
@@ -429,12 +482,24 @@ void TiffReader::Impl::read_strips(const TiffMeta& meta, Band& band) {
                         .first_row = first_row,
                         .wanted = KeptPieces::wanted_rows(first_row, strip_rows, meta.height, band)});
       const bool outer = strip - first_strip < 2 || strip == last_strip;
-      if (outer) strips.back().kept = &kept.place_for(strip - first_strip);
+      strips.back().in_place = whole_image && is_large_and_sound(strips.back().index, strip_bytes);
+      if (strips.back().in_place)
+        kept.release();
+      else if (outer)
+        strips.back().kept = &kept.place_for(strip - first_strip, strip_bytes);
     }
     if (strips.empty() || (strips.size() < round && strip != last_strip)) continue;
     decode_strips(meta, strips, strip_bytes, band);
     strips.clear();
   }
+}
+
+/// Whether a strip is worth decoding to its place in the image: large, and not just large by the header's
+/// claim, for which the image would be filled with zeros in vain.
+bool TiffReader::Impl::is_large_and_sound(std::uint32_t strip, std::uint64_t strip_bytes) {
+  if (strip_bytes <= kMaxCopiedStripBytes) return false;
+  const TiffFile& file = decoders.first();
+  return most_unpacked_bytes(file, stored_piece_bytes(file, strip)) >= strip_bytes;
 }
 
 /// Decodes strips, of which there are few enough to make room for all at once, and copies their wanted rows.
@@ -448,6 +513,10 @@ void TiffReader::Impl::decode_strips(const TiffMeta& meta, const std::vector<Str
       [&](Decoder& decoder, std::size_t i) {
         const Strip& strip = strips[i];
         const bool sums = decoder.file.gives_differences();
+        if (strip.in_place) {
+          strip.decode_into(decoder.file, meta, band);
+          return;
+        }
         if (strip.kept) {
           DecodedRows& piece = *strip.kept;
           piece.rows = strip.decode(decoder.file, strip_bytes, band.row_bytes(), piece.buffer);
@@ -482,7 +551,7 @@ void TiffReader::Impl::read_tiles(const TiffMeta& meta, Band& band) {
     const bool partly_wanted = wanted.from != whole.from || wanted.to != whole.to;
 
     if (may_stay && (partly_wanted || number == 1)) {
-      DecodedRows& piece = kept.place_for(number);
+      DecodedRows& piece = kept.place_for(number, *whole_bytes);
       std::uint8_t* rows = piece.buffer.require(*whole_bytes, "tile row");
       piece.buffer.set_used(*whole_bytes);
       decode_tile_row(grid, first_row, whole, 0,
@@ -511,7 +580,8 @@ void TiffReader::Impl::decode_tile_row(const TileGrid& grid, std::uint64_t first
     const std::uint64_t column = tile * grid.tile_width;
     const auto tile_x = tile_position(column, "column");
     std::uint8_t* const samples = decoder.buffer.require(grid.tile_bytes, "tile");
-    const auto decoded = TIFFReadTile(decoder.file.get(), samples, tile_x, tile_y, 0, 0);
+    const auto decoded =
+        decoder.file.ask([&](TIFF* tiff) { return TIFFReadTile(tiff, samples, tile_x, tile_y, 0, 0); });
     if (decoded < 0) {
       decoder.buffer.release();
       fail_tiff("error reading tile at ", tile_x, ",", tile_y);
@@ -546,6 +616,14 @@ void TiffReader::open(const std::string& path) {
 
 TiffMeta TiffReader::read_meta() {
   return impl_->read_meta();
+}
+
+ImageRemarks TiffReader::remarks(const TiffMeta& meta) {
+  return impl_->remarks(meta);
+}
+
+ImageClaim TiffReader::weigh(const TiffMeta& meta) {
+  return impl_->weigh(meta);
 }
 
 std::vector<std::uint8_t> TiffReader::read_image() {

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "image/image_claim.h"
 #include "image/image_types.h"
 
 namespace nvo {
@@ -26,16 +27,17 @@ struct TiffMeta {
 
 /// Opens 8-bit interleaved TIFF and BigTIFF files, tells what each sample means and hands out raw samples,
 /// all of them or a band of rows. The samples are the file's own, apart from min-is-white gray, which is
-/// inverted. Failures are exceptions that begin "TiffReader: " and leave the reader usable. One instance
-/// serves one thread at a time.
+/// inverted. Failures are exceptions that begin "TiffReader: " and leave the reader usable; where the machine
+/// fails, not the file, they are `bad_alloc` or `system_error`. One instance serves one thread at a time.
 ///
 /// A band is read by decoding the strips or tile rows that it touches. The first two of them and the last
 /// stay decoded, so a walk upwards through the image in bands that overlap a little decodes each strip once,
 /// however many bands it spans. Small strips, and the tiles of a row, are decoded side by side on as many
 /// threads as composition takes, where the compression lets each stand alone (JPEG doesn't); samples, log and
-/// failures are those of one thread. An open reader therefore holds up to three strips (or three tile rows of
-/// at most 64 MiB each), and a strip or tile of at most 4 MiB for each further thread; beyond that and the
-/// band itself nothing is allocated from what a header claims.
+/// failures are those of one thread. An open reader therefore holds up to three strips, of 2 GiB together (or
+/// three tile rows of at most 64 MiB each), and a strip or tile of at most 4 MiB for each further thread;
+/// beyond that and the band itself nothing is allocated from what a header claims. A file with larger strips
+/// or tiles than 2 GiB is refused. A read of the whole image decodes large strips to where they stay.
 class TiffReader {
  public:
   TiffReader();
@@ -46,6 +48,10 @@ class TiffReader {
   void open(const std::string& path);
   /// Validates the file's tags and logs them. The reads below repeat this, with all its logging.
   TiffMeta read_meta();
+  /// What a person should know of the file beside its pixels.
+  ImageRemarks remarks(const TiffMeta& meta);
+  /// What the header claims against what the strips or tiles can hold.
+  ImageClaim weigh(const TiffMeta& meta);
   /// All rows: height x width x samples_per_pixel bytes.
   std::vector<std::uint8_t> read_image();
   /// Rows `y` .. `y + rows - 1`; empty when `rows` is 0. Decodes only the strips or tiles that the band

@@ -7,7 +7,6 @@
 #include <vector>
 
 #include "core/log.h"
-#include "image/tiff_channels.h"
 #include "image/tiff_errors.h"
 
 namespace nvo {
@@ -76,8 +75,12 @@ void refuse_too_few_samples(const TiffMeta& meta, unsigned least, std::string_vi
               " channels (", colour, ").");
 }
 
-std::uint16_t read_colour(TIFF* tiff, TiffMeta& meta) {
-  const auto photometric = tiff_tag_or<std::uint16_t>(tiff, TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_MINISWHITE);
+std::uint16_t read_photometric(TIFF* tiff) {
+  return tiff_tag_or<std::uint16_t>(tiff, TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_MINISWHITE);
+}
+
+void read_colour(TIFF* tiff, TiffMeta& meta) {
+  const std::uint16_t photometric = read_photometric(tiff);
   switch (photometric) {
     case PHOTOMETRIC_SEPARATED:
       meta.is_rgb = false;
@@ -95,7 +98,6 @@ std::uint16_t read_colour(TIFF* tiff, TiffMeta& meta) {
     default:
       fail_tiff("unsupported TIFF photometric=", photometric);
   }
-  return photometric;
 }
 
 std::vector<std::string> read_ink_names(TIFF* tiff, std::uint16_t samples_per_pixel) {
@@ -132,14 +134,6 @@ std::vector<std::uint16_t> read_extra_samples(TIFF* tiff) {
   return {types, types + count};
 }
 
-std::vector<ChannelInfo> read_channels(TIFF* tiff, std::uint16_t photometric,
-                                       std::uint16_t samples_per_pixel) {
-  TiffSampleTags tags{photometric, samples_per_pixel, read_extra_samples(tiff), {}};
-  if (photometric == PHOTOMETRIC_SEPARATED && samples_per_pixel > 4)
-    tags.ink_names = read_ink_names(tiff, samples_per_pixel);
-  return detect_channel_roles(tags);
-}
-
 const char* unit_name(std::uint16_t unit) {
   switch (unit) {
     case RESUNIT_NONE:
@@ -166,13 +160,20 @@ void log_meta(const TiffMeta& meta) {
 
 }  // namespace
 
+TiffSampleTags read_tiff_sample_tags(TIFF* tiff, std::uint16_t samples_per_pixel) {
+  TiffSampleTags tags{read_photometric(tiff), samples_per_pixel, read_extra_samples(tiff), {}};
+  if (tags.photometric == PHOTOMETRIC_SEPARATED && samples_per_pixel > 4)
+    tags.ink_names = read_ink_names(tiff, samples_per_pixel);
+  return tags;
+}
+
 TiffMeta read_tiff_tags(TIFF* tiff) {
   TiffMeta meta;
   read_layout(tiff, meta);
   read_resolution(tiff, meta);
   meta.is_bigtiff = TIFFIsBigTIFF(tiff) != 0;
-  const auto photometric = read_colour(tiff, meta);
-  meta.channels = read_channels(tiff, photometric, meta.samples_per_pixel);
+  read_colour(tiff, meta);
+  meta.channels = detect_channel_roles(read_tiff_sample_tags(tiff, meta.samples_per_pixel));
   log_meta(meta);
   return meta;
 }

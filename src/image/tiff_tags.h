@@ -4,6 +4,7 @@
 
 #include <tiffio.h>
 
+#include "image/tiff_channels.h"
 #include "image/tiff_reader.h"
 
 namespace nvo {
@@ -14,6 +15,9 @@ Value tiff_tag_or(TIFF* tiff, std::uint32_t tag, Value fallback) {
   Value value = fallback;
   return TIFFGetField(tiff, tag, &value) == 1 ? value : fallback;
 }
+
+/// What the tags say of samples beyond the colour's own; logs what is wrong with the names of inks.
+TiffSampleTags read_tiff_sample_tags(TIFF* tiff, std::uint16_t samples_per_pixel);
 
 /// Reads and logs the tags of an open file; throws where the program cannot process such a file.
 TiffMeta read_tiff_tags(TIFF* tiff);
