@@ -82,12 +82,13 @@ std::uint32_t source_layout_dpi(const std::vector<std::string>& inputs) {
 std::string run_job(const std::string& input_path, const std::string& output_path,
                     const RipSettings& rip_settings, const IccSettings& icc_settings, float width_in,
                     float height_in, const JobCallbacks& callbacks, const JobSettings* job_settings,
-                    float sheet_width_in) {
+                    float sheet_width_in, bool keep_existing) {
   const LogSink sink(callbacks);
   const JobSettings job = job_settings ? *job_settings : default_job_settings(rip_settings, icc_settings);
   StreamRip rip;
   rip.options = job_options(job, rip_settings.rip_performance);
   rip.options.src_dpi = source_layout_dpi({input_path});
+  rip.options.keep_existing_output = keep_existing;
   if (sheet_width_in > 0.0f) rip.options.sheet_width_in = sheet_width_in;
   log_info("source-driven layout dpi selected: ", rip.options.src_dpi);
   for (const std::string& note : probe_image(input_path).notes) log_warn("Art '", input_path, "': ", note);

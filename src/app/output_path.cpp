@@ -4,6 +4,7 @@
 #include <array>
 #include <exception>
 #include <filesystem>
+#include <new>
 #include <string_view>
 #include <system_error>
 
@@ -21,6 +22,24 @@ bool is_absent(const fs::file_status& status) {
   return status.type() == fs::file_type::not_found;
 }
 
+/// Why no file can be made at a path, whatever stands there; empty where one can.
+std::string flaw_of_name(const fs::path& target) {
+  const std::size_t name = target.filename().native().size();
+  if (name > platform::kMaxNameBytes)
+    return "file name is too long (" + std::to_string(name) + " bytes, at most " +
+           std::to_string(platform::kMaxNameBytes) + "): ";
+  const std::size_t path = target.native().size();
+  if (path > platform::kMaxPathBytes)
+    return "path is too long (" + std::to_string(path) + " bytes, at most " +
+           std::to_string(platform::kMaxPathBytes) + "): ";
+  return {};
+}
+
+bool names_a_folder(const fs::path& target) {
+  const fs::path name = target.filename();
+  return name.empty() || name == "." || name == "..";
+}
+
 bool resolve_explicit(const std::string& explicit_path, std::string& out_path, std::string& out_error,
                       bool& out_parent_created) {
   if (explicit_path.empty()) {
@@ -35,7 +54,15 @@ bool resolve_explicit(const std::string& explicit_path, std::string& out_path, s
     out_error = "Explicit output parent path is not a directory.";
     return false;
   }
+  if (const std::string flaw = flaw_of_name(target); !flaw.empty()) {
+    out_error = "Explicit output " + flaw + explicit_path;
+    return false;
+  }
   if (!fs::exists(parent_status)) {
+    if (names_a_folder(target)) {
+      out_error = "Explicit output path names a folder, not a file: " + explicit_path;
+      return false;
+    }
     code.clear();
     if (!fs::create_directories(parent, code) && code) {
       out_error = "Cannot create explicit output parent directory: " + code.message();
@@ -43,7 +70,12 @@ bool resolve_explicit(const std::string& explicit_path, std::string& out_path, s
     }
     out_parent_created = true;
   }
-  if (!is_absent(fs::symlink_status(target, code))) {
+  const fs::file_status target_status = fs::symlink_status(target, code);
+  if (target_status.type() == fs::file_type::none) {
+    out_error = "Explicit output target cannot be looked at: " + code.message();
+    return false;
+  }
+  if (!is_absent(target_status)) {
     out_error = "Explicit output target already exists.";
     return false;
   }
@@ -54,6 +86,10 @@ bool resolve_explicit(const std::string& explicit_path, std::string& out_path, s
 bool custom_folder(const std::string& configured, fs::path& folder, std::string& out_error) {
   if (configured.empty()) {
     out_error = "Custom output folder is enabled, but path is empty.";
+    return false;
+  }
+  if (configured.find('\0') != std::string::npos) {
+    out_error = "Custom output folder path is invalid: it holds a NUL byte";
     return false;
   }
   try {
@@ -68,12 +104,26 @@ bool custom_folder(const std::string& configured, fs::path& folder, std::string&
     code.clear();
     if (fs::create_directories(folder, code) || !code) return true;
     out_error = "Cannot create custom output folder: " + code.message();
+  } catch (const std::bad_alloc&) {
+    throw;
   } catch (const std::exception& e) {
     out_error = std::string("Custom output folder path is invalid: ") + e.what();
   } catch (...) {
     out_error = "Custom output folder path is invalid.";
   }
   return false;
+}
+
+/// An older file at a derived path will be replaced; what can't be is found before the work begins.
+bool take_derived(const fs::path& target, std::string& out_path, std::string& out_error) {
+  out_path = platform::to_utf8(target);
+  std::error_code ignored;
+  if (const std::string flaw = flaw_of_name(target); !flaw.empty()) {
+    out_error = "Output " + flaw + out_path;
+  } else if (fs::symlink_status(target, ignored).type() == fs::file_type::directory) {
+    out_error = "Output target is a folder: " + out_path;
+  }
+  return out_error.empty();
 }
 
 void drop_trailing_dots_and_blanks(std::string& stem) {
@@ -123,8 +173,7 @@ bool resolve_output_path(const std::string& input_path, const std::string& expli
   }
   const std::string name =
       clean_stem(platform::to_utf8(input.stem())) + std::string(print_extension(job_settings.head()));
-  out_path = platform::to_utf8(folder / platform::to_path(name));
-  return true;
+  return take_derived(folder / platform::to_path(name), out_path, out_error);
 }
 
 }  // namespace nvo

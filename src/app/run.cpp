@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <exception>
+#include <new>
 #include <optional>
 
 #include "app/job_driver.h"
@@ -12,7 +13,9 @@
 #include "config/rip_settings.h"
 #include "core/env_override.h"
 #include "core/log.h"
+#include "core/machine_failure.h"
 #include "core/platform/terminal.h"
+#include "output/print_temporary.h"
 
 namespace nvo {
 namespace {
@@ -59,27 +62,45 @@ int run_guarded(const std::string& input_path, const std::string& explicit_outpu
 
   if (!update_policy_allows_run(update_service)) return kExitUpdateRequired;
 
+  for (const std::string& path : remove_abandoned_prints(output_path))
+    log_info("Removed '", path, "', the unfinished print file of a job that was killed.");
   adopt_job_values(rip_settings, job);
   {
     std::optional<ProgressLine> line;
     if (wants_progress_line()) line.emplace(standard_error_terminal());
     run_job(input_path, output_path, rip_settings, job.icc, 0.0f, 0.0f,
-            line ? line->callbacks() : JobCallbacks(), &job, 0.0f);
+            line ? line->callbacks() : JobCallbacks(), &job, 0.0f, !explicit_output.empty());
   }
-  log_info("Done: ", output_path);
+  try {
+    log_info("Done: ", output_path);
+  } catch (const std::bad_alloc&) {  // The file stands, whether or not there is memory to say so.
+  }
   return kExitDone;
+}
+
+/// Where the log goes elsewhere, standard error has the line too: that is where a batch looks. It is also the
+/// place where the line stands when there is no memory to log it.
+int report_failure(const std::exception& failure) noexcept {
+  const char* const text = failure_text(failure);
+  bool is_seen = platform::standard_outputs_are_one();
+  try {
+    log_error("Fatal: ", text);
+  } catch (...) {
+    is_seen = false;
+  }
+  if (!is_seen) platform::write_error_line("Fatal: ", text);
+  return kExitFailed;
 }
 
 }  // namespace
 
 int run(const std::string& input_path, const std::string& output_path, const UpdateService& update_service) {
-  Logger::instance().set_level(LogLevel::info);
-  Logger::instance().begin_job();
   try {
+    Logger::instance().set_level(LogLevel::info);
+    Logger::instance().begin_job();
     return run_guarded(input_path, output_path, update_service);
-  } catch (const std::exception& e) {
-    log_error("Fatal: ", e.what());
-    return kExitFailed;
+  } catch (const std::exception& failure) {
+    return report_failure(failure);
   }
 }
 

@@ -3,14 +3,16 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <cstdio>
 #include <exception>
 #include <filesystem>
-#include <fstream>
 #include <system_error>
 #include <thread>
 
 #include <nlohmann/json.hpp>
 
+#include "core/fnv1a.h"
+#include "core/machine_failure.h"
 #include "core/platform/clock.h"
 #include "core/platform/input_file.h"
 #include "core/platform/paths.h"
@@ -36,33 +38,30 @@ bool fail(std::string* error, const Pieces&... pieces) {
 
 bool read_existing(const std::string& path, std::uint64_t max_bytes, std::string& out, std::string* error,
                    bool& missing) {
-  const fs::path file = platform::to_path(path);
-  std::error_code code;
-  const auto status = fs::status(file, code);
-  if (code || !fs::exists(status)) {
+  platform::PathStatus status;
+  if (const int code = platform::path_status(path, status)) {
+    if (!platform::tells_of_path(code)) fail_on_file("look at", path, code);
     missing = true;
     return false;
   }
-  std::uint64_t size = 0;
-  if (!fs::is_directory(status)) {  // a folder has no size here; opening it fails below
-    size = fs::file_size(file, code);
-    if (code) return fail(error, "Cannot determine file size: ", code.message());
-  }
-  if (max_bytes != 0 && size > max_bytes)
-    return fail(error, "File exceeds size cap (", std::to_string(size), " bytes > ",
+  if (!status.is_regular && !status.is_folder)  // a folder has no size here; opening it fails below
+    return fail(error,
+                "Cannot determine file size: ", std::make_error_code(std::errc::not_supported).message());
+  if (max_bytes != 0 && status.size > max_bytes)
+    return fail(error, "File exceeds size cap (", std::to_string(status.size), " bytes > ",
                 std::to_string(max_bytes), "): ", path);
 
-  std::ifstream stream(file, std::ios::binary);
-  if (!stream || fs::is_directory(status)) return fail(error, "Cannot open file: ", path);
-  out.resize(size);
-  stream.read(out.data(), static_cast<std::streamsize>(size));
-  const auto count = static_cast<std::uint64_t>(stream.gcount());
-  if (count != size) {
-    out.clear();
-    return stream.bad() ? fail(error, "Cannot read file contents: ", path)
-                        : fail(error, "Short read while reading file: ", path);
+  platform::InputFile file;
+  if (const int code = file.open(path)) {
+    if (!platform::tells_of_path(code)) fail_on_file("open", path, code);
+    return fail(error, "Cannot open file: ", path);
   }
-  return true;
+  out.resize(status.size);
+  std::size_t count = 0;
+  if (const int code = file.read_at(0, out.data(), out.size(), count)) fail_on_file("read", path, code);
+  if (count == out.size()) return true;
+  out.clear();
+  return fail(error, "Short read while reading file: ", path);
 }
 
 std::string unique_token() {
@@ -93,6 +92,7 @@ bool write_and_replace(TempFile& temp, const std::string& target, std::string_vi
     return stalled ? fail(error, "Short write to temp file for atomic write.")
                    : fail(error, "Cannot write temp file for atomic write: ", platform::error_text(code));
   }
+  temp.handle.take_mode_of(target);
   if (const int code = temp.handle.flush())
     return fail(error, "Cannot commit temp file for atomic write: ", platform::error_text(code));
   if (const int code = temp.handle.close())
@@ -112,6 +112,7 @@ bool read_file_bounded(const std::string& path, std::uint64_t max_bytes, std::st
     done = read_existing(path, max_bytes, out, error, absent);
   } catch (const std::exception& e) {
     out.clear();
+    rethrow_machine_failure();
     fail(error, e.what());
   } catch (...) {
     out.clear();
@@ -145,26 +146,39 @@ bool write_file_atomic(const std::string& path, std::string_view content, std::s
 
   TempFile temp = create_unique_temp(path, error);
   if (!temp.handle.is_open()) return false;
-  const bool done = write_and_replace(temp, path, content, error);
+  bool done = false;
+  try {
+    done = write_and_replace(temp, path, content, error);
+  } catch (...) {  // no memory for the error's text
+    platform::remove_file(temp.path);
+    throw;
+  }
   temp.handle.close();
   if (!done) platform::remove_file(temp.path);
   return done;
 }
 
+std::string path_beside(const std::string& target, std::string_view ending) {
+  const std::size_t slash = target.rfind('/');
+  const std::size_t begin = slash == std::string::npos ? 0 : slash + 1;
+  const std::string_view name = std::string_view(target).substr(begin);
+  const std::size_t room = platform::kMaxNameBytes - kLongestEnding;
+  if (name.size() <= room) return target + std::string(ending);
+  char hash[2 + 2 * sizeof(std::uint64_t)];
+  std::snprintf(hash, sizeof hash, "~%016llx",
+                static_cast<unsigned long long>(fnv1a(name.data(), name.size(), kFnvOffsetBasis)));
+  std::size_t kept = room - (sizeof hash - 1);
+  while (kept > 0 && (static_cast<unsigned char>(name[kept]) & 0xC0) == 0x80) --kept;  // whole letters
+  return target.substr(0, begin + kept).append(hash).append(ending);
+}
+
 TempFile create_unique_temp(const std::string& target, std::string* error) {
-  const fs::path target_path = platform::to_path(target);
-  const fs::path folder = target_path.parent_path();
-  const std::string file_name = platform::to_utf8(target_path.filename());
   int code = 0;
   for (int n = 0; n < kMaxTempNames; ++n) {
     TempFile temp;
-    temp.path = platform::to_utf8(
-        folder / platform::to_path(file_name + ".tmp." + unique_token() + "." + std::to_string(n)));
-    code = temp.handle.create_exclusive(temp.path);
-    if (code == 0) {
-      temp.name = platform::TemporaryName(temp.path);
-      return temp;
-    }
+    temp.path = path_beside(target, ".tmp." + unique_token() + "." + std::to_string(n));
+    code = temp.handle.create_temporary(temp.path, temp.name);
+    if (code == 0) return temp;
     if (!platform::means_already_exists(code)) break;
   }
   fail(error, "Cannot create unique temp file for atomic write: ", platform::error_text(code));

@@ -20,8 +20,10 @@ struct TempFile {
 // None of these functions throws for file problems: they return false and, where `error` is not null, say
 // why. Paths are UTF-8.
 
-/// Reads a whole file of at most `max_bytes` bytes (0 means no cap) into `out`. The size is tested before any
-/// byte is read. A file that is not there sets `missing` and leaves `error` empty.
+/// Reads a whole regular file of at most `max_bytes` bytes (0 means no cap) into `out`. The size is tested
+/// before any byte is read. A file that is not there sets `missing` and leaves `error` empty. A failure of
+/// the machine, such as a disk that doesn't read or no memory, is no problem of the file: it throws
+/// `system_error` or `bad_alloc`.
 bool read_file_bounded(const std::string& path, std::uint64_t max_bytes, std::string& out, std::string* error,
                        bool* missing);
 
@@ -37,6 +39,11 @@ bool read_json_bounded(const std::string& path, std::uint64_t max_bytes, nlohman
 /// All or nothing: afterwards `path` is the complete new file, or, on failure, what it was before. Makes the
 /// parent folder with its ancestors when it is not there.
 bool write_file_atomic(const std::string& path, std::string_view content, std::string* error);
+
+/// A path for a temporary file beside `target`: the target's path and `ending`, of at most `kLongestEnding`
+/// bytes. A name that would get too long for the system is cut, and a hash makes up for the rest.
+inline constexpr std::size_t kLongestEnding = 80;
+std::string path_beside(const std::string& target, std::string_view ending);
 
 /// A new file beside `target`, under a name that no other process or thread takes.
 TempFile create_unique_temp(const std::string& target, std::string* error);

@@ -76,8 +76,12 @@ std::unordered_map<std::string, std::string> read_texts(int language) {
   const std::string path = platform::to_utf8(language_folder() / file_name_of(language));
   nlohmann::json file;
   std::unordered_map<std::string, std::string> texts;
-  if (!read_json_bounded(path, kMaxLanguageFileBytes, file, nullptr, nullptr) || !file.is_object())
+  try {
+    if (!read_json_bounded(path, kMaxLanguageFileBytes, file, nullptr, nullptr) || !file.is_object())
+      return texts;
+  } catch (const std::system_error&) {  // No run fails for the wording of its messages.
     return texts;
+  }
   for (const auto& [key, value] : file.items())
     if (value.is_string() && is_known_key(key)) texts.emplace(key, value.get<std::string>());
   return texts;

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <functional>
 #include <mutex>
+#include <new>
 #include <optional>
 #include <sstream>
 #include <string>
@@ -65,6 +66,7 @@ class Logger {
     if (level < minimum_level_.load(std::memory_order_relaxed)) return;
     std::ostringstream text;
     (text << ... << pieces);
+    if (!text) throw std::bad_alloc();  // which the stream keeps to itself
     emit(level, std::move(text).str());
   }
 

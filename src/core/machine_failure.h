@@ -1,9 +1,11 @@
 #pragma once
 
+#include <exception>
 #include <new>
 #include <stdexcept>
 #include <string>
 #include <system_error>
+#include <typeinfo>
 
 namespace nvo {
 
@@ -18,6 +20,16 @@ class MachineFailure : public std::runtime_error {
 /// Throws what a failed system call on a file means; `what` is "read", "write" and so on.
 [[noreturn]] inline void fail_on_file(const char* what, const std::string& path, int error) {
   throw std::system_error(error, std::generic_category(), std::string("cannot ") + what + " '" + path + "'");
+}
+
+inline constexpr const char* kOutOfMemoryText = "out of memory";
+
+/// What the log says of an exception. The library's own texts for a shortage of memory tell no user of one.
+/// Lives as long as the exception.
+inline const char* failure_text(const std::exception& failure) noexcept {
+  const bool is_plain =
+      typeid(failure) == typeid(std::bad_alloc) || typeid(failure) == typeid(std::bad_array_new_length);
+  return is_plain ? kOutOfMemoryText : failure.what();
 }
 
 /// For the beginning of a handler that takes exceptions for the fault of a file: throws the exception in

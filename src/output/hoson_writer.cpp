@@ -1,14 +1,16 @@
 #include "output/hoson_writer.h"
 
 #include <cstring>
+#include <new>
 #include <optional>
 #include <stdexcept>
 #include <utility>
 
 #include "core/log.h"
-#include "core/platform/clock.h"
+#include "core/machine_failure.h"
 #include "core/scoped_timer.h"
 #include "core/text.h"
+#include "output/print_temporary.h"
 #include "output/writer_threads.h"
 #include "plan/parallel.h"
 #include "plan/performance.h"
@@ -19,9 +21,10 @@ namespace {
 constexpr int kMaxTemporaryNames = 100;
 constexpr std::size_t kInkMaps = 4;  // C, M, Y and K always come; white may be missing
 
-std::string temporary_path_for(const std::string& path, int attempt) {
-  return path + ".nvo_tmp_" + std::to_string(platform::process_id()) + "_" +
-         std::to_string(platform::monotonic_nanoseconds()) + "_" + std::to_string(attempt);
+/// Why a call of the system failed, before the exception that says what failed.
+void log_cause(const char* what, const std::string& path, std::uint64_t bytes, int error) {
+  log_error("Print file: cannot ", what, " '", path, "' (", bytes,
+            " bytes wanted): ", platform::error_text(error));
 }
 
 bool is_usable_path(const std::string& path) {
@@ -84,9 +87,11 @@ void HosonWriter::begin_stream_write(const std::string& path, std::uint32_t widt
   layout_ = prt_row_layout(options_.head, width);
   width_ = width;
   height_ = height;
+  const PrtHeader fields = make_prt_header(options_.head, options_.print_mode, width, height);
+  file_size_ = prt_file_size(fields);
   create_temporary(path);
   try {
-    const auto header = encode_prt_header(make_prt_header(options_.head, options_.print_mode, width, height));
+    const auto header = encode_prt_header(fields);
     write_bytes(header.data(), header.size(), "header field");
     path_ = path;
   } catch (...) {
@@ -99,14 +104,17 @@ void HosonWriter::begin_stream_write(const std::string& path, std::uint32_t widt
 
 void HosonWriter::create_temporary(const std::string& path) {
   const int attempts = is_usable_path(path) ? kMaxTemporaryNames : 0;
+  std::string candidate;
+  int error = 0;
   for (int attempt = 0; attempt < attempts; ++attempt) {
-    std::string candidate = temporary_path_for(path, attempt);
-    if (file_.create_exclusive(candidate) != 0) continue;
+    candidate = print_temporary_path(path, attempt);
+    error = file_.create_temporary(candidate, temporary_name_);
+    if (error != 0) continue;
     temporary_path_ = std::move(candidate);
-    temporary_name_ = platform::TemporaryName(temporary_path_);
     return;
   }
-  throw std::runtime_error("HosonWriter::begin_stream_write: cannot open output file: " + path);
+  if (error != 0) log_cause("create", candidate, file_size_, error);
+  throw MachineFailure("HosonWriter::begin_stream_write: cannot open output file: " + path);
 }
 
 void HosonWriter::write_dropmaps_strip(const std::vector<DropMap>& dropmaps, std::uint32_t y) {
@@ -259,21 +267,35 @@ void HosonWriter::reserve_strip_buffer(std::size_t size) {
 void HosonWriter::write_bytes(const void* data, std::size_t size, const char* label) {
   if (!file_.is_open() || !data)
     throw std::runtime_error(std::string("write_dropmaps: invalid write for ") + label);
-  if (file_.append(data, size) != 0)
-    throw std::runtime_error(std::string("write_dropmaps: failed to write ") + label);
+  if (const int error = file_.append(data, size)) {
+    log_cause("write", temporary_path_, size, error);
+    throw MachineFailure(std::string("write_dropmaps: failed to write ") + label);
+  }
 }
 
 void HosonWriter::end_stream_write() {
   if (!open_) return;
-  const auto fail = [this](const std::string& what) {
+  const std::string path = path_, temporary = temporary_path_;
+  const auto fail = [&](const char* what, const std::string& where, int error, const char* text) {
     abort();
-    throw std::runtime_error("HosonWriter::end_stream_write: " + what);
+    log_cause(what, where, file_size_, error);
+    throw MachineFailure("HosonWriter::end_stream_write: " + std::string(text) + path);
   };
-  const std::string path = path_;
-  if (next_row_ != kAllRowsWritten) fail("stream finished before all rows were written");
-  if (file_.flush() != 0) fail("flush/commit failed: " + path);
-  if (file_.close() != 0) fail("close failed: " + path);
-  if (platform::replace_file(temporary_path_, path) != 0) fail("atomic replace failed: " + path);
+  if (next_row_ != kAllRowsWritten) {
+    abort();
+    throw std::runtime_error("HosonWriter::end_stream_write: stream finished before all rows were written");
+  }
+  try {
+    if (!options_.keep_existing) file_.take_mode_of(path);
+    if (const int error = file_.flush()) fail("flush", temporary, error, "flush/commit failed: ");
+    if (const int error = file_.close()) fail("close", temporary, error, "close failed: ");
+  } catch (...) {
+    abort();
+    throw;
+  }
+  const int error = options_.keep_existing ? platform::move_to_new_name(temporary, path)
+                                           : platform::replace_file(temporary, path);
+  if (error != 0) fail("put in place", path, error, "atomic replace failed: ");
   reset();
 }
 
@@ -307,7 +329,10 @@ void HosonWriter::write_dropmaps(const std::vector<DropMap>& dropmaps, const std
     abort();
     throw;
   }
-  log_info("write_dropmaps: done -> ", path);
+  try {
+    log_info("write_dropmaps: done -> ", path);
+  } catch (const std::bad_alloc&) {  // The file stands, whether or not there is memory to say so.
+  }
 }
 
 HosonWriterCounters HosonWriter::counters() const {

@@ -23,6 +23,7 @@ struct HosonWriterOptions {
   HeadConfig head;
   PrintMode print_mode;  ///< stands for a row of the head's catalog; the header names that row's numbers
   std::vector<std::uint32_t> output_channel_map;  ///< laid over the head's default; may be shorter or longer
+  bool keep_existing = false;  ///< a target that stands, or appears meanwhile, is a failure, not replaced
 };
 
 /// Totals of all strips since the last reset. The durations grow only while timing is on.
@@ -43,8 +44,10 @@ struct StripCycles {
 
 /// Writes a print file (see prt_format.h) as a stream of strips from the bottom of the sheet to its top. The
 /// file takes its name only when it is whole and on the disk; an unfinished stream leaves the old file and no
-/// temporary one. Any failure ends the stream; a writer without a stream can begin another. For one thread
-/// but where a function says otherwise; the counters may be read by any.
+/// temporary one. A file that replaces another has its access rights. Where the system has failed, the log
+/// has the cause at ERROR and a `MachineFailure` is thrown. Any failure ends the stream; a writer without a
+/// stream can begin another. For one thread but where a function says otherwise; the counters may be read by
+/// any.
 class HosonWriter {
  public:
   explicit HosonWriter(HosonWriterOptions options) : options_(std::move(options)) {}
@@ -107,6 +110,7 @@ class HosonWriter {
   platform::TemporaryName temporary_name_;
   std::uint32_t width_ = 0;
   std::uint32_t height_ = 0;
+  std::uint64_t file_size_ = 0;
   PrtRowLayout layout_;
   std::uint64_t next_row_ = kAllRowsWritten;  ///< the device row that the next strip ends with
   std::atomic<bool> open_ = false;

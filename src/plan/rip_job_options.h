@@ -48,6 +48,8 @@ struct RipJobOptions {
   bool white_ink_limit_enabled = false;
   float total_ink_budget_pct = 300.0f, max_white_pct = 400.0f, min_white_pct = 10.0f;
 
+  bool keep_existing_output = false;  ///< the job fails where its target stands or appears meanwhile
+
   HeadConfig head() const { return {device_board, print_head}; }
 };
 

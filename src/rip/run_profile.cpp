@@ -1,6 +1,5 @@
 #include "rip/run_profile.h"
 
-#include <fstream>
 #include <iomanip>
 #include <sstream>
 #include <vector>
@@ -8,7 +7,7 @@
 #include "core/env_override.h"
 #include "core/log.h"
 #include "core/platform/environment.h"
-#include "core/platform/paths.h"
+#include "core/platform/file.h"
 #include "core/text.h"
 
 namespace nvo {
@@ -127,12 +126,17 @@ void report_profile(const StreamRipProfile& profile, const std::string& output_p
   log_profile(profile, output_path);
   const auto jsonl_path = platform::environment("NVO_RIP_PROFILE_JSONL");
   if (!jsonl_path || jsonl_path->empty()) return;
-  std::ofstream file(platform::to_path(*jsonl_path), std::ios::binary | std::ios::app);
-  if (!file) {
+  platform::File file;
+  if (file.open_append(*jsonl_path) != 0) {
     log_warn("StreamRip profile: cannot open NVO_RIP_PROFILE_JSONL path: ", *jsonl_path);
     return;
   }
-  file << json_line(profile, output_path);
+  const std::string line = json_line(profile, output_path);
+  int error = file.write_all(line.data(), line.size());
+  if (const int closed = file.close(); error == 0) error = closed;
+  if (error != 0)
+    log_warn("StreamRip profile: cannot write the line of this run (", line.size(),
+             " bytes) to NVO_RIP_PROFILE_JSONL path: ", *jsonl_path, ": ", platform::error_text(error));
 }
 
 }  // namespace nvo

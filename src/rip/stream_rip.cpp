@@ -231,6 +231,14 @@ void StreamRip::rip_single(const std::string& input_path, const std::string& out
   run({{std::move(item)}, h}, output_path, rip_settings);
 }
 
+/// What is told once the print file stands. It stands whether or not there is memory to tell of it.
+static void report_after_print(const SheetRun& run, bool profiling) try {
+  run.report(static_cast<int>(run.strips), static_cast<int>(run.strips), 100.0f, "Done");
+  if (profiling) report_profile(run.profile, run.output_path);
+  log_info("StreamRip: complete.");
+} catch (const std::bad_alloc&) {
+}
+
 void StreamRip::run(SheetLayout sheet, const std::string& output_path,
                     const RipSettings& rip_settings) const {
   const std::uint64_t start = platform::monotonic_nanoseconds();
@@ -293,7 +301,7 @@ void StreamRip::run(SheetLayout sheet, const std::string& output_path,
   compositor.set_profiling(profiling);
   compositor.reset_counters();
   RipEngine engine(std::move(params));
-  HosonWriter writer({options.head(), mode, options.output_channel_map});
+  HosonWriter writer({options.head(), mode, options.output_channel_map, options.keep_existing_output});
   writer.set_timing(profiling);
   std::unique_ptr<ThreadPool> pool;
   if (parallel_channels) {
@@ -318,8 +326,6 @@ void StreamRip::run(SheetLayout sheet, const std::string& output_path,
              ") is using compatibility full-buffer path");
     run_full_buffer(run);
   }
-  run.report(static_cast<int>(strips), static_cast<int>(strips), 100.0f, "Done");
-
   if (profiling) {
     StreamRipProfile& profile = run.profile;
     profile.src_width_px = src_w;
@@ -330,9 +336,8 @@ void StreamRip::run(SheetLayout sheet, const std::string& output_path,
     profile.compositor = compositor.read_counters();
     profile.writer_counters = writer.counters();
     profile.total = platform::monotonic_nanoseconds() - start;
-    report_profile(profile, output_path);
   }
-  log_info("StreamRip: complete.");
+  report_after_print(run, profiling);
 }
 
 }  // namespace nvo

@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "core/checked.h"
+#include "core/file_io.h"
 #include "core/fnv1a.h"
 #include "core/large_vector.h"
 #include "core/log.h"
@@ -126,11 +127,11 @@ std::optional<std::vector<std::uint8_t>> load_masks(const fs::path& path, const 
 
 /// Writes header and masks to a temporary file beside `path` and moves it there.
 bool write_cache_file(const std::string& path, const Header& header, const std::vector<std::uint8_t>& masks) {
-  const std::string temporary = path + ".tmp." + std::to_string(platform::process_id()) + "." +
-                                std::to_string(platform::monotonic_nanoseconds());
+  const std::string temporary = path_beside(path, ".tmp." + std::to_string(platform::process_id()) + "." +
+                                                      std::to_string(platform::monotonic_nanoseconds()));
   platform::File file;
-  if (file.create_exclusive(temporary) != 0) return false;
-  const platform::TemporaryName name(temporary);
+  platform::TemporaryName name;
+  if (file.create_temporary(temporary, name) != 0) return false;
   const bool written = file.write_all(header.data(), header.size()) == 0 &&
                        file.write_all(masks.data(), masks.size()) == 0 && file.flush() == 0 &&
                        file.close() == 0;

@@ -175,11 +175,15 @@ void UpdateManager::load_latch() {
   json latch;
   std::string error;
   bool missing = false;
-  if (read_json_bounded(latch_path_, kMaxLatchBytes, latch, &error, &missing)) {
-    if (!latch.is_object())
-      error = "JSON root must be an object";
-    else
-      mandatory_latched_ = flag_member(latch, "mandatory_latched") && identity_member(latch) == identity_;
+  try {
+    if (read_json_bounded(latch_path_, kMaxLatchBytes, latch, &error, &missing)) {
+      if (!latch.is_object())
+        error = "JSON root must be an object";
+      else
+        mandatory_latched_ = flag_member(latch, "mandatory_latched") && identity_member(latch) == identity_;
+    }
+  } catch (const std::system_error& failure) {  // A disk that doesn't read is no reason to stop the shop.
+    error = failure.what();
   }
   if (!missing && !error.empty())
     log_error("UpdateManager: ignoring mandatory latch state '", latch_path_, "': ", error);

@@ -36,6 +36,9 @@ class BulkFile {
 
   /// Creates a file that does not exist yet; the error is "already exists" where it does.
   int create_exclusive(const std::string& path);
+  /// The same for a temporary file, see `File`.
+  int create_temporary(const std::string& path, TemporaryName& name);
+  void take_mode_of(const std::string& path) { file_.take_mode_of(path); }
   bool is_open() const { return file_.is_open(); }
 
   /// Appends bytes. They are taken from where they are if their address lies as far into a block as the end
@@ -47,6 +50,7 @@ class BulkFile {
   int close();
 
  private:
+  void prepare();
   int flush_behind();
   int wait_for_flush();
   int write_blocks(const std::uint8_t* data, std::size_t size);

@@ -14,6 +14,8 @@ bool is_transient(int code);
 /// True where a direct write was not made of whole blocks.
 bool means_bad_alignment(int code);
 
+class TemporaryName;
+
 /// A file open for writing. Every function reports failure through the returned code: 0, or the system's
 /// error. Closes itself when destroyed. Not for several threads at once.
 class File {
@@ -25,6 +27,13 @@ class File {
 
   /// Creates a file that does not exist yet; the error is "already exists" where it does.
   int create_exclusive(const std::string& path);
+  /// The same for a temporary file, which from the first moment goes if the process is ended by a signal, as
+  /// long as `name` lives. It is locked, so that other processes know it for one in use.
+  int create_temporary(const std::string& path, TemporaryName& name);
+  /// Opens a file to write at its end, made where there is none. A pipe is not waited for.
+  int open_append(const std::string& path);
+  /// Gives the file the access rights of the regular file at `path`, if there is one.
+  void take_mode_of(const std::string& path);
 
   bool is_open() const { return descriptor_ >= 0; }
 
@@ -51,27 +60,41 @@ int read_at(int descriptor, std::uint64_t offset, void* data, std::size_t size, 
 /// part.
 int replace_file(const std::string& from, const std::string& to);
 
+/// The same, but the error is "already exists" where anything stands at `to`, also if it came this moment. A
+/// file system that can't do that in one step leaves a moment between the look and the move.
+int move_to_new_name(const std::string& from, const std::string& to);
+
+/// Whether a process of this id may be running, other than this one.
+bool may_be_alive(unsigned long process);
+
+/// Removes a regular file that no process has locked as `create_temporary` does. True where it is gone.
+bool remove_if_unlocked(const std::string& path) noexcept;
+
 /// Removes a file; nobody asks whether it was there.
 void remove_file(const std::string& path) noexcept;
 
-/// Names a file that has to go if the process is ended by a signal. Set it once the file exists; `release`
-/// it, or let it go out of scope, when the file has been moved or removed.
+/// Names a file that has to go if the process is ended by a signal; `File::create_temporary` sets it.
+/// `release` it, or let it go out of scope, when the file has been moved or removed.
 class TemporaryName {
  public:
   TemporaryName() = default;
-  explicit TemporaryName(const std::string& path);
   TemporaryName(TemporaryName&& other) noexcept;
   TemporaryName& operator=(TemporaryName&& other) noexcept;
   ~TemporaryName();
   void release() noexcept;
 
  private:
+  friend class File;
   int slot_ = -1;
 };
 
+/// Removes the files of all live `TemporaryName`s and lets no other thread make further ones. For the end of
+/// the process: safe in a signal handler, needs no memory.
+void remove_live_temporaries() noexcept;
+
 /// From here on a termination request (INT, TERM, HUP, QUIT) removes all live `TemporaryName` files and ends
 /// an unfinished line on standard error before the process ends by that signal, and a closed standard output
-/// no longer ends it. Called once by `main`.
+/// no longer ends it. For the start of `main`.
 void install_termination_cleanup();
 
 }  // namespace nvo::platform

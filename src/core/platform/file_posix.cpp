@@ -3,12 +3,15 @@
 #include <cerrno>
 #include <climits>
 #include <csignal>
+#include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <filesystem>
 #include <system_error>
 #include <utility>
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -20,18 +23,96 @@ namespace {
 
 constexpr std::size_t kMaxTransfer = std::size_t{1} << 30;  // one call takes less than 2 GiB
 
+constexpr int kTerminationSignals[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT};
+
+/// A path in the form that system calls take. One that is too long for them in one piece, which the name of
+/// a temporary file may make of a path that is not, is reached through its folder.
+class ReachedPath {
+ public:
+  explicit ReachedPath(const char* path) noexcept : name_(path) {
+    const char* const slash = std::strrchr(path, '/');
+    if (std::strlen(path) < PATH_MAX || !slash || slash - path >= PATH_MAX) return;
+    char folder[PATH_MAX];
+    std::memcpy(folder, path, static_cast<std::size_t>(slash - path));
+    folder[slash - path] = '\0';
+    const int descriptor = ::open(folder, O_PATH | O_DIRECTORY | O_CLOEXEC);
+    if (descriptor < 0) return;
+    folder_ = descriptor;
+    name_ = slash + 1;
+  }
+  ~ReachedPath() {
+    if (folder_ != AT_FDCWD) ::close(folder_);
+  }
+  ReachedPath(const ReachedPath&) = delete;
+  ReachedPath& operator=(const ReachedPath&) = delete;
+
+  bool is_whole() const noexcept { return folder_ == AT_FDCWD; }
+  int folder() const noexcept { return folder_; }
+  const char* name() const noexcept { return name_; }
+
+ private:
+  int folder_ = AT_FDCWD;
+  const char* name_;
+};
+
+void unlink_reached(const char* path) noexcept {
+  const ReachedPath reached(path);
+  ::unlinkat(reached.folder(), reached.name(), 0);
+}
+
 // The names are kept where a signal handler may read them: fixed storage, published by an atomic state.
 constexpr int kMaxTemporaries = 64;
 struct TemporarySlot {
-  enum State : int { empty, claimed, live };
+  enum State : int { empty, creating, live };
   std::atomic<int> state{empty};
-  char path[PATH_MAX]{};
+  char path[PATH_MAX + NAME_MAX + 1]{};
 };
 std::array<TemporarySlot, kMaxTemporaries> temporaries;
+std::atomic<bool> ending{false};
+
+/// Keeps the thread from being the one that handles a termination signal.
+class TerminationHeld {
+ public:
+  TerminationHeld() noexcept {
+    sigset_t held;
+    sigemptyset(&held);
+    for (const int number : kTerminationSignals) sigaddset(&held, number);
+    ::pthread_sigmask(SIG_BLOCK, &held, &before_);
+  }
+  ~TerminationHeld() { ::pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+  TerminationHeld(const TerminationHeld&) = delete;
+  TerminationHeld& operator=(const TerminationHeld&) = delete;
+
+ private:
+  sigset_t before_;
+};
+
+/// A slot with this path in the state `creating`, or -1 where all are taken.
+int claim_slot(const std::string& path) noexcept {
+  if (path.size() >= sizeof TemporarySlot::path) return -1;
+  for (int i = 0; i < kMaxTemporaries; ++i) {
+    TemporarySlot& slot = temporaries[static_cast<std::size_t>(i)];
+    int expected = TemporarySlot::empty;
+    if (!slot.state.compare_exchange_strong(expected, TemporarySlot::creating)) continue;
+    // Whoever ends the process either sees the slot and waits for the file, or is seen here.
+    while (ending) ::pause();
+    std::memcpy(slot.path, path.c_str(), path.size() + 1);
+    return i;
+  }
+  return -1;
+}
+
+/// Waits for a file that another thread is about to create; not for long, as its file system may be stuck.
+void wait_for_creation(const TemporarySlot& slot) noexcept {
+  constexpr int kMilliseconds = 2000;
+  for (int i = 0; i < kMilliseconds && slot.state == TemporarySlot::creating; ++i) {
+    const timespec pause{0, 1'000'000};
+    ::nanosleep(&pause, nullptr);
+  }
+}
 
 void remove_temporaries_and_end(int signal_number) {
-  for (TemporarySlot& slot : temporaries)
-    if (slot.state.load(std::memory_order_acquire) == TemporarySlot::live) ::unlink(slot.path);
+  remove_live_temporaries();
   end_last_line();
   ::signal(signal_number, SIG_DFL);
   ::raise(signal_number);
@@ -79,6 +160,39 @@ int File::create_exclusive(const std::string& path) {
   close();
   descriptor_ = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
   return descriptor_ >= 0 ? 0 : errno;
+}
+
+int File::create_temporary(const std::string& path, TemporaryName& name) {
+  close();
+  name.release();
+  const TerminationHeld held;
+  const int slot = claim_slot(path);
+  const ReachedPath reached(path.c_str());
+  constexpr int kFlags = O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC;
+  descriptor_ = reached.is_whole() ? ::open(reached.name(), kFlags, 0666)
+                                   : ::openat(reached.folder(), reached.name(), kFlags, 0666);
+  const int error = descriptor_ >= 0 ? 0 : errno;
+  if (error == 0) ::flock(descriptor_, LOCK_EX | LOCK_NB);
+  if (slot >= 0) {
+    temporaries[static_cast<std::size_t>(slot)].state =
+        error == 0 ? TemporarySlot::live : TemporarySlot::empty;
+    if (error == 0) name.slot_ = slot;
+  }
+  return error;
+}
+
+int File::open_append(const std::string& path) {
+  close();
+  constexpr int kFlags = O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
+  descriptor_ = ::open(path.c_str(), kFlags, 0666);
+  return descriptor_ >= 0 ? 0 : errno;
+}
+
+void File::take_mode_of(const std::string& path) {
+  constexpr mode_t kAccess = 0777;
+  struct stat status {};
+  if (::lstat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode))
+    ::fchmod(descriptor_, status.st_mode & kAccess);
 }
 
 int File::write_some(const void* data, std::size_t size, std::size_t& written) {
@@ -138,27 +252,53 @@ int read_at(int descriptor, std::uint64_t offset, void* data, std::size_t size, 
 }
 
 int replace_file(const std::string& from, const std::string& to) {
-  if (::rename(from.c_str(), to.c_str()) != 0) return errno;
+  const ReachedPath reached(from.c_str());
+  if ((reached.is_whole() ? ::rename(from.c_str(), to.c_str())
+                          : ::renameat(reached.folder(), reached.name(), AT_FDCWD, to.c_str())) != 0)
+    return errno;
   // The new name stands; a file system that cannot sync a folder must not turn that into a failure.
   sync_directory(to);
   return 0;
 }
 
-void remove_file(const std::string& path) noexcept {
-  ::unlink(path.c_str());
+int move_to_new_name(const std::string& from, const std::string& to) {
+  const auto is_unsupported = [](int error) {
+    return error == EINVAL || error == ENOSYS || error == EOPNOTSUPP || error == EPERM || error == EMLINK;
+  };
+  {
+    const ReachedPath reached(from.c_str());
+    int error = 0;
+    if (::renameat2(reached.folder(), reached.name(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) != 0)
+      error = errno;
+    if (is_unsupported(error)) {
+      error = ::linkat(reached.folder(), reached.name(), AT_FDCWD, to.c_str(), 0) == 0 ? 0 : errno;
+      if (error == 0) ::unlinkat(reached.folder(), reached.name(), 0);
+    }
+    if (error == 0) sync_directory(to);
+    if (!is_unsupported(error)) return error;
+  }
+  struct stat status {};
+  if (::lstat(to.c_str(), &status) == 0) return EEXIST;
+  return errno == ENOENT ? replace_file(from, to) : errno;
 }
 
-TemporaryName::TemporaryName(const std::string& path) {
-  if (path.size() >= PATH_MAX) return;
-  for (int i = 0; i < kMaxTemporaries; ++i) {
-    TemporarySlot& slot = temporaries[static_cast<std::size_t>(i)];
-    int expected = TemporarySlot::empty;
-    if (!slot.state.compare_exchange_strong(expected, TemporarySlot::claimed)) continue;
-    std::memcpy(slot.path, path.c_str(), path.size() + 1);
-    slot.state.store(TemporarySlot::live, std::memory_order_release);
-    slot_ = i;
-    return;
-  }
+void remove_file(const std::string& path) noexcept {
+  unlink_reached(path.c_str());
+}
+
+bool may_be_alive(unsigned long process) {
+  if (process == static_cast<unsigned long>(::getpid())) return false;
+  return process == 0 || process > INT_MAX || ::kill(static_cast<pid_t>(process), 0) == 0 || errno != ESRCH;
+}
+
+bool remove_if_unlocked(const std::string& path) noexcept {
+  const int descriptor = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+  if (descriptor < 0) return false;
+  struct stat status {};
+  const bool removed = ::fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode) &&
+                       ::flock(descriptor, LOCK_SH | LOCK_NB) == 0 && ::unlink(path.c_str()) == 0;
+  ::close(descriptor);
+  return removed;
 }
 
 TemporaryName::TemporaryName(TemporaryName&& other) noexcept : slot_(std::exchange(other.slot_, -1)) {}
@@ -181,11 +321,19 @@ void TemporaryName::release() noexcept {
   slot_ = -1;
 }
 
+void remove_live_temporaries() noexcept {
+  ending = true;
+  for (TemporarySlot& slot : temporaries) {
+    wait_for_creation(slot);
+    if (slot.state == TemporarySlot::live) unlink_reached(slot.path);
+  }
+}
+
 void install_termination_cleanup() {
   struct sigaction action {};
   action.sa_handler = remove_temporaries_and_end;
   sigfillset(&action.sa_mask);
-  for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) {
+  for (const int number : kTerminationSignals) {
     struct sigaction old {};
     ::sigaction(number, nullptr, &old);
     if (old.sa_handler != SIG_IGN) ::sigaction(number, &action, nullptr);

@@ -35,6 +35,14 @@ class InputFile {
 /// this user may read. Any other error means that the machine has failed.
 bool tells_of_path(int code);
 
+/// What stands at a path, links followed.
+struct PathStatus {
+  bool is_regular = false, is_folder = false;
+  std::uint64_t size = 0;  ///< of a regular file
+};
+/// Returns 0 or the system's error, which `tells_of_path` judges.
+int path_status(const std::string& path, PathStatus& status);
+
 /// Asks for the status of whatever stands at a path: 0 where it could be had or nothing is there, otherwise
 /// the system's error, such as that of a folder on the way that this user may not enter.
 int path_error(const std::string& path);

@@ -59,10 +59,19 @@ bool tells_of_path(int code) {
   return std::ranges::find(kOfPath, code) != std::end(kOfPath);
 }
 
+int path_status(const std::string& path, PathStatus& status) {
+  struct stat found {};
+  if (::stat(path.c_str(), &found) != 0) return errno;
+  status.is_regular = S_ISREG(found.st_mode);
+  status.is_folder = S_ISDIR(found.st_mode);
+  status.size = status.is_regular ? static_cast<std::uint64_t>(found.st_size) : 0;
+  return 0;
+}
+
 int path_error(const std::string& path) {
-  struct stat status {};
-  if (::stat(path.c_str(), &status) == 0 || errno == ENOENT || errno == ENOTDIR) return 0;
-  return errno;
+  PathStatus ignored;
+  const int error = path_status(path, ignored);
+  return error == ENOENT || error == ENOTDIR ? 0 : error;
 }
 
 }  // namespace nvo::platform

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <filesystem>
 #include <string>
 #include <string_view>
@@ -9,6 +10,10 @@ namespace nvo::platform {
 /// Texts are UTF-8 in memory; these two are the only place where they meet the file system's own form.
 std::filesystem::path to_path(std::string_view utf8);
 std::string to_utf8(const std::filesystem::path& path);
+
+/// Longest name and path that the system takes, in bytes.
+inline constexpr std::size_t kMaxNameBytes = 255;
+inline constexpr std::size_t kMaxPathBytes = 4095;
 
 /// Folder of the running executable; empty when the system cannot tell.
 std::filesystem::path executable_directory();

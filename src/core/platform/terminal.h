@@ -5,6 +5,17 @@
 
 namespace nvo::platform {
 
+/// Gives each closed standard stream the null device, so that no other file gets its number; what is done
+/// with the stream fails as before. First thing in `main`.
+void open_standard_streams() noexcept;
+
+/// Whether both outputs lead to the same place, so that a reader of the one sees the other as well.
+bool standard_outputs_are_one() noexcept;
+
+/// Writes a line to standard error, control characters shown as `escape_controls` does. For when memory has
+/// run out: needs none.
+void write_error_line(const char* prefix, const char* text) noexcept;
+
 /// Whether standard error is a terminal, so that somebody may be watching it.
 bool standard_error_is_terminal();
 

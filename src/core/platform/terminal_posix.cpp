@@ -1,9 +1,13 @@
+#include <array>
 #include <atomic>
+#include <cerrno>
 #include <cstdio>
 #include <ctime>
 
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/ioctl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "core/platform/terminal.h"
@@ -31,7 +35,62 @@ void wait_for_writer() noexcept {
   }
 }
 
+/// Collects bytes for standard error without memory of its own.
+class ErrorBytes {
+ public:
+  ~ErrorBytes() { flush(); }
+  void put(char c) noexcept {
+    if (size_ == bytes_.size()) flush();
+    bytes_[size_++] = c;
+  }
+
+ private:
+  void flush() noexcept {
+    for (std::size_t done = 0; done < size_;) {
+      const ssize_t written = ::write(STDERR_FILENO, bytes_.data() + done, size_ - done);
+      if (written < 0 && errno == EINTR) continue;
+      if (written <= 0) break;
+      done += static_cast<std::size_t>(written);
+    }
+    size_ = 0;
+  }
+
+  std::array<char, 1024> bytes_;
+  std::size_t size_ = 0;
+};
+
 }  // namespace
+
+void open_standard_streams() noexcept {
+  for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    if (::fcntl(stream, F_GETFD) >= 0 || errno != EBADF) continue;
+    // Open in the other direction, so that nobody takes what is lost for written. The lowest free number is
+    // that of the stream.
+    ::open("/dev/null", stream == STDIN_FILENO ? O_WRONLY : O_RDONLY);
+  }
+}
+
+bool standard_outputs_are_one() noexcept {
+  struct stat out {
+  }, err{};
+  return ::fstat(STDOUT_FILENO, &out) == 0 && ::fstat(STDERR_FILENO, &err) == 0 && out.st_dev == err.st_dev &&
+         out.st_ino == err.st_ino;
+}
+
+void write_error_line(const char* prefix, const char* text) noexcept {
+  constexpr char kDigits[] = "0123456789ABCDEF";
+  ErrorBytes line;
+  for (; *prefix; ++prefix) line.put(*prefix);
+  for (; *text; ++text) {
+    const auto byte = static_cast<unsigned char>(*text);
+    if (byte >= 32 && byte != 127) {
+      line.put(*text);
+      continue;
+    }
+    for (const char c : {'\\', 'x', kDigits[byte >> 4], kDigits[byte & 15]}) line.put(c);
+  }
+  line.put('\n');
+}
 
 bool standard_error_is_terminal() {
   return ::isatty(STDERR_FILENO) == 1;
