@@ -9,6 +9,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "core/machine_failure.h"
 #include "tools/prt_info.h"
 #include "tools/prt_preview.h"
 #include "tools/prt_reader.h"
@@ -21,6 +22,8 @@ namespace {
 constexpr const char* kAbout =
     "Looks into print files of the Hoson board (.prt, .prn).\n"
     "Exit codes: 0 all is well, 1 wrong usage, 2 the file is damaged, cannot be read or cannot be written.";
+
+constexpr const char* kVersion = "nvo_prt " NVO_APP_VERSION " (build " NVO_APP_BUILD_ID ")";
 
 constexpr const char* kMapHelp =
     "Ink of each slot in file order, letters C M Y K W and - for none, as in KCMYWW. "
@@ -99,6 +102,7 @@ int run_prt_command(std::span<char* const> argv, std::ostream& out, std::ostream
   std::function<int()> command;
 
   CLI::App app(kAbout, "nvo_prt");
+  app.set_version_flag("--version", kVersion);
   app.require_subcommand(1);
   CLI::App& info = *app.add_subcommand("info", "Header, physical size and dots of each level and slot");
   add_file(info, arguments);
@@ -125,7 +129,7 @@ int run_prt_command(std::span<char* const> argv, std::ostream& out, std::ostream
     err << "nvo_prt: " << e.what() << '\n';
     return kPrtExitUsage;
   } catch (const std::exception& e) {
-    err << "nvo_prt: " << e.what() << '\n';
+    err << "nvo_prt: " << failure_text(e) << '\n';
     return kPrtExitFailure;
   }
 }

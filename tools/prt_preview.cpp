@@ -163,6 +163,19 @@ std::uint32_t pixels_of(double size_in, double dpi) {
   return std::max(static_cast<std::uint32_t>(pixels), 1u);
 }
 
+/// A picture may replace a picture, but nothing that was not made to be replaced.
+void require_replaceable(const std::string& picture_path) {
+  namespace fs = std::filesystem;
+  std::error_code error;
+  const fs::file_type type = fs::symlink_status(platform::to_path(picture_path), error).type();
+  if (type == fs::file_type::not_found) return;
+  if (type == fs::file_type::none) throw std::runtime_error(picture_path + ": " + error.message());
+  if (type != fs::file_type::regular)
+    throw std::invalid_argument(picture_path + ": not a regular file, the picture does not replace it");
+  if (begins_as_print_file(picture_path))
+    throw std::invalid_argument(picture_path + ": the picture would replace the print file");
+}
+
 }  // namespace
 
 PreviewPlan plan_preview(const PrtReader& reader, const PreviewOptions& options) {
@@ -192,10 +205,7 @@ PreviewPlan plan_preview(const PrtReader& reader, const PreviewOptions& options)
 }
 
 void write_preview(PrtReader& reader, const PreviewOptions& options, const std::string& picture_path) {
-  std::error_code ignored;
-  if (std::filesystem::equivalent(platform::to_path(reader.path()), platform::to_path(picture_path), ignored))
-    throw std::invalid_argument(picture_path + ": the picture would replace the print file");
-
+  require_replaceable(picture_path);
   const PreviewPlan plan = plan_preview(reader, options);
   std::vector<InkLayer> layers = make_layers(options, plan);
   const bool as_drops = is_drawn_as_drops(options);

@@ -36,7 +36,9 @@ PreviewPlan plan_preview(const PrtReader& reader, const PreviewOptions& options)
 
 /// Draws the printed film as a PNG, right way up. A pixel is the mean of the dots below it, parts of dots
 /// included, a dot counting as a flat rectangle of a third of the ink a level. Where several slots carry one
-/// ink the first is shown. Memory is a few megabytes and some rows, whatever the file's size.
+/// ink the first is shown. An older file at `picture_path` is replaced, but no print file and nothing that is
+/// not a regular file: those throw `invalid_argument`. Memory is a few megabytes and some rows, whatever the
+/// file's size.
 void write_preview(PrtReader& reader, const PreviewOptions& options, const std::string& picture_path);
 
 }  // namespace nvo

@@ -2,16 +2,12 @@
 
 #include <algorithm>
 #include <array>
-#include <filesystem>
 #include <stdexcept>
-#include <system_error>
 
-#include "core/platform/paths.h"
+#include "core/platform/file.h"
 
 namespace nvo {
 namespace {
-
-namespace fs = std::filesystem;
 
 constexpr std::uint32_t kBlockBytes = 4u << 20;
 
@@ -19,29 +15,40 @@ constexpr std::uint32_t kBlockBytes = 4u << 20;
   throw std::runtime_error(path + ": " + reason);
 }
 
-std::uint64_t size_of_regular_file(const std::string& path) {
-  std::error_code error;
-  const fs::path file = platform::to_path(path);
-  const fs::file_status status = fs::status(file, error);
-  if (status.type() == fs::file_type::not_found) fail(path, "no such file");
-  if (!error && status.type() != fs::file_type::regular) fail(path, "not a regular file");
-  const std::uint64_t size = error ? 0 : fs::file_size(file, error);
-  if (error) fail(path, "cannot tell its size: " + error.message());
-  return size;
+/// Opens a file that may be read without waiting for anybody.
+void open_regular_file(const std::string& path, platform::InputFile& file) {
+  const int error = file.open(path);
+  if (error == 0) return;
+  platform::PathStatus status;
+  const int status_error = platform::path_status(path, status);
+  if (platform::means_not_found(status_error)) fail(path, "no such file");
+  if (status_error == 0 && !status.is_regular) fail(path, "not a regular file");
+  fail(path, "cannot open: " + platform::error_text(error));
 }
 
 }  // namespace
 
+bool begins_as_print_file(const std::string& path) {
+  platform::InputFile file;
+  open_regular_file(path, file);
+  std::array<std::uint8_t, sizeof kPrtMagic> bytes{};
+  std::size_t read = 0;
+  if (const int error = file.read_at(0, bytes.data(), bytes.size(), read))
+    fail(path, "cannot read: " + platform::error_text(error));
+  std::uint32_t magic = 0;
+  for (std::size_t i = 0; i < bytes.size(); ++i) magic |= std::uint32_t{bytes[i]} << (8 * i);
+  return read == bytes.size() && magic == kPrtMagic;
+}
+
 PrtReader::PrtReader(const std::string& path) : path_(path) {
-  const std::uint64_t size = size_of_regular_file(path);
-  file_.open(platform::to_path(path), std::ios::binary);
-  if (!file_) fail(path, "cannot open");
+  open_regular_file(path, file_);
+  const std::uint64_t size = file_.size();
   if (size < kPrtHeaderSize)
     fail(path,
          "only " + std::to_string(size) + " bytes, the header alone has " + std::to_string(kPrtHeaderSize));
 
   std::array<std::uint8_t, kPrtHeaderSize> bytes{};
-  if (!file_.read(reinterpret_cast<char*>(bytes.data()), bytes.size())) fail(path, "cannot read the header");
+  read_at(0, bytes.data(), bytes.size());
   try {
     header_ = decode_prt_header(bytes);
   } catch (const std::runtime_error& e) {
@@ -66,9 +73,15 @@ void PrtReader::read_cycles(std::uint32_t first, std::uint32_t count, std::vecto
   const std::uint64_t size = std::uint64_t{cycle_len()} * count;
   const std::uint64_t offset = kPrtHeaderSize + std::uint64_t{cycle_len()} * first;
   out.resize(size);
-  file_.seekg(static_cast<std::streamoff>(offset));
-  if (!file_.read(reinterpret_cast<char*>(out.data()), static_cast<std::streamsize>(size)))
-    fail(path_, "cannot read " + std::to_string(size) + " bytes at offset " + std::to_string(offset));
+  read_at(offset, out.data(), out.size());
+}
+
+void PrtReader::read_at(std::uint64_t offset, std::uint8_t* out, std::size_t size) const {
+  std::size_t read = 0;
+  const int error = file_.read_at(offset, out, size, read);
+  if (error == 0 && read == size) return;
+  fail(path_, "cannot read " + std::to_string(size) + " bytes at offset " + std::to_string(offset) + ": " +
+                  (error != 0 ? platform::error_text(error) : "the file has become shorter"));
 }
 
 void PrtReader::for_each_cycle(const std::function<void(std::uint32_t, const std::uint8_t*)>& visit) {

@@ -1,14 +1,18 @@
 #pragma once
 
 #include <cstdint>
-#include <fstream>
 #include <functional>
 #include <string>
 #include <vector>
 
+#include "core/platform/input_file.h"
 #include "output/prt_format.h"
 
 namespace nvo {
+
+/// Whether a file begins as print files do, whole or damaged. One that can't be read may be one: throws
+/// `runtime_error`.
+bool begins_as_print_file(const std::string& path);
 
 /// A print file open for reading, by row cycles. The file is not trusted: its header must place every dot,
 /// its size must be exactly what the header promises, and a row cycle stays below `kMaxCycleBytes`, before
@@ -34,8 +38,10 @@ class PrtReader {
   void for_each_cycle(const std::function<void(std::uint32_t cycle, const std::uint8_t* bytes)>& visit);
 
  private:
+  void read_at(std::uint64_t offset, std::uint8_t* out, std::size_t size) const;
+
   std::string path_;
-  std::ifstream file_;
+  platform::InputFile file_;
   PrtHeader header_;
 };
 

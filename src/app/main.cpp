@@ -51,8 +51,8 @@ std::string utf8_argument(const char* argument) {
 }
 
 /// Answers on standard output; an answer that can't be read is none.
-int answer(const std::string& text, int code) {
-  if (std::fputs(text.c_str(), stdout) >= 0 && std::fflush(stdout) == 0) return code;
+int answer(const std::string& text) {
+  if (std::fputs(text.c_str(), stdout) >= 0 && std::fflush(stdout) == 0) return nvo::kExitDone;
   nvo::platform::write_error_line("nvo_rip: cannot write to standard output: ",
                                   nvo::platform::error_text(errno).c_str());
   return nvo::kExitFailed;
@@ -67,11 +67,14 @@ std::optional<std::string> answer_to(std::string_view question) {
 }
 
 int start(int argc, char** argv) {
-  if (argc < 2) return answer(kUsage, nvo::kExitUsage);
+  if (argc < 2) {
+    answer(kUsage);
+    return nvo::kExitUsage;
+  }
   if (argc == 2)
-    if (const auto text = answer_to(argv[1])) return answer(*text, nvo::kExitDone);
+    if (const auto text = answer_to(argv[1])) return answer(*text);
   const std::string input = utf8_argument(argv[1]);
-  if (input == kVersionQuery) return answer(nvo::version_json(nvo::app_version()) + "\n", nvo::kExitDone);
+  if (input == kVersionQuery) return answer(nvo::version_json(nvo::app_version()) + "\n");
   const std::string output = argc > 2 ? utf8_argument(argv[2]) : std::string();
   if (input.empty()) {
     std::fputs("Invalid input path encoding.\n", stderr);

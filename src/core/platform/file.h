@@ -9,6 +9,7 @@ namespace nvo::platform {
 /// The system's text for an error code of this header's functions.
 std::string error_text(int code);
 bool means_already_exists(int code);
+bool means_not_found(int code);
 /// True where another process holds the file for a moment and a later try may succeed.
 bool is_transient(int code);
 /// True where a direct write was not made of whole blocks.

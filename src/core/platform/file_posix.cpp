@@ -138,6 +138,9 @@ bool means_bad_alignment(int code) {
 bool means_already_exists(int code) {
   return code == EEXIST;
 }
+bool means_not_found(int code) {
+  return code == ENOENT || code == ENOTDIR;
+}
 bool is_transient(int code) {
   return code == EBUSY || code == ETXTBSY;
 }

@@ -40,10 +40,14 @@ bool is_memory_short() noexcept {
   }
 }
 
+// Before every other static object of the program is made.
+[[gnu::constructor(101)]] void install_early() {
+  install_last_resort();
+}
+
 }  // namespace
 
-// Before every other object of the program is made.
-[[gnu::constructor(101)]] void install_last_resort() noexcept {
+void install_last_resort() noexcept {
   std::set_terminate(end_by_terminate);
 }
 
