@@ -6,7 +6,11 @@
 #include <deque>
 #include <exception>
 #include <mutex>
+#include <optional>
+#include <system_error>
 #include <thread>
+
+#include "core/thread_shortage.h"
 
 namespace nvo {
 namespace {
@@ -57,13 +61,15 @@ class Helpers {
   /// Works on `tasks` with `count` helpers, as far as they come before the work is done.
   void work_on(TaskSet& tasks, std::size_t count) {
     Offer offer{&tasks, count};
+    std::optional<std::system_error> shortage;
     {
       const std::lock_guard lock(mutex_);
-      require_idle(open_places_ + count);
+      shortage = require_idle(open_places_ + count);
       offers_.push_back(&offer);
       open_places_ += count;
     }
     for (std::size_t i = 0; i < count; ++i) offered_.notify_one();
+    if (shortage) warn_of_thread_shortage(*shortage);
     tasks.work(0);
 
     std::unique_lock lock(mutex_);
@@ -91,8 +97,12 @@ class Helpers {
     for (std::thread& thread : threads_) thread.join();
   }
 
-  void require_idle(std::size_t count) {
+  /// Answers with the system's error where it gives fewer threads: then fewer come to help, or none.
+  std::optional<std::system_error> require_idle(std::size_t count) try {
     for (; idle_ < count; ++idle_) threads_.emplace_back([this] { help(); });
+    return std::nullopt;
+  } catch (const std::system_error& error) {
+    return error;
   }
 
   void help() {

@@ -9,8 +9,8 @@ namespace nvo {
 /// Runs `body(task, worker)` for tasks 0 .. `count` - 1 on at most `workers` threads, the calling one among
 /// them. Tasks are handed out in ascending order as threads become free; a thread keeps its number `worker`,
 /// below `workers`, throughout. After an exception no further task begins; that of the first task that failed
-/// is rethrown when all have ended. May be called from any thread, from a task too. Throws `system_error`
-/// where the system gives no thread.
+/// is rethrown when all have ended. May be called from any thread, from a task too. Where
+/// the system gives fewer threads, those that there are do the work.
 ///
 /// Other threads than the calling one stay for the next call: a job divides its rows hundreds of times.
 void parallel_tasks(std::size_t count, std::size_t workers,

@@ -2,6 +2,9 @@
 
 #include <algorithm>
 #include <stdexcept>
+#include <system_error>
+
+#include "core/thread_shortage.h"
 
 namespace nvo {
 
@@ -10,6 +13,9 @@ ThreadPool::ThreadPool(std::size_t thread_count) {
   workers_.reserve(thread_count);
   try {
     for (std::size_t i = 0; i < thread_count; ++i) workers_.emplace_back([state = state_] { work(state); });
+  } catch (const std::system_error& error) {
+    if (workers_.empty()) throw;
+    warn_of_thread_shortage(error);
   } catch (...) {
     shutdown(true);  // a thread that nobody joins would end the process
     throw;

@@ -42,8 +42,8 @@ class Executor {
 /// after it `submit` throws.
 class ThreadPool final : public Executor {
  public:
-  /// 0 workers means the hardware thread count, or 1 if that is unknown. Throws `system_error` where the
-  /// system gives no thread.
+  /// 0 workers means the hardware thread count, or 1 if that is unknown. Where the system gives fewer threads
+  /// the pool has those; throws `system_error` where it gives none.
   explicit ThreadPool(std::size_t thread_count);
   ~ThreadPool() override;
 

@@ -5,6 +5,8 @@
 #include <cstring>
 #include <system_error>
 
+#include "core/thread_shortage.h"
+
 namespace nvo::platform {
 namespace {
 
@@ -74,11 +76,11 @@ int BulkFile::flush_behind() {
   if (unflushed_ < kFlushBytes || is_flushing()) return 0;
   if (const int error = wait_for_flush()) return error;
   unflushed_ = 0;
-  try {
-    flushing_ = std::async(std::launch::async, [this] { return file_.flush(); });
-  } catch (const std::system_error&) {  // No thread to be had: the last flush takes longer.
-  }
+  flushing_ = std::async(std::launch::async, [this] { return file_.flush(); });
   return 0;
+} catch (const std::system_error& no_thread) {
+  warn_of_thread_shortage(no_thread);
+  return file_.flush();
 }
 
 /// How the last flush in between ended, if nobody has asked yet: the system tells of a failure only once.

@@ -26,8 +26,9 @@ BulkMemory allocate_bulk(std::size_t size);
 /// A new file that grows in order, to gigabytes. Whole blocks go to the disk past the page cache where the
 /// file system lets them: that is several times faster than filling the cache, and leaves the cache to other
 /// programs. The bytes of the file are the same either way. While the file grows, a thread of its own flushes
-/// what was appended so far, so that the disk works from the start and the last flush is short. Functions
-/// return 0 or the system's error; that of a flush in between comes with the next call. For one thread.
+/// what was appended so far, so that the disk works from the start and the last flush is short; without one
+/// `append` waits. Functions return 0 or the system's error; that of a flush in between comes with the next
+/// call. For one thread.
 class BulkFile {
  public:
   BulkFile() = default;
