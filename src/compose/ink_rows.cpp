@@ -79,6 +79,16 @@ void copy_run(const PixelRun& run, const std::uint8_t* mask, const InkRows& rows
   }
 }
 
+bool any_ink(const PixelRun& run, const std::uint8_t* mask, const InkRows& rows) {
+  for (std::size_t ink = rows.inks.size(); ink-- > 0;) {  // white, where there is most of it, first
+    const std::uint8_t* const row = rows.inks[ink];
+    for (std::uint32_t x = skip_zeros(row, run.begin, run.end); x < run.end;
+         x = skip_zeros(row, x + 1, run.end))
+      if (!run.holes || mask[x] != 0) return true;
+  }
+  return false;
+}
+
 void split_cmyk(const std::uint8_t* __restrict cmyk, std::size_t count, std::uint8_t* __restrict c,
                 std::uint8_t* __restrict m, std::uint8_t* __restrict y, std::uint8_t* __restrict k) {
   for (std::size_t i = 0; i < count; ++i) {

@@ -39,6 +39,9 @@ std::uint32_t find_runs(const std::uint8_t* mask, std::uint32_t count, std::vect
 /// Copies the columns of `run` whose `mask` byte is not 0; without holes the mask isn't looked at.
 void copy_run(const PixelRun& run, const std::uint8_t* mask, const InkRows& rows, const PixelTarget& target);
 
+/// Whether any of these columns has ink.
+bool any_ink(const PixelRun& run, const std::uint8_t* mask, const InkRows& rows);
+
 /// Takes `count` CMYK pixels apart.
 void split_cmyk(const std::uint8_t* cmyk, std::size_t count, std::uint8_t* c, std::uint8_t* m,
                 std::uint8_t* y, std::uint8_t* k);

@@ -64,6 +64,13 @@ void log_full_load_reason(const LayoutItem& item, const RasterSource& source) {
   }
 }
 
+/// A PDF says itself what is white; there nothing can be the wrong way round.
+void look_at_white(const ImageMeta& meta, const SourceView& view, const ItemTraits& traits,
+                   const IndexRange& rows, std::uint32_t width, ItemOutcome& outcome) {
+  if (traits.has_white && meta.kind != ImageSourceKind::pdf)
+    outcome.white += tally_white(view, traits, rows, width);
+}
+
 std::string key_part(const char* name, const std::string& value) {
   return std::string("|") + name + "=" + value;
 }
@@ -89,20 +96,23 @@ void ItemComposer::require_workers(std::size_t count) {
   while (worker_icc_.size() < count) worker_icc_.push_back(std::make_unique<WorkerIcc>());
 }
 
-void ItemComposer::compose_item(const LayoutItem& item, StripBuffer& strip, WorkerIcc* worker) {
+ItemOutcome ItemComposer::compose_item(const LayoutItem& item, StripBuffer& strip, WorkerIcc* worker) {
+  ItemOutcome outcome;
   const ItemPlacement placement = place_item(item, config_.src_dpi);
   const IndexRange rows = rows_on_strip(placement, strip);
-  if (rows.empty()) return;
+  if (rows.empty()) return outcome;
+  outcome.on_sheet = !columns_on_strip(placement, strip).empty();
   counters_.add(&CompositorCounters::items_blitted, 1);
 
-  const Job job{item, strip, worker, placement, rows, make_content_signature(item.path)};
+  const Job job{item, strip, worker, placement, rows, make_content_signature(item.path), outcome};
   if (auto source = open_source(job)) {
     warn_of_inert_switches();
-    if (compose_from_source(job, *source)) return;
+    if (compose_from_source(job, *source)) return outcome;
     // A whole image and a row source are never both kept for one file.
     caches_.forget_source(job.signature, source);
   }
   compose_from_image(job);
+  return outcome;
 }
 
 std::optional<ImageMeta> ItemComposer::item_meta(const LayoutItem& item) {
@@ -150,9 +160,9 @@ bool ItemComposer::compose_from_source(const Job& job, SharedSource& source) {
   plan.traits = make_item_traits(meta, plan.grid, config_, binary);
   alone.unlock();
 
-  const std::uint64_t pixels =
-      raster_onto_strip(job, plan, view_rows(meta, *buffer, source_rows, plan.traits));
-  counters_.add(&CompositorCounters::pixels_written, pixels);
+  const SourceView view = view_rows(meta, *buffer, source_rows, plan.traits);
+  look_at_white(meta, view, plan.traits, source_rows, plan.grid.source_width, job.outcome);
+  raster_onto_strip(job, plan, view);
   return true;
 }
 
@@ -175,14 +185,17 @@ void ItemComposer::compose_from_image(const Job& job) {
   std::shared_ptr<const LoadedImage> image;
   if (!raster) {
     image = load_item(job);
-    if (!image) return;
+    if (!image) {
+      job.outcome.failed_rows = {job.rows};
+      return;
+    }
   }
   counters_.add(&CompositorCounters::full_load_items, 1);
   if (!raster && !key.empty()) raster = prepare_item_raster(job, key, *image);
 
   std::uint64_t pixels = 0;
   if (raster && blit_prepared_raster(*raster, job.placement, job.strip, job.rows, pixels)) {
-    counters_.add(&CompositorCounters::pixels_written, pixels);
+    count_painted(job, {pixels, raster->has_ink});
   } else if (image) {
     compose_direct(job, *image);
   }
@@ -196,6 +209,7 @@ std::shared_ptr<const LoadedImage> ItemComposer::load_item(const Job& job) {
   } catch (const std::exception& error) {
     rethrow_machine_failure();
     log_warn("StripCompositor: cannot open: ", job.item.path, ": ", error.what());
+    job.outcome.failure = error.what();
     return nullptr;
   }
 }
@@ -229,17 +243,30 @@ std::shared_ptr<const PreparedItemRaster> ItemComposer::prepare_item_raster(cons
                           plan.traits.box);
   auto raster =
       std::make_shared<PreparedItemRaster>(job.placement.width, job.placement.height, plan.traits.has_white);
-  raster_rows(plan, view_image(image, job.item.rotated, plan.traits), columns, {0, job.placement.height},
-              raster->target());
+  const SourceView view = view_image(image, job.item.rotated, plan.traits);
+  look_at_white(image, view, plan.traits, {0, plan.grid.source_height}, plan.grid.source_width, job.outcome);
+  raster->has_ink = raster_rows(plan, view, columns, {0, job.placement.height}, raster->target()).has_ink;
   return caches_.insert_raster(key, std::move(raster));
 }
 
 void ItemComposer::compose_direct(const Job& job, const LoadedImage& image) {
-  if (image.width == 0 || image.height == 0) return;
+  if (image.width == 0 || image.height == 0) {
+    job.outcome.failure = "it has no pixels";
+    job.outcome.failed_rows = {job.rows};
+    return;
+  }
   Plan plan = make_plan(job, image);
   plan.traits = make_item_traits(image, plan.grid, config_, classify_white_coverage(job, &image, nullptr));
-  const std::uint64_t pixels = raster_onto_strip(job, plan, view_image(image, job.item.rotated, plan.traits));
-  counters_.add(&CompositorCounters::pixels_written, pixels);
+  const SourceView view = view_image(image, job.item.rotated, plan.traits);
+  look_at_white(image, view, plan.traits, source_rows_needed(plan.grid, plan.traits.box, job.rows),
+                plan.grid.source_width, job.outcome);
+  raster_onto_strip(job, plan, view);
+}
+
+void ItemComposer::count_painted(const Job& job, const Painted& painted) {
+  job.outcome.painted = painted.pixels != 0;
+  job.outcome.inked = painted.pixels != 0 && painted.has_ink;
+  counters_.add(&CompositorCounters::pixels_written, painted.pixels);
 }
 
 /// The plan before the coverage is classified, which may cost a pass over the whole file.
@@ -247,6 +274,7 @@ ItemComposer::Plan ItemComposer::make_plan(const Job& job, const ImageMeta& meta
   Plan plan;
   plan.grid = make_item_grid(meta, job.item.rotated, job.placement);
   plan.traits = make_item_traits(meta, plan.grid, config_, false);
+  job.outcome.white_is_alpha = plan.traits.white_is_alpha;
   plan.color = start_color(meta, plan.traits.is_rgb, job.worker);
   return plan;
 }
@@ -288,25 +316,26 @@ bool ItemComposer::classify_white_coverage(const Job& job, const LoadedImage* im
   return binary;
 }
 
-/// Returns the pixels written.
-std::uint64_t ItemComposer::raster_onto_strip(const Job& job, const Plan& plan, const SourceView& view) {
+void ItemComposer::raster_onto_strip(const Job& job, const Plan& plan, const SourceView& view) {
   const IndexRange columns = columns_on_strip(job.placement, job.strip);
-  if (columns.empty()) return 0;
+  if (columns.empty()) return;
   const ColumnMap map(columns.begin, columns.end, plan.grid.dest_width, plan.grid.source_width,
                       plan.traits.box);
-  return raster_rows(plan, view, map, job.rows,
-                     strip_target(job.strip, job.placement, columns, job.rows, plan.traits.has_white));
+  const PixelTarget target = strip_target(job.strip, job.placement, columns, job.rows, plan.traits.has_white);
+  count_painted(job, raster_rows(plan, view, map, job.rows, target));
 }
 
-/// Returns the pixels written. Without a worker of its own the item's rows may go to several threads; all but
-/// the first then need converters besides the shared one.
-std::uint64_t ItemComposer::raster_rows(const Plan& plan, const SourceView& view, const ColumnMap& columns,
-                                        const IndexRange& rows, const PixelTarget& target) {
+/// Without a worker of its own the item's rows may go to several threads; all but the first then need
+/// converters besides the shared one.
+ItemComposer::Painted ItemComposer::raster_rows(const Plan& plan, const SourceView& view,
+                                                const ColumnMap& columns, const IndexRange& rows,
+                                                const PixelTarget& target) {
   const std::uint64_t pixels = std::uint64_t{columns.size()} * rows.size();
   const bool has_thread_of_its_own = plan.color.worker != nullptr;
   const std::uint32_t threads =
       has_thread_of_its_own ? 1 : compose_threads(rows.size() / kMinRowsPerThread, pixels);
   std::atomic<std::uint64_t> written{0};
+  std::atomic<bool> has_ink{false};
   const std::vector<WorkRange> parts = guided_ranges(rows.size(), threads, kMinRowsPerThread);
   parallel_tasks(parts.size(), threads, [&](std::size_t part_number, std::size_t thread) {
     const auto [begin, end] = parts[part_number];
@@ -326,9 +355,10 @@ std::uint64_t ItemComposer::raster_rows(const Plan& plan, const SourceView& view
                           rows.begin + static_cast<std::uint32_t>(end)};
     rasterizer.raster_rows(part, target.moved_down(begin));
     written += rasterizer.pixels_written();
+    if (rasterizer.has_ink()) has_ink = true;
     counters_.add_when_profiling(&CompositorCounters::color_convert_ns, rasterizer.conversion_nanoseconds());
   });
-  return written;
+  return {written, has_ink};
 }
 
 }  // namespace nvo

@@ -10,6 +10,7 @@
 #include "compose/compositor_config.h"
 #include "compose/compositor_counters.h"
 #include "compose/item_caches.h"
+#include "compose/item_outcome.h"
 #include "compose/item_raster.h"
 #include "compose/lease_pool.h"
 #include "compose/strip_buffer.h"
@@ -30,8 +31,8 @@ class ItemComposer {
   void clear_caches() { caches_.clear(); }
 
   /// An item that cannot be read is logged and left out. A null worker uses the shared converters, and may
-  /// spread rows over threads.
-  void compose_item(const LayoutItem& item, StripBuffer& strip, WorkerIcc* worker);
+  /// spread rows over threads. Returns what became of the item on this strip.
+  ItemOutcome compose_item(const LayoutItem& item, StripBuffer& strip, WorkerIcc* worker);
 
   /// What an item's file says of itself, from the source that its composition will use. Nothing where it
   /// can't be opened; composing it then tells why.
@@ -53,12 +54,19 @@ class ItemComposer {
     ItemPlacement placement;
     IndexRange rows;  ///< of the item, that the strip shows
     ContentSignature signature;
+    ItemOutcome& outcome;
   };
   /// What all three ways compute from an item's metadata before the first pixel.
   struct Plan {
     ItemGrid grid;
     ItemTraits traits;
     RowColor color;
+  };
+
+  /// What rasterising wrote.
+  struct Painted {
+    std::uint64_t pixels = 0;
+    bool has_ink = false;
   };
 
   std::shared_ptr<SharedSource> open_source(const Job& job);
@@ -70,14 +78,15 @@ class ItemComposer {
   std::string raster_key(const Job& job) const;
   std::shared_ptr<const PreparedItemRaster> prepare_item_raster(const Job& job, const std::string& key,
                                                                 const LoadedImage& image);
+  void count_painted(const Job& job, const Painted& painted);
   void compose_direct(const Job& job, const LoadedImage& image);
 
   Plan make_plan(const Job& job, const ImageMeta& meta);
   RowColor start_color(const ImageMeta& meta, bool is_rgb, WorkerIcc* worker);
   bool classify_white_coverage(const Job& job, const LoadedImage* image, RasterSource* source);
-  std::uint64_t raster_onto_strip(const Job& job, const Plan& plan, const SourceView& view);
-  std::uint64_t raster_rows(const Plan& plan, const SourceView& view, const ColumnMap& columns,
-                            const IndexRange& rows, const PixelTarget& target);
+  void raster_onto_strip(const Job& job, const Plan& plan, const SourceView& view);
+  Painted raster_rows(const Plan& plan, const SourceView& view, const ColumnMap& columns,
+                      const IndexRange& rows, const PixelTarget& target);
 
   const StripCompositorConfig config_;
   ColorConversion conversion_;

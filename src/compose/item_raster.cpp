@@ -270,6 +270,7 @@ void RowRasterizer::write_runs(const std::uint8_t* cmyk, const std::uint8_t* alp
       if (traits_.has_white && traits_.alpha_active)
         premultiply(alpha + run.begin, size, white_.data() + run.begin);
     }
+    has_ink_ = has_ink_ || any_ink(run, alpha, rows);
     copy_run(run, alpha, rows, target);
   }
 }

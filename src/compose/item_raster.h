@@ -93,6 +93,7 @@ class RowRasterizer {
   void raster_rows(const IndexRange& rows, const PixelTarget& target);
 
   std::uint64_t pixels_written() const { return pixels_written_; }
+  bool has_ink() const { return has_ink_; }  ///< of any kind, in the pixels written
   std::uint64_t conversion_nanoseconds() const { return conversion_nanoseconds_; }
 
  private:
@@ -119,6 +120,7 @@ class RowRasterizer {
   std::array<std::vector<std::uint8_t>, 4> inks_;
   std::vector<PixelRun> runs_;
   std::uint64_t pixels_written_ = 0, conversion_nanoseconds_ = 0;
+  bool has_ink_ = false;
 };
 
 /// Pixels of a strip at the place of an item: the item's column `columns.begin` and row `rows.begin`.
@@ -130,7 +132,8 @@ PixelTarget strip_target(StripBuffer& strip, const ItemPlacement& placement, con
 struct PreparedItemRaster {
   std::uint32_t width = 0, height = 0;  ///< as placed
   bool has_white = false;
-  Plane valid;  ///< 1 where the pixel is to be written
+  bool has_ink = false;  ///< any plane has, once the raster is filled
+  Plane valid;           ///< 1 where the pixel is to be written
   Plane c, m, y, k, w;
 
   PreparedItemRaster() = default;

@@ -89,6 +89,7 @@ void StripCompositor::set_layout(const SheetLayout& layout) {
     return std::tie(a.top_in, a.bottom_in, a.position) < std::tie(b.top_in, b.bottom_in, b.position);
   });
   composer_.clear_caches();
+  outcomes_.assign(layout_.items.size(), {});
 }
 
 void StripCompositor::set_icc_settings(const IccSettings& settings) {
@@ -168,7 +169,18 @@ void StripCompositor::compose_in_parallel(const std::vector<const LayoutItem*>& 
 
 void StripCompositor::compose_item(const LayoutItem& item, StripBuffer& strip, WorkerIcc* worker) {
   const CounterBook::Timer timer(composer_.counters(), &CompositorCounters::blit_ns);
-  composer_.compose_item(item, strip, worker);
+  const ItemOutcome outcome = composer_.compose_item(item, strip, worker);
+  const std::lock_guard lock(outcomes_mutex_);
+  outcomes_[static_cast<std::size_t>(&item - layout_.items.data())].add(outcome);
+}
+
+std::vector<ItemReport> StripCompositor::item_reports() const {
+  std::vector<ItemReport> reports;
+  for (std::size_t i = 0; i < outcomes_.size(); ++i) {
+    const LayoutItem& item = layout_.items[i];
+    reports.push_back({item, place_item(item, config_.src_dpi).height, outcomes_[i]});
+  }
+  return reports;
 }
 
 void StripCompositor::finish_white(StripBuffer& strip) {

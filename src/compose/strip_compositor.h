@@ -15,6 +15,13 @@
 
 namespace nvo {
 
+/// An item of the layout and what became of it.
+struct ItemReport {
+  const LayoutItem& item;
+  std::uint32_t height_px = 0;  ///< as placed
+  ItemOutcome outcome;
+};
+
 /// Turns the placed sheet into strips: the full sheet width by some rows, on the source grid. Set layout,
 /// colour and profiling first; from then on `compose_strip` may run on several threads at once.
 class StripCompositor {
@@ -35,6 +42,9 @@ class StripCompositor {
   /// throws. The memory of `spent`, a strip that nobody needs any longer, is used again.
   StripBuffer compose_strip(std::uint32_t y, std::uint32_t height, StripBuffer spent = {});
 
+  /// One report an item, in the layout's order, of all strips composed so far; none may be in work.
+  std::vector<ItemReport> item_reports() const;
+
  private:
   struct IndexEntry {
     std::size_t position;  ///< in the layout's items
@@ -53,6 +63,8 @@ class StripCompositor {
   SheetLayout layout_;
   std::vector<IndexEntry> item_index_;  ///< by top edge
   ItemComposer composer_;
+  std::vector<ItemOutcome> outcomes_;  ///< by position in the layout
+  std::mutex outcomes_mutex_;
   std::mutex compose_mutex_;  ///< one strip at a time spreads its items over threads
 };
 

@@ -17,6 +17,7 @@ StripCycles BandQueue::take_spent() {
 void BandQueue::put(StripBand band) noexcept {
   {
     const std::lock_guard lock(mutex_);
+    rows_put_ += band.cycles.rows;
     filled_.push_back(std::move(band));
   }
   changed_.notify_all();
@@ -25,6 +26,25 @@ void BandQueue::put(StripBand band) noexcept {
 void BandQueue::wait_for_rows(std::uint64_t rows) {
   std::unique_lock lock(mutex_);
   changed_.wait(lock, [&] { return closed_ || rows_written_ >= rows; });
+}
+
+void BandQueue::begin_strip() {
+  const std::lock_guard lock(mutex_);
+  in_strip_ = true;
+}
+
+void BandQueue::end_strip() noexcept {
+  {
+    const std::lock_guard lock(mutex_);
+    in_strip_ = false;
+  }
+  changed_.notify_all();
+}
+
+std::optional<std::uint64_t> BandQueue::wait_for_band(std::uint64_t known) {
+  std::unique_lock lock(mutex_);
+  changed_.wait(lock, [&] { return !in_strip_ || rows_put_ > known; });
+  return in_strip_ ? std::optional(rows_put_) : std::nullopt;
 }
 
 void BandQueue::finish() noexcept {

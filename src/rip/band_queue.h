@@ -29,6 +29,12 @@ class BandQueue {
   void put(StripBand band) noexcept;
   /// Waits until so many rows have been written, or the writing side has given up.
   void wait_for_rows(std::uint64_t rows);
+  /// A strip is going to be put in, band by band; and no band of it follows, whole or not.
+  void begin_strip();
+  void end_strip() noexcept;
+  /// Waits for a band beyond the `known` rows that were put in, and returns how many rows there are then;
+  /// nothing when the strip has ended.
+  std::optional<std::uint64_t> wait_for_band(std::uint64_t known);
   /// No band follows.
   void finish() noexcept;
 
@@ -44,8 +50,8 @@ class BandQueue {
   std::condition_variable changed_;
   std::vector<StripBand> filled_;  ///< in order
   std::vector<StripCycles> spent_;
-  std::uint64_t rows_written_ = 0;
-  bool finished_ = false, closed_ = false;
+  std::uint64_t rows_put_ = 0, rows_written_ = 0;
+  bool in_strip_ = false, finished_ = false, closed_ = false;
 };
 
 }  // namespace nvo

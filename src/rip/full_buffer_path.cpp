@@ -51,6 +51,22 @@ SheetPlanes compose_sheet(SheetRun& run) {
   return sheet;
 }
 
+constexpr int kStages = static_cast<int>(kChannelCount);
+
+/// Of the job when so many channels are screened.
+float percent_of_channel(std::uint32_t done) {
+  return static_cast<float>(done) / static_cast<float>(kStages) * 45.0f + 45.0f;
+}
+
+/// The tasks refer to the frame that started them: none may outlive it.
+struct WaitForAll {
+  const std::array<std::future<void>, kChannelCount>& tasks;
+  ~WaitForAll() {
+    for (const auto& task : tasks)
+      if (task.valid()) task.wait();
+  }
+};
+
 std::vector<DropMap> rip_sheet(SheetRun& run, const SheetPlanes& sheet, const ChokePlanes& choke_planes,
                                const ChokeContext& context) {
   const std::uint8_t* coverage = choke_planes.coverage.empty() ? nullptr : choke_planes.coverage.data();
@@ -63,26 +79,32 @@ std::vector<DropMap> rip_sheet(SheetRun& run, const SheetPlanes& sheet, const Ch
                            nullptr, coverage ? &context : nullptr, &run.scratch[scratch]);
   };
 
-  constexpr int kStages = static_cast<int>(kChannelCount);
   if (run.pool) {
     run.throw_if_cancelled();
-    run.report(0, kStages, 45.0f, "Ripping channels");
+    run.report(0, kStages, percent_of_channel(0), "Ripping channels");
     std::array<std::future<void>, kChannelCount> pending;
     for (std::uint32_t channel = 0; channel < kChannelCount; ++channel)
       pending[channel] = run.pool->submit(
           [&rip_channel, channel](std::size_t scratch) { rip_channel(channel, scratch); }, channel);
-    for (const auto& task : pending) task.wait();  // the tasks refer to this frame: none may outlive it
+    const WaitForAll all{pending};
+    for (std::uint32_t channel = 0; channel < kChannelCount; ++channel) {
+      pending[channel].wait();
+      run.report(0, kStages, percent_of_channel(channel + 1), "Ripping channels");
+    }
     for (auto& task : pending) task.get();
   } else {
     for (std::uint32_t channel = 0; channel < kChannelCount; ++channel) {
       run.throw_if_cancelled();
-      run.report(static_cast<int>(channel), kStages,
-                 static_cast<float>(channel) / static_cast<float>(kStages) * 45.0f + 45.0f,
+      run.report(static_cast<int>(channel), kStages, percent_of_channel(channel),
                  "Ripping channel " + std::to_string(channel + 1) + "/5");
       rip_channel(channel, channel);
     }
   }
   return dropmaps;
+}
+
+bool has_drops(const DropMap& map) {
+  return std::ranges::any_of(map.data, [](std::uint8_t dot) { return dot != 0; });
 }
 
 }  // namespace
@@ -106,6 +128,7 @@ void run_full_buffer(SheetRun& run) {
   const std::vector<DropMap> dropmaps = rip_sheet(run, sheet, choke_planes, context);
   for (const DropMap& map : dropmaps) run.profile.device_channel_pixels += map.data.size();
 
+  run.require_printed(std::ranges::any_of(dropmaps, has_drops));
   run.report(static_cast<int>(run.strips), static_cast<int>(run.strips), 95.0f,
              "Writing " + std::string(print_extension(run.options.head())));
   const ScopedTimer timer(run.profile.writer);

@@ -1,10 +1,12 @@
 #include "rip/memory_estimate.h"
 
+#include <algorithm>
 #include <sstream>
 #include <stdexcept>
 #include <string>
 
 #include "core/checked.h"
+#include "screen/drop_map.h"
 
 namespace nvo {
 namespace {
@@ -13,8 +15,23 @@ constexpr std::uint64_t kFullBufferCap = 2147483648;
 constexpr double kMebibyte = 1048576.0;
 constexpr std::uint64_t kChannels = 5;
 
+constexpr std::uint64_t kRowBufferCap = 4294967296;
+constexpr std::uint64_t kBandsInWork = 2;
+// Bytes that a row worker takes for a source pixel and for a dot: codes, mixed and blended ink, and in a
+// choked colour the memory of ring dots. The columns' taps are shared by all.
+constexpr std::uint64_t kRowBytesOfPixel = 20, kRowBytesOfDot = 10, kRingBytesOfDot = 16;
+constexpr std::uint64_t kTapBytesOfPixel = 8, kTapBytesOfDot = 33;
+
 [[noreturn]] void fail_size(const char* label) {
   throw std::runtime_error(std::string("StreamRip: ") + label + " size overflow");
+}
+
+void require_below(const char* text, std::uint64_t estimate, std::uint64_t cap) {
+  if (estimate <= cap) return;
+  std::ostringstream message;
+  message << text << static_cast<double>(estimate) / kMebibyte << " MiB > cap "
+          << static_cast<double>(cap) / kMebibyte << " MiB";
+  throw std::runtime_error(message.str());
 }
 
 std::uint64_t times(std::uint64_t a, std::uint64_t b, const char* label) {
@@ -62,12 +79,22 @@ std::uint64_t full_buffer_bytes(const FullBufferNeeds& needs) {
 }
 
 void require_full_buffer_fits(const FullBufferNeeds& needs) {
-  const std::uint64_t estimate = full_buffer_bytes(needs);
-  if (estimate <= kFullBufferCap) return;
-  std::ostringstream text;
-  text << "StreamRip full-buffer memory cap exceeded: estimate " << static_cast<double>(estimate) / kMebibyte
-       << " MiB > cap " << static_cast<double>(kFullBufferCap) / kMebibyte << " MiB";
-  throw std::runtime_error(text.str());
+  require_below("StreamRip full-buffer memory cap exceeded: estimate ", full_buffer_bytes(needs),
+                kFullBufferCap);
+}
+
+std::uint64_t row_buffer_bytes(const StripNeeds& needs) {
+  const std::uint64_t workers = kBandsInWork * std::max<std::uint64_t>(needs.row_workers, 1);
+  std::uint64_t of_dot = workers * kChannels * kRowBytesOfDot + kTapBytesOfDot;
+  if (needs.device_choke) of_dot += workers * (kChannels - 1) * kRingBytesOfDot;
+  const std::uint64_t of_pixel = workers * kChannels * kRowBytesOfPixel + kTapBytesOfPixel;
+  return needs.dev_w * of_dot + needs.src_w * of_pixel;  // factors of 32 bits and, workers being few, of 16
+}
+
+void require_strip_fits(const StripNeeds& needs) {
+  checked_drop_map_bytes(needs.dev_w, needs.dev_rows);
+  require_below("StreamRip: the sheet is too wide: the buffers of its rows would take ",
+                row_buffer_bytes(needs), kRowBufferCap);
 }
 
 }  // namespace nvo

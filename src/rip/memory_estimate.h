@@ -21,4 +21,18 @@ std::uint64_t full_buffer_bytes(const FullBufferNeeds& needs);
 /// Throws when the estimate exceeds 2 GiB, naming both sizes.
 void require_full_buffer_fits(const FullBufferNeeds& needs);
 
+/// What the streaming path's largest strip depends on.
+struct StripNeeds {
+  std::uint32_t src_w = 0, dev_w = 0;
+  std::uint32_t dev_rows = 0;  ///< with the halo
+  bool device_choke = false;
+  std::uint32_t row_workers = 1;  ///< of each ink
+};
+
+/// Bytes that the row workers of all inks take beside the strip itself, however few rows it has.
+std::uint64_t row_buffer_bytes(const StripNeeds& needs);
+
+/// Throws where a channel of the strip exceeds 2 GiB, or its row buffers 4 GiB: the latter names both sizes.
+void require_strip_fits(const StripNeeds& needs);
+
 }  // namespace nvo

@@ -49,7 +49,13 @@ struct SheetRun {
 
   void report(int stage, int stage_count, float percent, std::string message, std::uint64_t rows = 0) const;
   void throw_if_cancelled() const;
+  /// Before the print file takes its name: says which images, or parts of them, are missing from a print with
+  /// or without any dot. Throws where `NVO_RIP_STRICT` forbids such a print.
+  void require_printed(bool any_drop) const;
 };
+
+/// Source rows that a strip of a streaming run needs above and below its own.
+std::uint32_t streaming_halo(const RipJobOptions& options, const PrintMode& mode, const ChokePlan& choke);
 
 /// Composed planes of a band of the sheet and what the white choke derives from them.
 struct ChokePlanes {

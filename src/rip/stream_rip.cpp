@@ -11,12 +11,14 @@
 #include "core/platform/environment.h"
 #include "core/scoped_timer.h"
 #include "core/text.h"
+#include "core/thread_shortage.h"
 #include "image/image_meta_probe.h"
 #include "plan/parallel.h"
 #include "plan/performance.h"
 #include "plan/sheet_geometry.h"
 #include "rip/job_summary.h"
 #include "rip/memory_estimate.h"
+#include "rip/print_review.h"
 #include "rip/sheet_run.h"
 #include "screen/device_grid.h"
 
@@ -133,18 +135,46 @@ const IccSettings& effective_icc(const RipJobOptions& options) {
   return job_sets_any ? job : options.icc;
 }
 
-// A strip whose drop maps could not be held is refused before anything is read or allocated for it. The row
-// buffers of the workers take as much as some rows of dots, however few rows the strip has.
-constexpr std::uint32_t kRowBuffersInRows = 256;
+struct SheetGrid {
+  std::uint32_t src_w = 0, src_h = 0, dev_w = 0, dev_h = 0;
+};
 
-void require_strip_fits(const RipJobOptions& options, const PrintMode& mode, std::uint32_t src_w,
-                        std::uint32_t src_h, std::uint32_t dev_w) {
-  const std::uint32_t rows = std::min(options.strip_h_px, src_h);
-  const std::uint32_t dev_rows = device_row(rows, src_h, options.src_dpi, mode.y_dpi);
-  checked_drop_map_bytes(dev_w, std::max(dev_rows, kRowBuffersInRows));
-  // On sheets of a hundred feet and more the engine's f32 width and this one part by a dot.
-  if (DeviceScale scale(options.src_dpi, mode.x_dpi, mode.y_dpi); device_extent(src_w, scale.x) != dev_w)
-    throw std::runtime_error("HosonWriter::write_dropmaps_strip: width mismatch");
+/// Where the f32 rules of strips and of screening part from the size in the print file, a sheet could only
+/// fail at its end.
+void require_exact_grid(const RipJobOptions& options, const PrintMode& mode, const SheetGrid& grid) {
+  const auto require = [](const char* excess, std::uint32_t source, std::uint32_t dots, std::uint32_t found) {
+    if (dots == found) return;
+    throw std::runtime_error(std::string("StreamRip: the sheet is too ") + excess +
+                             " to be screened exactly: " + std::to_string(source) + " source pixels are " +
+                             std::to_string(dots) + " dots, but single precision makes them " +
+                             std::to_string(found));
+  };
+  require("long", grid.src_h, grid.dev_h, device_row(grid.src_h, grid.src_h, options.src_dpi, mode.y_dpi));
+  const DeviceScale scale(options.src_dpi, mode.x_dpi, mode.y_dpi);
+  require("wide", grid.src_w, grid.dev_w, device_extent(grid.src_w, scale.x));
+}
+
+/// Refuses what could not be held, before anything is read or allocated for it.
+void require_strips_fit(const RipJobOptions& options, const PrintMode& mode, const ChokePlan& choke,
+                        const SheetGrid& grid, const RipEngineParams& params) {
+  const std::uint64_t rows = options.strip_h_px + 2 * std::uint64_t{streaming_halo(options, mode, choke)};
+  StripNeeds needs;
+  needs.src_w = grid.src_w;
+  needs.dev_w = grid.dev_w;
+  needs.dev_rows = device_row(static_cast<std::uint32_t>(std::min<std::uint64_t>(rows, grid.src_h)),
+                              grid.src_h, options.src_dpi, mode.y_dpi);
+  needs.device_choke = choke.device_choke;
+  needs.row_workers = shared_row_threads(params.side_by_side, needs.dev_rows, needs.dev_w, hardware_threads(),
+                                         params.performance_env, params.performance);
+  require_strip_fits(needs);
+}
+
+/// Null where not even one thread is to be had: the inks are then screened one after another.
+std::unique_ptr<ThreadPool> make_pool(std::uint32_t threads) try {
+  return std::make_unique<ThreadPool>(threads);
+} catch (const std::system_error& no_thread) {
+  warn_of_thread_shortage(no_thread);
+  return nullptr;
 }
 
 void log_streaming(std::uint32_t src_dpi, std::uint32_t y_dpi) {
@@ -166,6 +196,17 @@ void SheetRun::throw_if_cancelled() const {
   if (!job.cancel || !job.cancel()) return;
   log_info("StreamRip: cancelled.");
   throw RipCancelledError("RIP cancelled");
+}
+
+void SheetRun::require_printed(bool any_drop) const {
+  review_print(compositor.item_reports(), any_drop, options.src_dpi);
+}
+
+std::uint32_t streaming_halo(const RipJobOptions& options, const PrintMode& mode, const ChokePlan& choke) {
+  return halo_rows({options.src_dpi, mode.y_dpi,
+                    options.color_resampling_mode == ResamplingMode::hard &&
+                        options.white_resampling_mode == ResamplingMode::hard,
+                    choke.device_choke, options.white_choke_amount_px_at_300dpi, choke.min_width_dots});
 }
 
 void make_choke_planes(const SheetRun& run, const std::vector<Plane>& planes, std::uint32_t rows,
@@ -257,12 +298,14 @@ void StreamRip::run(SheetLayout sheet, const std::string& output_path,
   const SheetSize size = sheet_size(sheet, placed, pad_in, options.sheet_width_in);
   if (!(size.width_in > 0.0f)) {
     log_warn("StreamRip: empty sheet width, nothing to rip");
+    review_empty_sheet(sheet, "width");
     return;
   }
   const std::uint32_t src_w = source_pixels(size.width_in, options.src_dpi, "sheet width");
   const std::uint32_t src_h = source_pixels(size.height_in, options.src_dpi, "sheet height");
   if (src_h == 0) {
     log_warn("StreamRip: empty sheet, nothing to rip");
+    review_empty_sheet(sheet, "height");
     return;
   }
   const std::uint32_t dev_w = device_pixels(src_w, options.src_dpi, mode.x_dpi, "width");
@@ -283,18 +326,20 @@ void StreamRip::run(SheetLayout sheet, const std::string& output_path,
   const std::uint32_t threads = channel_threads(hw, performance);
   if (parallel_channels) log_info("StreamRip: parallel channel RIP enabled, threads=", threads);
   const bool streaming = mode.y_dpi >= options.src_dpi;
+  RipEngineParams params = engine_params(options, mode, choke, rip_settings);
+  params.performance = performance;
+  params.performance_env = env;
+  if (parallel_channels) params.side_by_side = threads;
   if (streaming) {
-    require_strip_fits(options, mode, src_w, src_h, dev_w);
+    const SheetGrid grid{src_w, src_h, dev_w, dev_h};
+    require_exact_grid(options, mode, grid);
+    require_strips_fit(options, mode, choke, grid, params);
   } else {
     require_full_buffer_fits({src_w, src_h, dev_w, dev_h, choke.device_choke, choke.protect_light,
                               parallel_channels, options.color_resampling_mode == ResamplingMode::hard,
                               options.white_resampling_mode == ResamplingMode::hard});
   }
 
-  RipEngineParams params = engine_params(options, mode, choke, rip_settings);
-  params.performance = performance;
-  params.performance_env = env;
-  if (parallel_channels) params.side_by_side = threads;
   StripCompositor compositor(compositor_config(options, size));
   compositor.set_layout(sheet);
   compositor.set_icc_settings(effective_icc(options));
@@ -305,7 +350,7 @@ void StreamRip::run(SheetLayout sheet, const std::string& output_path,
   writer.set_timing(profiling);
   std::unique_ptr<ThreadPool> pool;
   if (parallel_channels) {
-    pool = std::make_unique<ThreadPool>(threads);
+    pool = make_pool(threads);
     engine.ensure_column_taps(src_w, engine.device_width(src_w));
   }
 

@@ -1,5 +1,7 @@
 #include <algorithm>
 #include <array>
+#include <cstring>
+#include <functional>
 #include <future>
 #include <memory>
 #include <optional>
@@ -8,6 +10,7 @@
 #include "core/large_vector.h"
 #include "core/log.h"
 #include "core/scoped_timer.h"
+#include "core/thread_shortage.h"
 #include "plan/sheet_geometry.h"
 #include "rip/band_queue.h"
 #include "rip/sheet_run.h"
@@ -83,9 +86,13 @@ std::uint32_t rows_of_band(std::uint32_t strip_rows, std::size_t row_bytes) {
 
 class StripTask {
  public:
-  /// No strip has more rows, composed or on the device, than `largest`.
-  StripTask(SheetRun& run, BandQueue& bands, const StripPlace& largest)
-      : run_(run), bands_(bands), band_rows_(rows_of_band(largest.dev_rows, run.writer.row_bytes())) {
+  /// No strip has more rows, composed or on the device, than `largest`. `band_is_there` is called after each
+  /// band.
+  StripTask(SheetRun& run, BandQueue& bands, const StripPlace& largest, std::function<void()> band_is_there)
+      : run_(run),
+        bands_(bands),
+        band_is_there_(std::move(band_is_there)),
+        band_rows_(rows_of_band(largest.dev_rows, run.writer.row_bytes())) {
     reserve(largest);
   }
 
@@ -178,6 +185,7 @@ class StripTask {
       for (std::size_t channel = 0; channel < kChannelCount; ++channel)
         result.rip_ch[channel] += work.rip_ch[channel];
       bands_.put(std::move(work.band));
+      band_is_there_();
     };
 
     // Two bands are in work at a time, so that no thread waits for the slowest ink of a band.
@@ -208,6 +216,7 @@ class StripTask {
 
   SheetRun& run_;
   BandQueue& bands_;
+  const std::function<void()> band_is_there_;
   const std::uint32_t band_rows_;
   StripBuffer strip_buffer_;  ///< of the strip before; its memory serves the next, as that of all below
   ChokePlanes choke_planes_;
@@ -226,71 +235,153 @@ void add_to_profile(const StreamingStripResult& result, std::uint32_t dev_w, Str
   ++profile.compose_calls;
 }
 
-/// Writes the bands of all strips and returns the count of their rows. A failure stops the strip task too.
-std::uint64_t write_bands(SheetRun& run, BandQueue& bands) try {
-  std::uint64_t rows = 0;
-  while (std::optional<StripBand> band = bands.take()) {
-    const ScopedTimer timer(run.profile.writer);
-    run.writer.write_cycles_strip(band->cycles, band->dev_y);
-    rows += band->cycles.rows;
-    bands.give_back(std::move(band->cycles));
-  }
-  return rows;
-} catch (...) {
-  bands.close();
-  throw;
+bool has_drops(const StripCycles& cycles) {
+  const std::uint8_t* const bytes = cycles.bytes;  // all zero if the first is and each equals the next
+  return cycles.size != 0 && (bytes[0] != 0 || std::memcmp(bytes, bytes + 1, cycles.size - 1) != 0);
 }
+
+/// Puts the bands of all strips into the file, on a thread of its own. Where there is none, the thread that
+/// screens them writes each as soon as it is there.
+class BandWriter {
+ public:
+  BandWriter(SheetRun& run, BandQueue& bands)
+      : run_(run), bands_(bands), written_(start_work([this] { write_all(); })) {
+    alone_ = runs_by_itself(written_);
+  }
+  ~BandWriter() { bands_.finish(); }
+
+  /// For the screening side, after each band.
+  void band_is_there() {
+    if (!alone_) write(*bands_.take());
+  }
+  /// No band follows. Throws what writing threw.
+  void finish() {
+    bands_.finish();
+    written_.get();
+  }
+  std::uint64_t rows() const { return rows_; }  ///< written; after `finish`
+  bool any_drop() const { return any_drop_; }   ///< in them
+
+ private:
+  /// A failure stops the strip task too.
+  void write_all() try {
+    while (std::optional<StripBand> band = bands_.take()) write(std::move(*band));
+  } catch (...) {
+    bands_.close();
+    throw;
+  }
+  void write(StripBand band) {
+    any_drop_ = any_drop_ || has_drops(band.cycles);
+    const ScopedTimer timer(run_.profile.writer);
+    run_.writer.write_cycles_strip(band.cycles, band.dev_y);
+    rows_ += band.cycles.rows;
+    bands_.give_back(std::move(band.cycles));
+  }
+
+  SheetRun& run_;
+  BandQueue& bands_;
+  bool alone_ = false;
+  bool any_drop_ = false;
+  std::uint64_t rows_ = 0;
+  std::future<void> written_;  ///< waits in its destructor
+};
+
+/// A strip in work and what is told of it meanwhile.
+struct RunningStrip {
+  std::uint32_t stage = 0;  ///< strips done before it
+  StripPlace place;
+  std::uint64_t rows_before = 0;  ///< device rows of those strips
+  std::string message;
+  std::future<StreamingStripResult> result;
+};
+
+constexpr float kStreamingPercent = 95.0f;
+
+/// Streams the strips of a run through composition, screening and the writer.
+class StripStream {
+ public:
+  StripStream(SheetRun& run, std::uint32_t halo)
+      : run_(run),
+        halo_(halo),
+        bands_(kBandsInFlight),
+        writer_(run, bands_),
+        task_(run, bands_, largest_of_strips(run, halo), [this] { writer_.band_is_there(); }) {}
+
+  void run_all() try {
+    RunningStrip strip = start(run_.strips - 1, 0);
+    for (std::uint32_t remaining = run_.strips; remaining > 0; --remaining) {
+      report_bands(strip);
+      const StreamingStripResult result = strip.result.get();
+      bands_.wait_for_rows(strip.rows_before);  // however small strips are, two at the most are in flight
+      if (remaining > 1) strip = start(remaining - 2, strip.rows_before + result.dev_rows);
+      add_to_profile(result, run_.dev_w, run_.profile);
+    }
+  } catch (...) {
+    writer_.finish();  // a write that failed says more than the strip that it has stopped
+    throw;
+  }
+  BandWriter& writer() { return writer_; }
+
+ private:
+  RunningStrip start(std::uint32_t number, std::uint64_t rows_before) {
+    run_.throw_if_cancelled();
+    RunningStrip strip{run_.strips - 1 - number, place_strip(run_, number, halo_), rows_before, {}, {}};
+    strip.message =
+        "Streaming strip " + std::to_string(run_.strips - number) + "/" + std::to_string(run_.strips);
+    report(strip, 0);
+    log_debug("StreamRip: strip ", run_.strips - number, "/", run_.strips, " src_y=", strip.place.src_y,
+              " h=", strip.place.src_rows, strip.place.has_halo() ? " with halo" : "");
+    if (strip.stage == 0 && run_.announce) run_.announce();
+    bands_.begin_strip();
+    strip.result = start_work([this, place = strip.place] {
+      const EndOfStrip end{bands_};
+      return task_.rip_strip(place);
+    });
+    return strip;
+  }
+
+  /// Reports what a strip's bands have come to. The strip as a whole is told by the record that follows.
+  void report_bands(const RunningStrip& strip) {
+    if (!runs_by_itself(strip.result)) return;
+    const std::uint64_t all = strip.rows_before + strip.place.dev_rows;
+    for (std::uint64_t rows = strip.rows_before; const auto known = bands_.wait_for_band(rows);) {
+      rows = *known;
+      if (rows < all) report(strip, static_cast<std::uint32_t>(rows - strip.rows_before));
+    }
+  }
+
+  void report(const RunningStrip& strip, std::uint32_t rows_done) const {
+    float stages = static_cast<float>(strip.stage);
+    if (rows_done != 0) stages += static_cast<float>(rows_done) / static_cast<float>(strip.place.dev_rows);
+    run_.report(static_cast<int>(strip.stage), static_cast<int>(run_.strips),
+                stages / static_cast<float>(run_.strips) * kStreamingPercent, strip.message,
+                strip.rows_before + rows_done);
+  }
+
+  struct EndOfStrip {
+    BandQueue& bands;
+    ~EndOfStrip() { bands.end_strip(); }
+  };
+
+  SheetRun& run_;
+  const std::uint32_t halo_;
+  BandQueue bands_;
+  BandWriter writer_;
+  StripTask task_;
+};
 
 }  // namespace
 
 void run_streaming(SheetRun& run) {
-  const RipJobOptions& options = run.options;
   run.writer.begin_stream_write(run.output_path, run.dev_w, run.dev_h);
-  const std::uint32_t halo =
-      halo_rows({options.src_dpi, run.mode.y_dpi,
-                 options.color_resampling_mode == ResamplingMode::hard &&
-                     options.white_resampling_mode == ResamplingMode::hard,
-                 run.choke.device_choke, options.white_choke_amount_px_at_300dpi, run.choke.min_width_dots});
-
-  BandQueue bands(kBandsInFlight);
-  StripTask task(run, bands, largest_of_strips(run, halo));
-  const auto start_strip = [&](std::uint32_t strip) {
-    run.throw_if_cancelled();
-    const std::uint32_t stage = run.strips - 1 - strip;
-    const StripPlace place = place_strip(run, strip, halo);
-    run.report(static_cast<int>(stage), static_cast<int>(run.strips),
-               static_cast<float>(stage) / static_cast<float>(run.strips) * 95.0f,
-               "Streaming strip " + std::to_string(run.strips - strip) + "/" + std::to_string(run.strips),
-               run.dev_h - (place.dev_y + place.dev_rows));
-    log_debug("StreamRip: strip ", run.strips - strip, "/", run.strips, " src_y=", place.src_y,
-              " h=", place.src_rows, place.has_halo() ? " with halo" : "");
-    if (stage == 0 && run.announce) run.announce();
-    return std::async(std::launch::async, [&task, place] { return task.rip_strip(place); });
-  };
-
-  std::future<std::uint64_t> written =
-      std::async(std::launch::async, [&] { return write_bands(run, bands); });
-  try {
-    std::future<StreamingStripResult> next = start_strip(run.strips - 1);
-    std::uint64_t rows_before = 0;  // of the strips before the one that is done
-    for (std::uint32_t remaining = run.strips; remaining > 0; --remaining) {
-      const StreamingStripResult result = next.get();
-      bands.wait_for_rows(rows_before);  // however small strips are, two at the most are in flight
-      rows_before += result.dev_rows;
-      if (remaining > 1) next = start_strip(remaining - 2);
-      add_to_profile(result, run.dev_w, run.profile);
-    }
-  } catch (...) {
-    bands.finish();
-    written.get();  // a write that failed says more than the strip that it has stopped
-    throw;
-  }
-  bands.finish();
-  const std::uint64_t rows_written = written.get();
-  if (rows_written != run.dev_h) throw std::runtime_error("StreamRip: streamed row count mismatch");
+  StripStream stream(run, streaming_halo(run.options, run.mode, run.choke));
+  stream.run_all();
+  stream.writer().finish();
+  if (stream.writer().rows() != run.dev_h) throw std::runtime_error("StreamRip: streamed row count mismatch");
+  run.require_printed(stream.writer().any_drop());
 
   run.report(static_cast<int>(run.strips), static_cast<int>(run.strips), 97.0f,
-             "Finalizing " + std::string(print_extension(options.head())), run.dev_h);
+             "Finalizing " + std::string(print_extension(run.options.head())), run.dev_h);
   const ScopedTimer timer(run.profile.finalize);
   run.writer.end_stream_write();
 }

@@ -69,7 +69,7 @@ int BulkFile::append(const void* data, std::size_t size) {
   return 0;
 }
 
-int BulkFile::flush_behind() {
+int BulkFile::flush_behind() try {
   const auto is_flushing = [this] {
     return flushing_.valid() && flushing_.wait_for(std::chrono::seconds(0)) != std::future_status::ready;
   };
