@@ -5,13 +5,15 @@
 #include <cstdio>
 #include <utility>
 
+#include <nlohmann/json.hpp>
+
 #include "core/platform/clock.h"
 #include "core/platform/terminal.h"
 
 namespace nvo {
 namespace {
 
-constexpr std::uint64_t kDrawInterval = 100'000'000;  // nanoseconds
+constexpr std::uint64_t kShortestInterval = 100'000'000;  // nanoseconds
 constexpr double kNanosecondsPerSecond = 1e9;
 
 /// As in "0:07" or "1:02:30".
@@ -23,6 +25,16 @@ std::string clock_text(std::uint64_t seconds) {
                       : std::to_string(minutes / 60) + ":" + two_digits(minutes % 60) + tail;
 }
 
+double seconds_of(std::uint64_t nanoseconds) {
+  return static_cast<double>(nanoseconds) / kNanosecondsPerSecond;
+}
+
+/// Nothing before there is something to go by.
+std::optional<double> seconds_left(const RipProgress& progress, std::uint64_t elapsed_ns) {
+  if (elapsed_ns == 0 || !(progress.percent > 0.0f)) return std::nullopt;
+  return seconds_of(elapsed_ns) * (100.0 - progress.percent) / progress.percent;
+}
+
 }  // namespace
 
 ProgressTerminal standard_error_terminal() {
@@ -32,12 +44,50 @@ ProgressTerminal standard_error_terminal() {
 std::string progress_text(const RipProgress& progress, std::uint64_t elapsed_ns) {
   std::string text = progress.message + ": " + std::to_string(progress.stage) + " done, " +
                      std::to_string(static_cast<int>(progress.percent)) + " %";
-  const double seconds = static_cast<double>(elapsed_ns) / kNanosecondsPerSecond;
-  if (elapsed_ns == 0 || !(progress.percent > 0.0f)) return text;
+  const auto left = seconds_left(progress, elapsed_ns);
+  if (!left) return text;
   if (progress.rows != 0)
-    text += ", " + std::to_string(std::llround(static_cast<double>(progress.rows) / seconds)) + " rows/s";
-  const double left = seconds * (100.0 - progress.percent) / progress.percent;
-  return text + ", " + clock_text(static_cast<std::uint64_t>(std::ceil(left))) + " left";
+    text += ", " + std::to_string(std::llround(static_cast<double>(progress.rows) / seconds_of(elapsed_ns))) +
+            " rows/s";
+  return text + ", " + clock_text(static_cast<std::uint64_t>(std::ceil(*left))) + " left";
+}
+
+std::string progress_json(const RipProgress& progress, std::uint64_t elapsed_ns) {
+  const auto rounded = [](double value) { return std::round(value * 10.0) / 10.0; };
+  nlohmann::ordered_json record;
+  record["stage"] = progress.stage;
+  record["stages"] = progress.stage_count;
+  record["percent"] = rounded(progress.percent);
+  record["message"] = progress.message;
+  record["rows"] = progress.rows;
+  record["seconds"] = rounded(seconds_of(elapsed_ns));
+  record["left"] = nullptr;
+  if (const auto left = seconds_left(progress, elapsed_ns)) record["left"] = rounded(*left);
+  return record.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
+}
+
+std::optional<std::uint64_t> ProgressPace::due(const RipProgress& progress, std::uint64_t now) {
+  if (!start_) start_ = now;
+  const bool last_stages = progress.stage >= progress.stage_count;
+  if (shown_at_ && now - *shown_at_ < kShortestInterval && !last_stages) return std::nullopt;
+  shown_at_ = now;
+  return now - *start_;
+}
+
+ProgressFeed standard_error_feed() {
+  return {[](const std::string& line) { platform::write_unless_ended(line, false); },
+          platform::monotonic_nanoseconds};
+}
+
+JobCallbacks ProgressFeed::callbacks() {
+  JobCallbacks callbacks;
+  callbacks.progress = [this](const RipProgress& progress) { show(progress); };
+  return callbacks;
+}
+
+void ProgressFeed::show(const RipProgress& progress) {
+  if (const auto elapsed = pace_.due(progress, nanoseconds_()))
+    write_(progress_json(progress, *elapsed) + "\n");
 }
 
 ProgressLine::ProgressLine(ProgressTerminal terminal) : terminal_(std::move(terminal)) {}
@@ -60,12 +110,8 @@ JobCallbacks ProgressLine::callbacks() {
 
 void ProgressLine::show(const RipProgress& progress) {
   const std::lock_guard lock(mutex_);
-  const std::uint64_t now = terminal_.nanoseconds();
-  if (!start_) start_ = now;
-  const bool last_stages = progress.stage >= progress.stage_count;
-  if (drawn_at_ && now - *drawn_at_ < kDrawInterval && !last_stages) return;
-  drawn_at_ = now;
-  draw(progress_text(progress, now - *start_));
+  if (const auto elapsed = pace_.due(progress, terminal_.nanoseconds()))
+    draw(progress_text(progress, *elapsed));
 }
 
 void ProgressLine::step_aside(const std::function<void()>& print) {

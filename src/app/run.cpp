@@ -14,7 +14,9 @@
 #include "core/env_override.h"
 #include "core/log.h"
 #include "core/machine_failure.h"
+#include "core/platform/environment.h"
 #include "core/platform/terminal.h"
+#include "core/text.h"
 #include "output/print_temporary.h"
 
 namespace nvo {
@@ -34,8 +36,13 @@ void adopt_job_values(RipSettings& rip_settings, const JobSettings& job) {
   rip_settings.max_length_in = job.max_length_in;
 }
 
+constexpr const char* kProgress = "NVO_RIP_PROGRESS";
+
 bool wants_progress_line() {
-  return is_environment_true("NVO_RIP_PROGRESS") && platform::standard_error_is_terminal();
+  return is_environment_true(kProgress) && platform::standard_error_is_terminal();
+}
+bool wants_progress_feed() {
+  return ascii_lower(platform::environment(kProgress).value_or("")) == "json";
 }
 
 int run_guarded(const std::string& input_path, const std::string& explicit_output,
@@ -67,9 +74,12 @@ int run_guarded(const std::string& input_path, const std::string& explicit_outpu
   adopt_job_values(rip_settings, job);
   {
     std::optional<ProgressLine> line;
-    if (wants_progress_line()) line.emplace(standard_error_terminal());
-    run_job(input_path, output_path, rip_settings, job.icc, 0.0f, 0.0f,
-            line ? line->callbacks() : JobCallbacks(), &job, 0.0f, !explicit_output.empty());
+    ProgressFeed feed = standard_error_feed();
+    JobCallbacks callbacks;
+    if (wants_progress_line()) callbacks = line.emplace(standard_error_terminal()).callbacks();
+    if (wants_progress_feed()) callbacks = feed.callbacks();
+    run_job(input_path, output_path, rip_settings, job.icc, 0.0f, 0.0f, callbacks, &job, 0.0f,
+            !explicit_output.empty());
   }
   try {
     log_info("Done: ", output_path);

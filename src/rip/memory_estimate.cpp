@@ -1,6 +1,5 @@
 #include "rip/memory_estimate.h"
 
-#include <algorithm>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -84,11 +83,10 @@ void require_full_buffer_fits(const FullBufferNeeds& needs) {
 }
 
 std::uint64_t row_buffer_bytes(const StripNeeds& needs) {
-  const std::uint64_t workers = kBandsInWork * std::max<std::uint64_t>(needs.row_workers, 1);
-  std::uint64_t of_dot = workers * kChannels * kRowBytesOfDot + kTapBytesOfDot;
-  if (needs.device_choke) of_dot += workers * (kChannels - 1) * kRingBytesOfDot;
-  const std::uint64_t of_pixel = workers * kChannels * kRowBytesOfPixel + kTapBytesOfPixel;
-  return needs.dev_w * of_dot + needs.src_w * of_pixel;  // factors of 32 bits and, workers being few, of 16
+  std::uint64_t of_dot = kBandsInWork * kChannels * kRowBytesOfDot + kTapBytesOfDot;
+  if (needs.device_choke) of_dot += kBandsInWork * (kChannels - 1) * kRingBytesOfDot;
+  constexpr std::uint64_t kOfPixel = kBandsInWork * kChannels * kRowBytesOfPixel + kTapBytesOfPixel;
+  return needs.dev_w * of_dot + needs.src_w * kOfPixel;  // 32 bits times a few hundred
 }
 
 void require_strip_fits(const StripNeeds& needs) {

@@ -26,10 +26,10 @@ struct StripNeeds {
   std::uint32_t src_w = 0, dev_w = 0;
   std::uint32_t dev_rows = 0;  ///< with the halo
   bool device_choke = false;
-  std::uint32_t row_workers = 1;  ///< of each ink
 };
 
-/// Bytes that the row workers of all inks take beside the strip itself, however few rows it has.
+/// Bytes that screening takes for its rows beside the strip itself, however few rows that has, with one
+/// thread an ink. More threads take more, but never decide what is printed.
 std::uint64_t row_buffer_bytes(const StripNeeds& needs);
 
 /// Throws where a channel of the strip exceeds 2 GiB, or its row buffers 4 GiB: the latter names both sizes.

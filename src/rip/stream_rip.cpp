@@ -156,7 +156,7 @@ void require_exact_grid(const RipJobOptions& options, const PrintMode& mode, con
 
 /// Refuses what could not be held, before anything is read or allocated for it.
 void require_strips_fit(const RipJobOptions& options, const PrintMode& mode, const ChokePlan& choke,
-                        const SheetGrid& grid, const RipEngineParams& params) {
+                        const SheetGrid& grid) {
   const std::uint64_t rows = options.strip_h_px + 2 * std::uint64_t{streaming_halo(options, mode, choke)};
   StripNeeds needs;
   needs.src_w = grid.src_w;
@@ -164,8 +164,6 @@ void require_strips_fit(const RipJobOptions& options, const PrintMode& mode, con
   needs.dev_rows = device_row(static_cast<std::uint32_t>(std::min<std::uint64_t>(rows, grid.src_h)),
                               grid.src_h, options.src_dpi, mode.y_dpi);
   needs.device_choke = choke.device_choke;
-  needs.row_workers = shared_row_threads(params.side_by_side, needs.dev_rows, needs.dev_w, hardware_threads(),
-                                         params.performance_env, params.performance);
   require_strip_fits(needs);
 }
 
@@ -274,7 +272,8 @@ void StreamRip::rip_single(const std::string& input_path, const std::string& out
 
 /// What is told once the print file stands. It stands whether or not there is memory to tell of it.
 static void report_after_print(const SheetRun& run, bool profiling) try {
-  run.report(static_cast<int>(run.strips), static_cast<int>(run.strips), 100.0f, "Done");
+  run.report(static_cast<int>(run.strips), static_cast<int>(run.strips), 100.0f, "Done",
+             run.profile.streaming ? run.dev_h : 0);
   if (profiling) report_profile(run.profile, run.output_path);
   log_info("StreamRip: complete.");
 } catch (const std::bad_alloc&) {
@@ -333,7 +332,7 @@ void StreamRip::run(SheetLayout sheet, const std::string& output_path,
   if (streaming) {
     const SheetGrid grid{src_w, src_h, dev_w, dev_h};
     require_exact_grid(options, mode, grid);
-    require_strips_fit(options, mode, choke, grid, params);
+    require_strips_fit(options, mode, choke, grid);
   } else {
     require_full_buffer_fits({src_w, src_h, dev_w, dev_h, choke.device_choke, choke.protect_light,
                               parallel_channels, options.color_resampling_mode == ResamplingMode::hard,

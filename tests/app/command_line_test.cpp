@@ -150,7 +150,44 @@ TEST_F(CommandLine, ProgressIsForThoseWhoAskOnATerminal) {
   EXPECT_THAT(shown, testing::ContainsRegex("\rFinalizing .prt: 1 done, 97 %, [0-9]+ r"));
   EXPECT_THAT(shown, testing::ContainsRegex("\r +\r$")) << "gone at the end";
   EXPECT_EQ(TerminalRun(input, "0").read_to_end(), "");
+
+  const test::Outcome fed = test::run_to_end({NVO_RIP_PROGRAM, input}, {{"NVO_RIP_PROGRESS", "JSON"}});
+  EXPECT_EQ(lines(fed.out), lines(without_terminal.out));
+  EXPECT_THAT(fed.err,
+              testing::StartsWith(R"({"stage":0,"stages":1,"percent":0.0,"message":"Streaming strip 1/1")"));
+  EXPECT_THAT(fed.err, testing::HasSubstr("\n{\"stage\":1,\"stages\":1,\"percent\":100.0,"));
+  EXPECT_THAT(TerminalRun(input, "json").read_to_end(), testing::StartsWith("{"));
 }
+
+#ifdef NVO_FAULT_PRELOAD
+// Every thread of the job is refused in turn, alone and with all that follow.
+TEST_F(CommandLine, AShortageOfThreadsCostsNothingButTime) {
+  const std::string input = art("art.tif", 300, 1100);
+  const auto run = [&](const std::string& fault) {
+    return test::run_to_end({NVO_RIP_PROGRAM, input}, {{"LD_PRELOAD", NVO_FAULT_PRELOAD},
+                                                       {"NVO_FAULT", fault},
+                                                       {"NVO_FAULT_COUNT", dir.file("count")},
+                                                       {"NVO_RIP_PARALLEL_CHANNELS", "1"},
+                                                       {"NVO_RIP_PARALLEL_ROWS", "1"}});
+  };
+  ASSERT_EQ(run("thread:0").code, 0);
+  const std::string bytes = test::read_all(dir.file("art.prt"));
+  const int threads = std::stoi(test::read_all(dir.file("count")));
+  ASSERT_GT(threads, 4);
+  int told = 0;
+  for (int n = 1; n <= threads; ++n) {
+    for (const char* how : {":11", ":11:for-good"}) {
+      const test::Outcome outcome = run("thread:" + std::to_string(n) + how);
+      EXPECT_EQ(outcome.code, 0) << n << how << outcome.out;
+      EXPECT_TRUE(test::read_all(dir.file("art.prt")) == bytes) << n << how;
+      const std::string said = "gives the job no more threads";
+      EXPECT_EQ(outcome.out.find(said), outcome.out.rfind(said)) << "once";
+      told += outcome.out.find(said) != std::string::npos ? 1 : 0;
+    }
+  }
+  EXPECT_GE(told, threads) << "not every run asks for as many";
+}
+#endif
 
 TEST_F(CommandLine, TerminationInTheMiddleKeepsTheOldFileAndEndsTheLineShown) {
   const std::string input = art("long.tif", 1200, 6000);

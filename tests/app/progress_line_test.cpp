@@ -22,6 +22,26 @@ TEST(ProgressText, TellsRateAndTimeLeftOnceThereIsSomethingToGoBy) {
   for (const auto& [progress, elapsed, text] : cases) EXPECT_EQ(progress_text(progress, elapsed), text);
 }
 
+TEST(ProgressFeed, IsALineOfJsonAStepTenTimesASecond) {
+  std::uint64_t now = 7 * kSecond;
+  std::string sent;
+  ProgressFeed feed([&](const std::string& line) { sent += line; }, [&] { return now; });
+  for (int step = 0; step < 5; ++step, now += 60'000'000)
+    feed.show({1, 4, 25.0f + static_cast<float>(step), "Strip \"2/4\"", 6144});
+  feed.show({4, 4, 97.0f, "End", 0});
+  feed.show({4, 4, 100.0f, "Done", 0});
+  const std::string strip = R"(,"message":"Strip \"2/4\"","rows":6144,"seconds":)";
+  EXPECT_EQ(
+      sent,
+      R"({"stage":1,"stages":4,"percent":25.0)" + strip + "0.0,\"left\":null}\n" +
+          R"({"stage":1,"stages":4,"percent":27.0)" + strip + "0.1,\"left\":0.3}\n" +
+          R"({"stage":1,"stages":4,"percent":29.0)" + strip + "0.2,\"left\":0.6}\n" +
+          R"({"stage":4,"stages":4,"percent":97.0,"message":"End","rows":0,"seconds":0.3,"left":0.0})" +
+          "\n" +
+          R"({"stage":4,"stages":4,"percent":100.0,"message":"Done","rows":0,"seconds":0.3,"left":0.0})" +
+          "\n");
+}
+
 TEST(ProgressLine, IsRewrittenInPlaceAndGoneAtTheEnd) {
   std::uint64_t now = 7 * kSecond;
   std::size_t columns = 80;

@@ -76,6 +76,18 @@ TEST(FullBufferEstimate, CountsEveryBufferUpToAnExactCap) {
             "StreamRip: full-buffer source buffer size overflow");
 }
 
+TEST(StripLimits, RefuseOnlyWhatCannotBeHeld) {
+  const std::tuple<StripNeeds, const char*> cases[] = {
+      {{3'600'000, 8'640'000, 36, true}, ""},
+      {{145'636, 349'525, 6'144, true}, ""},
+      {{145'636, 349'525, 6'186, true}, "DropMap: allocation exceeds 2 GiB cap"},
+      {{6'700'000, 16'080'000, 36, false}, ""},
+      {{6'700'000, 16'080'000, 36, true},
+       "StreamRip: the sheet is too wide: the buffers of its rows would take 5331.5 MiB > cap 4096 MiB"}};
+  for (const auto& [needs, text] : cases)
+    EXPECT_EQ(test::failure_of([&needs = needs] { require_strip_fits(needs); }), text) << needs.dev_rows;
+}
+
 TEST(RunProfile, LogAndJsonTellTheSameNumbers) {
   for (const char* word : {"TRUE", "Yes", "0", "force"}) {
     const ScopedVariable variable("NVO_RIP_PROFILE", word);

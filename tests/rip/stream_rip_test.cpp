@@ -59,7 +59,7 @@ TEST(StreamRip, ProgressAndCancel) {
   const std::pair<const char*, std::vector<std::string>> cases[] = {
       {"xp600_360x720",
        {"0/3 0% Streaming strip 1/3, 0", "1/3 31% Streaming strip 2/3, 6", "2/3 63% Streaming strip 3/3, 18",
-        "3/3 97% Finalizing .prt, 30", "3/3 100% Done, 0"}},
+        "3/3 97% Finalizing .prt, 30", "3/3 100% Done, 30"}},
       {"xp600_360x540",
        {"0/3 0% Compositing strip 1/3, 0", "1/3 15% Compositing strip 2/3, 0",
         "2/3 30% Compositing strip 3/3, 0", "0/5 45% Ripping channel 1/5, 0",
@@ -94,6 +94,21 @@ TEST(StreamRip, ProgressAndCancel) {
       EXPECT_EQ(test::read_all(job.output), before) << "the older file stays";
       EXPECT_EQ(job.dir.names(), (std::vector<std::string>{"art.prt", "art.tif"}));
     }
+  }
+}
+
+// A strip of eleven bands. How many of them are told of depends on the threads; one at least is.
+TEST(StreamRip, PercentRisesWithinAStrip) {
+  Job job;
+  test::write_tiff(job.input, picture(3000, 700));
+  std::vector<RipProgress> seen;
+  job.rip.progress = [&](const RipProgress& progress) { seen.push_back(progress); };
+  job.run();
+  ASSERT_GT(seen.size(), 3u);
+  for (std::size_t i = 1; i < seen.size(); ++i) {
+    EXPECT_GT(seen[i].percent, seen[i - 1].percent);
+    EXPECT_EQ(seen[i].message == "Streaming strip 1/1", i + 2 < seen.size());
+    EXPECT_GE(seen[i].rows, seen[i - 1].rows);
   }
 }
 
@@ -137,10 +152,17 @@ TEST(StreamRip, SheetsThatCannotBePrintedFailBeforeAnyFile) {
   EXPECT_EQ(failure_of_sheet(2000, 10), "DropMap: allocation exceeds 2 GiB cap");
   job.rip.options.print_mode = *find_print_mode({}, "360x1200_2pass");
   // So far out the two ways of sizing the device grid part by a dot; screening would race or overrun.
-  EXPECT_EQ(failure_of_sheet(1310727.0f / 300.0f, 1.0f / 300.0f),
-            "HosonWriter::write_dropmaps_strip: width mismatch");
-  job.rip.options.src_dpi = 600;
+  EXPECT_EQ(
+      failure_of_sheet(1310727.0f / 300.0f, 1.0f / 300.0f),
+      "StreamRip: the sheet is too wide to be screened exactly: 1310727 source pixels are 1572872 dots, but "
+      "single precision makes them 1572873");
   job.rip.options.print_head = 2;
+  job.rip.options.print_mode = *find_print_mode({0, 2}, "xp600_360x720");
+  EXPECT_EQ(
+      failure_of_sheet(1.0f / 300.0f, 655361.0f / 300.0f),
+      "StreamRip: the sheet is too long to be screened exactly: 655361 source pixels are 1572866 dots, but "
+      "single precision makes them 1572867");
+  job.rip.options.src_dpi = 600;
   job.rip.options.print_mode = *find_print_mode({0, 2}, "xp600_360x540");
   EXPECT_THAT(failure_of_sheet(22, 60), testing::StartsWith("StreamRip full-buffer memory cap exceeded"));
   job.rip.options.strip_h_px = 0;
