@@ -23,7 +23,8 @@ struct Url {
 /// Nothing when the text is no absolute URL with a host.
 std::optional<Url> parse_url(const std::string& text);
 
-/// What came of one request: a response with its status and body, or the text and the code of a failure.
+/// What came of one request: a response with its status and body, or the text and the code of a failure. A
+/// response that is too large to be looked at has a status and an `error`, and no body.
 struct HttpsAnswer {
   bool received = false;
   std::uint32_t status = 0;
@@ -37,8 +38,8 @@ struct HttpsAnswer {
 /// time; nothing is thrown but `std::bad_alloc`.
 class HttpsTransport {
  public:
-  /// `ca_file` names the PEM file of the authorities to trust; empty for those of the system. Answers of more
-  /// than `max_body` bytes are failures.
+  /// `ca_file` names the PEM file of the authorities to trust; empty for those of the system. `max_body` is
+  /// the most bytes that an answer may have.
   HttpsTransport(TransportLimits limits, std::string ca_file, std::size_t max_body);
   ~HttpsTransport();
   HttpsTransport(const HttpsTransport&) = delete;

@@ -10,6 +10,7 @@
 #include <curl/curl.h>
 
 #include "core/text.h"
+#include "update/signature.h"
 
 namespace nvo {
 namespace {
@@ -148,6 +149,12 @@ struct Response {
   bool too_large = false;
 };
 
+/// The library's own limit, of one header, shows as a failed allocation; later versions have a code for it.
+bool means_too_long_a_header(CURLcode code) {
+  constexpr int kTooLarge = 100;
+  return code == CURLE_OUT_OF_MEMORY || static_cast<int>(code) == kTooLarge;
+}
+
 enum class Phase { connect, send, receive };
 
 Phase phase_of(const Transfer& transfer, std::size_t request_size) {
@@ -183,6 +190,7 @@ Headers json_headers() {
 }
 
 CURLcode library_state() {
+  start_crypto();
   static const CURLcode state = curl_global_init(CURL_GLOBAL_DEFAULT);
   return state;
 }
@@ -282,11 +290,8 @@ class HttpsTransport::Session {
     if (options.code() != CURLE_OK) return failed("WinHttpOpenRequest", options.code());
 
     const CURLcode code = perform(transfer, json.size());
-    if (response.too_large) {
-      HttpsAnswer answer;
-      answer.error = "Update response exceeds maximum allowed size";
-      return answer;
-    }
+    if (response.too_large || (transfer.http_status() != 0 && means_too_long_a_header(code)))
+      return {true, transfer.http_status(), {}, "Update response exceeds maximum allowed size", 0};
     if (code != CURLE_OK) return failed_exchange(code);
     return {true, transfer.http_status(), std::move(response.body), {}, 0};
   }

@@ -1,8 +1,10 @@
 #include <algorithm>
 #include <array>
+#include <cstdlib>
 #include <memory>
 #include <stdexcept>
 
+#include <openssl/crypto.h>
 #include <openssl/err.h>
 #include <openssl/evp.h>
 #include <openssl/rand.h>
@@ -79,6 +81,17 @@ Key import_rsa_key(std::string_view base64) {
 
 }  // namespace
 
+void start_crypto() {
+  static const bool started = [] {
+    for (const char* name :
+         {"OPENSSL_CONF", "OPENSSL_CONF_INCLUDE", "OPENSSL_MODULES", "OPENSSL_ENGINES", "SSL_CERT_FILE",
+          "SSL_CERT_DIR", "SSLKEYLOGFILE", "CURL_CA_BUNDLE", "CTLOG_FILE"})
+      ::unsetenv(name);
+    return OPENSSL_init_crypto(OPENSSL_INIT_NO_LOAD_CONFIG, nullptr) == 1;
+  }();
+  static_cast<void>(started);
+}
+
 void verify_rs256(std::string_view message, std::string_view signature, std::string_view public_key) {
   const ErrorQueueGuard guard;
   const std::string bytes = decode_base64(signature);
@@ -96,6 +109,7 @@ void verify_rs256(std::string_view message, std::string_view signature, std::str
 }
 
 std::string random_nonce() {
+  start_crypto();
   std::array<unsigned char, kNonceBytes> bytes{};
   if (RAND_bytes(bytes.data(), static_cast<int>(bytes.size())) != 1) {
     ERR_clear_error();

@@ -122,12 +122,32 @@ UpdateManifest decode_payload(const json& object) {
   return manifest;
 }
 
+/// Other programs take URLs apart by other rules, so the host has to stand where nobody can see another one:
+/// printable ASCII (RFC 3986), no user, no backslash, no escapes or brackets in the host.
+bool is_plain_https_url(std::string_view url) {
+  constexpr std::string_view kScheme = "https://";
+  const auto is_url_byte = [](char c) { return c > ' ' && c <= '~' && c != '\\'; };
+  if (!std::all_of(url.begin(), url.end(), is_url_byte) ||
+      ascii_lower(url.substr(0, kScheme.size())) != kScheme)
+    return false;
+  url.remove_prefix(kScheme.size());
+  const std::string_view authority = url.substr(0, url.find_first_of("/?#"));
+  const auto colon = authority.find(':');
+  const std::string host = ascii_lower(authority.substr(0, colon));
+  if (host.empty() || host.find_first_not_of("abcdefghijklmnopqrstuvwxyz0123456789-.") != std::string::npos)
+    return false;
+  if (colon == std::string_view::npos) return true;
+  const std::string_view port = authority.substr(colon + 1);
+  return !port.empty() && port.find_first_not_of("0123456789") == std::string_view::npos;
+}
+
 void check_download_url(const std::string& url, const std::string& label,
                         const std::vector<std::string>& hosts) {
   if (url.find('\0') != std::string::npos) throw ManifestError("Invalid URL encoding: " + label);
   const auto parsed = parse_url(url);
   if (!parsed) throw ManifestError("Cannot parse URL: " + label);
   if (parsed->scheme != "https") throw ManifestError("URL must use HTTPS: " + label);
+  if (!is_plain_https_url(url)) throw ManifestError("Cannot parse URL: " + label);
   const std::string host = ascii_lower(parsed->host);
   if (std::find(hosts.begin(), hosts.end(), host) == hosts.end())
     throw ManifestError("Update download host is not allowed: " + host);

@@ -60,8 +60,8 @@ SignedManifest decode_signed_manifest(std::string_view body);
 /// What is signed: a line "key=value" for each field of the payload, in their order.
 std::string canonical_manifest(const UpdateManifest& manifest);
 
-/// Tests what an update has to be downloaded from: HTTPS URLs of `download_hosts`, a digest and a size.
-/// Throws `ManifestError`.
+/// Tests what an update has to be downloaded from: HTTPS URLs of `download_hosts`, without a user,
+/// backslashes or escapes in the host, a digest and a size. Throws `ManifestError`.
 void check_download_offer(const UpdateManifest& manifest, const std::vector<std::string>& download_hosts);
 
 /// Seconds since 1970 of a text like "2025-01-31T23:59:59Z", or nothing when it is none.

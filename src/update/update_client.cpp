@@ -123,12 +123,9 @@ class Check {
     result_.transport_ok = true;
     result_.origin = origin;
     result_.http_status = answer.status;
-    result_.error.clear();
-    try {
-      adopt_manifest(result_, verify_manifest(answer.body, {kPath, nonce_, kIssuer, seconds_since_1970(),
-                                                            service_.public_key, service_.download_hosts}));
-    } catch (const std::exception& e) {
-      result_.error = e.what();
+    result_.error = answer.error;
+    if (answer.error.empty()) believe(answer.body);
+    if (!result_.manifest_valid) {
       trace_.write(fail_stage(), {{"origin", origin},
                                   {"error", result_.error},
                                   {"http_status", std::to_string(answer.status)},
@@ -147,6 +144,16 @@ class Check {
                   {"latest_build_id", result_.latest_build_id},
                   {"effective_url", origin + kPath}});
     if (is_fallback_) log_info("Update check fallback origin succeeded: ", origin);
+  }
+
+  /// Adopts the answer if it is one to believe.
+  void believe(const std::string& body) {
+    try {
+      adopt_manifest(result_, verify_manifest(body, {kPath, nonce_, kIssuer, seconds_since_1970(),
+                                                     service_.public_key, service_.download_hosts}));
+    } catch (const std::exception& e) {
+      result_.error = e.what();
+    }
   }
 
   const char* fail_stage() const {

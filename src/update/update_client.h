@@ -9,7 +9,8 @@
 namespace nvo {
 
 /// Asks an update service whether there is a newer version. Only an origin that can't be reached leads to the
-/// next one; an answer is final. No call throws: a failed check is a result with `error` set.
+/// next one; an answer is final, one that is too large as well. No call throws: a failed check is a result
+/// with `error` set.
 class UpdateClient {
  public:
   /// `trace` has to outlive the client.

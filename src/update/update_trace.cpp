@@ -2,12 +2,13 @@
 
 #include <ctime>
 #include <exception>
-#include <fstream>
 
 #include <nlohmann/json.hpp>
 
 #include "config/settings_paths.h"
+#include "core/platform/append_file.h"
 #include "core/platform/clock.h"
+#include "core/platform/paths.h"
 
 namespace nvo {
 namespace {
@@ -45,8 +46,8 @@ void UpdateTrace::append(std::string_view stage, const Pairs& pairs) {
   line["ts"] = utc_now();
   line["stage"] = stage;
   for (const auto& [key, value] : pairs) line[std::string(key)] = value;
-  std::ofstream(path_, std::ios::binary | std::ios::app)
-      << line.dump(-1, ' ', false, ordered_json::error_handler_t::replace) + "\n";
+  platform::append_to_file(platform::to_utf8(path_),
+                           line.dump(-1, ' ', false, ordered_json::error_handler_t::replace) + "\n");
 }
 
 }  // namespace nvo

@@ -10,8 +10,8 @@
 namespace nvo {
 
 /// The update check's own record: one JSON object a line, appended to `logs/update_trace.log` in the user's
-/// settings folder. Any thread may write. A line that can't be written is lost without a word, so that
-/// tracing never disturbs a check.
+/// settings folder, which has to be a regular file and no link. Any thread may write. A line that can't be
+/// written is lost without a word, so that tracing never disturbs a check.
 class UpdateTrace {
  public:
   using Pairs = std::vector<std::pair<std::string_view, std::string>>;

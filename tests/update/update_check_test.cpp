@@ -147,6 +147,13 @@ TEST_F(UpdateCheck, OnlyAnUnreachableOriginLeadsToTheFallback) {
                            kFailed + "7)\",\"winhttp_error_code\":\"7\",\"reason\":\"transport failed\"}\n"));
   EXPECT_THAT(trace(), testing::HasSubstr("\"update_check_fallback_ok\""));
 
+  for (const std::string& headers : {std::string("\r\n"), "X: " + std::string(90'000, 'x') + "\r\n"}) {
+    const LoopbackServer large(always({kOk + headers + std::string(0x50000, ' '), Answer::hold}), ca_file);
+    EXPECT_EQ(failure({large.url(), good.url()}), "Update response exceeds maximum allowed size");
+    EXPECT_EQ(std::tuple(result.transport_ok, result.http_status, result.origin),
+              std::tuple(true, 200u, large.url()));
+  }
+
   const LoopbackServer bad(always(http_answer("{}")), ca_file);
   EXPECT_EQ(failure({bad.url(), good.url()}), "Missing payload in signed update manifest");
   EXPECT_THAT(trace(),

@@ -4,6 +4,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include "support/child_process.h"
 #include "support/temp_dir.h"
@@ -31,13 +32,15 @@ class UpdateRun : public testing::Test {
                          {"ca_file", dir.file("ca.pem")}};
     test::write_all(dir.file("service.json"), record.dump());
   }
-  test::Outcome rip(const char* program = NVO_UPDATE_TEST_PROGRAM, const char* language = "C") {
+  test::Outcome rip(const char* program = NVO_UPDATE_TEST_PROGRAM, const char* language = "C",
+                    std::map<std::string, std::string> environment = {}) {
     std::filesystem::remove(dir.file("art.prt"));
-    const auto outcome = test::run_to_end({program, dir.file("art.tif")},
-                                          {{"XDG_CONFIG_HOME", dir.file("config")},
-                                           {"NVO_UPDATE_TEST_SERVICE", dir.file("service.json")},
-                                           {"LC_ALL", language},
-                                           {"no_proxy", "*"}});
+    environment.insert({{"XDG_CONFIG_HOME", dir.file("config")},
+                        {"NVO_UPDATE_TEST_SERVICE", dir.file("service.json")},
+                        {"LC_ALL", language},
+                        {"no_proxy", "*"}});
+    const auto outcome =
+        test::run_to_end({"/usr/bin/timeout", "60", program, dir.file("art.tif")}, environment);
     EXPECT_EQ(std::filesystem::exists(dir.file("art.prt")), outcome.code == 0);
     return outcome;
   }
@@ -100,6 +103,42 @@ TEST_F(UpdateRun, AMandatoryUpdateBlocksAlsoWithoutTheServerUntilTheNewBuildRuns
   is_blocked(remembered);
   serve(manifest_with({{"update_available", false}}));
   EXPECT_EQ(rip().code, 0) << "the service took it back";
+}
+
+TEST_F(UpdateRun, TheEnvironmentHasNoSayInTheCheck) {
+  test::write_all(dir.file("openssl.cnf"),
+                  "openssl_conf = all\n[all]\nssl_conf = ssl\n[ssl]\nsystem_default = tls\n"
+                  "[tls]\nMaxProtocol = TLSv1\n");  // with which no connection stands
+  serve(manifest_with());
+  const test::Outcome outcome = rip(NVO_UPDATE_TEST_PROGRAM, "C",
+                                    {{"OPENSSL_CONF", dir.file("openssl.cnf")},
+                                     {"OPENSSL_MODULES", dir.file("")},
+                                     {"SSLKEYLOGFILE", dir.file("keys")},
+                                     {"SSL_CERT_FILE", "/dev/null"}});
+  EXPECT_THAT(outcome.out, HasSubstr("[INFO ] Update available: 0.2.0\n"));
+  EXPECT_FALSE(std::filesystem::exists(dir.file("keys")));
+}
+
+/// Pipes and links stand where the check reads and writes; they are neither waited for nor followed.
+TEST_F(UpdateRun, OnlyRegularFilesAreReadOrWritten) {
+  const std::string own = dir.file("config/NVO_RIP/"), latch = own + "mandatory_update_latch.json";
+  std::filesystem::create_directories(own + "logs");
+  ASSERT_EQ(::mkfifo(latch.c_str(), 0600) | ::mkfifo(dir.file("ru.json").c_str(), 0600), 0);
+  test::write_all(dir.file("precious"), "");
+  std::filesystem::create_symlink(dir.file("precious"), own + "logs/update_trace.log");
+  serve(manifest_with({{"mandatory", true}}));
+  const auto blocked = [&] {
+    return rip(NVO_UPDATE_TEST_PROGRAM, "ru_RU.UTF-8", {{"NVO_UI_LANG_DIR", dir.path()}});
+  };
+  test::Outcome outcome = blocked();
+  EXPECT_EQ(outcome.code, 4);
+  EXPECT_THAT(outcome.out, HasSubstr("[ERROR] UpdateManager: ignoring mandatory latch state '" + latch));
+  EXPECT_THAT(outcome.err, testing::EndsWith("(mandatory_update_required)\n"));
+  EXPECT_EQ(test::read_all(dir.file("precious")), "");
+
+  std::filesystem::remove(own + "logs/update_trace.log");
+  ASSERT_EQ(::mkfifo((own + "logs/update_trace.log").c_str(), 0600), 0);
+  EXPECT_EQ(blocked().code, 4);
 }
 
 }  // namespace
