@@ -5,7 +5,6 @@
 #include <bit>
 #include <cmath>
 #include <cstring>
-#include <fstream>
 #include <stdexcept>
 #include <system_error>
 #include <utility>
@@ -15,8 +14,9 @@
 #include "core/fnv1a.h"
 #include "core/large_vector.h"
 #include "core/log.h"
-#include "core/platform/clock.h"
+#include "core/machine_failure.h"
 #include "core/platform/file.h"
+#include "core/platform/input_file.h"
 #include "core/platform/paths.h"
 #include "screen/mask_generator.h"
 
@@ -38,6 +38,9 @@ constexpr std::size_t kParamsEnd =
     28;  // behind magic, format version, tile size, count, sigma and set version
 constexpr std::size_t kHashOffset = 48;
 using Header = std::array<std::uint8_t, kHeaderSize>;
+
+/// Of the masks that the generator makes from the parameters of every print.
+constexpr std::uint64_t kHashOfDefaultSet = 0xBC20D3E320440649;
 
 void check(const MaskParams& p) {
   if (p.tile_w == 0 || p.tile_h == 0 || p.n_masks == 0)
@@ -89,18 +92,34 @@ Header make_header(const MaskParams& params, std::uint64_t hash) {
   return header;
 }
 
-bool read_exactly(std::ifstream& file, std::uint8_t* out, std::size_t size) {
-  file.read(reinterpret_cast<char*>(out), static_cast<std::streamsize>(size));
-  return static_cast<std::size_t>(file.gcount()) == size;
+/// False where the file ends before. A failure to read is none of the file's: other masks would print other
+/// dots than the next run.
+bool read_exactly(const platform::InputFile& file, const std::string& path, std::uint64_t offset,
+                  std::uint8_t* out, std::size_t size) {
+  for (std::size_t done = 0; done < size;) {
+    std::size_t read = 0;
+    if (const int error = file.read_at(offset + done, out + done, size - done, read))
+      fail_on_file("read", path, error);
+    if (read == 0) return false;
+    done += read;
+  }
+  return true;
+}
+
+/// True where the hash of masks is the one that their parameters have always had.
+bool is_known_set(const MaskParams& params, std::uint64_t hash) {
+  return !(params == MaskParams{}) || hash == kHashOfDefaultSet;
 }
 
 /// The masks of a cache file that was made from exactly these parameters, or nothing.
-std::optional<std::vector<std::uint8_t>> load_masks(const fs::path& path, const MaskParams& params) {
-  std::error_code error;
-  if (!fs::is_regular_file(path, error)) return std::nullopt;  // to open a pipe would wait for its writer
-  std::ifstream file(path, std::ios::binary);
+std::optional<std::vector<std::uint8_t>> load_masks(const std::string& path, const MaskParams& params) {
+  platform::InputFile file;
+  if (const int error = file.open(path)) {
+    if (platform::tells_of_path(error)) return std::nullopt;
+    fail_on_file("open", path, error);
+  }
   Header header{};
-  if (!file || !read_exactly(file, header.data(), header.size())) return std::nullopt;
+  if (!read_exactly(file, path, 0, header.data(), header.size())) return std::nullopt;
 
   // Sigma is neither zero nor NaN, so equal bytes are equal values.
   const Header expected = make_header(params, 0);
@@ -116,28 +135,36 @@ std::optional<std::vector<std::uint8_t>> load_masks(const fs::path& path, const 
   std::vector<std::uint8_t> masks;
   reserve_large(masks, *size);
   masks.resize(*size);
-  if (!read_exactly(file, masks.data(), masks.size())) return std::nullopt;
-  if (fnv1a(masks.data(), masks.size()) != get_little_endian<std::uint64_t>(header.data() + kHashOffset)) {
+  if (!read_exactly(file, path, kHeaderSize, masks.data(), masks.size())) return std::nullopt;
+  const std::uint64_t hash = fnv1a(masks.data(), masks.size());
+  if (hash != get_little_endian<std::uint64_t>(header.data() + kHashOffset)) {
     log_warn("MaskCache: CRC mismatch, regenerating.");
     return std::nullopt;
   }
-  log_info("MaskCache: loaded from ", platform::to_utf8(path));
+  if (!is_known_set(params, hash)) {
+    log_warn("MaskCache: '", path,
+             "' is whole, but its masks aren't those of this program and would print other dots; "
+             "regenerating.");
+    return std::nullopt;
+  }
+  log_info("MaskCache: loaded from ", path);
   return masks;
 }
 
-/// Writes header and masks to a temporary file beside `path` and moves it there.
-bool write_cache_file(const std::string& path, const Header& header, const std::vector<std::uint8_t>& masks) {
-  const std::string temporary = path_beside(path, ".tmp." + std::to_string(platform::process_id()) + "." +
-                                                      std::to_string(platform::monotonic_nanoseconds()));
-  platform::File file;
-  platform::TemporaryName name;
-  if (file.create_temporary(temporary, name) != 0) return false;
-  const bool written = file.write_all(header.data(), header.size()) == 0 &&
-                       file.write_all(masks.data(), masks.size()) == 0 && file.flush() == 0 &&
-                       file.close() == 0;
-  if (written && platform::replace_file(temporary, path) == 0) return true;
+/// Writes header and masks to a temporary file beside `path` and moves it there. `error` tells why not.
+bool write_cache_file(const std::string& path, const Header& header, const std::vector<std::uint8_t>& masks,
+                      std::string& error) {
+  TempFile temp = create_unique_temp(path, &error);
+  platform::File& file = temp.handle;
+  if (!file.is_open()) return false;
+  int code = file.write_all(header.data(), header.size());
+  if (code == 0) code = file.write_all(masks.data(), masks.size());
+  if (code == 0) code = file.flush();
+  if (code == 0) code = file.close();
+  if (code == 0 && atomic_replace(temp.path, path, &error)) return true;
+  if (code != 0) error = platform::error_text(code);
   file.close();
-  platform::remove_file(temporary);
+  platform::remove_file(temp.path);
   return false;
 }
 
@@ -151,10 +178,13 @@ bool save_masks(const fs::path& folder, const MaskParams& params, const std::vec
   if (!size || *size > masks.size()) return false;
 
   const std::string path = platform::to_utf8(folder / file_name(params));
-  const bool saved = write_cache_file(path, make_header(params, fnv1a(masks.data(), masks.size())), masks);
+  std::string reason;
+  const Header header = make_header(params, fnv1a(masks.data(), masks.size()));
+  const bool saved = write_cache_file(path, header, masks, reason);
   if (saved) {
     log_info("MaskCache: saved to ", path);
   } else {
+    log_warn("MaskCache: cannot write '", path, "': ", reason);
     log_warn("MaskCache: could not save to ", path);
   }
   return saved;
@@ -186,13 +216,23 @@ std::vector<fs::path> mask_cache_folders(const std::string& cache_dir) {
   return folders;
 }
 
-MaskCache::MaskCache(const MaskParams& params, const std::string& cache_dir)
-    : MaskCache(params, mask_cache_folders(cache_dir)) {}
+fs::path mask_share_folder() {
+  const fs::path programs = platform::executable_directory();
+  return programs.empty() ? fs::path() : programs.parent_path() / "share" / "nvo_rip" / kFolderName;
+}
 
-MaskCache::MaskCache(const MaskParams& params, const std::vector<fs::path>& folders) : params_(params) {
+MaskCache::MaskCache(const MaskParams& params, const std::string& cache_dir)
+    : MaskCache(params, mask_cache_folders(cache_dir), cache_dir.empty() ? mask_share_folder() : fs::path()) {
+}
+
+MaskCache::MaskCache(const MaskParams& params, const std::vector<fs::path>& folders,
+                     const fs::path& share_folder)
+    : params_(params) {
   check(params);
-  for (const fs::path& folder : folders) {
-    if (auto masks = load_masks(folder / file_name(params), params)) {
+  std::vector<fs::path> readable = folders;
+  if (!share_folder.empty()) readable.push_back(share_folder);
+  for (const fs::path& folder : readable) {
+    if (auto masks = load_masks(platform::to_utf8(folder / file_name(params)), params)) {
       bytes_ = std::move(*masks);
       valid_ = true;
       return;

@@ -9,7 +9,9 @@
 #include <future>
 #include <iterator>
 #include <limits>
+#include <memory>
 #include <stdexcept>
+#include <system_error>
 
 #include "core/log.h"
 #include "plan/performance.h"
@@ -327,6 +329,19 @@ void log_banner(const MaskParams& params) {
   log_info("=====================================");
 }
 
+/// As many of `wanted` workers as the system has threads for; nothing where it has none.
+std::unique_ptr<ThreadPool> pool_of_up_to(std::uint32_t wanted) {
+  for (std::uint32_t workers = wanted; workers > 0; --workers) {
+    try {
+      return std::make_unique<ThreadPool>(workers);
+    } catch (const std::system_error& e) {
+      log_info("MaskCache: no ", workers, " thread(s) to be had (", e.code().message(),
+               "); the masks take longer.");
+    }
+  }
+  return nullptr;
+}
+
 }  // namespace
 
 std::uint64_t mask_seed(std::int32_t index) {
@@ -373,15 +388,19 @@ std::vector<std::uint8_t> generate_all_masks(const MaskParams& params) {
   const std::uint32_t workers = std::min(hardware_threads(), std::max(params.n_masks, 1u));
   const std::size_t max_ahead =
       2 * std::size_t{workers};  // keeps the queue short for sets of very many masks
-  ThreadPool pool(workers);
+  const auto pool = pool_of_up_to(workers);
   std::deque<std::future<void>> ahead;
   std::uint32_t submitted = 0;
   for (std::uint32_t i = 0; i < params.n_masks; ++i) {
     log_info("Generating mask ", i + 1, "/", params.n_masks, " (sigma=", params.sigma, ")...");
-    for (; submitted < params.n_masks && ahead.size() < max_ahead; ++submitted)
-      ahead.push_back(pool.submit([generate, submitted](std::size_t) { generate(submitted); }, 0));
-    ahead.front().get();
-    ahead.pop_front();
+    for (; pool && submitted < params.n_masks && ahead.size() < max_ahead; ++submitted)
+      ahead.push_back(pool->submit([generate, submitted](std::size_t) { generate(submitted); }, 0));
+    if (pool) {
+      ahead.front().get();
+      ahead.pop_front();
+    } else {
+      generate(i);
+    }
     log_info("Mask ", i + 1, "/", params.n_masks, " done.");
   }
   log_info("MaskCache: all masks generated.");

@@ -19,8 +19,8 @@ std::uint64_t mask_seed(std::int32_t index);
 void generate_mask(std::uint8_t* out, std::int32_t tile_w, std::int32_t tile_h, std::uint64_t seed,
                    float sigma);
 
-/// All masks of a set, in index order, one hardware thread a mask; announces them in the log from the calling
-/// thread. Throws as `generate_mask` does.
+/// All masks of a set, in index order, one hardware thread a mask or as many as the system gives; announces
+/// them in the log from the calling thread. Throws as `generate_mask` does.
 std::vector<std::uint8_t> generate_all_masks(const MaskParams& params);
 
 }  // namespace nvo
