@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "core/log.h"
 #include "image/decode/raster_decoder.h"
 #include "memory_file.h"
 
@@ -19,6 +20,7 @@ inline void decode_image(OpenDecoder open, const std::uint8_t* data, std::size_t
   constexpr std::uint64_t kMaxPixels = 4 << 20;  // larger images only cost time
   const MemoryFile file(data, size);
   if (!file.written()) return;
+  const HeldLog unheard;
   try {
     const auto decoder = open(ByteReader(file.path()));
     const RasterInfo& info = decoder->info();

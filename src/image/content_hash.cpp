@@ -4,11 +4,13 @@
 #include <cstdio>
 #include <exception>
 #include <filesystem>
-#include <fstream>
+#include <span>
 #include <system_error>
 #include <vector>
 
 #include "core/fnv1a.h"
+#include "core/machine_failure.h"
+#include "core/platform/input_file.h"
 #include "core/platform/paths.h"
 #include "image/image_types.h"
 
@@ -33,32 +35,26 @@ std::uint64_t feed_size(std::uint64_t size, std::uint64_t state) {
   return state;
 }
 
-/// Feeds up to `count` bytes from the stream's position, as many as there are. False on a read error.
-bool feed_bytes(std::ifstream& file, std::uint64_t count, std::vector<char>& buffer, std::uint64_t& state) {
-  file.read(buffer.data(), static_cast<std::streamsize>(count));
-  if (file.bad()) return false;
-  state = fnv1a(buffer.data(), static_cast<std::size_t>(file.gcount()), state);
+/// Feeds up to `buffer.size()` bytes from `offset` on, as many as there are. False on a read error.
+bool feed_bytes(const platform::InputFile& file, std::uint64_t offset, std::span<char> buffer,
+                std::uint64_t& state) {
+  std::size_t got = 0;
+  if (file.read_at(offset, buffer.data(), buffer.size(), got) != 0) return false;
+  state = fnv1a(buffer.data(), got, state);
   return true;
 }
 
 }  // namespace
 
 bool fast_content_hash(const std::string& path, std::uint64_t size, std::string& out, std::string* error) {
-  std::ifstream file(platform::to_path(path), std::ios::binary);
-  if (!file) return fail(error, "Cannot open file for content signature.");
+  platform::InputFile file;
+  if (file.open(path) != 0) return fail(error, "Cannot open file for content signature.");
 
-  std::vector<char> buffer(kSampleBytes);
+  std::vector<char> buffer(std::min(size, kSampleBytes));
   std::uint64_t state = feed_size(size, kStartState);
-  if (!feed_bytes(file, std::min(size, kSampleBytes), buffer, state))
-    return fail(error, "Content signature read failed.");
-
-  if (size > kSampleBytes) {
-    file.clear();
-    if (!file.seekg(static_cast<std::streamoff>(size - kSampleBytes)))
-      return fail(error, "Content signature seek failed.");
-    if (!feed_bytes(file, kSampleBytes, buffer, state))
-      return fail(error, "Content signature tail read failed.");
-  }
+  if (!feed_bytes(file, 0, buffer, state)) return fail(error, "Content signature read failed.");
+  if (size > kSampleBytes && !feed_bytes(file, size - kSampleBytes, buffer, state))
+    return fail(error, "Content signature tail read failed.");
 
   char digits[17];
   static_cast<void>(std::snprintf(digits, sizeof digits, "%016llx", static_cast<unsigned long long>(state)));
@@ -79,6 +75,7 @@ bool content_hash(const std::string& path, std::string& out, std::string* error)
   if (code) return fail(error, code.message());
   return fast_content_hash(normalized, size, out, error);
 } catch (const std::exception& failure) {
+  rethrow_machine_failure();
   return fail(error, failure.what());
 } catch (...) {
   return fail(error, "Unknown filesystem error.");

@@ -6,6 +6,7 @@
 #include <string>
 #include <string_view>
 
+#include "image/image_claim.h"
 #include "image/image_types.h"
 #include "image/raster_source.h"
 
@@ -25,6 +26,7 @@ struct ImageFormat {
   ImageExtent (*probe)(const std::string& path);
   LoadedImage (*load)(const std::string& path);
   std::shared_ptr<RasterSource> (*open_source)(const std::string& path, SharedFailures failures);
+  ImageClaim (*weigh)(const std::string& path);  ///< by the header; null where a format has no such bound
 };
 
 /// The format that reads files of this extension (lower case, without the dot), or null.

@@ -1,12 +1,15 @@
 #include "image/wic_image.h"
 
 #include <array>
+#include <cstdio>
 #include <exception>
 #include <stdexcept>
 #include <string_view>
 #include <utility>
 
 #include "core/log.h"
+#include "core/machine_failure.h"
+#include "core/platform/input_file.h"
 #include "image/image_loader.h"
 
 namespace nvo {
@@ -17,22 +20,27 @@ constexpr std::uint64_t kMaxPixels = 268'435'456;
 constexpr std::uint64_t kMaxBytes = 1'073'741'824;
 
 /// The frame's decoder, or an exception with the stage that failed.
-std::unique_ptr<RasterDecoder> open_decoder(const std::string& path) {
+std::unique_ptr<RasterDecoder> open_decoder(const std::string& path, WicUse use) {
+  ByteReader reader(path);
+  const int error = reader.open_error();
+  // What the probe has read is still there: now the machine is in the way.
+  if (use == WicUse::pixels && platform::means_no_permission(error)) fail_on_file("open", path, error);
   std::unique_ptr<RasterDecoder> decoder;
   try {
-    decoder = open_raster_decoder(path);
+    decoder = open_raster_decoder(std::move(reader));
   } catch (const DecodeError& failure) {
-    log_debug("RasterDecoder: ", path, ": ", failure.what());
+    log_refusal(path, failure.what());
     throw std::runtime_error("WIC GetFrame failed");
   }
-  if (!decoder) throw std::runtime_error("WIC cannot open: " + path);
-  return decoder;
+  if (decoder) return decoder;
+  log_refusal(path, error == 0 ? "it is no PNG, JPEG, BMP or WebP file" : platform::input_error_text(error));
+  throw std::runtime_error("WIC cannot open: " + path);
 }
 
 void start(RasterDecoder& decoder, const std::string& path) try {
   decoder.start();
 } catch (const DecodeError& failure) {
-  log_debug("RasterDecoder: ", path, ": ", failure.what());
+  log_refusal(path, failure.what());
   throw std::runtime_error("WIC converter init failed");
 }
 
@@ -41,8 +49,33 @@ std::vector<std::uint8_t> read_image(RasterDecoder& decoder, const std::string& 
   decoder.read_image(pixels);
   return pixels;
 } catch (const DecodeError& failure) {
-  log_debug("RasterDecoder: ", path, ": ", failure.what());
+  log_refusal(path, failure.what());
   throw std::runtime_error("WIC CopyPixels failed");
+}
+
+ImageRemarks wic_remarks(const RasterInfo& raster, const WicImageInfo& info) {
+  ImageRemarks remarks;
+  remarks.has_profile = raster.has_profile;
+  if (!(raster.dpi_x > 0.0)) {
+    remarks.resolution_source =
+        raster.resolution_is_damaged ? ResolutionSource::damaged : ResolutionSource::assumed;
+    std::array<char, 160> size{};
+    std::snprintf(size.data(), size.size(),
+                  "; %g dots per inch are assumed, which makes it %.2f x %.2f inches", double{kWicDefaultDpi},
+                  info.width / double{info.dpi_x}, info.height / double{info.dpi_y});
+    remarks.notes.push_back((raster.resolution_is_damaged
+                                 ? "its resolution stands in a damaged part of the file"
+                                 : "it states no resolution") +
+                            std::string(size.data()));
+  }
+  if (raster.orientation != ExifFacts::kUpright)
+    remarks.notes.push_back("a viewer shows it " + std::string(orientation_text(raster.orientation)) +
+                            " (Exif orientation " + std::to_string(raster.orientation) +
+                            "); the film has it as it is stored");
+  if (raster.frames > 1)
+    remarks.notes.push_back("it is an animation of " + std::to_string(raster.frames) +
+                            " frames; the film has the first one");
+  return remarks;
 }
 
 std::uint32_t big_u32(const std::uint8_t* bytes) {
@@ -52,8 +85,12 @@ std::uint32_t big_u32(const std::uint8_t* bytes) {
 
 }  // namespace
 
-WicFile open_wic_file(const std::string& path) {
-  WicFile file{{}, open_decoder(path)};
+void log_refusal(const std::string& path, const std::string& reason) {
+  log_warn("Art '", path, "' can't be read: ", reason);
+}
+
+WicFile open_wic_file(const std::string& path, WicUse use) {
+  WicFile file{{}, open_decoder(path, use)};
   const RasterInfo& raster = file.decoder->info();
   if (raster.width == 0 || raster.height == 0) throw std::runtime_error("Empty image: " + path);
   const double dpi_x = raster.dpi_x > 0.0 ? raster.dpi_x : kWicDefaultDpi;
@@ -64,11 +101,11 @@ WicFile open_wic_file(const std::string& path) {
 }
 
 WicImageInfo wic_read_info(const std::string& path) {
-  return open_wic_file(path).info;
+  return open_wic_file(path, WicUse::header).info;
 }
 
 WicDecodedImage wic_decode_rgba(const std::string& path) {
-  const WicFile file = open_wic_file(path);
+  const WicFile file = open_wic_file(path, WicUse::pixels);
   const WicImageInfo& info = file.info;
   wic_rgba_layout(info.width, info.height, "WIC full decode");
   start(*file.decoder, path);
@@ -86,7 +123,7 @@ WicRgbaLayout wic_rgba_layout(std::uint32_t width, std::uint32_t height, const s
   return {width * std::uint64_t{kRgbaBytes}, pixels, pixels * kRgbaBytes};
 }
 
-bool png_has_trns(const std::string& path) try {
+bool png_has_trns(const std::string& path) {
   using namespace std::string_view_literals;
   constexpr std::string_view kSignature = "\x89PNG\r\n\x1A\n"sv;
   constexpr std::size_t kCrcBytes = 4;
@@ -96,16 +133,17 @@ bool png_has_trns(const std::string& path) try {
   };
 
   ByteReader reader(path);
-  if (!reader.is_open() || !reader.read_exactly(bytes.data(), bytes.size()) || text(0) != kSignature)
-    return false;
+  if (!reader.is_open()) return false;
+  const bool is_png = reader.read_exactly(bytes.data(), bytes.size()) && text(0) == kSignature;
+  reader.require_sound();
+  if (!is_png) return false;
   while (reader.read_exactly(bytes.data(), bytes.size())) {
     const std::string_view type = text(4);
     if (type == "tRNS") return true;
     if (type == "IDAT" || type == "IEND") return false;
     reader.skip(std::uint64_t{big_u32(bytes.data())} + kCrcBytes);
   }
-  return false;
-} catch (...) {
+  reader.require_sound();
   return false;
 }
 
@@ -127,17 +165,21 @@ ImageMeta describe_wic(const std::string& path, const WicImageInfo& info) {
 }
 
 ImageExtent probe_wic(const std::string& path) {
-  const WicImageInfo info = wic_read_info(path);
-  return {{}, info.width, info.height, info.dpi_x, info.dpi_y};
+  const WicFile file = open_wic_file(path, WicUse::header);
+  const WicImageInfo& info = file.info;
+  return {wic_remarks(file.decoder->info(), info), info.width, info.height, info.dpi_x, info.dpi_y};
+}
+
+ImageClaim weigh_wic(const std::string& path) {
+  return open_wic_file(path, WicUse::pixels).decoder->claim();
 }
 
 LoadedImage load_wic(const std::string& path) {
   WicDecodedImage decoded;
   try {
     decoded = wic_decode_rgba(path);
-  } catch (const std::bad_alloc&) {
-    throw;
   } catch (const std::exception& failure) {
+    rethrow_machine_failure();
     throw std::runtime_error("ImageLoader: failed to load raster image '" + path + "': " + failure.what());
   }
   // A whole image is placed by its horizontal resolution alone.

@@ -12,7 +12,8 @@
 namespace nvo {
 
 // PNG, JPEG, BMP and WebP files, told apart by their content. In messages this family is called WIC; those
-// that are thrown here begin so, or name the cap that an image exceeds.
+// that are thrown here for a bad file begin so, or name the cap that an image exceeds, and what the decoder
+// says of it stands in the log in front of them. Failures of the machine come through as they are.
 
 /// Taken for a file that states no resolution.
 inline constexpr float kWicDefaultDpi = 96.0f;
@@ -43,7 +44,11 @@ struct WicRgbaLayout {
   std::uint64_t stride = 0, pixel_count = 0, byte_count = 0;
 };
 
-WicFile open_wic_file(const std::string& path);
+/// What a file is opened for. The header is read first; a file that may no longer be read when its pixels
+/// are wanted is a failure of the machine.
+enum class WicUse { header, pixels };
+
+WicFile open_wic_file(const std::string& path, WicUse use);
 WicImageInfo wic_read_info(const std::string& path);
 WicDecodedImage wic_decode_rgba(const std::string& path);
 
@@ -51,13 +56,18 @@ WicDecodedImage wic_decode_rgba(const std::string& path);
 /// more than 1 GiB.
 WicRgbaLayout wic_rgba_layout(std::uint32_t width, std::uint32_t height, const std::string& label);
 
-/// True for a PNG with a tRNS chunk before its pixels. Looks at chunk headers only; never throws.
+/// True for a PNG with a tRNS chunk before its pixels. Looks at chunk headers only; throws nothing but what
+/// a failure of the machine is.
 bool png_has_trns(const std::string& path);
 
 /// Metadata as all consumers see it.
 ImageMeta describe_wic(const std::string& path, const WicImageInfo& info);
 
+/// Says at WARN why a file isn't printed.
+void log_refusal(const std::string& path, const std::string& reason);
+
 ImageExtent probe_wic(const std::string& path);
+ImageClaim weigh_wic(const std::string& path);
 
 /// Throws "ImageLoader: failed to load raster image ..." when the decoder does.
 LoadedImage load_wic(const std::string& path);

@@ -2,13 +2,13 @@
 
 #include <exception>
 #include <memory>
-#include <new>
 #include <stdexcept>
 #include <utility>
 #include <vector>
 
 #include "core/checked.h"
 #include "core/log.h"
+#include "core/machine_failure.h"
 #include "image/banded_raster_source.h"
 #include "image/decode/spooled_rows.h"
 #include "image/wic_image.h"
@@ -23,12 +23,11 @@ class WicRasterSource final : public BandedRasterSource {
     try {
       if (file.decoder->info().needs_whole_frame) wic_rgba_layout(meta_.width, meta_.height, "WIC frame");
       file.decoder->start();
-      native_ = std::make_unique<SpooledRows>(std::move(file.decoder));
-    } catch (const std::bad_alloc&) {
-      throw;
+      native_ = std::make_unique<SpooledRows>(std::move(file.decoder), path);
     } catch (const std::exception& failure) {
+      rethrow_machine_failure();
       native_error_ = "WIC format converter init failed";
-      explain(failure);
+      log_refusal(meta_.path, failure.what());
     }
   }
 
@@ -62,27 +61,25 @@ class WicRasterSource final : public BandedRasterSource {
     }
     try {
       // The decoder starts at the top, so it would meet the damage that another source of this file has met.
-      if (region.y + region.height > failures_->sound_rows())
-        throw std::runtime_error("known to be damaged above the last of these rows");
+      if (region.y + region.height > failures_->sound_rows()) {
+        give_up_native(what);
+        return false;
+      }
       out.resize(stride * region.height);
       native_->read(region.x, region.y, region.width, region.height, out.data());
       return true;
-    } catch (const std::bad_alloc&) {
-      throw;
     } catch (const DecodeError& failure) {
       failures_->remember_damage_below(native_->rows_decoded());
-      give_up_native(what, failure);
-    } catch (const std::exception& failure) {
-      give_up_native(what, failure);
+      log_refusal(meta_.path, failure.what());
+      give_up_native(what);
     }
     return false;
   }
 
-  void give_up_native(const std::string& what, const std::exception& failure) {
+  void give_up_native(const std::string& what) {
     native_error_ = "WIC CopyPixels " + what + " read failed";
     native_.reset();
     log_warn("RasterSource(WIC): ", native_error_, "; switching to full-load fallback for ", meta_.path);
-    explain(failure);
   }
 
   Bytes decode_full_image() override {
@@ -92,10 +89,6 @@ class WicRasterSource final : public BandedRasterSource {
     return std::move(image.pixels);
   }
 
-  void explain(const std::exception& failure) const {
-    log_debug("RasterSource(WIC): ", meta_.path, ": ", failure.what());
-  }
-
   std::unique_ptr<SpooledRows> native_;  // null once rows come from the full image
   std::string native_error_;
 };
@@ -103,7 +96,7 @@ class WicRasterSource final : public BandedRasterSource {
 }  // namespace
 
 std::shared_ptr<RasterSource> open_wic_source(const std::string& path, SharedFailures failures) {
-  return std::make_shared<WicRasterSource>(path, open_wic_file(path), std::move(failures));
+  return std::make_shared<WicRasterSource>(path, open_wic_file(path, WicUse::pixels), std::move(failures));
 }
 
 }  // namespace nvo

@@ -3,16 +3,21 @@
 #include <algorithm>
 #include <cmath>
 #include <memory>
+#include <string>
+#include <unordered_set>
 #include <utility>
 
 #include "core/env_override.h"
 #include "core/large_vector.h"
 #include "core/log.h"
+#include "core/machine_failure.h"
 #include "core/platform/environment.h"
 #include "core/scoped_timer.h"
 #include "core/text.h"
 #include "core/thread_shortage.h"
+#include "image/image_format.h"
 #include "image/image_meta_probe.h"
+#include "output/prt_format.h"
 #include "plan/parallel.h"
 #include "plan/performance.h"
 #include "plan/sheet_geometry.h"
@@ -173,6 +178,38 @@ std::unique_ptr<ThreadPool> make_pool(std::uint32_t threads) try {
 } catch (const std::system_error& no_thread) {
   warn_of_thread_shortage(no_thread);
   return nullptr;
+}
+
+/// Above this a file that claims more pixels than it can hold would cost the disk, and the printer a blank
+/// film.
+constexpr std::uint64_t kLargePrintBytes = std::uint64_t{256} << 20;
+
+void require_possible(const std::string& path, std::uint64_t print_bytes) {
+  const ImageFormat* format = find_file_format(path);
+  if (!format || !format->weigh) return;
+  ImageClaim claim;
+  try {
+    claim = format->weigh(path);
+  } catch (const std::exception&) {
+    rethrow_machine_failure();
+    return;  // a file that can't be opened is left out when the sheet is composed
+  }
+  if (claim.is_possible()) return;
+  throw std::runtime_error("StreamRip: '" + path + "' claims " + std::to_string(claim.claimed_bytes) +
+                           " bytes of pixels and can't hold more than " +
+                           std::to_string(claim.possible_bytes) + "; no print of " +
+                           std::to_string(print_bytes) + " bytes is made of it");
+}
+
+/// Refuses files that can't hold what they claim, where the print would be large.
+void require_possible_claims(const SheetLayout& sheet, const RipJobOptions& options, std::uint32_t dev_w,
+                             std::uint32_t dev_h) {
+  const std::uint64_t print_bytes =
+      std::uint64_t{prt_row_layout(options.head(), dev_w).cycle_len} * dev_h;  // both have 32 bits
+  if (print_bytes <= kLargePrintBytes) return;
+  std::unordered_set<std::string> weighed;
+  for (const LayoutItem& item : sheet.items)
+    if (weighed.insert(item.path).second) require_possible(item.path, print_bytes);
 }
 
 void log_streaming(std::uint32_t src_dpi, std::uint32_t y_dpi) {
@@ -338,6 +375,8 @@ void StreamRip::run(SheetLayout sheet, const std::string& output_path,
                               parallel_channels, options.color_resampling_mode == ResamplingMode::hard,
                               options.white_resampling_mode == ResamplingMode::hard});
   }
+
+  require_possible_claims(sheet, options, dev_w, dev_h);
 
   StripCompositor compositor(compositor_config(options, size));
   compositor.set_layout(sheet);

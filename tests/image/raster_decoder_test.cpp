@@ -22,13 +22,13 @@ class RasterDecoderTest : public ImageTest {
 
   /// By rows; expects the same of decoding at once.
   Bytes decode(const std::string& file) {
-    const auto decoder = open_raster_decoder(write("image", file));
+    const auto decoder = open_raster_decoder(ByteReader(write("image", file)));
     if (!decoder) throw DecodeError("not an image");
     info_ = decoder->info();
     decoder->start();
     Bytes pixels(decoder->row_bytes() * info_.height), at_once;
     for (std::size_t at = 0; at < pixels.size(); at += decoder->row_bytes()) decoder->read_row(&pixels[at]);
-    const auto again = open_raster_decoder(dir_.file("image"));
+    const auto again = open_raster_decoder(ByteReader(dir_.file("image")));
     again->start();
     again->read_image(at_once);
     EXPECT_TRUE(pixels == at_once);
@@ -82,17 +82,24 @@ TEST_F(RasterDecoderTest, PngAndWebp) {
   const Bytes opaque = rgba_image(9, 5, [](auto, auto) { return Rgba{9, 99, 199, 255}; });
   // Larger than one piece of the incremental decoder.
   const Bytes busy = rgba_image(401, 399, busy_pixel);
-  // A chunk of 9 MB behind the header, its checksum wrong.
-  const std::string long_chunk = "\x00\x89\x54\x40zTXt"s + std::string(0x895440, 'x') + "crc?";
+  // The first frame of an animation lies on a transparent canvas.
+  const Bytes part = rgba_image(6, 5, busy_pixel);
+  const std::string frame = webp_bytes(part, 6, 5, true), other = webp_bytes(opaque, 9, 5, true);
+  const std::string animation = animated_webp(12, 11, {{4, 2, 6, 5, frame}, {0, 0, 9, 5, other}});
+  const Bytes canvas = rgba_image(12, 11, [](std::uint32_t x, std::uint32_t y) {
+    return x >= 4 && x < 10 && y >= 2 && y < 7 ? busy_pixel(x - 4, y - 2) : Rgba{};
+  });
   const struct {
     std::string file;
     Bytes pixels;
     bool has_alpha, needs_whole_frame;
   } cases[] = {
-      {plain.bytes().insert(33, long_chunk), plain.pixels(), true, false},
+      {with_chunk(plain.bytes(), "zTXt", std::string(9 << 20, 'x')), plain.pixels(), true, false},
       {interlaced.bytes(), interlaced.pixels(), true, true},
       {webp_bytes(busy, 401, 399, true), busy, true, true},
       {webp_bytes(opaque, 9, 5, true), opaque, false, true},
+      {animation, canvas, true, true},
+      {animated_webp(9, 5, {{0, 0, 9, 5, other}}), opaque, true, true},
   };
   for (const auto& c : cases) {
     EXPECT_TRUE(decode(c.file) == c.pixels);
@@ -132,6 +139,9 @@ TEST_F(RasterDecoderTest, BmpVariants) {
       {"5 6 5", {40, 1, 1, 16, 3, {0xF800, 0x7E0, 0x1F}, {}, "\x01\x08\0\0"s}, {8, 0, 8, 255}},
       {"4 4 4 4", {40, 1, 1, 16, 6, {0xF00, 0xF0, 0xF, 0xF000}, {}, "\x21\x43\0\0"s}, {51, 34, 17, 68}, true},
       {"32 bit without alpha", {40, 1, 1, 32, 0, {}, {}, "\x01\x02\x03\x04"s}, {3, 2, 1, 255}},
+      {"32 bit, fourth byte varies",
+       {40, 2, 1, 32, 0, {}, {}, "\x01\x02\x03\x04\x01\x02\x03\x05"s},
+       {3, 2, 1, 255, 3, 2, 1, 255}},
       {"version 4 without fields", {108, 1, 1, 32, 0, argb, {}, "\x01\x02\x03\x04"s}, {3, 2, 1, 255}},
       {"version 5 with alpha", {124, 1, 1, 32, 3, argb, {}, "\x01\x02\x03\x04"s}, {3, 2, 1, 4}, true},
       {"10 bits a sample",
@@ -148,6 +158,32 @@ TEST_F(RasterDecoderTest, BmpVariants) {
     SCOPED_TRACE(c.name);
     EXPECT_EQ(decode(c.file.bytes()), c.pixels);
     EXPECT_EQ(info_.has_alpha, c.has_alpha);
+  }
+  // By rows and at once, both of the one file that looks as if it had alpha.
+  EXPECT_EQ(log_.count("the fourth byte of its pixels varies"), 2u);
+}
+
+TEST_F(RasterDecoderTest, DamageThatCostsNoRowIsTold) {
+  const std::string plain = JpegFile{}.bytes(), scans = JpegFile{.progressive = true}.bytes();
+  const auto insert = [](std::string file, std::size_t at, const std::string& bytes) {
+    return file.insert(at, bytes);
+  };
+  const std::pair<std::string, const char*> cases[] = {
+      {plain, ""},
+      {scans, ""},
+      {insert(plain, plain.size() - 2, std::string(40, '\0')), ""},  // filler
+      {plain + "behind the end", ""},
+      {insert(plain, plain.size() - 2, "left over"), "extraneous bytes before marker 0xd9"},
+      {insert(scans, scans.rfind("\xFF\xDA"), "left over"), "9 extraneous bytes before marker 0xda"},
+      {insert(plain, plain.find("\xFF\xC0"), "?"), "1 extraneous bytes before marker 0xc0"},
+  };
+  for (const auto& [file, damage] : cases) {
+    log_.take();
+    EXPECT_EQ(failure(file), "");
+    const auto lines = log_.lines();
+    ASSERT_EQ(lines.size(), *damage ? 2u : 0u) << damage;  // by rows and at once
+    for (const std::string& line : lines)
+      EXPECT_THAT(line, AllOf(StartsWith("[WARN ] Art '"), HasSubstr(damage)));
   }
 }
 
@@ -188,6 +224,7 @@ TEST_F(RasterDecoderTest, CutFilesFailAtEveryLength) {
       JpegFile{.progressive = true}.bytes(),
       webp_bytes(busy, 40, 30, true),
       webp_bytes(busy, 40, 30, false),
+      animated_webp(50, 40, {{6, 4, 40, 30, webp_bytes(busy, 40, 30, true)}}),
       BmpFile{.height = 9, .data = std::string(9 * 12, 'x')}.bytes(),
   };
   for (std::size_t i = 0; i < std::size(files); ++i) {
@@ -219,6 +256,12 @@ TEST_F(RasterDecoderTest, BombsCostLittle) {
   flat.width = flat.height = 6500;
   std::string claim = JpegFile{.progressive = true}.bytes();
   claim.replace(claim.find("\xFF\xC2"s) + 5, 4, "\x75\x30\x75\x30");
+  std::string lossy = webp_bytes(rgba_image(9, 5,
+                                            [](auto, auto) {
+                                              return Rgba{9, 9, 9, 255};
+                                            }),
+                                 9, 5, false);
+  lossy.replace(lossy.find("\x9D\x01\x2A") + 3, 4, "\xFF\x3F\xFF\x3F");
   std::string chunks;
   for (int i = 0; i < 300'000; ++i) chunks += "\0\0\0\1tEXtacrc?"s;
   chunks = PngFile{}.bytes().insert(33, chunks);
@@ -230,6 +273,7 @@ TEST_F(RasterDecoderTest, BombsCostLittle) {
       {"fewer scans", with_repeated_scan(small, 60), ""},
       {"scans of a large image", with_repeated_scan(flat.bytes(), 60), "JPEG: too many scans"},
       {"JPEG size", claim, "JPEG: the file is too short for its size in pixels"},
+      {"WebP size", lossy, "WebP: the file is too short for its size in pixels"},
       {"PNG size", png_header_only(12000, 12000), "PNG: the file is too short for its size in pixels"},
       {"PNG width", png_header_only(1'000'000'000, 1), "rows are too long"},
       {"PNG chunks", chunks, ""},

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <functional>
@@ -80,6 +81,62 @@ inline std::string png_header_only(std::uint32_t width, std::uint32_t height) {
   return PngFile{.width = width, .height = height, .header_only = true}.bytes();
 }
 
+/// An Exif block without its mark. Resolutions are fractions; 0 leaves a tag out.
+struct ExifFile {
+  bool big_endian = false;
+  std::uint32_t orientation = 0, unit = 0, x = 0, x_below = 1, y = 0;
+
+  std::string bytes() const {
+    constexpr std::uint32_t kEntryBytes = 12, kDirectoryAt = 8;
+    std::vector<std::array<std::uint32_t, 3>> tags;  // number, type, value
+    if (orientation != 0) tags.push_back({274, 3, orientation});
+    const auto fractions_at = [&](std::uint32_t count) { return kDirectoryAt + 2 + count * kEntryBytes + 4; };
+    const std::uint32_t count = (orientation != 0) + (x != 0) + (y != 0) + (unit != 0);
+    if (x != 0) tags.push_back({282, 5, fractions_at(count)});
+    if (y != 0) tags.push_back({283, 5, fractions_at(count) + 8});
+    if (unit != 0) tags.push_back({296, 3, unit});
+    std::string block = big_endian ? "MM" : "II";
+    put(block, 42, 2);
+    put(block, kDirectoryAt, 4);
+    put(block, count, 2);
+    for (const auto& [tag, type, value] : tags) {
+      put(block, tag, 2);
+      put(block, type, 2);
+      put(block, 1, 4);
+      put(block, value, type == 3 ? 2 : 4);
+      if (type == 3) put(block, 0, 2);
+    }
+    for (const std::uint32_t number : {0u, x, x_below, y, 1u}) put(block, number, 4);
+    return block;
+  }
+
+ private:
+  void put(std::string& block, std::uint32_t value, int count) const {
+    std::string number;
+    put_little(number, value, count);
+    if (big_endian) std::reverse(number.begin(), number.end());
+    block += number;
+  }
+};
+
+/// A JPEG with a segment in front of all others.
+inline std::string with_segment(std::string jpeg, char marker, const std::string& data) {
+  const std::size_t size = data.size() + 2;
+  const std::string length = {static_cast<char>(size >> 8), static_cast<char>(size)};
+  return jpeg.insert(2, std::string("\xFF") + marker + length + data);
+}
+inline std::string with_exif(const std::string& jpeg, const ExifFile& exif) {
+  return with_segment(jpeg, '\xE1', std::string("Exif\0\0", 6) + exif.bytes());
+}
+
+/// A PNG with a chunk behind its header. The checksum is wrong, as nobody should look at it.
+inline std::string with_chunk(std::string png, const std::string& type, const std::string& data) {
+  std::string length;
+  put_little(length, data.size(), 4);
+  std::reverse(length.begin(), length.end());
+  return png.insert(33, length + type + data + "crc?");
+}
+
 /// A JPEG of `components` samples a pixel, best quality, without subsampling.
 struct JpegFile {
   int components = 3;
@@ -139,6 +196,42 @@ inline std::string webp_bytes(const Bytes& rgba, int width, int height, bool los
   std::string file(reinterpret_cast<char*>(data), size);
   WebPFree(data);
   return file;
+}
+
+inline std::string riff_chunk(const std::string& name, const std::string& data) {
+  std::string chunk = name;
+  put_little(chunk, data.size(), 4);
+  return chunk + data + std::string(data.size() % 2, '\0');
+}
+
+/// A frame of an animation; `still` is a WebP file of one chunk.
+struct WebpFrameFile {
+  std::uint32_t x = 0, y = 0, width = 0, height = 0;  ///< the offsets are even
+  std::string still;
+};
+
+/// An extended WebP file: flags of its header (2 animation, 4 metadata, 8 Exif, 16 alpha, 32 profile) and its
+/// chunks.
+inline std::string extended_webp(int flags, std::uint32_t width, std::uint32_t height,
+                                 const std::string& chunks) {
+  std::string header;
+  put_little(header, static_cast<std::uint64_t>(flags), 4);
+  put_little(header, width - 1, 3);
+  put_little(header, height - 1, 3);
+  return riff_chunk("RIFF", "WEBP" + riff_chunk("VP8X", header) + chunks);
+}
+
+inline std::string animated_webp(std::uint32_t width, std::uint32_t height,
+                                 const std::vector<WebpFrameFile>& frames) {
+  constexpr std::size_t kChunkAt = 12;
+  std::string chunks = riff_chunk("ANIM", std::string(6, '\0'));
+  for (const WebpFrameFile& frame : frames) {
+    std::string data;
+    for (const std::uint32_t value : {frame.x / 2, frame.y / 2, frame.width - 1, frame.height - 1, 100u})
+      put_little(data, value, 3);
+    chunks += riff_chunk("ANMF", data + '\0' + frame.still.substr(kChunkAt));
+  }
+  return extended_webp(2 | 16, width, height, chunks);
 }
 
 /// A BMP: `data` is what stands behind the headers, the rest follows from it.

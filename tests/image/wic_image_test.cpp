@@ -1,5 +1,10 @@
 #include "image/wic_image.h"
 
+#include <csignal>
+
+#include <sys/resource.h>
+#include <sys/stat.h>
+
 #include "core/fnv1a.h"
 #include "image/image_loader.h"
 #include "image/image_meta_probe.h"
@@ -21,29 +26,93 @@ class WicImageTest : public ImageTest {
 };
 
 TEST_F(WicImageTest, ResolutionRules) {
-  const std::string pixels(24, 'x');
+  const std::string pixels(24, 'x'), jpeg = JpegFile{}.bytes();
+  std::string damaged = PngFile{.per_metre_x = 11811, .per_metre_y = 11811}.bytes();
+  damaged[damaged.find("pHYs") + 4] ^= 1;
+  const auto assumed = ResolutionSource::assumed;
   const struct {
     std::string bytes;
     float x, y;
+    ResolutionSource source = ResolutionSource::file;
   } cases[] = {
       {PngFile{.per_metre_x = 11811, .per_metre_y = 5906}.bytes(), 11811 * 0.0254f, 5906 * 0.0254f},
-      {PngFile{.per_metre_x = 300, .per_metre_y = 200, .unit = PNG_RESOLUTION_UNKNOWN}.bytes(), 96, 96},
+      {PngFile{.per_metre_x = 300, .per_metre_y = 200, .unit = PNG_RESOLUTION_UNKNOWN}.bytes(), 96, 96,
+       assumed},
+      {damaged, 96, 96, ResolutionSource::damaged},
       {PngFile{.per_metre_x = 10000}.bytes(), 254, 254},
       {JpegFile{.density_unit = 1, .density_x = 300, .density_y = 150}.bytes(), 300, 150},
       {JpegFile{.density_unit = 2, .density_x = 100, .density_y = 50}.bytes(), 254, 127},
-      {JpegFile{.density_unit = 0, .density_x = 3, .density_y = 2}.bytes(), 96, 96},
-      {JpegFile{.density_unit = 3, .density_x = 300, .density_y = 300}.bytes(), 96, 96},
-      {BmpFile{.data = pixels, .per_metre_y = 10000}.bytes(), 96, 254},
-      {BmpFile{.data = pixels, .per_metre_x = -10000, .per_metre_y = -1}.bytes(), 96, 96},
-      {webp_bytes(Bytes(4, 9), 1, 1, true), 96, 96},
+      {JpegFile{.density_unit = 0, .density_x = 3, .density_y = 2}.bytes(), 96, 96, assumed},
+      {JpegFile{.density_unit = 3, .density_x = 300, .density_y = 300}.bytes(), 96, 96, assumed},
+      {with_exif(JpegFile{.density_unit = 1, .density_x = 72}.bytes(), {.x = 300, .y = 300}), 72, 1},
+      {with_exif(jpeg, {.unit = 2, .x = 3001, .x_below = 10, .y = 150}), 300.1f, 150},
+      {with_exif(jpeg, {.big_endian = true, .orientation = 6, .unit = 3, .x = 100, .y = 50}), 254, 127},
+      {with_exif(jpeg, {.x = 300}), 300, 300},
+      {with_exif(jpeg, {.unit = 1, .x = 300, .y = 300}), 96, 96, assumed},
+      {with_exif(jpeg, {.unit = 2, .x = 300, .x_below = 0}), 96, 96, assumed},
+      {BmpFile{.data = pixels, .per_metre_y = 10000}.bytes(), 96, 254, assumed},
+      {BmpFile{.data = pixels, .per_metre_x = -10000, .per_metre_y = -1}.bytes(), 96, 96, assumed},
+      {webp_bytes(Bytes(4, 9), 1, 1, true), 96, 96, assumed},
   };
   for (std::size_t i = 0; i < std::size(cases); ++i) {
     const std::string path = write(std::to_string(i) + ".jpg", cases[i].bytes);
     const ImageProbeInfo info = probe_image(path);
     EXPECT_FLOAT_EQ(info.dpi_x, cases[i].x) << i;
     EXPECT_FLOAT_EQ(info.dpi_y, cases[i].y) << i;
+    EXPECT_EQ(info.resolution_source, cases[i].source) << i;
     EXPECT_EQ(make_raster_source(path)->metadata().dpi_y, info.dpi_y) << i;
     EXPECT_EQ(load_image(path).dpi_y, info.dpi_x) << i << ", a whole image has one resolution";
+  }
+}
+
+TEST_F(WicImageTest, TheProbeSaysWhatTheFilmWillNotHave) {
+  const auto png = PngFile{.per_metre_x = 10000, .per_metre_y = 10000}.bytes();
+  const auto jpeg = JpegFile{.density_unit = 1, .density_x = 300, .density_y = 300}.bytes();
+  const std::string still = webp_bytes(Bytes(4, 9), 1, 1, true), frame = still.substr(12);
+  const std::string sized = "; 96 dots per inch are assumed, which makes it ";
+  std::string damaged = PngFile{.width = 96, .height = 48, .per_metre_x = 9, .per_metre_y = 9}.bytes();
+  damaged[damaged.find("pHYs") + 4] ^= 1;
+  BmpFile bmp{.header = 124, .data = std::string(24, 'x'), .per_metre_x = 9, .per_metre_y = 9};
+  std::string profiled = bmp.bytes();
+  profiled.replace(14 + 56, 4, "DEBM");
+  const std::string turned =
+      "a viewer shows it turned by 90 degrees clockwise (Exif orientation 6); the film has it "
+      "as it is stored";
+  const ExifFile six{.orientation = 6}, upright{.orientation = 1};
+  const struct {
+    const char* name;
+    std::string bytes;
+    bool has_profile;
+    std::vector<std::string> notes;
+  } cases[] = {
+      {"png", png, false, {}},
+      {"damaged pHYs",
+       damaged,
+       false,
+       {"its resolution stands in a damaged part of the file" + sized + "1.00 x 0.50 inches"}},
+      {"png profile", with_chunk(png, "iCCP", "x"), true, {}},
+      {"sRGB is no profile", with_chunk(png, "sRGB", "x"), false, {}},
+      {"png exif", with_chunk(png, "eXIf", six.bytes()), false, {turned}},
+      {"jpeg exif", with_exif(jpeg, six), false, {turned}},
+      {"upright", with_exif(jpeg, upright), false, {}},
+      {"exif cut off", with_segment(jpeg, '\xE1', "Exif\0\0II*\0\xFF\xFF\xFF\xFF"s), false, {}},
+      {"jpeg profile", with_segment(jpeg, '\xE2', "ICC_PROFILE\0\1\1x"s), true, {}},
+      {"webp",
+       extended_webp(8 | 32, 1, 1, riff_chunk("ICCP", "x") + frame + riff_chunk("EXIF", six.bytes())),
+       true,
+       {"it states no resolution" + sized + "0.01 x 0.01 inches", turned}},
+      {"animation",
+       animated_webp(96, 96, {{0, 0, 1, 1, still}, {2, 2, 1, 1, still}}),
+       false,
+       {"it states no resolution" + sized + "1.00 x 1.00 inches",
+        "it is an animation of 2 frames; the film has the first one"}},
+      {"bmp", bmp.bytes(), false, {}},
+      {"bmp profile", profiled, true, {}},
+  };
+  for (const auto& c : cases) {
+    const ImageProbeInfo info = probe_image(write(c.name + ".png"s, c.bytes));
+    EXPECT_EQ(info.has_profile, c.has_profile) << c.name;
+    EXPECT_EQ(info.notes, c.notes) << c.name;
   }
 }
 
@@ -68,7 +137,10 @@ TEST_F(WicImageTest, PngSuiteFiles) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
+    log_.take();
     const LoadedImage image = load_image(suite_file(c.name));
+    const bool drops_alpha = c.name == "basi4a16"s || c.name == "basn6a16"s;
+    EXPECT_EQ(log_.count("alpha of 16 bits is not used"), drops_alpha);
     EXPECT_TRUE(image.is_rgb && !image.is_cmyk && !image.is_gray);
     EXPECT_EQ(image.kind, ImageSourceKind::wic);
     EXPECT_EQ(image.has_alpha, c.has_alpha);
@@ -108,7 +180,14 @@ TEST_F(WicImageTest, FailuresNameTheirStage) {
       {"large.png", png_header_only(16385, 16384), too_large},
   };
   for (const auto& c : cases) expect_load_failure(write(c.name, c.bytes), c.text);
+  EXPECT_TRUE(
+      log_.contains("[WARN ] Art '" + dir_.file("c.png") + "' can't be read: PNG: the file is too short"));
   expect_load_failure(dir_.file("none.png"), "WIC cannot open: " + dir_.file("none.png"));
+  const std::string pipe = dir_.file("pipe.png");  // nobody writes into it
+  ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
+  expect_load_failure(pipe, "WIC cannot open: " + pipe);
+  EXPECT_EQ(failure_of([&] { probe_image(pipe); }), "WIC cannot open: " + pipe);
+  EXPECT_TRUE(log_.contains("[WARN ] Art '" + pipe + "' can't be read: it is no file but a pipe"));
 
   // The probe believes a header whose pixels nobody could hold; reading rows does not.
   EXPECT_EQ(probe_image(dir_.file("wide.png")).width, 1'073'741'824u);
@@ -142,35 +221,71 @@ TEST_F(WicImageTest, ExtensionsAndBareNames) {
 }
 
 TEST_F(WicImageTest, BandsFromTheBottomEqualTheWholeImage) {
-  const struct {
-    std::uint32_t side;
-    const char* temporary_folder;
-    bool decodes_whole_image;
-  } cases[] = {
-      {50, "none", false},  // stays in memory
-      {2100, "", false},
-      {2100, "none", true},
-  };
-  for (const auto& [side, folder, falls_back] : cases) {
-    const ScopedVariable temporary("TMPDIR", dir_.file(folder).c_str());
+  for (const std::uint32_t side : {50u, 2100u}) {  // in memory, in a temporary file
     const Bytes pixels = rgba_image(side, side, busy_pixel);
-    const std::string path = write("a.webp", PngFile{.width = side, .height = side}.bytes());
-    const auto source = make_raster_source(path);
+    const auto source = make_raster_source(write("a.webp", PngFile{.width = side, .height = side}.bytes()));
     for (std::uint32_t rows = side / 5, y = side - rows; y < side; y -= rows) {
       ASSERT_TRUE(source->read_rows(y, rows, out_, &error_)) << error_;
       ASSERT_TRUE(out_ == rows_of(pixels, side * 4, y, rows)) << y;
     }
     ASSERT_TRUE(source->read_region({side - 3, side - 1, 2, 1}, out_, &error_));
     EXPECT_EQ(out_, Bytes(pixels.end() - 12, pixels.end() - 4));
-    const std::string reason = "WIC CopyPixels row read failed";
-    const std::string warning = "; switching to full-load fallback for " + path;
-    EXPECT_EQ(log_.count("[WARN ] RasterSource(WIC): " + reason + warning), falls_back);
-    EXPECT_EQ(source->supports_row_reads(), !falls_back);
-    EXPECT_EQ(source->read_strategy(),
-              falls_back ? "fallback full-image decode (" + reason + ")" : "native WIC CopyPixels rows");
+    EXPECT_EQ(source->read_strategy(), "native WIC CopyPixels rows");
     const RasterReadStats stats = source->stats();
-    EXPECT_THAT((std::vector{stats.row_reads, stats.region_reads, stats.full_decodes}),
-                ElementsAre(falls_back ? 6 : 5, 1, falls_back));
+    EXPECT_THAT((std::vector{stats.row_reads, stats.region_reads, stats.full_decodes}), ElementsAre(5, 1, 0));
+  }
+}
+
+/// No file of the process may grow above `bytes`.
+class FileSizeLimit {
+ public:
+  explicit FileSizeLimit(rlim_t bytes) : old_action_(std::signal(SIGXFSZ, SIG_IGN)) {
+    ::getrlimit(RLIMIT_FSIZE, &old_);
+    const rlimit limit{bytes, old_.rlim_max};
+    ::setrlimit(RLIMIT_FSIZE, &limit);
+  }
+  ~FileSizeLimit() {
+    ::setrlimit(RLIMIT_FSIZE, &old_);
+    std::signal(SIGXFSZ, old_action_);
+  }
+
+ private:
+  rlimit old_{};
+  void (*old_action_)(int);
+};
+
+TEST_F(WicImageTest, NoRoomForTheTemporaryFileIsNoDamage) {
+  const std::string plain = write("a.png", PngFile{.width = 2100, .height = 2100}.bytes());
+  const std::string vast = write("vast.png", png_header_only(16'000'000, 1'000'000));
+  std::filesystem::resize_file(vast, std::uint64_t{64} << 30);  // without a block on the disk
+  const std::string here = dir_.path().string(), none = dir_.file("none");
+  const struct {
+    std::string path, folder;
+    rlim_t limit;
+    std::string text;
+  } cases[] = {
+      {plain, none, RLIM_INFINITY,
+       "cannot make the temporary file in '" + none + "' (TMPDIR), 17640000 bytes for the pixels of '" +
+           plain + "': No such file or directory"},
+      {plain, here, 3 << 20,
+       "cannot write the temporary file in '" + here + "' (TMPDIR), 17640000 bytes for the pixels of '" +
+           plain + "': File too large"},
+      {vast, here, RLIM_INFINITY,
+       "the pixels of '" + vast + "' need a temporary file of 64000000000000 bytes in '" + here +
+           "' (TMPDIR), which has room for "},
+  };
+  for (const auto& c : cases) {
+    const ScopedVariable temporary("TMPDIR", c.folder.c_str());
+    const FileSizeLimit limit(c.limit);
+    const auto failures = std::make_shared<DecodeFailures>();
+    const auto source = make_raster_source(c.path, failures);
+    EXPECT_THAT(failure_of([&] {
+                  source->read_rows(0, 1, out_, &error_);
+                  source->read_rows(2000, 1, out_, &error_);
+                }),
+                StartsWith(c.text));
+    EXPECT_FALSE(failures->failure(DecodeStage::whole_image));
+    EXPECT_FALSE(log_.contains("switching to full-load fallback"));
   }
 }
 

@@ -34,6 +34,10 @@ class InputFile {
 /// True where a file did not open because of what stands at its path: nothing, no regular file, nothing that
 /// this user may read. Any other error means that the machine has failed.
 bool tells_of_path(int code);
+/// True where the file is there but not for this user.
+bool means_no_permission(int code);
+/// For a person, why no file was opened.
+std::string input_error_text(int code);
 
 /// What stands at a path, links followed.
 struct PathStatus {

@@ -74,4 +74,13 @@ int path_error(const std::string& path) {
   return error == ENOENT || error == ENOTDIR ? 0 : error;
 }
 
+bool means_no_permission(int code) {
+  return code == EACCES || code == EPERM;
+}
+
+std::string input_error_text(int code) {
+  const bool is_special = code == ENODEV || code == ENXIO;
+  return is_special ? "it is no file but a pipe, a socket or a device" : error_text(code);
+}
+
 }  // namespace nvo::platform

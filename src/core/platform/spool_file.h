@@ -2,12 +2,17 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
+#include <string>
 
 namespace nvo::platform {
 
-/// A temporary file without a name: it disappears with this object, however the process ends. It lies in the
-/// system's temporary folder (`TMPDIR`). Every function returns 0 or the system's error code; `error_text`
-/// of file.h explains it. One thread at a time.
+/// The system's temporary folder (`TMPDIR`, or /tmp), whether it is there or not.
+std::string temporary_folder();
+
+/// A temporary file without a name: it disappears with this object, however the process ends. Functions that
+/// return a number return 0 or the system's error code; `error_text` of file.h explains it. One thread at a
+/// time.
 class SpoolFile {
  public:
   SpoolFile() = default;
@@ -15,7 +20,9 @@ class SpoolFile {
   SpoolFile(const SpoolFile&) = delete;
   SpoolFile& operator=(const SpoolFile&) = delete;
 
-  int create();
+  int create(const std::string& folder);
+  /// Bytes that the file system of an empty file has room for; nothing where it can't tell.
+  std::optional<std::uint64_t> room() const;
   /// Writes all bytes behind those that are there.
   int append(const void* data, std::size_t size);
   /// Reads exactly `size` bytes from `offset` on; a file that ends before them is an error.

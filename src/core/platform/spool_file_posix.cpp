@@ -1,13 +1,13 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
-#include <filesystem>
 #include <string>
-#include <system_error>
 
 #include <fcntl.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
+#include "core/platform/environment.h"
 #include "core/platform/file.h"
 #include "core/platform/spool_file.h"
 
@@ -32,19 +32,29 @@ int open_unnamed(const std::string& folder) {
 
 }  // namespace
 
+std::string temporary_folder() {
+  for (const char* name : {"TMPDIR", "TMP", "TEMP", "TEMPDIR"})
+    if (const auto folder = environment(name); folder && !folder->empty()) return *folder;
+  return "/tmp";
+}
+
 SpoolFile::~SpoolFile() {
   if (descriptor_ >= 0) ::close(descriptor_);
 }
 
-int SpoolFile::create() {
-  std::error_code error;
-  const auto folder = std::filesystem::temp_directory_path(error);
-  if (error) return error.value();
-  const int descriptor = open_unnamed(folder.string());
+int SpoolFile::create(const std::string& folder) {
+  const int descriptor = open_unnamed(folder);
   if (descriptor < 0) return -descriptor;
   if (descriptor_ >= 0) ::close(descriptor_);
   descriptor_ = descriptor;
   return 0;
+}
+
+std::optional<std::uint64_t> SpoolFile::room() const {
+  struct statvfs system {};
+  // A file system without blocks (a network's, a memory's without a limit) doesn't count them.
+  if (::fstatvfs(descriptor_, &system) != 0 || system.f_blocks == 0) return std::nullopt;
+  return std::uint64_t{system.f_bavail} * system.f_frsize;
 }
 
 int SpoolFile::append(const void* data, std::size_t size) {

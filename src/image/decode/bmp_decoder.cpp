@@ -1,7 +1,9 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <limits>
 #include <memory>
+#include <optional>
 #include <utility>
 #include <vector>
 
@@ -46,14 +48,26 @@ class FieldScaler {
 class BmpDecoder final : public RasterDecoder {
  public:
   explicit BmpDecoder(ByteReader reader) : reader_(std::move(reader)), bmp_(read_bmp_header(reader_)) {
+    info_.format = "BMP";
     info_.width = bmp_.width;
     info_.height = bmp_.height;
     info_.dpi_x = bmp_.dpi_x;
     info_.dpi_y = bmp_.dpi_y;
     info_.has_alpha = bmp_.fields[kAlpha].bits != 0;
+    info_.has_profile = bmp_.has_profile;
     info_.needs_whole_frame = is_run_length();
     for (std::size_t i = 0; i < bmp_.fields.size(); ++i)
       scalers_.emplace_back(bmp_.fields[i], i == kAlpha ? std::uint8_t{0xFF} : std::uint8_t{0});
+  }
+
+  /// The best that run lengths can do is 255 pixels for two bytes.
+  ImageClaim claim() const override {
+    constexpr std::uint64_t kMaxRun = 255, kRunBytes = 2;
+    const std::uint64_t held = reader_.size() - std::min(bmp_.data_start, reader_.size());
+    if (is_run_length())
+      return {std::uint64_t{info_.width} * info_.height, held / kRunBytes * kMaxRun + kMaxRun - 1};
+    const auto stored = checked_product(bmp_.stride(), info_.height);
+    return {stored.value_or(std::numeric_limits<std::uint64_t>::max()), held};
   }
 
   void read_row(std::uint8_t* rgba) override {
@@ -66,21 +80,15 @@ class BmpDecoder final : public RasterDecoder {
     }
     const std::uint32_t stored = bmp_.top_down ? next_row_ : info_.height - 1 - next_row_;
     ++next_row_;
-    unpack_row(stored_row(stored), rgba);
+    const std::uint8_t* row = stored_row(stored);
+    unpack_row(row, rgba);
+    if (bmp_.has_spare_byte) look_at_spare_byte(row);
   }
 
  private:
   bool is_run_length() const { return bmp_.compression != BmpCompression::none; }
 
-  void prepare() override {
-    constexpr std::uint64_t kMaxRun = 255, kRunBytes = 2;
-    const std::uint64_t held = reader_.size() - std::min(bmp_.data_start, reader_.size());
-    const auto stored = checked_product(bmp_.stride(), info_.height);
-    const bool fits = is_run_length()
-                          ? std::uint64_t{info_.width} * info_.height / kMaxRun <= held / kRunBytes
-                          : stored && *stored <= held;
-    if (!fits) throw DecodeError("BMP: the file is too short for its size in pixels");
-  }
+  void prepare() override {}
 
   /// Reads blocks of rows, since most files are walked backwards.
   const std::uint8_t* stored_row(std::uint32_t y) {
@@ -90,9 +98,28 @@ class BmpDecoder final : public RasterDecoder {
       block_begin_ = bmp_.top_down ? y : y + 1 - std::min(y + 1, most);
       block_.resize(std::min(most, info_.height - block_begin_) * stride);
       reader_.seek(bmp_.data_start + block_begin_ * bmp_.stride());
-      if (!reader_.read_exactly(block_.data(), block_.size())) throw DecodeError("BMP: the file ends early");
+      if (!reader_.read_exactly(block_.data(), block_.size())) fail_early();
     }
     return block_.data() + (y - block_begin_) * stride;
+  }
+
+  [[noreturn]] void fail_early() const {
+    reader_.require_sound();
+    throw DecodeError("BMP: the file ends early");
+  }
+
+  /// A fourth byte that no mask claims is filler, yet some programs keep alpha there.
+  void look_at_spare_byte(const std::uint8_t* stored) {
+    constexpr std::size_t kPixelBytes = 4, kSpare = 3;
+    if (!first_spare_byte_) first_spare_byte_ = stored[kSpare];
+    for (std::size_t i = kSpare; bmp_.has_spare_byte && i < info_.width * kPixelBytes; i += kPixelBytes) {
+      if (stored[i] == *first_spare_byte_) continue;
+      warn_of_art(
+          reader_.path(),
+          "the fourth byte of its pixels varies as alpha does, but no mask of the file names alpha: the "
+          "film has it as opaque art");
+      bmp_.has_spare_byte = false;
+    }
   }
 
   void unpack_row(const std::uint8_t* stored, std::uint8_t* rgba) const {
@@ -138,7 +165,7 @@ class BmpDecoder final : public RasterDecoder {
 
   std::uint8_t next_byte() {
     std::uint8_t byte = 0;
-    if (!reader_.read_exactly(&byte, 1)) throw DecodeError("BMP: the file ends early");
+    if (!reader_.read_exactly(&byte, 1)) fail_early();
     return byte;
   }
 
@@ -201,6 +228,7 @@ class BmpDecoder final : public RasterDecoder {
   std::uint32_t block_begin_ = 0;
   std::vector<std::uint8_t> indices_;  // of a run-length file, one a pixel
   std::uint32_t next_row_ = 0;
+  std::optional<std::uint8_t> first_spare_byte_;
 };
 
 }  // namespace

@@ -43,7 +43,9 @@ struct InfoBlock {
 };
 
 void read_exactly(ByteReader& reader, void* out, std::size_t count) {
-  if (!reader.read_exactly(out, count)) fail("the header ends early");
+  if (reader.read_exactly(out, count)) return;
+  reader.require_sound();
+  fail("the header ends early");
 }
 
 InfoBlock read_info_block(ByteReader& reader) {
@@ -122,6 +124,18 @@ void read_palette(ByteReader& reader, const InfoBlock& block, BmpHeader& bmp) {
   }
 }
 
+bool names_profile(const InfoBlock& block) {
+  constexpr std::size_t kColorSpaceAt = 56;
+  constexpr std::uint32_t kEmbedded = 0x4D424544, kLinked = 0x4C494E4B;  // "MBED", "LINK"
+  const std::uint32_t color_space = block.u32(kColorSpaceAt);
+  return color_space == kEmbedded || color_space == kLinked;
+}
+
+bool ends_below_spare_byte(const BmpField& field) {
+  constexpr int kSpareByteAt = 24;
+  return field.shift + field.bits <= kSpareByteAt;
+}
+
 /// Which pixel size goes with which way of storing it.
 BmpCompression compression_of(std::uint32_t method, const InfoBlock& block, const BmpHeader& bmp) {
   const int bits = bmp.bits_per_pixel;
@@ -153,6 +167,8 @@ BmpHeader read_bmp_header(ByteReader& reader) {
   if (bmp.data_start < kFileHeaderBytes + block.size) fail("pixels overlap the header");
   if (bmp.bits_per_pixel == 16 || bmp.bits_per_pixel == 32) set_fields(reader, block, method, bmp);
   if (bmp.bits_per_pixel <= 8) read_palette(reader, block, bmp);
+  bmp.has_profile = block.size == kV5Bytes && names_profile(block);
+  bmp.has_spare_byte = bmp.bits_per_pixel == 32 && std::ranges::all_of(bmp.fields, ends_below_spare_byte);
   return bmp;
 }
 

@@ -27,6 +27,8 @@ struct BmpHeader {
   double dpi_x = 0.0, dpi_y = 0.0;                   ///< 0 where not stated
   std::array<BmpField, 4> fields;                    ///< red, green, blue, alpha of 16 and 32 bits
   std::vector<std::array<std::uint8_t, 4>> palette;  ///< RGBA, one entry for every possible index
+  bool has_profile = false;                          ///< embedded or named
+  bool has_spare_byte = false;                       ///< 32 bits of which no field takes the highest eight
   std::uint64_t data_start = 0;                      ///< position in the file
 
   /// Of an uncompressed row, with its padding to four bytes.

@@ -2,10 +2,8 @@
 
 #include <algorithm>
 #include <cstring>
-#include <filesystem>
-#include <system_error>
 
-#include "core/platform/paths.h"
+#include "core/machine_failure.h"
 
 namespace nvo {
 namespace {
@@ -14,16 +12,14 @@ constexpr std::size_t kBufferBytes = 64 << 10;
 
 }  // namespace
 
-ByteReader::ByteReader(const std::string& path) {
-  const auto native_path = platform::to_path(path);
-  std::error_code error;
-  if (!std::filesystem::is_regular_file(native_path, error)) return;
-  const auto size = std::filesystem::file_size(native_path, error);
-  if (error) return;
-  buffer_.resize(kBufferBytes);
-  file_.rdbuf()->pubsetbuf(nullptr, 0);  // the bytes are buffered here already
-  file_.open(native_path, std::ios::binary);
-  if (file_.is_open()) size_ = size;
+ByteReader::ByteReader(const std::string& path) : path_(path) {
+  open_error_ = file_.open(path);
+  if (open_error_ != 0 && !platform::tells_of_path(open_error_)) fail_on_file("open", path, open_error_);
+  if (is_open()) buffer_.resize(kBufferBytes);
+}
+
+void ByteReader::require_sound() const {
+  if (read_error_ != 0) fail_on_file("read", path_, read_error_);
 }
 
 std::size_t ByteReader::read(void* out, std::size_t count) noexcept {
@@ -59,25 +55,25 @@ void ByteReader::seek(std::uint64_t position) noexcept {
     next_ = static_cast<std::size_t>(position - buffer_start_);
     return;
   }
-  buffer_start_ = std::min(position, size_);
+  buffer_start_ = std::min(position, size());
   next_ = available_ = 0;
-  file_.clear();
-  file_.seekg(static_cast<std::streamoff>(buffer_start_));
 }
 
 void ByteReader::skip(std::uint64_t count) noexcept {
-  seek(count > size_ - std::min(position(), size_) ? size_ : position() + count);
+  seek(count > size() - std::min(position(), size()) ? size() : position() + count);
 }
 
 void ByteReader::refill() noexcept {
   buffer_start_ = position();
-  next_ = 0;
+  next_ = available_ = 0;
   available_ = read_file(buffer_.data(), buffer_.size());
 }
 
+/// Reads at `position`, without moving it. After a failure there is nothing more to read.
 std::size_t ByteReader::read_file(void* out, std::size_t count) noexcept {
-  file_.read(static_cast<char*>(out), static_cast<std::streamsize>(count));
-  return static_cast<std::size_t>(file_.gcount());
+  std::size_t got = 0;
+  if (read_error_ == 0) read_error_ = file_.read_at(position(), out, count, got);
+  return read_error_ == 0 ? got : 0;
 }
 
 }  // namespace nvo

@@ -3,13 +3,18 @@
 #include <csetjmp>
 #include <cstdio>  // jpeglib.h takes FILE as given
 #include <cstring>
+#include <limits>
 #include <memory>
+#include <new>
 #include <span>
+#include <string_view>
 #include <utility>
+#include <vector>
 
 #include <jerror.h>
 #include <jpeglib.h>
 
+#include "core/checked.h"
 #include "image/decode/raster_decoder.h"
 
 namespace nvo {
@@ -47,6 +52,17 @@ class MarkerWalk {
     block_ = block_.subspan(here);
     if (count > here) reader_.skip(count - here);
   }
+  /// Up to `count` of the next bytes.
+  std::vector<std::uint8_t> take(std::size_t count) {
+    std::vector<std::uint8_t> taken;
+    taken.reserve(count);
+    while (taken.size() < count && fill()) {
+      const std::size_t here = std::min(count - taken.size(), block_.size());
+      taken.insert(taken.end(), block_.begin(), block_.begin() + static_cast<std::ptrdiff_t>(here));
+      skip(here);
+    }
+    return taken;
+  }
   /// The code of the next marker, -1 if there is none.
   int next_marker() {
     while (fill()) {
@@ -75,19 +91,37 @@ class MarkerWalk {
   std::span<const std::uint8_t> block_;
 };
 
-/// Scans of a file by its markers, without decoding; 1 for a sequential file that begins with a scan of all
-/// its components. Leaves the reader anywhere.
-std::uint64_t count_scans(ByteReader& reader) {
+/// What a file's markers tell without decoding.
+struct JpegOutline {
+  std::uint64_t scans = 0;  ///< 1 for a sequential file that begins with a scan of all its components
+  bool has_profile = false;
+  ExifFacts exif;
+};
+
+/// Takes the segment of an APP marker, `size` bytes long.
+void read_application_segment(MarkerWalk& walk, int code, std::size_t size, JpegOutline& outline) {
+  constexpr int kExif = JPEG_APP0 + 1, kProfile = JPEG_APP0 + 2;
+  constexpr std::string_view kExifMark("Exif\0", 5), kProfileMark("ICC_PROFILE\0", 12);
+  if (code != kExif && code != kProfile) return walk.skip(size);
+  const std::vector<std::uint8_t> segment = walk.take(size);
+  const std::string_view text(reinterpret_cast<const char*>(segment.data()), segment.size());
+  if (code == kExif && text.starts_with(kExifMark)) outline.exif = read_exif(segment);
+  if (code == kProfile && text.starts_with(kProfileMark)) outline.has_profile = true;
+}
+
+/// Leaves the reader anywhere.
+JpegOutline read_outline(ByteReader& reader) {
   constexpr int kFrames = 0xC0, kLastSequential = 0xC1, kStartOfImage = 0xD8, kStartOfScan = 0xDA;
+  constexpr int kLastApplication = JPEG_APP0 + 15;
   constexpr std::size_t kBeforeComponents = 5;  // precision, height and width of a frame
   MarkerWalk walk(reader);
-  std::uint64_t scans = 0;
+  JpegOutline outline;
   int frame = -1, frame_components = 0;
   for (int code = walk.next_marker(); code >= 0 && code != JPEG_EOI; code = walk.next_marker()) {
     if (code < kFrames || (code >= JPEG_RST0 && code <= kStartOfImage)) continue;  // markers without a length
     const int high = walk.next(), low = walk.next();
     std::size_t left = high < 0 || low < 0 ? 0 : static_cast<std::size_t>(high << 8 | low);
-    if (left < 2) return scans;
+    if (left < 2) return outline;
     left -= 2;
     if (code <= kLastSequential && left > kBeforeComponents) {
       walk.skip(kBeforeComponents);
@@ -95,26 +129,35 @@ std::uint64_t count_scans(ByteReader& reader) {
       frame_components = walk.next();
       left -= kBeforeComponents + 1;
     } else if (code == kStartOfScan && left > 0) {
-      ++scans;
+      ++outline.scans;
       const int components = walk.next();
       --left;
-      if (scans == 1 && frame >= 0 && components == frame_components) return scans;
+      if (outline.scans == 1 && frame >= 0 && components == frame_components) return outline;
+    } else if (code >= JPEG_APP0 && code <= kLastApplication && outline.scans == 0) {
+      read_application_segment(walk, code, left, outline);
+      left = 0;
     }
     walk.skip(left);
   }
-  return scans;
+  return outline;
 }
 
 /// What libjpeg's callbacks see. They must not throw.
 struct JpegState {
   explicit JpegState(ByteReader opened) : reader(std::move(opened)) {}
+  ~JpegState() { jpeg_destroy_decompress(&jpeg); }
+  JpegState(const JpegState&) = delete;
+  JpegState& operator=(const JpegState&) = delete;
 
+  jpeg_decompress_struct jpeg{};
   jpeg_error_mgr errors{};
   jpeg_source_mgr source{};
   jpeg_progress_mgr progress{};
   std::jmp_buf failed{};
-  bool multi_scan = false;
-  std::array<char, JMSG_LENGTH_MAX> message{};
+  bool multi_scan = false, out_of_memory = false;
+  const JOCTET* block_begin = nullptr;          ///< what libjpeg has in hand begins here
+  std::array<char, JMSG_LENGTH_MAX> message{};  ///< of the error
+  std::array<char, JMSG_LENGTH_MAX> doubt{};    ///< of the last message about damage without an error
   ByteReader reader;
 };
 
@@ -124,6 +167,8 @@ JpegState& state_of(j_common_ptr jpeg) {
 
 [[noreturn]] void on_error(j_common_ptr jpeg) {
   JpegState& state = state_of(jpeg);
+  const int code = jpeg->err->msg_code;
+  if (code == JERR_OUT_OF_MEMORY || code == JERR_NO_BACKING_STORE) state.out_of_memory = true;
   jpeg->err->format_message(jpeg, state.message.data());
   std::longjmp(state.failed, 1);
 }
@@ -134,12 +179,26 @@ JpegState& state_of(j_common_ptr jpeg) {
   std::longjmp(state.failed, 1);
 }
 
+/// Filler of zeros, which some cameras leave in front of a marker, is no damage.
+bool are_zeros_before_marker(const JpegState& state, int count) {
+  const JOCTET* end = state.source.next_input_byte;
+  const auto here = std::min<std::ptrdiff_t>(count, end - state.block_begin);
+  return std::all_of(end - here, end, [](JOCTET byte) { return byte == 0; });
+}
+
 /// libjpeg goes on with gray areas where data is missing or wrong; such warnings end the decoding here.
-/// Others (stray bytes between markers, odd version numbers) cost no pixels.
+/// Others may have changed pixels: bytes that no block wanted, scans out of order, colours of a kind that it
+/// guesses. The rest (an odd version, odd parameters of a scan that has only one meaning) costs nothing.
 void on_message(j_common_ptr jpeg, int level) {
   constexpr int kPixelLosses[] = {JWRN_HIT_MARKER, JWRN_HUFF_BAD_CODE, JWRN_MUST_RESYNC};
-  if (level < 0 && std::ranges::find(kPixelLosses, jpeg->err->msg_code) != std::end(kPixelLosses))
-    on_error(jpeg);
+  constexpr int kDoubts[] = {JWRN_EXTRANEOUS_DATA, JWRN_BOGUS_PROGRESSION, JWRN_ADOBE_XFORM};
+  const int code = jpeg->err->msg_code;
+  if (level >= 0) return;
+  if (std::ranges::find(kPixelLosses, code) != std::end(kPixelLosses)) on_error(jpeg);
+  if (std::ranges::find(kDoubts, code) == std::end(kDoubts)) return;
+  JpegState& state = state_of(jpeg);
+  if (code == JWRN_EXTRANEOUS_DATA && are_zeros_before_marker(state, jpeg->err->msg_parm.i[0])) return;
+  jpeg->err->format_message(jpeg, state.doubt.data());
 }
 
 void on_output(j_common_ptr) {}
@@ -149,7 +208,7 @@ std::uint64_t most_scans(const jpeg_decompress_struct& jpeg) {
   return std::clamp(kMaxScannedPixels / pixels, kMaxScansOfAnySize, kMaxScans);
 }
 
-/// For files in which `count_scans` went astray.
+/// For files in which `read_outline` went astray.
 void on_progress(j_common_ptr jpeg) {
   const auto& file = *reinterpret_cast<j_decompress_ptr>(jpeg);
   if (static_cast<std::uint64_t>(file.input_scan_number) > most_scans(file)) fail(jpeg, kTooManyScans);
@@ -164,7 +223,7 @@ boolean fill_input(j_decompress_ptr jpeg) {
   std::span<const JOCTET> block = state.reader.next_block();
   if (block.empty() && state.multi_scan) fail(common, "the file ends early");
   if (block.empty()) block = kEndOfImage;
-  state.source.next_input_byte = block.data();
+  state.block_begin = state.source.next_input_byte = block.data();
   state.source.bytes_in_buffer = block.size();
   return TRUE;
 }
@@ -179,7 +238,8 @@ void skip_input(j_decompress_ptr jpeg, long count) {
   if (wanted > here) state.reader.skip(wanted - here);
 }
 
-void connect(jpeg_decompress_struct& jpeg, JpegState& state) {
+void connect(JpegState& state) {
+  jpeg_decompress_struct& jpeg = state.jpeg;
   jpeg.err = jpeg_std_error(&state.errors);
   state.errors.error_exit = on_error;
   state.errors.emit_message = on_message;
@@ -217,28 +277,34 @@ void cmyk_to_rgba(std::uint8_t* pixel, std::size_t count, bool stored_as_complem
 
 class JpegDecoder final : public RasterDecoder {
  public:
-  explicit JpegDecoder(ByteReader reader) : state_(std::make_unique<JpegState>(std::move(reader))) {
-    scans_ = count_scans(state_->reader);
+  explicit JpegDecoder(ByteReader reader)
+      : state_(std::make_unique<JpegState>(std::move(reader))), jpeg_(state_->jpeg) {
+    outline_ = read_outline(state_->reader);
     state_->reader.seek(0);
-    connect(jpeg_, *state_);
-    if (!read_header()) {
-      const DecodeError error = failure();
-      jpeg_destroy_decompress(&jpeg_);
-      throw error;
-    }
+    connect(*state_);
+    require(read_header());
   }
-  ~JpegDecoder() override { jpeg_destroy_decompress(&jpeg_); }
-  JpegDecoder(const JpegDecoder&) = delete;
-  JpegDecoder& operator=(const JpegDecoder&) = delete;
+
+  /// Of the largest component, since a file may come without the others.
+  ImageClaim claim() const override {
+    constexpr std::uint64_t kAnything = std::numeric_limits<std::uint64_t>::max();
+    if (jpeg_.arith_code) return {0, kAnything};  // refused for another reason
+    std::uint64_t blocks = 0;
+    for (const jpeg_component_info& part : std::span(jpeg_.comp_info, jpeg_.num_components))
+      blocks = std::max(blocks, std::uint64_t{part.width_in_blocks} * part.height_in_blocks);
+    const auto possible = checked_product(state_->reader.size(), kBlocksPerByte * DCTSIZE2);
+    return {blocks * DCTSIZE2, possible.value_or(kAnything)};
+  }
 
   void read_row(std::uint8_t* rgba) override {
-    const bool done = guarded(*state_, [&] {
+    require(guarded(*state_, [&] {
       if (!started_) jpeg_start_decompress(&jpeg_);
       started_ = true;
       jpeg_read_scanlines(&jpeg_, &rgba, 1);
-    });
-    if (!done) throw failure();
+    }));
     if (jpeg_.out_color_space == JCS_CMYK) cmyk_to_rgba(rgba, info_.width, jpeg_.saw_Adobe_marker);
+    if (jpeg_.output_scanline == jpeg_.output_height) read_to_end();
+    tell_doubt();
   }
 
  private:
@@ -253,25 +319,45 @@ class JpegDecoder final : public RasterDecoder {
     });
   }
 
+  /// Data that is left over shows that some before it was misread. All rows are there, so that an error
+  /// behind them is none.
+  void read_to_end() {
+    if (guarded(*state_, [&] { jpeg_finish_decompress(&jpeg_); })) return;
+    state_->reader.require_sound();
+    if (state_->out_of_memory) throw std::bad_alloc();
+  }
+
+  void tell_doubt() {
+    if (state_->doubt[0] == 0) return;
+    warn_of_art(state_->reader.path(),
+                std::string("it is damaged, and the film may differ from what it should show: ") +
+                    state_->doubt.data());
+    state_->doubt[0] = 0;
+  }
+
   void describe() {
+    info_.format = "JPEG";
     info_.width = jpeg_.image_width;
     info_.height = jpeg_.image_height;
     info_.needs_whole_frame = state_->multi_scan;
+    info_.has_profile = outline_.has_profile;
+    info_.orientation = outline_.exif.orientation;
     const UINT8 unit = jpeg_.density_unit;
-    if (!jpeg_.saw_JFIF_marker || (unit != kDensityPerInch && unit != kDensityPerCm)) return;
-    const double per_inch = unit == kDensityPerCm ? kCmPerInch : 1.0;
-    info_.dpi_x = jpeg_.X_density * per_inch;
-    info_.dpi_y = jpeg_.Y_density * per_inch;
+    const bool stated = unit == kDensityPerInch || unit == kDensityPerCm;
+    const bool may_differ = jpeg_.X_density == 0 && outline_.exif.dpi_x > 0.0;
+    if (jpeg_.saw_JFIF_marker && stated && !may_differ) {
+      const double per_inch = unit == kDensityPerCm ? kCmPerInch : 1.0;
+      info_.dpi_x = jpeg_.X_density * per_inch;
+      info_.dpi_y = jpeg_.Y_density * per_inch;
+    } else {
+      info_.dpi_x = outline_.exif.dpi_x;
+      info_.dpi_y = outline_.exif.dpi_y;
+    }
   }
 
   void prepare() override {
     // Its codes have no least length, so that no size could be doubted; other readers refuse it too.
     if (jpeg_.arith_code) throw DecodeError("JPEG: arithmetic coding is not supported");
-    for (const jpeg_component_info& part : std::span(jpeg_.comp_info, jpeg_.num_components)) {
-      const std::uint64_t blocks = std::uint64_t{part.width_in_blocks} * part.height_in_blocks;
-      if (blocks / kBlocksPerByte > state_->reader.size())
-        throw DecodeError("JPEG: the file is too short for its size in pixels");
-    }
     switch (jpeg_.jpeg_color_space) {
       case JCS_GRAYSCALE:
       case JCS_RGB:
@@ -285,15 +371,21 @@ class JpegDecoder final : public RasterDecoder {
       default:
         throw DecodeError("JPEG: unknown colour space");
     }
-    if (scans_ > most_scans(jpeg_)) throw DecodeError(std::string("JPEG: ") + kTooManyScans);
+    if (outline_.scans > most_scans(jpeg_)) throw DecodeError(std::string("JPEG: ") + kTooManyScans);
     jpeg_.do_block_smoothing = FALSE;  // how it guesses pixels differs between versions of the library
   }
 
-  DecodeError failure() const { return DecodeError(std::string("JPEG: ") + state_->message.data()); }
+  /// Throws what the failure means; a success after a failed read is none.
+  void require(bool done) const {
+    state_->reader.require_sound();
+    if (done) return;
+    if (state_->out_of_memory) throw std::bad_alloc();
+    throw DecodeError(std::string("JPEG: ") + state_->message.data());
+  }
 
   std::unique_ptr<JpegState> state_;
-  jpeg_decompress_struct jpeg_{};
-  std::uint64_t scans_ = 0;
+  jpeg_decompress_struct& jpeg_;  // of the state
+  JpegOutline outline_;
   bool started_ = false;
 };
 

@@ -2,7 +2,11 @@
 #include <array>
 #include <csetjmp>
 #include <cstdio>
+#include <cstdlib>
+#include <limits>
 #include <memory>
+#include <new>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -21,10 +25,27 @@ constexpr double kInchesPerMetre = 0.0254;
 /// What libpng's callbacks see. They must not throw.
 struct PngState {
   explicit PngState(ByteReader opened) : reader(std::move(opened)) {}
+  ~PngState() { png_destroy_read_struct(&png, &info, nullptr); }
+  PngState(const PngState&) = delete;
+  PngState& operator=(const PngState&) = delete;
 
   ByteReader reader;
+  png_structp png = nullptr;
+  png_infop info = nullptr;
+  bool out_of_memory = false, resolution_is_damaged = false;
   std::array<char, 128> message{};
 };
+
+/// libpng takes some of its failed allocations for a damaged chunk, so that they are noted here.
+png_voidp on_malloc(png_structp png, png_alloc_size_t size) {
+  void* memory = std::malloc(size);
+  if (!memory) static_cast<PngState*>(png_get_mem_ptr(png))->out_of_memory = true;
+  return memory;
+}
+
+void on_free(png_structp, png_voidp memory) {
+  std::free(memory);
+}
 
 void on_error(png_structp png, png_const_charp text) {
   auto& message = static_cast<PngState*>(png_get_error_ptr(png))->message;
@@ -32,7 +53,11 @@ void on_error(png_structp png, png_const_charp text) {
   png_longjmp(png, 1);
 }
 
-void on_warning(png_structp, png_const_charp) {}
+/// Of the chunks that libpng reads and may drop, only the resolution shows on the film.
+void on_warning(png_structp png, png_const_charp text) {
+  if (std::string_view(text).starts_with("pHYs"))
+    static_cast<PngState*>(png_get_error_ptr(png))->resolution_is_damaged = true;
+}
 
 void on_read(png_structp png, png_bytep out, std::size_t count) {
   if (!static_cast<PngState*>(png_get_io_ptr(png))->reader.read_exactly(out, count))
@@ -46,6 +71,40 @@ bool guarded(png_structp png, const Calls& calls) {
   if (setjmp(png_jmpbuf(png)) != 0) return false;
   calls();
   return true;
+}
+
+/// What stands in front of the pixels besides what libpng is let read.
+struct PngExtras {
+  bool has_profile = false, has_transparency = false;
+  ExifFacts exif;
+};
+
+std::uint32_t big_u32(const std::uint8_t* bytes) {
+  return std::uint32_t{bytes[0]} << 24 | std::uint32_t{bytes[1]} << 16 | std::uint32_t{bytes[2]} << 8 |
+         bytes[3];
+}
+
+/// Walks the chunks up to the pixels by their headers.
+PngExtras read_extras(ByteReader& reader) {
+  constexpr std::size_t kSignatureBytes = 8, kCrcBytes = 4;
+  PngExtras extras;
+  std::array<std::uint8_t, 8> head{};  // length and type
+  reader.seek(kSignatureBytes);
+  while (reader.read_exactly(head.data(), head.size())) {
+    const std::uint64_t length = big_u32(head.data()), data = reader.position();
+    const std::string_view type(reinterpret_cast<const char*>(head.data()) + 4, 4);
+    if (type == "IDAT" || type == "IEND") break;
+    if (type == "iCCP") extras.has_profile = true;
+    if (type == "tRNS") extras.has_transparency = true;
+    if (type == "eXIf") {
+      std::vector<std::uint8_t> block(std::min<std::uint64_t>(length, kMaxExifBytes));
+      block.resize(reader.read(block.data(), block.size()));
+      extras.exif = read_exif(block);
+    }
+    reader.seek(data);
+    reader.skip(length + kCrcBytes);
+  }
+  return extras;
 }
 
 /// Everything but what makes pixels and pHYs is skipped unread: no chunk can take memory or time.
@@ -69,21 +128,26 @@ void transform_to_rgba(png_structp png, int color_type) {
 class PngDecoder final : public RasterDecoder {
  public:
   explicit PngDecoder(ByteReader reader) : state_(std::make_unique<PngState>(std::move(reader))) {
-    png_ = png_create_read_struct(PNG_LIBPNG_VER_STRING, state_.get(), on_error, on_warning);
+    const PngExtras extras = read_extras(state_->reader);
+    state_->reader.seek(0);
+    png_ = png_create_read_struct_2(PNG_LIBPNG_VER_STRING, state_.get(), on_error, on_warning, state_.get(),
+                                    on_malloc, on_free);
+    state_->png = png_;
     if (png_) png_info_ = png_create_info_struct(png_);
-    if (!png_info_) {
-      png_destroy_read_struct(&png_, nullptr, nullptr);
-      throw std::bad_alloc();
-    }
-    if (!read_header()) {
-      const DecodeError error = failure();
-      png_destroy_read_struct(&png_, &png_info_, nullptr);
-      throw error;
-    }
+    state_->info = png_info_;
+    if (!png_info_) throw std::bad_alloc();
+    require(read_header());
+    info_.has_profile = extras.has_profile;
+    info_.orientation = extras.exif.orientation;
+    info_.resolution_is_damaged = state_->resolution_is_damaged && !(info_.dpi_x > 0.0);
+    drops_alpha_ = drops_alpha_ && !extras.has_transparency;
   }
-  ~PngDecoder() override { png_destroy_read_struct(&png_, &png_info_, nullptr); }
-  PngDecoder(const PngDecoder&) = delete;
-  PngDecoder& operator=(const PngDecoder&) = delete;
+
+  ImageClaim claim() const override {
+    constexpr std::uint64_t kAnything = std::numeric_limits<std::uint64_t>::max();
+    return {checked_product(stored_row_bytes_, info_.height).value_or(kAnything),
+            checked_product(state_->reader.size(), kMaxDeflateRatio).value_or(kAnything)};
+  }
 
   void read_row(std::uint8_t* rgba) override {
     if (info_.needs_whole_frame) {
@@ -92,9 +156,10 @@ class PngDecoder final : public RasterDecoder {
         decode_passes(frame_.get());
       }
       std::copy_n(frame_.get() + next_row_++ * row_bytes(), row_bytes(), rgba);
-      return;
+    } else {
+      require(guarded(png_, [&] { png_read_row(png_, rgba, nullptr); }));
+      look_at_alpha(rgba, 1);
     }
-    if (!guarded(png_, [&] { png_read_row(png_, rgba, nullptr); })) throw failure();
   }
 
   void read_image(std::vector<std::uint8_t>& pixels) override {
@@ -114,7 +179,10 @@ class PngDecoder final : public RasterDecoder {
       int depth = 0, color_type = 0, interlace = 0;
       png_get_IHDR(png_, png_info_, &info_.width, &info_.height, &depth, &color_type, &interlace, nullptr,
                    nullptr);
-      info_.has_alpha = (color_type & PNG_COLOR_MASK_ALPHA) != 0 && depth == 8;
+      const bool with_alpha = (color_type & PNG_COLOR_MASK_ALPHA) != 0;
+      info_.format = "PNG";
+      info_.has_alpha = with_alpha && depth == 8;
+      drops_alpha_ = with_alpha && depth == 16;
       info_.needs_whole_frame = interlace != PNG_INTERLACE_NONE;
 
       png_uint_32 x = 0, y = 0;
@@ -130,36 +198,47 @@ class PngDecoder final : public RasterDecoder {
   }
 
   void prepare() override {
-    const auto stored = checked_product(stored_row_bytes_, info_.height);
-    const auto held = checked_product(state_->reader.size(), kMaxDeflateRatio);
-    if (!stored || !held || *stored > *held)
-      throw DecodeError("PNG: the file is too short for its size in pixels");
-    const bool started = guarded(png_, [&] {
+    require(guarded(png_, [&] {
       passes_ = png_set_interlace_handling(png_);
       png_read_update_info(png_, png_info_);
       if (png_get_rowbytes(png_, png_info_) != row_bytes()) png_error(png_, "unexpected pixel format");
-    });
-    if (!started) throw failure();
+    }));
   }
 
   /// Each pass of an interlaced file adds pixels to all rows.
   void decode_passes(std::uint8_t* frame) {
-    const bool decoded = guarded(png_, [&] {
+    require(guarded(png_, [&] {
       for (int pass = 0; pass < passes_; ++pass)
         for (std::size_t y = 0; y < info_.height; ++y) png_read_row(png_, frame + y * row_bytes(), nullptr);
-    });
-    if (!decoded) throw failure();
+    }));
+    look_at_alpha(frame, info_.height);
   }
 
-  DecodeError failure() const { return DecodeError(std::string("PNG: ") + state_->message.data()); }
+  /// Throws what the failure means; a success after a failed allocation is none.
+  void require(bool done) const {
+    state_->reader.require_sound();
+    if (state_->out_of_memory) throw std::bad_alloc();
+    if (!done) throw DecodeError(std::string("PNG: ") + state_->message.data());
+  }
+
+  void look_at_alpha(const std::uint8_t* rgba, std::size_t rows) {
+    for (std::size_t i = kRgbaBytes - 1; drops_alpha_ && i < rows * row_bytes(); i += kRgbaBytes) {
+      if (rgba[i] == 0xFF) continue;
+      warn_of_art(state_->reader.path(),
+                  "it is transparent in places, but alpha of 16 bits is not used: the film has these places "
+                  "as opaque art. Save it with 8 bits a channel to keep them transparent");
+      drops_alpha_ = false;
+    }
+  }
 
   std::unique_ptr<PngState> state_;
-  png_structp png_ = nullptr;
+  png_structp png_ = nullptr;  // of the state
   png_infop png_info_ = nullptr;
   std::size_t stored_row_bytes_ = 0;
   int passes_ = 1;
   std::unique_ptr<std::uint8_t[]> frame_;  // of an interlaced file
   std::size_t next_row_ = 0;               // of the frame
+  bool drops_alpha_ = false;               // it is there and nobody has been told
 };
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "core/large_vector.h"
+#include "core/log.h"
 
 namespace nvo {
 namespace {
@@ -33,6 +34,8 @@ constexpr Codec kCodecs[] = {
 
 void RasterDecoder::start() {
   if (row_bytes() > kMaxRowBytes) throw DecodeError("rows are too long");
+  if (!claim().is_possible())
+    throw DecodeError(std::string(info_.format) + ": the file is too short for its size in pixels");
   prepare();
 }
 
@@ -49,11 +52,11 @@ void RasterDecoder::read_image(std::vector<std::uint8_t>& pixels) {
   }
 }
 
-std::unique_ptr<RasterDecoder> open_raster_decoder(const std::string& path) {
-  ByteReader reader(path);
+std::unique_ptr<RasterDecoder> open_raster_decoder(ByteReader reader) {
   if (!reader.is_open()) return nullptr;
   std::array<char, kSignatureBytes> bytes{};
   const std::string_view head(bytes.data(), reader.read(bytes.data(), bytes.size()));
+  reader.require_sound();
   for (const Codec& codec : kCodecs) {
     if (!head.starts_with(codec.start)) continue;
     if (!codec.at_eight.empty() && (head.size() < 8 || !head.substr(8).starts_with(codec.at_eight))) continue;
@@ -61,6 +64,10 @@ std::unique_ptr<RasterDecoder> open_raster_decoder(const std::string& path) {
     return codec.open(std::move(reader));
   }
   return nullptr;
+}
+
+void warn_of_art(const std::string& path, const std::string& text) {
+  log_warn("Art '", path, "': ", text);
 }
 
 }  // namespace nvo

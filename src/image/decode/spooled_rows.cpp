@@ -4,20 +4,21 @@
 #include <system_error>
 #include <utility>
 
+#include "core/machine_failure.h"
+
 namespace nvo {
 namespace {
 
 constexpr std::size_t kMaxInMemory = 16 << 20;  // a compositor keeps several sources open
 constexpr std::size_t kBlockBytes = 1 << 20;    // stays in the cache between decoder and file
 
-void require(int error, const char* what) {
-  if (error != 0) throw std::system_error(error, std::generic_category(), what);
-}
-
 }  // namespace
 
-SpooledRows::SpooledRows(std::unique_ptr<RasterDecoder> decoder)
-    : decoder_(std::move(decoder)), row_bytes_(decoder_->row_bytes()), rows_(decoder_->info().height) {}
+SpooledRows::SpooledRows(std::unique_ptr<RasterDecoder> decoder, std::string path)
+    : path_(std::move(path)),
+      decoder_(std::move(decoder)),
+      row_bytes_(decoder_->row_bytes()),
+      rows_(decoder_->info().height) {}
 
 void SpooledRows::read(std::uint32_t x, std::uint32_t y, std::uint32_t width, std::uint32_t height,
                        std::uint8_t* out) {
@@ -29,12 +30,31 @@ void SpooledRows::read(std::uint32_t x, std::uint32_t y, std::uint32_t width, st
     copy(offset + row * std::uint64_t{row_bytes_}, bytes, out + row * bytes);
 }
 
+/// `what` failed on the temporary file.
+void SpooledRows::require(int error, const char* what) const {
+  if (error == 0) return;
+  throw std::system_error(error, std::generic_category(),
+                          std::string("cannot ") + what + " the temporary file in '" + folder_ +
+                              "' (TMPDIR), " + std::to_string(image_bytes()) + " bytes for the pixels of '" +
+                              path_ + "'");
+}
+
+void SpooledRows::make_file() {
+  folder_ = platform::temporary_folder();
+  require(file_.emplace().create(folder_), "make");
+  const auto room = file_->room();
+  if (room && *room < image_bytes())
+    throw MachineFailure("the pixels of '" + path_ + "' need a temporary file of " +
+                         std::to_string(image_bytes()) + " bytes in '" + folder_ +
+                         "' (TMPDIR), which has room for " + std::to_string(*room));
+}
+
 void SpooledRows::decode_to(std::uint32_t end) {
   if (end <= rows_done_) return;
   if (memory_.empty()) {
     const bool small = row_bytes_ <= kMaxInMemory / rows_;
     const std::size_t block_rows = std::max<std::size_t>(1, kBlockBytes / row_bytes_);
-    if (!small) require(file_.emplace().create(), "cannot make a temporary file");
+    if (!small) make_file();
     memory_.resize((small ? rows_ : block_rows) * row_bytes_);
   }
   const auto block_rows =
@@ -49,13 +69,13 @@ void SpooledRows::append_rows(std::uint32_t count) {
   std::uint8_t* first = memory_.data() + (is_filed() ? 0 : rows_done_ * row_bytes_);
   for (std::uint32_t row = 0; row < count; ++row, ++rows_decoded_)
     decoder_->read_row(first + row * row_bytes_);
-  if (is_filed()) require(file_->append(first, count * row_bytes_), "cannot write a temporary file");
+  if (is_filed()) require(file_->append(first, count * row_bytes_), "write");
   rows_done_ += count;
 }
 
 void SpooledRows::copy(std::uint64_t offset, std::size_t bytes, std::uint8_t* out) const {
   if (is_filed())
-    require(file_->read_at(offset, out, bytes), "cannot read a temporary file");
+    require(file_->read_at(offset, out, bytes), "read");
   else
     std::copy_n(memory_.data() + offset, bytes, out);
 }
