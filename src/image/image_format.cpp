@@ -20,7 +20,7 @@ constexpr std::size_t kMinBareNameLength = 4;
 
 constexpr ImageFormat kFormats[] = {
     {ImageSourceKind::tiff, kTiffExtensions, kTiffDefaultDpi, probe_tiff, load_tiff, open_tiff_source,
-     nullptr},
+     weigh_tiff},
     {ImageSourceKind::wic, kWicExtensions, kWicDefaultDpi, probe_wic, load_wic, open_wic_source, weigh_wic},
     {ImageSourceKind::pdf, kPdfExtensions, kPdfDpi, probe_pdf, load_first_pdf_page, open_pdf_source, nullptr},
 };
