@@ -185,6 +185,9 @@ void apply_print_mode_id(const json& value, const char*, JobSettings& job) {
 
 void apply_channel_map(const json& value, const char* key, JobSettings& job) {
   std::vector<std::uint32_t> slots;
+  if (const std::uint32_t count = slot_count(job.head()); value.size() > count)
+    log_warn("JobSettings: ", key, " has ", value.size(), " entries for the ", count, " slots of print_head ",
+             print_head_name(job.head()), "; the last ones are not used");
   for (std::size_t i = 0; i < value.size(); ++i) {
     const std::string label = std::string(key) + "[" + std::to_string(i) + "]";
     slots.push_back(

@@ -138,8 +138,10 @@ TEST_F(JobSettingsFile, WhatIsNotTakenAsItStandsIsNamed) {
        {
            job + "output_channel_map K C Y Y Y Off has no slot for M W: not printed",
        }},
-      {R"({"output_channel_map":["k","c","m","y","w","off"]})",
-       {job + "output_channel_map K C M Y W Off switches slot 6 off, which prints W by default"}},
+      {R"({"output_channel_map":["k","c","m","y","w","off","w"]})",
+       {job + "output_channel_map has 7 entries for the 6 slots of print_head i3200; the last ones are not "
+              "used",
+        job + "output_channel_map K C M Y W Off switches slot 6 off, which prints W by default"}},
       {R"({"icc":{"enabled":true,"intent":9}})",
        {job + "icc is skipped, icc_settings.json holds: intent is outside the supported range."}},
       {R"({"icc":{"enabled":true,"input_cmyk_profile":"p"}})",
