@@ -4,12 +4,12 @@
 #include <cstdio>
 #include <exception>
 #include <stdexcept>
-#include <string_view>
 #include <utility>
 
 #include "core/log.h"
 #include "core/machine_failure.h"
 #include "core/platform/input_file.h"
+#include "image/decode/png_chunks.h"
 #include "image/image_loader.h"
 
 namespace nvo {
@@ -78,11 +78,6 @@ ImageRemarks wic_remarks(const RasterInfo& raster, const WicImageInfo& info) {
   return remarks;
 }
 
-std::uint32_t big_u32(const std::uint8_t* bytes) {
-  return std::uint32_t{bytes[0]} << 24 | std::uint32_t{bytes[1]} << 16 | std::uint32_t{bytes[2]} << 8 |
-         bytes[3];
-}
-
 }  // namespace
 
 void log_refusal(const std::string& path, const std::string& reason) {
@@ -96,7 +91,7 @@ WicFile open_wic_file(const std::string& path, WicUse use) {
   const double dpi_x = raster.dpi_x > 0.0 ? raster.dpi_x : kWicDefaultDpi;
   const double dpi_y = raster.dpi_y > 0.0 ? raster.dpi_y : dpi_x;
   file.info = {raster.width, raster.height, static_cast<float>(dpi_x), static_cast<float>(dpi_y),
-               raster.has_alpha || png_has_trns(path)};
+               raster.has_alpha || raster.has_transparency_chunk};
   return file;
 }
 
@@ -124,27 +119,11 @@ WicRgbaLayout wic_rgba_layout(std::uint32_t width, std::uint32_t height, const s
 }
 
 bool png_has_trns(const std::string& path) {
-  using namespace std::string_view_literals;
-  constexpr std::string_view kSignature = "\x89PNG\r\n\x1A\n"sv;
-  constexpr std::size_t kCrcBytes = 4;
-  std::array<std::uint8_t, 8> bytes{};  // the signature, later a chunk's length and type
-  const auto text = [&](std::size_t from) {
-    return std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size()).substr(from);
-  };
-
   ByteReader reader(path);
-  if (!reader.is_open()) return false;
-  const bool is_png = reader.read_exactly(bytes.data(), bytes.size()) && text(0) == kSignature;
+  const bool has_trns =
+      reader.is_open() && skip_png_signature(reader) && scan_png_chunks(reader).has_transparency;
   reader.require_sound();
-  if (!is_png) return false;
-  while (reader.read_exactly(bytes.data(), bytes.size())) {
-    const std::string_view type = text(4);
-    if (type == "tRNS") return true;
-    if (type == "IDAT" || type == "IEND") return false;
-    reader.skip(std::uint64_t{big_u32(bytes.data())} + kCrcBytes);
-  }
-  reader.require_sound();
-  return false;
+  return has_trns;
 }
 
 ImageMeta describe_wic(const std::string& path, const WicImageInfo& info) {

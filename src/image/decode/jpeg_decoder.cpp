@@ -157,7 +157,7 @@ struct JpegState {
   bool multi_scan = false, out_of_memory = false;
   const JOCTET* block_begin = nullptr;          ///< what libjpeg has in hand begins here
   std::array<char, JMSG_LENGTH_MAX> message{};  ///< of the error
-  std::array<char, JMSG_LENGTH_MAX> doubt{};    ///< of the last message about damage without an error
+  std::array<char, JMSG_LENGTH_MAX> doubt{};    ///< of the first message about damage without an error
   ByteReader reader;
 };
 
@@ -197,6 +197,7 @@ void on_message(j_common_ptr jpeg, int level) {
   if (std::ranges::find(kPixelLosses, code) != std::end(kPixelLosses)) on_error(jpeg);
   if (std::ranges::find(kDoubts, code) == std::end(kDoubts)) return;
   JpegState& state = state_of(jpeg);
+  if (state.doubt[0] != 0) return;
   if (code == JWRN_EXTRANEOUS_DATA && are_zeros_before_marker(state, jpeg->err->msg_parm.i[0])) return;
   jpeg->err->format_message(jpeg, state.doubt.data());
 }
@@ -328,11 +329,11 @@ class JpegDecoder final : public RasterDecoder {
   }
 
   void tell_doubt() {
-    if (state_->doubt[0] == 0) return;
+    if (doubt_is_told_ || state_->doubt[0] == 0) return;
     warn_of_art(state_->reader.path(),
                 std::string("it is damaged, and the film may differ from what it should show: ") +
                     state_->doubt.data());
-    state_->doubt[0] = 0;
+    doubt_is_told_ = true;
   }
 
   void describe() {
@@ -386,7 +387,7 @@ class JpegDecoder final : public RasterDecoder {
   std::unique_ptr<JpegState> state_;
   jpeg_decompress_struct& jpeg_;  // of the state
   JpegOutline outline_;
-  bool started_ = false;
+  bool started_ = false, doubt_is_told_ = false;
 };
 
 }  // namespace

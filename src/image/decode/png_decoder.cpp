@@ -13,6 +13,7 @@
 #include <png.h>
 
 #include "core/checked.h"
+#include "image/decode/png_chunks.h"
 #include "image/decode/raster_decoder.h"
 
 namespace nvo {
@@ -73,40 +74,6 @@ bool guarded(png_structp png, const Calls& calls) {
   return true;
 }
 
-/// What stands in front of the pixels besides what libpng is let read.
-struct PngExtras {
-  bool has_profile = false, has_transparency = false;
-  ExifFacts exif;
-};
-
-std::uint32_t big_u32(const std::uint8_t* bytes) {
-  return std::uint32_t{bytes[0]} << 24 | std::uint32_t{bytes[1]} << 16 | std::uint32_t{bytes[2]} << 8 |
-         bytes[3];
-}
-
-/// Walks the chunks up to the pixels by their headers.
-PngExtras read_extras(ByteReader& reader) {
-  constexpr std::size_t kSignatureBytes = 8, kCrcBytes = 4;
-  PngExtras extras;
-  std::array<std::uint8_t, 8> head{};  // length and type
-  reader.seek(kSignatureBytes);
-  while (reader.read_exactly(head.data(), head.size())) {
-    const std::uint64_t length = big_u32(head.data()), data = reader.position();
-    const std::string_view type(reinterpret_cast<const char*>(head.data()) + 4, 4);
-    if (type == "IDAT" || type == "IEND") break;
-    if (type == "iCCP") extras.has_profile = true;
-    if (type == "tRNS") extras.has_transparency = true;
-    if (type == "eXIf") {
-      std::vector<std::uint8_t> block(std::min<std::uint64_t>(length, kMaxExifBytes));
-      block.resize(reader.read(block.data(), block.size()));
-      extras.exif = read_exif(block);
-    }
-    reader.seek(data);
-    reader.skip(length + kCrcBytes);
-  }
-  return extras;
-}
-
 /// Everything but what makes pixels and pHYs is skipped unread: no chunk can take memory or time.
 void ignore_other_chunks(png_structp png) {
   constexpr int kAllButPixels = -1;
@@ -128,7 +95,7 @@ void transform_to_rgba(png_structp png, int color_type) {
 class PngDecoder final : public RasterDecoder {
  public:
   explicit PngDecoder(ByteReader reader) : state_(std::make_unique<PngState>(std::move(reader))) {
-    const PngExtras extras = read_extras(state_->reader);
+    const PngChunks chunks = scan_png_chunks(state_->reader);
     state_->reader.seek(0);
     png_ = png_create_read_struct_2(PNG_LIBPNG_VER_STRING, state_.get(), on_error, on_warning, state_.get(),
                                     on_malloc, on_free);
@@ -137,10 +104,11 @@ class PngDecoder final : public RasterDecoder {
     state_->info = png_info_;
     if (!png_info_) throw std::bad_alloc();
     require(read_header());
-    info_.has_profile = extras.has_profile;
-    info_.orientation = extras.exif.orientation;
+    info_.has_profile = chunks.has_profile;
+    info_.has_transparency_chunk = chunks.has_transparency;
+    info_.orientation = chunks.exif.orientation;
     info_.resolution_is_damaged = state_->resolution_is_damaged && !(info_.dpi_x > 0.0);
-    drops_alpha_ = drops_alpha_ && !extras.has_transparency;
+    drops_alpha_ = drops_alpha_ && !chunks.has_transparency;
   }
 
   ImageClaim claim() const override {

@@ -25,10 +25,11 @@ struct RasterInfo {
   const char* format = "";  ///< "PNG" and so on
   std::uint32_t width = 0, height = 0;
   double dpi_x = 0.0, dpi_y = 0.0;
-  bool has_alpha = false;              ///< by the pixel format alone; a PNG's tRNS chunk is not counted
-  bool needs_whole_frame = false;      ///< the whole image has to be in memory before its first row is known
-  bool resolution_is_damaged = false;  ///< one is there, in a part of the file that is damaged
-  bool has_profile = false;            ///< a colour profile is embedded
+  bool has_alpha = false;               ///< by the pixel format alone; a PNG's tRNS chunk is not counted
+  bool has_transparency_chunk = false;  ///< a PNG's tRNS, in front of its pixels
+  bool needs_whole_frame = false;       ///< the whole image has to be in memory before its first row is known
+  bool resolution_is_damaged = false;   ///< one is there, in a part of the file that is damaged
+  bool has_profile = false;             ///< a colour profile is embedded
   int orientation = ExifFacts::kUpright;
   std::uint32_t frames = 1;  ///< of an animation, which stands for its first
 };

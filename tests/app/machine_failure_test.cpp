@@ -1,0 +1,137 @@
+#include <algorithm>
+#include <filesystem>
+#include <map>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "image/raster_files.h"
+#include "support/child_process.h"
+#include "support/temp_dir.h"
+
+namespace nvo::test {
+namespace {
+
+using ::testing::AnyOf;
+using ::testing::ContainsRegex;
+
+constexpr int kErrorOfDisk = 5;
+constexpr int kDone = 0, kFailed = 2;
+
+/// The real program in a folder of the test's own. Masks are made once for all tests.
+class MachineFailureTest : public ImageTest {
+ protected:
+  static void SetUpTestSuite() { config_ = std::make_unique<TempDir>(); }
+  static void TearDownTestSuite() { config_.reset(); }
+
+  std::string print_path() const { return dir_.file("print.prt"); }
+
+  /// A run in which a call fails; `plan` is that of the preloaded library.
+  Outcome rip(const std::string& art, const std::string& plan, const std::string& path_part = {}) const {
+    std::filesystem::remove(print_path());
+    std::map<std::string, std::string> environment = {{"XDG_CONFIG_HOME", config_->path()}};
+    if (!plan.empty()) {
+      environment.insert(
+          {{"LD_PRELOAD", NVO_FAULT_PRELOAD}, {"NVO_FAULT", plan}, {"NVO_FAULT_COUNT", count_path()}});
+      std::filesystem::remove(count_path());
+    }
+    if (!path_part.empty()) environment["NVO_FAULT_PATH"] = path_part;
+    return run_to_end({NVO_RIP_PROGRAM, art, print_path()}, environment);
+  }
+  /// Of a run in which none fails.
+  long calls(const std::string& art, const std::string& kind, const std::string& path_part) const {
+    EXPECT_EQ(rip(art, kind + ":0", path_part).code, kDone) << art;
+    return std::atol(read_all(count_path()).c_str());
+  }
+  std::string count_path() const { return dir_.file("count"); }
+
+  static inline std::unique_ptr<TempDir> config_;
+};
+
+/// Small art of each format; a further format is a row.
+struct Art {
+  std::string name, bytes;
+};
+
+std::vector<Art> all_arts() {
+  const Bytes busy = rgba_image(60, 50, busy_pixel);
+  return {
+      {"plain.png", PngFile{.width = 60, .height = 50}.bytes()},
+      {"interlaced.png", PngFile{.interlaced = true, .width = 60, .height = 50}.bytes()},
+      {"sequential.jpg", JpegFile{}.bytes()},
+      {"progressive.jpg", JpegFile{.progressive = true}.bytes()},
+      {"runs.bmp",
+       BmpFile{.bits = 8, .compression = 1, .palette = {0, 0xFF}, .data = "\3\1\0\0\3\0\0\1"s}.bytes()},
+      {"lossy.webp", webp_bytes(busy, 60, 50, false)},
+      {"animated.webp", animated_webp(80, 60, {{2, 4, 60, 50, webp_bytes(busy, 60, 50, true)}})},
+  };
+}
+
+/// A call that may fail: which positions, and what the failure is called.
+struct Fault {
+  std::string kind;
+  int error;
+  bool of_the_art;  ///< only calls on the art file
+  long last, most;  ///< so many of the last calls, and of them so many positions
+  std::string text;
+};
+
+TEST_F(MachineFailureTest, EndsTheJobOrChangesNothing) {
+  // The last allocations are those from the art's first byte on; before them lies the update check.
+  const Fault faults[] = {
+      {"memory", 12, false, 1200, 7, "out of memory|bad_alloc|temporarily unavailable"},
+      {"open", kErrorOfDisk, true, 99, 3, "Input/output error"},
+      {"read", kErrorOfDisk, true, 99, 3, "Input/output error"},
+      {"stat", kErrorOfDisk, true, 99, 2, "Input/output error"},
+  };
+  long shift = 0;
+  for (const auto& [name, bytes] : all_arts()) {
+    const std::string art = write(name, bytes);
+    std::string whole;
+    long failed = 0;
+    for (const Fault& fault : faults) {
+      const std::string path_part = fault.of_the_art ? name : "";
+      const long count = calls(art, fault.kind, path_part), first = std::max(1L, count - fault.last + 1);
+      if (whole.empty()) whole = read_all(print_path());
+      const long step = std::max(1L, (count - first + 1) / fault.most);
+      for (long n = first + shift++ % step; n <= count; n += step) {
+        const std::string plan = fault.kind + ":" + std::to_string(n) + ":" + std::to_string(fault.error);
+        SCOPED_TRACE(name + " " + plan);
+        const Outcome outcome = rip(art, plan, path_part);
+        if (outcome.code == kDone) {
+          EXPECT_TRUE(read_all(print_path()) == whole);
+          continue;
+        }
+        ++failed;
+        EXPECT_EQ(outcome.code, kFailed);
+        EXPECT_TRUE(!std::filesystem::exists(print_path()) || read_all(print_path()) == whole);
+        EXPECT_THAT(outcome.out + outcome.err, ContainsRegex("Fatal: .*(" + fault.text + ")"));
+      }
+    }
+    EXPECT_GE(failed, 3) << name << ": no fault has hit";
+  }
+}
+
+TEST_F(MachineFailureTest, ClaimsThatNoFileCanHoldEndTheJob) {
+  const std::string png = png_header_only(8000, 8000);
+  const struct {
+    Art art;
+    std::string claimed, possible;
+  } cases[] = {
+      {{"claim.bmp", BmpFile{.width = 8000, .height = 8000, .data = std::string(64, 'x')}.bytes()},
+       "192000000",
+       "64"},
+      {{"claim.png", png}, "256000000", std::to_string(png.size() * 1032)},
+  };
+  for (const auto& [art, claimed, possible] : cases) {
+    const std::string path = write(art.name, art.bytes);
+    const Outcome outcome = rip(path, "");
+    EXPECT_EQ(outcome.code, kFailed);
+    EXPECT_THAT(outcome.out, HasSubstr("'" + path + "' claims " + claimed +
+                                       " bytes of pixels and can't hold more than " + possible));
+    EXPECT_FALSE(std::filesystem::exists(print_path()));
+  }
+}
+
+}  // namespace
+}  // namespace nvo::test
