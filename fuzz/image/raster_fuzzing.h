@@ -9,6 +9,7 @@
 
 #include "core/log.h"
 #include "image/decode/raster_decoder.h"
+#include "image/wic_image.h"
 #include "memory_file.h"
 
 namespace nvo::fuzz {
@@ -28,6 +29,18 @@ inline void decode_image(OpenDecoder open, const std::uint8_t* data, std::size_t
     decoder->start();
     std::vector<std::uint8_t> row(decoder->row_bytes());
     for (std::uint32_t y = 0; y < info.height; ++y) decoder->read_row(row.data());
+  } catch (const std::exception&) {
+  }
+}
+
+/// Any bytes as a file of which only what the headers say is asked.
+inline void probe_header(const std::uint8_t* data, std::size_t size) {
+  const MemoryFile file(data, size);
+  if (!file.written()) return;
+  const HeldLog unheard;
+  try {
+    png_has_trns(file.path());
+    probe_wic(file.path());
   } catch (const std::exception&) {
   }
 }

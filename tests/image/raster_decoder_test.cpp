@@ -299,6 +299,7 @@ TEST(RasterFuzzReplay, SeedsEndInPixelsOrExceptions) {
   replay("jpeg", open_jpeg_decoder);
   replay("webp", open_webp_decoder);
   replay("bmp", open_bmp_decoder);
+  EXPECT_GE(replay_seeds(NVO_FUZZ_CORPUS "/raster_probe", 3, fuzz::probe_header), 3);
 }
 
 }  // namespace
