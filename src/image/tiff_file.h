@@ -1,6 +1,5 @@
 #pragma once
 
-#include <cerrno>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -31,13 +30,22 @@ class TiffFile {
   TIFF* get() const { return handle_.get(); }
 
   /// The result of `call(TIFF*)`, for calls of libtiff that read or allocate. It takes both kinds of failure
-  /// for damage, drops a tag or goes on without one; here they are thrown, whatever the result.
+  /// for damage, drops a tag or goes on without one; here they are thrown, whatever the result. Where memory
+  /// runs out the call may be left by a long jump: no object in it may need a destructor.
   template <class Call>
   auto ask(const Call& call) const {
-    errno = 0;
-    const auto result = call(handle_.get());
-    throw_machine_failure();
-    return result;
+    struct Question {
+      const Call& call;
+      TIFF* tiff;
+      decltype(call(nullptr)) answer;
+    } question{call, handle_.get(), {}};
+    run_guarded(
+        [](void* data) {
+          auto& asked = *static_cast<Question*>(data);
+          asked.answer = asked.call(asked.tiff);
+        },
+        &question);
+    return question.answer;
   }
 
   /// Bytes that the file had when it was opened.
@@ -55,7 +63,9 @@ class TiffFile {
   };
 
   static TiffFile open_source(std::shared_ptr<const Source> source);
+  void run_guarded(void (*body)(void*), void* data) const;
   void throw_machine_failure() const;
+  void close() noexcept;
   void take_over_predictor();
 
   std::unique_ptr<Handle> state_;
