@@ -13,6 +13,7 @@
 #include <lcms2.h>
 #include <lcms2_plugin.h>
 
+#include "core/guarded_call.h"
 #include "core/log.h"
 #include "core/machine_failure.h"
 #include "core/out_of_memory.h"
@@ -31,31 +32,23 @@ bool fail(std::string* error, std::string text) {
   return false;
 }
 
-struct CloseProfile {
-  void operator()(void* profile) const { cmsCloseProfile(profile); }
-};
-struct DeleteTransform {
-  void operator()(void* transform) const { cmsDeleteTransform(transform); }
-};
-struct DeleteContext {
-  void operator()(cmsContext context) const { cmsDeleteContext(context); }
-};
-using ProfileHandle = std::unique_ptr<void, CloseProfile>;
-using TransformHandle = std::unique_ptr<void, DeleteTransform>;
-using ContextHandle = std::unique_ptr<std::remove_pointer_t<cmsContext>, DeleteContext>;
-
 // Faults come back as null handles and are told in this program's own log.
 void ignore_message(cmsContext, cmsUInt32Number, const char*) {}
 
-/// lcms goes on where it gets no memory: a profile seems damaged, or a transform comes without one of its
-/// steps and colours move by a level. So the memory of a context is counted for: its user data is a flag that
-/// says whether any was refused. For the thread that uses the context.
+/// The memory of a context. Where it gets none lcms goes on: a profile seems damaged, a transform comes
+/// without one of its steps and colours move by a level, or a null pointer is read. So the call that asked
+/// for it is left at once. For the thread that uses the context.
 struct ContextMemory {
+  GuardedCall call;
   bool ran_out = false;
 
   /// Larger blocks come from damaged profiles; lcms's own allocator refuses them too.
   static constexpr cmsUInt32Number kMaxBlockBytes = 512u << 20;
 
+  /// Of a context; null for the handle under which a context itself is asked for.
+  static ContextMemory* of(cmsContext context) {
+    return static_cast<ContextMemory*>(cmsGetContextUserData(context));
+  }
   static void* allocate(cmsContext context, cmsUInt32Number size) {
     return size > kMaxBlockBytes ? nullptr : checked(context, size, std::malloc(size));
   }
@@ -67,32 +60,60 @@ struct ContextMemory {
  private:
   static void* checked(cmsContext context, cmsUInt32Number size, void* memory) {
     if (memory || size == 0) return memory;
-    // The context itself is asked for under another handle, without user data.
-    if (auto* owner = static_cast<ContextMemory*>(cmsGetContextUserData(context))) owner->ran_out = true;
-    return memory;
+    if (ContextMemory* owner = of(context)) {
+      owner->ran_out = true;
+      owner->call.leave();
+    }
+    return nullptr;
   }
 };
 
-/// A context of lcms that knows when its memory has run out.
+/// What a call has left behind is given up; the job ends anyway.
+bool may_be_freed(cmsContext context) {
+  return !ContextMemory::of(context)->call.was_left();
+}
+
+struct CloseProfile {
+  void operator()(void* profile) const {
+    if (may_be_freed(cmsGetProfileContextID(profile))) cmsCloseProfile(profile);
+  }
+};
+struct DeleteTransform {
+  void operator()(void* transform) const {
+    if (may_be_freed(cmsGetTransformContextID(transform))) cmsDeleteTransform(transform);
+  }
+};
+struct DeleteContext {
+  void operator()(cmsContext context) const {
+    if (may_be_freed(context)) cmsDeleteContext(context);
+  }
+};
+using ProfileHandle = std::unique_ptr<void, CloseProfile>;
+using TransformHandle = std::unique_ptr<void, DeleteTransform>;
+using ContextHandle = std::unique_ptr<std::remove_pointer_t<cmsContext>, DeleteContext>;
+
+/// A context of lcms whose calls throw where memory runs out.
 class Context {
  public:
+  cmsContext get() const { return handle_.get(); }
+
+  /// The result of `call()`; no object in it may need a destructor.
+  template <class Call>
+  auto ask(const Call& call) const {
+    const auto answer = memory_->call.run(call);
+    if (memory_->ran_out) throw OutOfMemory("IccConverter: out of memory for a colour conversion");
+    return answer;
+  }
+
   Context() {
     cmsPluginMemHandler plugin{};
     plugin.base = {cmsPluginMagicNumber, LCMS_VERSION, cmsPluginMemHandlerSig, nullptr};
     plugin.MallocPtr = ContextMemory::allocate;
     plugin.FreePtr = ContextMemory::release;
     plugin.ReallocPtr = ContextMemory::reallocate;
-    handle_.reset(cmsCreateContext(&plugin, memory_.get()));
+    handle_.reset(ask([&] { return cmsCreateContext(&plugin, memory_.get()); }));
     if (!handle_) throw OutOfMemory("IccConverter: out of memory for a colour engine");
-    throw_if_out_of_memory();
     cmsSetLogErrorHandlerTHR(handle_.get(), ignore_message);
-  }
-
-  cmsContext get() const { return handle_.get(); }
-
-  /// After every use of lcms that may have allocated, whatever it returned.
-  void throw_if_out_of_memory() const {
-    if (memory_->ran_out) throw OutOfMemory("IccConverter: out of memory for a colour conversion");
   }
 
  private:
@@ -111,9 +132,10 @@ bool open_profile(const Context& context, const char* what, const std::string& p
   const std::string text = std::string("Cannot open ") + what + " profile: " + path;
   std::string reason;
   if (!read_profile_file(path, profile.bytes, &reason)) return fail(error, text + ": " + reason);
-  profile.handle.reset(cmsOpenProfileFromMemTHR(context.get(), profile.bytes.data(),
-                                                static_cast<cmsUInt32Number>(profile.bytes.size())));
-  context.throw_if_out_of_memory();
+  profile.handle.reset(context.ask([&] {
+    return cmsOpenProfileFromMemTHR(context.get(), profile.bytes.data(),
+                                    static_cast<cmsUInt32Number>(profile.bytes.size()));
+  }));
   return profile.handle ? true : fail(error, text);
 }
 
@@ -327,11 +349,12 @@ bool IccConverter::Impl::open(OpenedProfile new_input, bool from_cmyk, const Icc
   if (!open_profile(context, "output CMYK", settings.output_profile, new_output, error)) return false;
   close();
   if (!is_cmyk(new_output)) return fail(error, "Output profile is not CMYK");
-  TransformHandle new_transform(cmsCreateTransformTHR(
-      context.get(), new_input.handle.get(), from_cmyk ? TYPE_CMYK_8 : TYPE_RGB_8, new_output.handle.get(),
-      TYPE_CMYK_8, static_cast<cmsUInt32Number>(settings.intent),
-      settings.use_bpc ? cmsFLAGS_BLACKPOINTCOMPENSATION : 0));
-  context.throw_if_out_of_memory();
+  TransformHandle new_transform(context.ask([&] {
+    return cmsCreateTransformTHR(context.get(), new_input.handle.get(), from_cmyk ? TYPE_CMYK_8 : TYPE_RGB_8,
+                                 new_output.handle.get(), TYPE_CMYK_8,
+                                 static_cast<cmsUInt32Number>(settings.intent),
+                                 settings.use_bpc ? cmsFLAGS_BLACKPOINTCOMPENSATION : 0);
+  }));
   if (!new_transform) return fail(error, "cmsCreateTransform failed");
   input = std::move(new_input);
   output = std::move(new_output);
@@ -352,8 +375,7 @@ IccConverter::~IccConverter() = default;
 bool IccConverter::open_rgb_to_cmyk(const IccSettings& settings, std::string* error, bool quiet) {
   OpenedProfile input;
   if (settings.input_rgb_profile.empty()) {
-    input.handle.reset(cmsCreate_sRGBProfileTHR(impl_->context.get()));
-    impl_->context.throw_if_out_of_memory();
+    input.handle.reset(impl_->context.ask([&] { return cmsCreate_sRGBProfileTHR(impl_->context.get()); }));
     if (!input.handle) return fail(error, "Cannot open input RGB profile: ");
   } else if (!open_profile(impl_->context, "input RGB", settings.input_rgb_profile, input, error)) {
     return false;
@@ -380,9 +402,10 @@ bool IccConverter::open_cmyk_to_cmyk(const IccSettings& settings, std::string* e
 bool IccConverter::transform(const std::uint8_t* src, std::uint8_t* dst, std::size_t pixels) {
   if (!impl_->transform || pixels == 0) return false;
   const auto convert = impl_->input_is_cmyk ? convert_pixels<kCmykBytes> : convert_pixels<kRgbBytes>;
-  convert(impl_->transform.get(), src, dst, pixels, impl_->runs);
-  impl_->context.throw_if_out_of_memory();
-  return true;
+  return impl_->context.ask([&] {
+    convert(impl_->transform.get(), src, dst, pixels, impl_->runs);
+    return true;
+  });
 }
 
 void IccConverter::close() {

@@ -1,7 +1,6 @@
 #include "image/tiff_file.h"
 
 #include <cerrno>
-#include <csetjmp>
 #include <cstdarg>
 #include <cstdio>
 #include <new>
@@ -60,8 +59,7 @@ struct TiffFile::Handle {
   std::uint64_t position = 0;
   int read_error = 0;  ///< the system's
   bool memory_ran_out = false;
-  std::jmp_buf* way_out = nullptr;  ///< of the call under way
-  bool left_early = false;          ///< libtiff's record may be in any state
+  GuardedCall call;
 
   static Handle& of(void* user_data) { return *static_cast<Handle*>(user_data); }
 
@@ -69,18 +67,11 @@ struct TiffFile::Handle {
   /// a warning at times, but the words differ and also serve for sizes that it will not ask for.
   void note_errno() { memory_ran_out |= errno == ENOMEM; }
 
-  /// libtiff tells of some tables that it could not make, and then reads them. So once memory has run out a
-  /// call doesn't return from its first message.
-  void leave_without_memory() {
-    if (!memory_ran_out || !way_out) return;
-    left_early = true;
-    std::longjmp(*way_out, 1);
-  }
-
   /// 1 tells libtiff that nothing is left to print. No exception may cross the C library.
   int log(LogLevel level, const char* format, va_list arguments) noexcept {
     note_errno();
-    leave_without_memory();
+    // It tells of some tables that it could not make, and then reads them.
+    if (memory_ran_out) call.leave();
     char text[kMessageBytes];
     static_cast<void>(std::vsnprintf(text, sizeof text, format, arguments));
     try {
@@ -137,7 +128,7 @@ TiffFile& TiffFile::operator=(TiffFile&& other) noexcept {
 }
 
 void TiffFile::close() noexcept {
-  if (handle_ && state_->left_early) static_cast<void>(handle_.release());  // the job ends anyway
+  if (handle_ && state_->call.was_left()) static_cast<void>(handle_.release());  // the job ends anyway
   handle_.reset();
 }
 
@@ -145,17 +136,13 @@ std::uint64_t TiffFile::size() const {
   return state_->source->input.size();
 }
 
-void TiffFile::run_guarded(void (*body)(void*), void* data) const {
-  std::jmp_buf way_out;
-  state_->way_out = &way_out;
+GuardedCall& TiffFile::begin_call() const {
   errno = 0;
-  if (setjmp(way_out) == 0) body(data);
-  state_->way_out = nullptr;
-  throw_machine_failure();
+  return state_->call;
 }
 
 void TiffFile::throw_machine_failure() const {
-  if (errno == ENOMEM) state_->memory_ran_out = true;
+  state_->note_errno();
   const std::string& path = state_->source->path;
   if (state_->read_error != 0) fail_on_file("read", path, state_->read_error);
   if (state_->memory_ran_out) throw OutOfMemory("TiffReader: out of memory while reading '" + path + "'");

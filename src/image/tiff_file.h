@@ -6,6 +6,8 @@
 
 #include <tiffio.h>
 
+#include "core/guarded_call.h"
+
 namespace nvo {
 
 /// A strip or tile that unpacks to more than this is refused; libtiff gets no block much larger either.
@@ -34,18 +36,10 @@ class TiffFile {
   /// runs out the call may be left by a long jump: no object in it may need a destructor.
   template <class Call>
   auto ask(const Call& call) const {
-    struct Question {
-      const Call& call;
-      TIFF* tiff;
-      decltype(call(nullptr)) answer;
-    } question{call, handle_.get(), {}};
-    run_guarded(
-        [](void* data) {
-          auto& asked = *static_cast<Question*>(data);
-          asked.answer = asked.call(asked.tiff);
-        },
-        &question);
-    return question.answer;
+    GuardedCall& guard = begin_call();
+    const auto answer = guard.run([&] { return call(handle_.get()); });
+    throw_machine_failure();
+    return answer;
   }
 
   /// Bytes that the file had when it was opened.
@@ -63,7 +57,7 @@ class TiffFile {
   };
 
   static TiffFile open_source(std::shared_ptr<const Source> source);
-  void run_guarded(void (*body)(void*), void* data) const;
+  GuardedCall& begin_call() const;
   void throw_machine_failure() const;
   void close() noexcept;
   void take_over_predictor();
