@@ -83,6 +83,7 @@ std::string run_job(const std::string& input_path, const std::string& output_pat
                     const RipSettings& rip_settings, const IccSettings& icc_settings, float width_in,
                     float height_in, const JobCallbacks& callbacks, const JobSettings* job_settings,
                     float sheet_width_in, bool keep_existing) {
+  std::string result = output_path;  // while there is memory: the job must not fail once its file stands
   const LogSink sink(callbacks);
   const JobSettings job = job_settings ? *job_settings : default_job_settings(rip_settings, icc_settings);
   StreamRip rip;
@@ -95,7 +96,7 @@ std::string run_job(const std::string& input_path, const std::string& output_pat
   rip.progress = callbacks.progress;
   rip.cancel = callbacks.cancel;
   rip.rip_single(input_path, output_path, rip_settings, width_in, height_in);
-  return output_path;
+  return result;
 }
 
 }  // namespace nvo

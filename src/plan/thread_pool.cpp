@@ -1,6 +1,7 @@
 #include "plan/thread_pool.h"
 
 #include <algorithm>
+#include <optional>
 #include <stdexcept>
 #include <system_error>
 
@@ -53,10 +54,10 @@ void ThreadPool::post(std::function<void()> task) {
 }
 
 void ThreadPool::shutdown(bool discard_pending) {
-  std::deque<std::function<void()>> discarded;
+  std::optional<std::deque<std::function<void()>>> discarded;  // even an empty one takes memory
   {
     const std::lock_guard lock(state_->mutex);
-    if (discard_pending) discarded.swap(state_->queue);
+    if (discard_pending) discarded.emplace().swap(state_->queue);
     state_->stopping = true;
   }
   state_->wake.notify_all();

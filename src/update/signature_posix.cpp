@@ -2,6 +2,7 @@
 #include <array>
 #include <cstdlib>
 #include <memory>
+#include <new>
 #include <stdexcept>
 
 #include <openssl/crypto.h>
@@ -110,6 +111,8 @@ void verify_rs256(std::string_view message, std::string_view signature, std::str
 
 std::string random_nonce() {
   start_crypto();
+  // Where there was no memory for its context, the library would crash.
+  if (!OSSL_LIB_CTX_get0_global_default()) throw std::bad_alloc();
   std::array<unsigned char, kNonceBytes> bytes{};
   if (RAND_bytes(bytes.data(), static_cast<int>(bytes.size())) != 1) {
     ERR_clear_error();

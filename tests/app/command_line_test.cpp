@@ -74,6 +74,7 @@ TEST_F(CommandLine, ArgumentsAreReadInTheirOrder) {
   const std::tuple<std::vector<std::string>, int, std::string, std::string> cases[] = {
       {{}, 1, usage, ""},
       {{"--print-app-version-json", "extra"}, 0, version, ""},
+      {{"--version"}, 0, "nvo_rip 0.1.7 (build 1071, stable)\n", ""},
       {{""}, 1, "", "Invalid input path encoding.\n"},
       {{"bad\xff.tif"}, 1, "", "Invalid input path encoding.\n"},
       {{"a.tif", ""}, 1, "", "Invalid output path encoding.\n"},
@@ -82,6 +83,12 @@ TEST_F(CommandLine, ArgumentsAreReadInTheirOrder) {
   for (const auto& [arguments, code, out, err] : cases) {
     const test::Outcome outcome = rip(arguments);
     EXPECT_EQ(std::tuple(outcome.code, outcome.out, outcome.err), std::tuple(code, out, err));
+  }
+  for (const char* help : {"--help", "-h"}) {
+    const test::Outcome outcome = rip({help});
+    EXPECT_EQ(std::pair(outcome.code, outcome.err), std::pair(0, std::string()));
+    EXPECT_THAT(outcome.out, testing::StartsWith("nvo_rip turns one image into one print file"));
+    EXPECT_EQ(rip({help, dir.file("o.prt")}).code, 2) << "an input like any other";
   }
   EXPECT_EQ(rip({dir.file("--PRINT-APP-VERSION-JSON")}).code, 2) << "taken as an input";
   EXPECT_THAT(version_json({"a\"b", "c\\d", "\t\x01", "", ""}),
@@ -129,9 +136,35 @@ TEST_F(CommandLine, FailuresHaveTheirTextAndCodeAndLeaveNothing) {
     const test::Outcome outcome = rip(arguments);
     EXPECT_EQ(outcome.code, 2) << arguments.back();
     EXPECT_THAT(text.starts_with(fatal) ? outcome.out : outcome.err, testing::HasSubstr(text));
+    const std::string said = text.starts_with(fatal) ? text.substr(fatal.find("Fatal")) + "\n" : text;
+    EXPECT_EQ(outcome.err, said);
     EXPECT_EQ(dir.names(), before) << arguments.back();
   }
   EXPECT_EQ(test::read_all(dir.file("there.prt")), "older");
+}
+
+TEST_F(CommandLine, StandardStreamsMayBeClosedFullOrOne) {
+  const std::string input = art("art.tif", 60, 40), print = dir.file("art.prt");
+  ASSERT_EQ(rip({input}).code, 0);
+  const std::string bytes = test::read_all(print);
+  const std::string rip_of = "exec " NVO_RIP_PROGRAM " ", query = "--print-app-version-json";
+  const std::pair<std::string, int> cases[] = {
+      {input + " <&-", 0},          {input + " >&-", 0},        {input + " 2>&-", 0},
+      {input + " <&- >&- 2>&-", 0}, {input + " >/dev/full", 0}, {query + " >&-", 2},
+      {query + " >/dev/full", 2},   {"none.tif 2>&1", 2},
+  };
+  for (const auto& [arguments, code] : cases) {
+    std::filesystem::remove(print);
+    const test::Outcome outcome = test::run_to_end({"/bin/sh", "-c", rip_of + arguments}, {});
+    EXPECT_EQ(outcome.code, code) << arguments;
+    EXPECT_EQ(test::read_all(print), code == 0 ? bytes : "") << arguments;
+    if (arguments.starts_with(query)) {
+      EXPECT_THAT(outcome.err, testing::StartsWith("nvo_rip: cannot write to standard output: "));
+    } else if (code != 0) {
+      EXPECT_EQ(outcome.out.find("Fatal: "), outcome.out.rfind("Fatal: ")) << "not said twice";
+    }
+  }
+  EXPECT_EQ(dir.names(), (std::vector<std::string>{"art.tif"})) << "no temporary file";
 }
 
 TEST_F(CommandLine, ProgressIsForThoseWhoAskOnATerminal) {

@@ -53,6 +53,18 @@ TEST(OutputPath, ExplicitTargetsAreCheckedHard) {
   EXPECT_THAT(resolve("a.tif", dir.file("there.prt/sub/o.prt")),
               testing::StartsWith("Cannot create explicit output parent directory: "));
   EXPECT_EQ(resolve("a.tif", "not there yet.prt"), "not there yet.prt") << "without a folder";
+  const std::string too_long(256, 'x');
+  const std::pair<std::string, std::string> refused[] = {
+      {dir.file("no/"), "Explicit output path names a folder, not a file: " + dir.file("no/")},
+      {dir.file("no/.."), "Explicit output path names a folder, not a file: " + dir.file("no/..")},
+      {dir.file("no/" + too_long),
+       "Explicit output file name is too long (256 bytes, at most 255): " + dir.file("no/" + too_long)},
+      {"no" + std::string(4094, '/') + "a",
+       "Explicit output path is too long (4097 bytes, at most 4095): no" + std::string(4094, '/') + "a"},
+  };
+  for (const auto& [target, text] : refused) EXPECT_EQ(resolve("a.tif", target), text);
+  EXPECT_FALSE(std::filesystem::exists(dir.path() / "no"));
+  EXPECT_EQ(resolve("a.tif", dir.file(too_long.substr(1))), dir.file(too_long.substr(1)));
   for (const bool is_new : {true, false}) {
     EXPECT_EQ(resolve("a.tif", dir.file("new/dir/o.prt")), dir.file("new/dir/o.prt"));
     EXPECT_EQ(parent_created, is_new);
@@ -69,7 +81,13 @@ TEST(OutputPath, CustomFolder) {
     return resolve(dir.file("a.tif"), "", rip);
   };
   EXPECT_EQ(outcome(dir.file("ignored")), dir.file("a.prt")) << "a derived target may exist";
+  std::filesystem::create_directory(dir.path() / "b.prt");
+  EXPECT_EQ(resolve(dir.file("b.tif"), ""), "Output target is a folder: " + dir.file("b.prt"));
+  EXPECT_THAT(resolve(dir.file(std::string(252, 'x') + ".q"), ""),
+              testing::StartsWith("Output file name is too long (256 bytes, at most 255): "));
   rip.custom_output_folder_enabled = true;
+  EXPECT_EQ(outcome(std::string("out\0side", 8)),
+            "Custom output folder path is invalid: it holds a NUL byte");
   EXPECT_EQ(outcome(""), "Custom output folder is enabled, but path is empty.");
   EXPECT_EQ(outcome(dir.file("a.prt")), "Custom output folder path is not a directory.");
   EXPECT_THAT(outcome(dir.file("a.prt/below")), testing::StartsWith("Cannot create custom output folder: "));

@@ -1,5 +1,6 @@
 #include "output/hoson_writer.h"
 
+#include <filesystem>
 #include <functional>
 #include <numeric>
 #include <stdexcept>
@@ -8,7 +9,11 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include "core/file_io.h"
+#include "output/print_temporary.h"
 #include "output/prt_format.h"
 #include "output/test_drops.h"
 #include "output/writer_threads.h"
@@ -257,6 +262,78 @@ TEST(HosonWriter, AFaultOfTheSystemLeavesTheOldFileOrTheNewOne) {
     }
     EXPECT_GE(failures, 6);  // three writes, flush, close and the replacement at least
   }
+}
+
+TEST(HosonWriter, TakesItsNameAsTheTargetDemands) {
+  const test::TempDir dir;
+  const Maps maps = make_channels(8, 4, 5);
+  const std::string expected = expected_file(kI3200, maps);
+  std::string deep = dir.path().string();
+  while (deep.size() + 201 < 4089) std::filesystem::create_directory(deep += "/" + std::string(200, 'd'));
+  deep += "/" + std::string(4095 - 1 - deep.size(), 'x');  // as long as a path may be
+  std::string cyrillic;
+  for (int i = 0; i < 112; ++i) cyrillic += "\xD0\x96";
+  const struct {
+    std::string path;
+    bool keep_existing, appears;
+  } cases[] = {
+      {dir.file("a.prt"), false, true},
+      {dir.file("b.prt"), true, false},
+      {dir.file("c.prt"), true, true},
+      {dir.file(std::string(255, 'x')), true, false},
+      {dir.file(cyrillic + ".prt"), true, false},
+      {deep, false, false},
+  };
+  test::LogCapture log;
+  for (const auto& [path, keep_existing, appears] : cases) {
+    HosonWriterOptions options = options_for(kI3200);
+    options.keep_existing = keep_existing;
+    HosonWriter writer(options);
+    writer.begin_stream_write(path, 8, 4);
+    writer.write_dropmaps_strip(maps, 0);
+    if (appears) {
+      test::write_all(path, "other");
+      ::chmod(path.c_str(), 0640);
+    }
+    const std::string failure = failure_of([&] { writer.end_stream_write(); });
+    EXPECT_EQ(failure, keep_existing && appears
+                           ? "HosonWriter::end_stream_write: atomic replace failed: " + path
+                           : "");
+    EXPECT_EQ(test::read_all(path), failure.empty() ? expected : "other") << path;
+    const auto rights = std::filesystem::status(path).permissions();
+    EXPECT_EQ(rights == std::filesystem::perms(0640), appears);
+    EXPECT_EQ(std::filesystem::remove(path), true);
+  }
+  EXPECT_EQ(log.take(), Names{"[ERROR] Print file: cannot put in place '" + dir.file("c.prt") +
+                              "' (144 bytes wanted): File exists"});
+  EXPECT_THAT(dir.names(), testing::ElementsAre(std::string(200, 'd'))) << "nothing is left";
+}
+
+TEST(AbandonedPrints, OnlyThoseOfTheDeadAndForTheTargetGo) {
+  const test::TempDir dir;
+  const std::string long_name(255, 'x'), dead = ".nvo_tmp_2000000000_5_0";
+  HosonWriter alive(options_for(kI3200));
+  alive.begin_stream_write(dir.file("a.prt"), 8, 4);
+  const Names stay = {dir.names().at(0),       "a.prt",
+                      "b.prt" + dead,          "a.prt" + dead + "x",
+                      "a.prt.nvo_tmp_1_5_0",   "a.prt.nvo_tmp_2000000000_5",
+                      "a.prt.nvo_tmp_0_5_0",   "a.prt.nvo_tmp_99999999999_5_0",
+                      "a.prt.nvo_tmp_007_5_0", "a.prt.nvo_tmp_-2_5_0",
+                      "xa.prt" + dead};
+  const std::string own = "a.prt.nvo_tmp_" + std::to_string(::getpid()) + "_7_0";  // of an earlier process
+  const Names go = {"a.prt" + dead, own, path_beside(long_name, dead)};
+  for (std::size_t i = 1; i < stay.size(); ++i) test::write_all(dir.file(stay[i]), "");
+  for (const std::string& name : go) test::write_all(dir.file(name), "");
+  std::filesystem::create_symlink("a.prt", dir.file("a.prt.nvo_tmp_2000000001_5_0"));
+  std::filesystem::create_directory(dir.file("a.prt.nvo_tmp_2000000002_5_0"));
+
+  EXPECT_THAT(remove_abandoned_prints(dir.file("a.prt")),
+              testing::UnorderedElementsAre(dir.file(go[0]), dir.file(own)));
+  EXPECT_EQ(remove_abandoned_prints(dir.file(long_name)), Names{dir.file(go[2])});
+  EXPECT_EQ(remove_abandoned_prints(dir.file("missing/a.prt")), Names());
+  Names left = stay;
+  left.insert(left.end(), {"a.prt.nvo_tmp_2000000001_5_0", "a.prt.nvo_tmp_2000000002_5_0"});
+  EXPECT_THAT(dir.names(), testing::UnorderedElementsAreArray(left));
 }
 
 TEST(HosonWriter, OneCallWritesTheWholeFileOnAnyNumberOfThreads) {

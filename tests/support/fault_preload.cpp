@@ -4,6 +4,7 @@
 //   number;
 //                                        12 by default), and with `for-good` every later one as well.
 //                                        N = 0 lets none fail.
+//                                        With `signal` it succeeds, and the process gets the signal ERROR.
 //   NVO_FAULT_COUNT=FILE                 at its end the program appends the number of such calls to FILE.
 //   NVO_FAULT_PATH=TEXT                  only files count whose path contains TEXT.
 //   NVO_FAULT_PROGRAM=NAME               the program that is meant, "nvo_rip" by default; its children are
@@ -13,11 +14,13 @@
 // `flush`, `rename`, `close`, `stat`, `allocate` (truncation and reservation of a file) or `thread`.
 #include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <cstdarg>
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -43,7 +46,8 @@ constexpr const char* kNames[] = {"",       "memory", "open", "read",     "write
 Kind watched = Kind::none;
 long fail_at = 0;
 int error_code = ENOMEM;
-bool for_good = false;
+bool for_good = false, by_signal = false;
+thread_local bool signal_is_due = false;
 const char* path_part = nullptr;
 std::atomic<long> calls{0};
 
@@ -54,6 +58,7 @@ __attribute__((constructor)) void read_plan() {
   char name[16] = {}, tail[16] = {};
   if (std::sscanf(plan, "%15[a-z]:%ld:%d:%15s", name, &fail_at, &error_code, tail) < 2) return;
   for_good = std::strcmp(tail, "for-good") == 0;
+  by_signal = std::strcmp(tail, "signal") == 0;
   path_part = std::getenv("NVO_FAULT_PATH");
   for (std::size_t kind = 1; kind < sizeof kNames / sizeof *kNames; ++kind)
     if (std::strcmp(name, kNames[kind]) == 0) watched = static_cast<Kind>(kind);
@@ -74,8 +79,19 @@ bool is_due(Kind kind) {
   if (kind != watched) return false;
   const long call = ++calls;
   if (fail_at == 0 || call < fail_at || (call > fail_at && !for_good)) return false;
+  signal_is_due = by_signal;
+  if (by_signal) return false;
   errno = error_code;
   return true;
+}
+
+/// The result of a call that was let through, and the signal that was to follow it.
+template <class Result>
+Result done(Result result) {
+  const int error = errno;
+  if (std::exchange(signal_is_due, false)) ::kill(::getpid(), error_code);
+  errno = error;
+  return result;
 }
 
 bool is_due(Kind kind, const char* path) {
@@ -136,7 +152,7 @@ int open(const char* path, int flags, ...) {
   va_start(arguments, flags);
   const mode_t mode = flags & (O_CREAT | O_TMPFILE) ? va_arg(arguments, mode_t) : 0;
   va_end(arguments);
-  return is_due(Kind::open, path) ? -1 : real(path, flags, mode);
+  return is_due(Kind::open, path) ? -1 : done(real(path, flags, mode));
 }
 int open64(const char* path, int flags, ...) {
   NEXT(open64);
@@ -174,7 +190,7 @@ ssize_t readv(int file, const struct iovec* parts, int count) {
 
 ssize_t write(int file, const void* data, std::size_t size) {
   NEXT(write);
-  return is_due(Kind::write, file) ? -1 : real(file, data, size);
+  return is_due(Kind::write, file) ? -1 : done(real(file, data, size));
 }
 ssize_t pwrite(int file, const void* data, std::size_t size, off_t offset) {
   NEXT(pwrite);
@@ -187,21 +203,29 @@ ssize_t pwrite64(int file, const void* data, std::size_t size, off_t offset) {
 
 int fsync(int file) {
   NEXT(fsync);
-  return is_due(Kind::flush, file) ? -1 : real(file);
+  return is_due(Kind::flush, file) ? -1 : done(real(file));
 }
 int fdatasync(int file) {
   NEXT(fdatasync);
-  return is_due(Kind::flush, file) ? -1 : real(file);
+  return is_due(Kind::flush, file) ? -1 : done(real(file));
 }
 
 int rename(const char* from, const char* to) noexcept {
   NEXT(rename);
-  return is_due(Kind::rename, to) ? -1 : real(from, to);
+  return is_due(Kind::rename, to) ? -1 : done(real(from, to));
+}
+int renameat2(int from_folder, const char* from, int to_folder, const char* to, unsigned flags) noexcept {
+  NEXT(renameat2);
+  return is_due(Kind::rename, to) ? -1 : done(real(from_folder, from, to_folder, to, flags));
+}
+int linkat(int from_folder, const char* from, int to_folder, const char* to, int flags) noexcept {
+  NEXT(linkat);
+  return is_due(Kind::rename, to) ? -1 : done(real(from_folder, from, to_folder, to, flags));
 }
 
 int close(int file) {
   NEXT(close);
-  if (!is_due(Kind::close, file)) return real(file);
+  if (!is_due(Kind::close, file)) return done(real(file));
   real(file);
   errno = error_code;
   return -1;

@@ -1,4 +1,5 @@
 #include <array>
+#include <filesystem>
 #include <functional>
 #include <string>
 #include <vector>
@@ -6,6 +7,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
+#include <sys/stat.h>
 
 #include "output/test_drops.h"
 #include "support/print_file.h"
@@ -124,7 +126,18 @@ TEST(PrtCommand, TellsWrongUsageFromAFileThatCannotBeRead) {
   const test::TempDir dir;
   const std::string path = dir.file("a.prt"), picture = dir.file("a.png");
   test::write_print_file(path, 1, test::make_channels(40, 40, 5));
+  const std::string other = dir.file("other.prn"), pipe = dir.file("pipe"), link = dir.file("link");
+  test::write_all(other, test::read_all(path).substr(0, 20));  // damaged, but somebody's print
+  ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
+  std::filesystem::create_symlink("/dev/null", link);
+  const auto names = dir.names();
   const std::tuple<std::vector<std::string>, int, std::string> cases[] = {
+      {{"preview", path, other}, 1, "would replace the print file"},
+      {{"preview", path, pipe}, 1, "not a regular file"},
+      {{"preview", path, link}, 1, "not a regular file"},
+      {{"preview", path, dir.path().string()}, 1, "not a regular file"},
+      {{"info", pipe}, 2, "not a regular file"},
+      {{"--version"}, 0, ""},
       {{}, 1, "subcommand"},
       {{"verify", path, "--json"}, 1, "--json"},
       {{"info", path, "--map", "KCMY"}, 1, "'KCMY' names 4 slots, the file has 6"},
@@ -149,7 +162,8 @@ TEST(PrtCommand, TellsWrongUsageFromAFileThatCannotBeRead) {
     const test::ToolResult result = run_tool(arguments);
     EXPECT_EQ(result.code, code) << result.err;
     EXPECT_THAT(result.err, HasSubstr(complaint));
-    EXPECT_EQ(dir.names(), std::vector<std::string>{"a.prt"}) << complaint;
+    EXPECT_EQ(dir.names(), names) << complaint;
+    EXPECT_TRUE(std::filesystem::is_fifo(pipe) && std::filesystem::is_symlink(link));
   }
 }
 
