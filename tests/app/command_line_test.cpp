@@ -316,6 +316,19 @@ TEST_F(CommandLine, SettingsOutOfReachAreToldOnceAndNeverWaitedFor) {
   EXPECT_EQ(count(no_folder.out, "Settings: "), 2u) << "and that the folder can't be made";
 }
 
+TEST_F(CommandLine, ATargetThatAppearsMeanwhileStaysAndWhatAKilledJobLeftGoes) {
+  const std::string input = art("long.tif", 1200, 6000), output = dir.file("o.prt");
+  test::write_all(output + ".nvo_tmp_2000000000_5_0", "of a job that was killed");
+  test::ChildProcess program({NVO_RIP_PROGRAM, input, output}, {});
+  const std::string temporary = "o.prt.nvo_tmp_" + std::to_string(program.id()) + "_";
+  while (!testing::Value(dir.names(), testing::Contains(testing::StartsWith(temporary))))
+    std::this_thread::yield();
+  test::write_all(output, "somebody else's");
+  EXPECT_EQ(program.wait(), 2);
+  EXPECT_EQ(test::read_all(output), "somebody else's");
+  EXPECT_EQ(dir.names(), (std::vector<std::string>{"long.tif", "o.prt"}));
+}
+
 // The settings files belong to the shop: not even a missing or a broken one is made anew.
 TEST_F(CommandLine, AJobNeverWritesSettings) {
   const std::string input = art("art.tif", 12, 9);

@@ -103,15 +103,16 @@ TEST(RunProfile, LogAndJsonTellTheSameNumbers) {
   profile.rip_ch[2] = 2'000'000;
   profile.writer_counters.bytes = 12345;
   const test::LogCapture log;
-  for (const std::string& target : {path, path, dir.path().string()}) {
+  for (const std::string& target : {path, path, dir.path().string(), std::string("/dev/full")}) {
     const ScopedVariable variable("NVO_RIP_PROFILE_JSONL", target.c_str());
     report_profile(profile, "a\"b\n");
   }
 
-  EXPECT_EQ(log.count("StreamRip profile: path=streaming parallel_channels=false output=\""), 3u);
-  EXPECT_EQ(log.count(" strips=3 source_strip_pixels=0 device_channel_pixels=0 total_ms=1.235 "), 3u);
+  EXPECT_EQ(log.count("StreamRip profile: path=streaming parallel_channels=false output=\""), 4u);
+  EXPECT_EQ(log.count(" strips=3 source_strip_pixels=0 device_channel_pixels=0 total_ms=1.235 "), 4u);
   EXPECT_EQ(log.count("compose_calls"), 0u) << "stands in the file alone";
   EXPECT_EQ(log.count("cannot open NVO_RIP_PROFILE_JSONL path: " + dir.path().string()), 1u);
+  EXPECT_EQ(log.count("NVO_RIP_PROFILE_JSONL path: /dev/full: No space left on device"), 1u);
   const std::string text = test::read_all(path);
   ASSERT_EQ(std::count(text.begin(), text.end(), '\n'), 2);
   const auto json = nlohmann::ordered_json::parse(text.substr(0, text.find('\n')));
