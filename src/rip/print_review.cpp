@@ -32,8 +32,8 @@ std::string inches(std::uint32_t pixels, std::uint32_t dpi) {
 /// Why nothing of an image is on the film; nothing where something is.
 std::optional<std::string> blank_reason(const ItemOutcome& outcome, bool any_drop) {
   if (!outcome.on_sheet) return "no part of it lies on the sheet";
+  if (!outcome.inked && !outcome.failure.empty()) return "it could not be read (" + outcome.failure + ")";
   if (!outcome.painted) {
-    if (!outcome.failure.empty()) return "it could not be read (" + outcome.failure + ")";
     return outcome.white_is_alpha
                ? "its white channel is empty, and without white nothing of such an image is printed"
                : "it is fully transparent";
