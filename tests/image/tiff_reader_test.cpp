@@ -4,7 +4,10 @@
 #include <stdexcept>
 #include <string_view>
 
+#include <sys/stat.h>
+
 #include "image/image_test.h"
+#include "image/tiff_image.h"
 #include "support/scoped_variable.h"
 #include "support/seed_replay.h"
 #include "support/tiff_file.h"
@@ -184,6 +187,107 @@ TEST_F(TiffReaderTest, NormalisesResolution) {
   }
 }
 
+TEST_F(TiffReaderTest, RemarksOnWhatAViewerShowsOtherwise) {
+  const auto tag = [](std::uint32_t name, auto value) {
+    return [=](TIFF* tiff) { TIFFSetField(tiff, name, value); };
+  };
+  const auto profile = [](TIFF* tiff) { TIFFSetField(tiff, TIFFTAG_ICCPROFILE, 4, "icc"); };
+  TiffFile fine{.samples = 4, .photometric = kRgb, .extra_samples = {2}, .x_resolution = 300, .unit = 2};
+  fine.further_tags = tag(TIFFTAG_ORIENTATION, ORIENTATION_TOPLEFT);
+  const auto with = [&](const std::function<void(TiffFile&)>& change) {
+    TiffFile file = fine;
+    change(file);
+    return file;
+  };
+  const struct {
+    TiffFile file;
+    std::vector<std::uint32_t> further_images;  ///< by their NewSubfileType
+    std::vector<std::string> notes;             ///< beginnings, in any order
+    bool assumed = false, has_profile = false;
+  } cases[] = {
+      {fine, {FILETYPE_REDUCEDIMAGE, FILETYPE_MASK}, {}},
+      {with([&](TiffFile& file) { file.further_tags = profile; }), {}, {}, false, true},
+      {with([](TiffFile& file) { file.x_resolution = 0; }),
+       {},
+       {"The file states no resolution; 300 x 300 dots per inch are assumed, so it prints at 0.02 x 0.01 "
+        "inches"},
+       true},
+      {with([](TiffFile& file) { file.x_resolution = 2, file.unit = 1; }),
+       {},
+       {"The file's resolution has no unit and is taken as 2 x 2 dots per inch, so it prints at 2.50 x "
+        "2.00 "}},
+      {with([&](TiffFile& file) { file.further_tags = tag(TIFFTAG_ORIENTATION, ORIENTATION_RIGHTTOP); }),
+       {FILETYPE_PAGE, 0, FILETYPE_REDUCEDIMAGE},
+       {"Its orientation tag (6) is ignored", "The file holds 3 images, of which only the first is printed"}},
+      {fine, std::vector<std::uint32_t>(40, 0), {"The file holds more than 33 images"}},
+      {with([](TiffFile& file) {
+         file.samples = 5, file.extra_samples = {1, 0};
+       }),
+       {},
+       {"Sample 4 of a pixel is alpha that the colours are already multiplied by",
+        "Sample 5 of a pixel has no stated meaning and is taken as white ink"}},
+      {with([](TiffFile& file) { file.samples = 2, file.photometric = kGray, file.extra_samples = {}; }),
+       {},
+       {"Sample 2 of a pixel has no stated meaning and is taken as alpha"}},
+      {with([](TiffFile& file) {
+         file.samples = 6, file.photometric = kCmyk, file.extra_samples = {0, 0};
+         file.ink_names = {"c", "m", "y", "k", "White"};
+       }),
+       {},
+       {"Sample 6 of a pixel has no stated meaning and is taken as alpha"}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(&c - cases);
+    write_tiff(path_, c.file);
+    for (const std::uint32_t type : c.further_images)
+      write_tiff(path_, with([&](TiffFile& file) { file.further_tags = tag(TIFFTAG_SUBFILETYPE, type); }),
+                 "a");
+    const ImageExtent extent = probe_tiff(path_);
+    EXPECT_EQ(extent.resolution_source == ResolutionSource::assumed, c.assumed);
+    EXPECT_EQ(extent.has_profile, c.has_profile);
+    std::vector<::testing::Matcher<std::string>> beginnings;
+    for (const std::string& note : c.notes) beginnings.push_back(StartsWith(note));
+    EXPECT_THAT(extent.notes, ::testing::UnorderedElementsAreArray(beginnings));
+  }
+}
+
+TEST_F(TiffReaderTest, WeighsWhatAFileClaimsAgainstWhatItCanHold) {
+  // The most even image there is, with which no compression may fall under its bound.
+  for (const std::uint16_t compression : std::initializer_list<std::uint16_t>{
+           COMPRESSION_NONE, COMPRESSION_PACKBITS, COMPRESSION_LZW, COMPRESSION_ADOBE_DEFLATE,
+           COMPRESSION_JPEG, COMPRESSION_LZMA, COMPRESSION_ZSTD}) {
+    if (!TIFFIsCODECConfigured(compression)) continue;
+    for (const std::uint32_t tile : {0u, 1024u}) {
+      TiffFile file{
+          .samples = 3, .photometric = kRgb, .width = 1500, .height = 1000, .compression = compression};
+      file.pixel = [](std::uint32_t, std::uint32_t, std::uint8_t* samples) { std::fill_n(samples, 3, 255); };
+      file.rows_per_strip = 1000;
+      file.tile_width = file.tile_length = tile;
+      write_tiff(path_, file);
+      EXPECT_TRUE(weigh_tiff(path_).is_possible()) << compression << ", tile " << tile;
+      EXPECT_EQ(weigh_tiff(path_).claimed_bytes, 4'500'000u);
+    }
+  }
+  const struct {
+    std::uint16_t compression;
+    std::uint32_t pieces, piece_bytes;
+    std::uint64_t possible;
+  } hostile[] = {
+      {COMPRESSION_NONE, 3, 100, 300},
+      {COMPRESSION_PACKBITS, 1, 100, 6400},
+      {COMPRESSION_LZW, 1, 30, 81920},
+      {COMPRESSION_ADOBE_DEFLATE, 2, 50, 103200},
+  };
+  for (const auto& c : hostile) {
+    const TiffFile file{.width = 8000, .height = 8000, .compression = c.compression, .rows_per_strip = 2000};
+    write_raw(file, c.pieces, [&](std::uint32_t) { return std::string(c.piece_bytes, 'x'); });
+    const ImageClaim claim = weigh_tiff(path_);
+    EXPECT_EQ(claim.claimed_bytes, 64'000'000u);
+    EXPECT_EQ(claim.possible_bytes, c.possible);
+    EXPECT_FALSE(claim.is_possible());
+  }
+}
+
 TEST_F(TiffReaderTest, RefusesWhatItCannotProcess) {
   const std::pair<TiffFile, const char*> cases[] = {
       {{.samples = 65}, "samples-per-pixel=65. Maximum supported channel count is 64."},
@@ -202,6 +306,10 @@ TEST_F(TiffReaderTest, RefusesWhatItCannotProcess) {
   }
 
   TiffReader reader;
+  ::mkfifo(dir_.file("pipe.tif").c_str(), 0600);
+  for (const char* name : {"pipe.tif", "."})
+    EXPECT_EQ(failure_of([&] { reader.open(dir_.file(name)); }),
+              "TiffReader: cannot open '" + dir_.file(name) + "'");
   EXPECT_THROW(reader.open(dir_.file("missing.tif")), std::runtime_error);
   EXPECT_TRUE(log_.contains("[ERROR] libtiff: " + dir_.file("missing.tif") + ": No such file or directory"));
 }
@@ -342,6 +450,20 @@ TEST_F(TiffReaderTest, AFileWrittenAnewIsNotDecodedIntoBuffersOfTheOldOne) {
     write_tiff(path_, file);
     EXPECT_EQ(reader.read_rows(8, 40).size(), std::size_t{1024} * 40);
   });
+}
+
+// In a read of the whole image these go straight to their place; the last is shorter than the others.
+TEST_F(TiffReaderTest, StripsAbove64MiBAreThoseOfTheFile) {
+  TiffFile file{.samples = 3, .photometric = kRgb, .width = 8000, .height = 4000};
+  file.compression = COMPRESSION_ADOBE_DEFLATE;
+  file.predictor = PREDICTOR_HORIZONTAL;
+  file.further_tags = [](TIFF* tiff) { TIFFSetField(tiff, TIFFTAG_ZIPQUALITY, 1); };
+  file.rows_per_strip = 3000;
+  TiffReader reader = open(file);
+  Bytes image(1000, 0xAA);
+  reader.read_rows(0, file.height, image);
+  EXPECT_TRUE(image == file.pixels());
+  EXPECT_TRUE(reader.read_rows(2900, 200) == rows_of(image, file.row_bytes(), 2900, 200));
 }
 
 TEST_F(TiffReaderTest, AFileCutShortWhileItIsReadGivesAnError) {

@@ -31,6 +31,7 @@ struct TiffFile {
   float x_resolution = 0.0f, y_resolution = 0.0f;
   std::uint16_t unit = 0;
   bool big = false;
+  std::function<void(TIFF*)> further_tags = {};
   /// Fills the samples of a pixel; without it neighbouring samples and rows just differ.
   std::function<void(std::uint32_t x, std::uint32_t y, std::uint8_t* samples)> pixel = {};
 
@@ -90,6 +91,7 @@ inline void set_tags(TIFF* tiff, const TiffFile& file) {
   if (file.x_resolution > 0) TIFFSetField(tiff, TIFFTAG_XRESOLUTION, file.x_resolution);
   if (file.y_resolution > 0) TIFFSetField(tiff, TIFFTAG_YRESOLUTION, file.y_resolution);
   if (file.unit != 0) TIFFSetField(tiff, TIFFTAG_RESOLUTIONUNIT, file.unit);
+  if (file.further_tags) file.further_tags(tiff);
   if (file.tile_width == 0) {
     TIFFSetField(tiff, TIFFTAG_ROWSPERSTRIP, file.rows_per_strip);
   } else {
@@ -111,10 +113,11 @@ inline void write_tiles(TIFF* tiff, const TiffFile& file, const std::vector<std:
 }
 
 /// Writes the file with `pixels()` in it; files of other depths or planes get as many bytes as they need.
-inline void write_tiff(const std::string& path, const TiffFile& file) {
+/// Mode "a" adds an image to those of the file.
+inline void write_tiff(const std::string& path, const TiffFile& file, const char* mode = nullptr) {
   TIFFSetWarningHandler(nullptr);
   TIFFSetErrorHandler(nullptr);
-  TIFF* tiff = TIFFOpen(path.c_str(), file.big ? "w8" : "w");
+  TIFF* tiff = TIFFOpen(path.c_str(), mode ? mode : file.big ? "w8" : "w");
   if (!tiff) throw std::runtime_error("cannot write " + path);
   set_tags(tiff, file);
   auto pixels = file.pixels();
