@@ -4,7 +4,6 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
-#include <thread>
 #include <tuple>
 
 #include <gmock/gmock.h>
@@ -18,10 +17,13 @@ namespace {
 
 using ::testing::HasSubstr;
 using namespace std::chrono_literals;
+using namespace std::string_literals;
 
 constexpr ChildLimits kRoomy{60s, std::uint64_t{1} << 30, 1 << 20};
 
-ChildResult shell(const std::string& script, const ChildLimits& limits = kRoomy) {
+/// A shell, which may start the programs of its script unless told otherwise.
+ChildResult shell(const std::string& script, ChildLimits limits = kRoomy, bool alone = false) {
+  limits.may_start_processes = !alone;
   return run_child({"/bin/sh", "-c", script}, limits);
 }
 
@@ -30,8 +32,8 @@ TEST(ChildProcess, DeliversItsOutputsAndHowItEnded) {
   test::write_all(dir.file("plain"), "text");
   const std::string cut(65536, '\0');
   const std::tuple<std::vector<std::string>, ChildEnd, int, std::string, std::string> cases[] = {
-      {{"/bin/sh", "-c", "cat; printf out; printf err >&2; exit 7"}, ChildEnd::exited, 7, "out", "err"},
-      {{"/bin/sh", "-c", "/usr/bin/head -c 1000000 /dev/zero >&2"}, ChildEnd::exited, 0, "", cut},
+      {{"/bin/sh", "-c", "read x; printf out; printf err >&2; exit 7"}, ChildEnd::exited, 7, "out", "err"},
+      {{"/bin/sh", "-c", "exec /usr/bin/head -c 1000000 /dev/zero >&2"}, ChildEnd::exited, 0, "", cut},
       {{"/bin/sh", "-c", "kill -TERM $$"}, ChildEnd::signalled, SIGTERM, "", ""},
       {{"/bin/echo", "$(id); 'x' *", "", "-n"}, ChildEnd::exited, 0, "$(id); 'x' *  -n\n", ""},
       {{dir.file("none")}, ChildEnd::not_started, ENOENT, "", ""},
@@ -44,30 +46,40 @@ TEST(ChildProcess, DeliversItsOutputsAndHowItEnded) {
   }
 }
 
-TEST(ChildProcess, InheritsNothingButPlainLanguage) {
+TEST(ChildProcess, InheritsLittle) {
   const test::TempDir dir;
   std::ofstream open_here(dir.file("open"));
-  const test::ScopedVariable language("LC_ALL", "de_DE.UTF-8");
+  const test::ScopedVariable language("LC_ALL", "de_DE.UTF-8"), secret("NVO_SECRET", "x");
+  const test::ScopedVariable home("HOME", "/fonts"), preload("LD_LIBRARY_PATH", "/nowhere");
   ::signal(SIGPIPE, SIG_IGN);
-  const ChildResult result = shell("echo $LC_ALL; ls -l /proc/$$/fd; kill -PIPE $$");
-  EXPECT_EQ(result.output.substr(0, 2), "C\n");
-  EXPECT_THAT(result.output, Not(HasSubstr(dir.path().string())));
+  const ChildResult result = shell("/usr/bin/env; ls -l /proc/$$/fd; kill -PIPE $$");
+  EXPECT_THAT(result.output, AllOf(HasSubstr("LC_ALL=C\n"), HasSubstr("HOME=/fonts\n"), HasSubstr("PATH=")));
+  for (const std::string& kept : {dir.path().string(), "SECRET"s, "LD_"s, "de_DE"s})
+    EXPECT_THAT(result.output, Not(HasSubstr(kept)));
   EXPECT_EQ(result.code, SIGPIPE) << "ignored signals do not stay ignored";
 }
 
-TEST(ChildProcess, IsEndedWithItsOwnChildrenAtALimit) {
+TEST(ChildProcess, CanDoLittle) {
   const test::TempDir dir;
-  const std::string grandchild = dir.file("grandchild");
+  const std::string file = dir.file("file");
+  const std::pair<std::string, std::string> cases[] = {
+      {"echo x >'" + file + "'; echo $?", "1\n"},
+      {"(echo began) 2>&1 | cat", ""},
+      {"/bin/true; echo $?", ""},
+      {"ulimit -n; ulimit -c", "64\n0\n"},
+      {"while read -r key value; do case $key in NoNewPrivs:) echo $value; esac; done </proc/self/status",
+       "1\n"},
+  };
+  for (const auto& [script, output] : cases) EXPECT_EQ(shell(script, kRoomy, true).output, output) << script;
+  EXPECT_EQ(test::read_all(file), "") << "the file may be there, without a byte";
+}
+
+TEST(ChildProcess, IsEndedAtALimit) {
   ChildLimits limits = kRoomy;
   limits.time = 200ms;
-  const ChildResult late = shell("/bin/sleep 1000 & echo $! >'" + grandchild + "'; echo begun; wait", limits);
-  EXPECT_EQ(late.end, ChildEnd::timed_out);
-  EXPECT_EQ(late.output, "begun\n");
-  const std::string state = "/proc/" + std::to_string(std::stoi(test::read_all(grandchild))) + "/stat";
-  while (test::read_all(state).find(" S ") != std::string::npos) std::this_thread::yield();
-
   EXPECT_EQ(shell("exec >&- 2>&-; exec /bin/sleep 1000", limits).end, ChildEnd::timed_out)
       << "outputs closed";
+  EXPECT_EQ(shell("while :; do echo; done >&2", limits).end, ChildEnd::timed_out) << "never silent";
 
   limits = kRoomy;
   limits.standard_output = 10;
@@ -79,6 +91,29 @@ TEST(ChildProcess, IsEndedWithItsOwnChildrenAtALimit) {
   EXPECT_NE(
       shell("exec /usr/bin/head -c 100000000 /dev/zero | /usr/bin/tail -n 1 | /usr/bin/wc -c", limits).output,
       "100000000\n");
+}
+
+/// However the child ends and wherever its own children went, none lives on or keeps the caller waiting.
+TEST(ChildProcess, LeavesNobodyBehind) {
+  const test::TempDir dir;
+  const std::string begun = dir.file("begun");  // a pipe
+  const std::string stay =
+      "/bin/sh -c 'echo $$; echo >" + begun + "; exec /bin/sleep 1000' & read x <" + begun;
+  const std::string session = "/usr/bin/setsid " + stay;
+  const std::pair<std::string, ChildEnd> cases[] = {
+      {stay + "; wait", ChildEnd::timed_out},          {stay + "; exit 0", ChildEnd::exited},
+      {session + "; wait", ChildEnd::timed_out},       {session + "; exit 0", ChildEnd::exited},
+      {session + "; kill -9 $$", ChildEnd::signalled},
+  };
+  ASSERT_EQ(shell("/usr/bin/mkfifo " + begun).code, 0);
+  for (const auto& [script, end] : cases) {
+    ChildLimits limits = kRoomy;
+    limits.time = end == ChildEnd::timed_out ? 500ms : 60s;
+    const ChildResult result = shell(script, limits);
+    EXPECT_EQ(result.end, end) << script;
+    ASSERT_NE(result.output, "") << script;
+    EXPECT_EQ(::kill(std::stoi(result.output), 0), -1) << script;
+  }
 }
 
 TEST(FindProgram, TakesExecutableFilesInAbsoluteFoldersOnly) {

@@ -12,6 +12,7 @@ struct ChildLimits {
   std::chrono::milliseconds time{};   ///< from start to end; bounds the processor time as well
   std::uint64_t address_space = 0;    ///< bytes
   std::uint64_t standard_output = 0;  ///< bytes
+  bool may_start_processes = false;   ///< else the program stays alone, whoever runs it
 };
 
 enum class ChildEnd {
@@ -33,8 +34,11 @@ struct ChildResult {
 std::string find_program(const std::string& name);
 
 /// Runs a program to its end: `command` is its absolute path and its arguments, which no shell reads. The
-/// child gets empty input, the environment with LC_ALL=C, and no open file of this process; it dies with the
-/// calling thread, and children of its own die with it when a limit is exceeded. Any thread may call it.
+/// child gets empty input, no open file of this process and of the environment only what finds programs and
+/// fonts, with LC_ALL=C. It writes no file, holds at most 64 open, gains no privileges and dies with the
+/// calling thread. When this returns, the child and whatever it left behind are gone, those included that
+/// began a session of their own: every other process whose parent this one is must have been there before or
+/// come from here. Any thread may call it.
 ChildResult run_child(const std::vector<std::string>& command, const ChildLimits& limits);
 
 }  // namespace nvo::platform

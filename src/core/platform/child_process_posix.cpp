@@ -4,8 +4,8 @@
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 #include <string_view>
-#include <thread>
 #include <utility>
 
 #include <fcntl.h>
@@ -18,7 +18,9 @@
 #include <sys/prctl.h>
 #endif
 
+#include "core/platform/child_descendants.h"
 #include "core/platform/child_process.h"
+#include "core/platform/lone_process.h"
 
 extern char** environ;
 
@@ -31,6 +33,21 @@ constexpr std::size_t kMaxDiagnostics = 64 * 1024;
 constexpr std::size_t kReadSize = 64 * 1024;
 constexpr int kReportDescriptor = 3;  // in the child: carries the error of a failed start
 constexpr int kFirstFree = 4;         // the parent's ends stay clear of the numbers that the child fills
+constexpr std::uint64_t kOpenFiles = 64;
+
+/// What a child keeps of the environment. Without a home and the folders of fonts and their settings, a page
+/// that doesn't bring its fonts would look different.
+constexpr std::string_view kKeptVariables[] = {
+    "PATH",           "HOME",          "XDG_CONFIG_HOME", "XDG_DATA_HOME",
+    "XDG_CACHE_HOME", "XDG_DATA_DIRS", "FONTCONFIG_FILE", "FONTCONFIG_PATH"};
+
+bool is_kept(std::string_view variable) {
+  return std::ranges::find(kKeptVariables, variable.substr(0, variable.find('='))) !=
+         std::end(kKeptVariables);
+}
+
+/// Held while a child runs: which processes came of which child could not be told apart.
+std::mutex g_running;
 
 class Descriptor {
  public:
@@ -98,7 +115,7 @@ struct Start {
   Start(const std::vector<std::string>& command, const ChildLimits& given) : texts(command), limits(given) {
     const std::size_t argument_count = texts.size();
     for (char** variable = environ; *variable; ++variable)
-      if (std::strncmp(*variable, "LC_ALL=", 7) != 0) texts.emplace_back(*variable);
+      if (is_kept(*variable)) texts.emplace_back(*variable);
     texts.emplace_back("LC_ALL=C");
     for (std::size_t i = 0; i < texts.size(); ++i)
       (i < argument_count ? arguments : environment).push_back(texts[i].data());
@@ -119,6 +136,24 @@ void set_limit(Resource resource, std::uint64_t value) {
   ::setrlimit(resource, &limit);
 }
 
+void set_limits(const ChildLimits& limits) {
+  set_limit(RLIMIT_CORE, 0);
+  set_limit(RLIMIT_FSIZE, 0);
+  set_limit(RLIMIT_NOFILE, kOpenFiles);
+  set_limit(RLIMIT_AS, limits.address_space);
+  // Between the two the signal says that it was time which ran out.
+  const auto seconds =
+      static_cast<std::uint64_t>(std::chrono::ceil<std::chrono::seconds>(limits.time).count());
+  const rlimit processor_time{seconds + 1, seconds + 2};
+  ::setrlimit(RLIMIT_CPU, &processor_time);
+#ifdef __linux__
+  ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
+#endif
+  if (limits.may_start_processes) return;
+  set_limit(RLIMIT_NPROC, 0);  // doesn't bind root; the next does
+  stay_alone();
+}
+
 /// The child's side. Only calls that are safe in the copy of a process with several threads.
 [[noreturn]] void become(const Start& start) {
 #ifdef __linux__
@@ -133,16 +168,13 @@ void set_limit(Resource resource, std::uint64_t value) {
   ::fcntl(kReportDescriptor, F_SETFD, FD_CLOEXEC);
   ::closefrom(kReportDescriptor + 1);
 
-  set_limit(RLIMIT_CORE, 0);
-  const auto seconds = std::chrono::ceil<std::chrono::seconds>(start.limits.time).count();
-  set_limit(RLIMIT_CPU, static_cast<std::uint64_t>(seconds) + 1);
-  set_limit(RLIMIT_AS, start.limits.address_space);
-
-  for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGPIPE, SIGXFSZ, SIGCHLD})
+  for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGPIPE, SIGXCPU, SIGCHLD})
     ::signal(number, SIG_DFL);
+  ::signal(SIGXFSZ, SIG_IGN);  // to write a file fails, as where a cache of fonts can't be kept
   sigset_t none;
   sigemptyset(&none);
   ::sigprocmask(SIG_SETMASK, &none, nullptr);
+  set_limits(start.limits);
 
   ::execve(start.arguments[0], start.arguments.data(), start.environment.data());
   const int error = errno;
@@ -150,9 +182,11 @@ void set_limit(Resource resource, std::uint64_t value) {
   ::_exit(127);
 }
 
-int remaining_ms(Clock::time_point deadline) {
+/// Until the deadline, but not so long that the end of a child whose outputs stay open goes unseen.
+int pause_ms(Clock::time_point deadline) {
+  constexpr long long longest = 20;
   const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
-  return static_cast<int>(std::clamp<long long>(left, 0, 1'000'000));
+  return static_cast<int>(std::clamp<long long>(left, 0, longest));
 }
 
 /// Reads once. False at the end of the stream.
@@ -165,57 +199,82 @@ bool read_piece(int descriptor, std::string& piece) {
   return count > 0;
 }
 
-/// Takes both outputs until the child closes them. Anything but `exited` means that a limit was met.
-ChildEnd take_outputs(Start& start, Clock::time_point deadline, ChildResult& result) {
-  Descriptor& output = start.output.read_end;
-  Descriptor& diagnostics = start.diagnostics.read_end;
+/// A child that runs, and the end of all that came of it.
+class Child {
+ public:
+  Child(pid_t number, std::vector<pid_t> others) : number_(number), others_(std::move(others)) {}
+  Child(const Child&) = delete;
+  Child& operator=(const Child&) = delete;
+  ~Child() {
+    try {
+      end();
+    } catch (...) {  // the child itself is gone by then; what failed here has an exception of its own
+    }
+  }
+
+  /// Its number stays its own until `end`.
+  bool has_ended() const {
+    siginfo_t state{};
+    return ::waitid(P_PID, static_cast<id_t>(number_), &state, WEXITED | WNOHANG | WNOWAIT) != 0 ||
+           state.si_pid == number_;
+  }
+  /// Returns the status that the child ended with.
+  int end() {
+    if (number_ < 0) return status_;
+    ::kill(-number_, SIGKILL);
+    while (::waitpid(number_, &status_, 0) < 0 && errno == EINTR) {
+    }
+    number_ = -1;
+    end_descendants(others_);
+    return status_;
+  }
+
+ private:
+  pid_t number_;
+  std::vector<pid_t> others_;  // children that this process had before
+  int status_ = -1;
+};
+
+/// Takes what both outputs hold. False when the standard output exceeds its limit.
+bool take_ready(Start& start, const pollfd (&ready)[2], ChildResult& result) {
   std::string piece;
-  while (output.is_open() || diagnostics.is_open()) {
-    pollfd waiting[] = {{output.number(), POLLIN, 0},
-                        {diagnostics.number(), POLLIN, 0}};  // -1 is passed over
-    const int ready = ::poll(waiting, 2, remaining_ms(deadline));
-    if (ready == 0) return ChildEnd::timed_out;
-    if (ready < 0) continue;
-    if (waiting[0].revents != 0) {
-      if (!read_piece(output.number(), piece)) output.close();
-      if (piece.size() > start.limits.standard_output - result.output.size())
-        return ChildEnd::too_much_output;
-      result.output += piece;
+  if (ready[0].revents != 0) {
+    if (!read_piece(ready[0].fd, piece)) start.output.read_end.close();
+    if (piece.size() > start.limits.standard_output - result.output.size()) return false;
+    result.output += piece;
+  }
+  if (ready[1].revents != 0) {
+    if (!read_piece(ready[1].fd, piece)) start.diagnostics.read_end.close();
+    result.diagnostics.append(piece, 0, kMaxDiagnostics - result.diagnostics.size());
+  }
+  return true;
+}
+
+/// Takes both outputs until the child has ended and nobody writes to them any more. Anything but `exited`
+/// means that a limit was met.
+ChildEnd follow(Child& child, Start& start, ChildResult& result) {
+  const auto deadline = Clock::now() + start.limits.time;
+  const Descriptor& output = start.output.read_end;
+  const Descriptor& diagnostics = start.diagnostics.read_end;
+  for (bool ended = false; !ended || output.is_open() || diagnostics.is_open();) {
+    pollfd ready[] = {{output.number(), POLLIN, 0}, {diagnostics.number(), POLLIN, 0}};  // -1 is passed over
+    const int count = ::poll(ready, 2, pause_ms(deadline));
+    if (count > 0 && !take_ready(start, ready, result)) return ChildEnd::too_much_output;
+    if (ended && count == 0) break;  // a writer that couldn't be ended
+    if (!ended && child.has_ended()) {
+      ended = true;
+      child.end();  // whoever still holds the outputs goes with it
     }
-    if (waiting[1].revents != 0) {
-      if (!read_piece(diagnostics.number(), piece)) diagnostics.close();
-      result.diagnostics.append(piece, 0, kMaxDiagnostics - result.diagnostics.size());
-    }
+    if (!ended && Clock::now() >= deadline) return ChildEnd::timed_out;
   }
   return ChildEnd::exited;
 }
 
-/// False when the child still runs at the deadline.
-bool await_exit(pid_t child, Clock::time_point deadline, int& status) {
-  constexpr auto longest_pause = std::chrono::milliseconds(16);
-  for (auto pause = std::chrono::milliseconds(1);; pause = std::min(2 * pause, longest_pause)) {
-    const pid_t ended = ::waitpid(child, &status, WNOHANG);
-    if (ended == child || (ended < 0 && errno != EINTR)) return true;
-    if (Clock::now() >= deadline) return false;
-    std::this_thread::sleep_for(pause);
-  }
-}
-
-void end_group(pid_t child) {
-  ::kill(-child, SIGKILL);
-  while (::waitpid(child, nullptr, 0) < 0 && errno == EINTR) {
-  }
-}
-
-void supervise(pid_t child, Start& start, ChildResult& result) {
-  const auto deadline = Clock::now() + start.limits.time;
-  int status = -1;
-  result.end = take_outputs(start, deadline, result);
-  if (result.end == ChildEnd::exited && !await_exit(child, deadline, status))
-    result.end = ChildEnd::timed_out;
-  if (result.end != ChildEnd::exited) {
-    end_group(child);
-  } else if (WIFSIGNALED(status)) {
+void supervise(Child& child, Start& start, ChildResult& result) {
+  result.end = follow(child, start, result);
+  const int status = child.end();
+  if (result.end != ChildEnd::exited) return;
+  if (WIFSIGNALED(status)) {
     // The processor time of a busy child may run out a moment before the clock does.
     result.end = WTERMSIG(status) == SIGXCPU ? ChildEnd::timed_out : ChildEnd::signalled;
     result.code = WTERMSIG(status);
@@ -247,23 +306,26 @@ ChildResult run_child(const std::vector<std::string>& command, const ChildLimits
     result.code = errno;
     return result;
   }
-  pid_t child;
+  adopt_descendants();
+  const std::lock_guard one_at_a_time(g_running);
+  std::vector<pid_t> others = own_children();
+  pid_t number;
   {
     const SignalsHeld held;
-    child = ::fork();
-    if (child == 0) become(start);
+    number = ::fork();
+    if (number == 0) become(start);
   }
-  if (child < 0) {
+  if (number < 0) {
     result.code = errno;
     return result;
   }
+  Child child(number, std::move(others));
   start.empty_input.close();
   for (Pipe* pipe : {&start.output, &start.diagnostics, &start.report}) pipe->write_end.close();
 
   std::string report;  // stays empty when the new program begins
   if (read_piece(start.report.read_end.number(), report) && report.size() == sizeof result.code) {
     std::memcpy(&result.code, report.data(), sizeof result.code);
-    end_group(child);
     return result;
   }
   supervise(child, start, result);
