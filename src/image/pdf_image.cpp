@@ -7,7 +7,9 @@
 #include <vector>
 
 #include "core/log.h"
+#include "core/machine_failure.h"
 #include "image/image_loader.h"
+#include "image/pdf/pdf_remarks.h"
 #include "image/pdf/pdf_renderer.h"
 
 namespace nvo {
@@ -18,10 +20,17 @@ using Bytes = std::vector<std::uint8_t>;
 constexpr std::size_t kRgbaBytes = 4;
 constexpr std::size_t kRgbaWhiteBytes = 5;
 
+std::string failure_text(const std::string& path, const std::exception& failure) {
+  return "ImageLoader: failed to rasterize PDF '" + path + "': " + failure.what();
+}
+
 PdfRenderResult render(const std::string& path, std::uint32_t page_index, float dpi) try {
   return PdfRenderer::instance().render(path, page_index, dpi);
+} catch (const MachineFailure& failure) {
+  throw MachineFailure(failure_text(path, failure));
 } catch (const std::exception& failure) {
-  throw std::runtime_error("ImageLoader: failed to rasterize PDF '" + path + "': " + failure.what());
+  rethrow_machine_failure();
+  throw std::runtime_error(failure_text(path, failure));
 }
 
 /// Tells what became of the page's spot white.
@@ -106,6 +115,7 @@ LoadedImage image_of_pdf_page(const std::string& path, float dpi, PdfRenderResul
   image.is_rgb = true;
 
   const std::uint64_t pixels = checked_pixel_count(page);
+  for (const std::string& remark : remarks_on_page(page)) log_warn("PDF '", path, "': ", remark);
   bool is_translucent = page.has_alpha;
   if (!page.process_alpha_coverage.empty())
     is_translucent = replace_alpha(page.process_alpha_coverage, page.rgba);
@@ -127,7 +137,11 @@ LoadedImage load_pdf(const std::string& path, std::uint32_t page_index, float dp
 
 ImageExtent probe_pdf(const std::string& path) {
   const PdfPageInfo page = PdfRenderer::instance().probe(path, 0, kPdfDpi);
-  return {{ResolutionSource::page, false, {}}, page.width, page.height, page.dpi_x, page.dpi_y};
+  std::vector<std::string> notes;
+  if (page.page_count > 1)
+    notes.push_back("it has " + std::to_string(page.page_count) +
+                    " pages; the first is printed, the others are left out");
+  return {{ResolutionSource::page, false, std::move(notes)}, page.width, page.height, page.dpi_x, page.dpi_y};
 }
 
 LoadedImage load_first_pdf_page(const std::string& path) {

@@ -32,7 +32,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   check_tokens(bytes);
   nvo::decode_pdf_string(bytes);
   const nvo::PdfObjectTable table = nvo::build_object_table(bytes);
-  nvo::find_page(table, 0);
+  nvo::find_pages(table);
   for (const auto& [number, object] : table) {
     if (number < 0 || object.generation < 0) std::abort();
     const auto box = nvo::find_media_box(object.text, table);

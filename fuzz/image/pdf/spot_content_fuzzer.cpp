@@ -46,5 +46,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     vectors.run(content);
     pictures.run(content);
   }
+  pictures.finish();
   return 0;
 }

@@ -1,9 +1,12 @@
 #include "image/pdf/page_png.h"
 
+#include <new>
 #include <stdexcept>
 #include <string>
 
 #include <png.h>
+
+#include "core/text.h"
 
 namespace nvo {
 namespace {
@@ -27,6 +30,13 @@ class PngReader {
   std::uint32_t width() const { return image_.width; }
   std::uint32_t height() const { return image_.height; }
   const char* message() const { return image_.message; }
+  /// Throws where the last step failed for want of memory, which the library tells in words alone.
+  void check_memory() const {
+    const std::string words = ascii_lower(image_.message);
+    if (words.find("out of memory") != std::string::npos ||
+        words.find("insufficient memory") != std::string::npos)
+      throw std::bad_alloc();
+  }
 
  private:
   png_image image_{};
@@ -41,11 +51,13 @@ std::string size_text(std::uint32_t width, std::uint32_t height) {
 bool decode_page_png(std::string_view png, const RgbaTile& tile, std::string& error) {
   PngReader reader;
   const bool is_png = reader.open(png);
+  reader.check_memory();
   if (is_png && (reader.width() != tile.width || reader.height() != tile.height))
     throw std::runtime_error(
         "PdfRenderer: rendered PDF image dimensions did not match requested DPI: requested " +
         size_text(tile.width, tile.height) + ", got " + size_text(reader.width(), reader.height()));
   if (is_png && reader.read(tile)) return true;
+  reader.check_memory();
   error = reader.message();
   return false;
 }

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <string>
 
+#include "core/machine_failure.h"
 #include "image/pdf/pdf_page.h"
 
 namespace nvo {
@@ -15,6 +16,12 @@ struct PdfRequest {
   std::string path;
   std::uint32_t page_index = 0;  ///< 0-based
   float dpi = 0.0f;              ///< finite and above 0
+};
+
+/// A page that takes longer than it may. The machine is at its end, not the file: a job that meets this ends.
+class PdfTimeout : public MachineFailure {
+ public:
+  using MachineFailure::MachineFailure;
 };
 
 /// Something that turns pages into pixels. It knows nothing of spot colours: of the results it fills the

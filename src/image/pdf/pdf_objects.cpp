@@ -11,6 +11,8 @@ namespace {
 
 constexpr std::size_t kMaxObjects = 100'000;
 constexpr int kMaxAncestors = 16;
+constexpr int kMaxTreeDepth = 32;
+constexpr int kMaxTrailers = 8;
 constexpr std::size_t kBoxNumbers = 4;
 constexpr std::size_t kLeastBoxTokens = 6;  // the key, a bracket and four numbers
 constexpr std::string_view kObjectKeyword = "obj";
@@ -152,6 +154,20 @@ std::optional<PdfBox> find_direct_media_box(PdfTokenSpan tokens) {
   return std::nullopt;
 }
 
+/// The document's root, as the last trailer that names one has it.
+const PdfObject* find_catalog(std::string_view bytes, const PdfObjectTable& table) {
+  constexpr std::string_view kRoot = "/Root";
+  constexpr std::size_t kReferenceBytes = 64;
+  std::size_t position = bytes.rfind(kRoot);
+  for (int tries = 0; position != std::string_view::npos && tries < kMaxTrailers; ++tries) {
+    const PdfTokens tokens = tokenize_pdf(bytes.substr(position, kReferenceBytes));
+    if (const PdfObject* catalog = find_object(table, find_reference(tokens, kRoot))) return catalog;
+    if (position == 0) break;
+    position = bytes.rfind(kRoot, position - 1);
+  }
+  return nullptr;
+}
+
 std::optional<PdfTokens> find_direct_resources(PdfTokenSpan tokens, const PdfObjectTable& table) {
   for (std::size_t i = 0; i + 1 < tokens.size(); ++i) {
     if (!is_pdf_name(tokens[i], "/Resources")) continue;
@@ -189,11 +205,41 @@ const PdfObject* find_object(const PdfObjectTable& table, std::optional<std::int
   return found == table.end() ? nullptr : &found->second;
 }
 
-const PdfObject* find_page(const PdfObjectTable& table, std::uint32_t page_index) {
-  std::uint32_t pages_before = 0;
+std::vector<const PdfObject*> find_pages(const PdfObjectTable& table) {
+  std::vector<const PdfObject*> pages;
   for (const auto& [number, object] : table)
-    if (is_page(object) && pages_before++ == page_index) return &object;
+    if (is_page(object)) pages.push_back(&object);
+  return pages;
+}
+
+const PdfObject* find_first_page_of_tree(std::string_view bytes, const PdfObjectTable& table) {
+  const PdfObject* node = find_catalog(bytes, table);
+  const char* way_down = "/Pages";
+  for (int step = 0; node && step <= kMaxTreeDepth; ++step) {
+    if (is_page(*node)) return node;
+    const PdfTokens tokens = tokenize_pdf(node->text);
+    const auto value = find_value_span(tokens, way_down);
+    if (!value) return nullptr;
+    const bool is_list = tokens[value->first].type == PdfTokenType::array_open;
+    node = find_object(table, reference_at(tokens, value->first + (is_list ? 1 : 0)));
+    way_down = "/Kids";
+  }
   return nullptr;
+}
+
+double find_user_unit(std::string_view page_text) {
+  const PdfTokens tokens = tokenize_pdf(page_text);
+  for (std::size_t i = 0; i + 1 < tokens.size(); ++i)
+    if (is_pdf_name(tokens[i], "/UserUnit") && tokens[i + 1].type == PdfTokenType::number)
+      return tokens[i + 1].number;
+  return 1.0;
+}
+
+int find_rotation(std::string_view page_text, const PdfObjectTable& table) {
+  constexpr int kTurn = 360;
+  const auto degrees = find_inherited(
+      page_text, table, [](const PdfTokens& tokens) { return find_integer(tokens, "/Rotate"); });
+  return (degrees.value_or(0) % kTurn + kTurn) % kTurn;
 }
 
 std::optional<PdfBox> find_media_box(std::string_view page_text, const PdfObjectTable& table) {

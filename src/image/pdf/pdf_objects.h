@@ -4,6 +4,7 @@
 #include <map>
 #include <optional>
 #include <string_view>
+#include <vector>
 
 #include "image/pdf/pdf_tokens.h"
 
@@ -31,10 +32,19 @@ PdfObjectTable build_object_table(std::string_view bytes);
 /// The object with this number, or null.
 const PdfObject* find_object(const PdfObjectTable& table, std::optional<std::int32_t> number);
 
-/// The page that is number `page_index` in the order of object numbers, or null.
-const PdfObject* find_page(const PdfObjectTable& table, std::uint32_t page_index);
+/// The pages in the order of object numbers.
+std::vector<const PdfObject*> find_pages(const PdfObjectTable& table);
+
+/// The page with which the page tree begins. Null where something on the way to it is not a plain object.
+const PdfObject* find_first_page_of_tree(std::string_view bytes, const PdfObjectTable& table);
+
+/// The number of a page's own `/UserUnit`, 1 where it has none.
+double find_user_unit(std::string_view page_text);
 
 // These look at a page and at no more than 16 ancestors.
+
+/// `/Rotate` in degrees from 0 to 359.
+int find_rotation(std::string_view page_text, const PdfObjectTable& table);
 
 /// The first usable MediaBox that stands in one of them itself, not behind a reference.
 std::optional<PdfBox> find_media_box(std::string_view page_text, const PdfObjectTable& table);

@@ -9,6 +9,8 @@
 #include <utility>
 
 #include "core/log.h"
+#include "core/machine_failure.h"
+#include "core/platform/input_file.h"
 #include "core/platform/paths.h"
 #include "core/text.h"
 #include "image/pdf/pdfium_backend.h"
@@ -21,16 +23,23 @@ namespace {
 
 namespace fs = std::filesystem;
 
-/// A file that isn't there passes; the back-ends report it in their own words.
-void check_file_size(const std::string& path) try {
+/// A file that isn't there passes; the back-ends report it in their own words. What might be waited for does
+/// not.
+void check_file(const std::string& path) try {
   const fs::path file = platform::to_path(path);
-  if (!fs::is_regular_file(file)) return;
+  const fs::file_status status = fs::status(file);
+  if (!fs::is_regular_file(status)) {
+    if (fs::exists(status) && !fs::is_directory(status))
+      throw std::runtime_error("PdfRenderer: not a regular file: " + path);
+    return;
+  }
   std::error_code error;
   const std::uint64_t size = fs::file_size(file, error);
   if (error) throw std::runtime_error("PdfRenderer: cannot inspect PDF file size before render: " + path);
   if (size > kMaxPdfBytes)
     throw std::runtime_error("PdfRenderer: PDF file exceeds 512 MiB safety cap: " + path);
 } catch (const fs::filesystem_error& error) {
+  if (!platform::tells_of_path(error.code().value())) throw;
   throw std::runtime_error(std::string("PdfRenderer: cannot inspect PDF file before render: ") +
                            error.what());
 }
@@ -39,7 +48,7 @@ PdfRequest checked_request(const std::string& path, std::uint32_t page_index, fl
   if (lower_extension(path) != "pdf") throw std::runtime_error("PdfRenderer: expected a .pdf file: " + path);
   if (!std::isfinite(dpi) || dpi <= 0.0f)
     throw std::runtime_error("PdfRenderer: dpi must be a positive finite value");
-  check_file_size(path);
+  check_file(path);
   return {path, page_index, dpi};
 }
 
@@ -69,6 +78,7 @@ void add_spot_white(const PdfRequest& request, PdfRenderResult& result) {
   result.spot_white_coverage = std::move(spot.spot_white_coverage);
   result.process_alpha_coverage = std::move(spot.process_alpha_coverage);
   result.spot_status = std::move(spot.status);
+  result.facts = spot.facts;
 }
 
 }  // namespace
@@ -113,13 +123,23 @@ Result PdfRenderer::run(const char* operation, Result (PdfBackend::*run_backend)
     try {
       return (pdfium_.get()->*run_backend)(request);
     } catch (const std::exception& failure) {
+      rethrow_machine_failure();
       if (memo_.record_failure(key))
         log_warn("PdfRenderer: PDFium ", operation, " failed for '", request.path,
                  "'; falling back to Poppler: ", failure.what());
     }
   }
+  // The file is what it was, so it would take as long again.
+  const std::string page_key =
+      key + "|" + std::to_string(request.page_index) + "|" + std::to_string(request.dpi) + "|" + operation;
+  if (const auto known = memo_.timeout(page_key)) throw PdfTimeout(*known);
   log_once(operation, "Poppler", key, "PdfRenderer: selected Poppler backend for " + what);
-  return (fallback_.get()->*run_backend)(request);
+  try {
+    return (fallback_.get()->*run_backend)(request);
+  } catch (const PdfTimeout& failure) {
+    memo_.record_timeout(page_key, failure.what());
+    throw;
+  }
 }
 
 void PdfRenderer::log_once(const char* operation, const char* backend, const std::string& key,

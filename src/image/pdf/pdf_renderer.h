@@ -13,8 +13,9 @@ namespace nvo {
 
 /// Turns a page of a PDF file into RGBA pixels and the white that it sets as a spot colour. PDFium comes
 /// first, where it is there; what fails in it goes to the other back-end, and the file never comes back to
-/// PDFium while its size and time stay the same. Paths are UTF-8, pages count from 0. Failures are runtime
-/// errors. Any thread may call it; PDFium takes one page at a time.
+/// PDFium while its size and time stay the same; nor is a page tried again that ran out of time. Paths are
+/// UTF-8, pages count from 0. Failures are runtime errors, and those of `core/machine_failure.h` where they
+/// are not the file's. Any thread may call it; PDFium takes one page at a time.
 class PdfRenderer {
  public:
   /// `pdfium` outlives this.

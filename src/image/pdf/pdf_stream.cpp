@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstddef>
 #include <map>
+#include <new>
 #include <utility>
 
 #include <zlib.h>
@@ -23,7 +24,7 @@ class Inflater {
   explicit Inflater(std::string_view data) {
     state_.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(data.data()));
     state_.avail_in = static_cast<uInt>(data.size());
-    ready_ = inflateInit(&state_) == Z_OK;
+    ready_ = checked(inflateInit(&state_)) == Z_OK;
   }
   ~Inflater() {
     if (ready_) inflateEnd(&state_);
@@ -36,13 +37,19 @@ class Inflater {
     if (!ready_) return false;
     state_.next_out = reinterpret_cast<Bytef*>(step.data());
     state_.avail_out = static_cast<uInt>(step.size());
-    const int outcome = inflate(&state_, Z_NO_FLUSH);
+    const int outcome = checked(inflate(&state_, Z_NO_FLUSH));
     produced = step.size() - state_.avail_out;
     at_end = outcome == Z_STREAM_END;
     return outcome == Z_OK || at_end;
   }
 
  private:
+  /// A shortage of memory is no damage to the data.
+  static int checked(int outcome) {
+    if (outcome == Z_MEM_ERROR) throw std::bad_alloc();
+    return outcome;
+  }
+
   z_stream state_{};
   bool ready_ = false;
 };
@@ -209,6 +216,17 @@ std::optional<std::string> decode_stream(std::string_view object_text, PdfTokenS
   if (names_flate(object_text.substr(0, keyword))) return inflate_bytes(*data, limit);
   if (data->size() > limit) return std::nullopt;
   return std::string(*data);
+}
+
+std::optional<std::string> peek_stream(std::string_view object_text, std::uint64_t max_bytes) {
+  const std::size_t keyword = object_text.find(kStreamKeyword);
+  if (keyword == std::string_view::npos) return std::nullopt;
+  std::string_view data = object_text.substr(data_start(object_text, keyword));
+  if (auto inflated = inflate_bytes(data, max_bytes)) return inflated;
+  if (object_text.substr(0, keyword).find("/Filter") != std::string_view::npos) return std::nullopt;
+  data = data.substr(0, data.rfind(kStreamEnd));
+  if (data.size() > max_bytes) return std::nullopt;
+  return std::string(data);
 }
 
 std::optional<std::string> decode_pdf_string(std::string_view object_text) {

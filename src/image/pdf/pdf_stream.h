@@ -29,6 +29,10 @@ bool has_stream(std::string_view object_text);
 std::optional<std::string> decode_stream(std::string_view object_text, PdfTokenSpan tokens,
                                          std::uint64_t max_bytes);
 
+/// What an object's stream holds, whatever its dictionary says of length and filter: inflated where that
+/// works, as it is where no filter is named. Nothing where it stays closed or is longer than `max_bytes`.
+std::optional<std::string> peek_stream(std::string_view object_text, std::uint64_t max_bytes);
+
 /// The string, in parentheses or hexadecimal, that an object's text begins with.
 std::optional<std::string> decode_pdf_string(std::string_view object_text);
 

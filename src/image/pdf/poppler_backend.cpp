@@ -4,6 +4,7 @@
 #include <cctype>
 #include <cerrno>
 #include <charconv>
+#include <chrono>
 #include <cstdio>
 #include <filesystem>
 #include <limits>
@@ -14,6 +15,8 @@
 #include <utility>
 #include <vector>
 
+#include "core/log.h"
+#include "core/machine_failure.h"
 #include "core/platform/child_process.h"
 #include "core/platform/paths.h"
 #include "core/text.h"
@@ -31,17 +34,21 @@ constexpr std::size_t kMaxTextBytes = 600;
 constexpr double kPointsPerInch = 72.0;
 constexpr int kSignalStatus = 128;  // as shells count a death by signal
 
+using Clock = std::chrono::steady_clock;
+using std::chrono::milliseconds;
+
 /// One operation on one file; the texts of its failures name both.
 struct Task {
   const char* operation;
   const PdfRequest& request;
 
   /// For what Poppler or the system reports.
+  template <class Exception = std::runtime_error>
   [[noreturn]] void fail(const std::string& text, int status) const {
     char hexadecimal[16];
     std::snprintf(hexadecimal, sizeof hexadecimal, "%X", static_cast<unsigned>(status));
-    throw std::runtime_error(std::string("PdfRenderer: failed to ") + operation + " PDF '" + request.path +
-                             "': " + text + " (0x" + hexadecimal + ")");
+    throw Exception(std::string("PdfRenderer: failed to ") + operation + " PDF '" + request.path +
+                    "': " + text + " (0x" + hexadecimal + ")");
   }
 };
 
@@ -63,39 +70,66 @@ std::string one_line(std::string_view text) {
   return line;
 }
 
-struct Failure {
-  std::string text;
-  int status;
-};
-
-/// What went wrong with a program that did not end well.
-Failure describe_failure(const std::string& program, const platform::ChildResult& result,
-                         std::chrono::milliseconds time) {
-  const std::string said = one_line(result.diagnostics);
-  const auto with = [&](const std::string& text) { return said.empty() ? text : said + "; " + text; };
-  switch (result.end) {
-    case platform::ChildEnd::exited:
-      return {said.empty() ? program + " ended with code " + std::to_string(result.code) : said, result.code};
-    case platform::ChildEnd::signalled:
-      return {with(program + " was ended by signal " + std::to_string(result.code)),
-              kSignalStatus + result.code};
-    case platform::ChildEnd::timed_out:
-      return {with(program + " took longer than " + std::to_string(time.count()) + " ms"), ETIMEDOUT};
-    case platform::ChildEnd::too_much_output:
-      return {with(program + " wrote more than expected"), EFBIG};
-    case platform::ChildEnd::not_started:
-      break;
+template <class Act>
+void for_each_line(std::string_view text, Act act) {
+  while (!text.empty()) {
+    const std::size_t end = std::min(text.find('\n'), text.size());
+    act(text.substr(0, end));
+    text.remove_prefix(std::min(end + 1, text.size()));
   }
-  return {program + " cannot be started", result.code};
 }
 
-/// Runs one of Poppler's programs, which has to be installed. Fails only when it is not.
+/// The programs' own lines for a shortage of memory. They end in several ways after it, at times well.
+bool tells_of_memory(std::string_view diagnostics) {
+  static constexpr std::string_view kBeginnings[] = {
+      "Out of memory", "cairo error: out of memory", "Internal Error: cairo context error: out of memory",
+      "terminate called after throwing an instance of 'std::bad_alloc'"};
+  bool found = false;
+  for_each_line(diagnostics, [&](std::string_view line) {
+    for (const std::string_view beginning : kBeginnings) found |= line.starts_with(beginning);
+  });
+  return found;
+}
+
+/// Runs one of Poppler's programs, which has to be installed, and fails for what is no fault of the file.
 platform::ChildResult run_program(const Task& task, const std::string& program,
-                                  std::vector<std::string> arguments, const platform::ChildLimits& limits) {
+                                  std::vector<std::string> arguments, const platform::ChildLimits& limits,
+                                  milliseconds stated_time) {
   const std::string path = platform::find_program(program);
-  if (path.empty()) task.fail("Poppler's program " + program + " is not installed", ENOENT);
+  if (path.empty()) task.fail<MachineFailure>("Poppler's program " + program + " is not installed", ENOENT);
   arguments.insert(arguments.begin(), path);
-  return platform::run_child(arguments, limits);
+  platform::ChildResult result = platform::run_child(arguments, limits);
+
+  const std::string said = one_line(result.diagnostics);
+  const std::string name = said.empty() ? program : said + "; " + program;
+  switch (result.end) {
+    case platform::ChildEnd::not_started:
+      task.fail<MachineFailure>(program + " cannot be started", result.code);
+    case platform::ChildEnd::signalled:
+      task.fail<MachineFailure>(name + " was ended by signal " + std::to_string(result.code),
+                                kSignalStatus + result.code);
+    case platform::ChildEnd::timed_out:
+      task.fail<PdfTimeout>(name + " took longer than " + std::to_string(stated_time.count()) + " ms",
+                            ETIMEDOUT);
+    case platform::ChildEnd::exited:
+    case platform::ChildEnd::too_much_output:
+      break;
+  }
+  if (tells_of_memory(result.diagnostics)) task.fail<MachineFailure>(name + " is out of memory", ENOMEM);
+  return result;
+}
+
+/// The fault of a file with which a program did not end well.
+[[noreturn]] void fail_with_result(const Task& task, const std::string& program,
+                                   const platform::ChildResult& result) {
+  const std::string said = one_line(result.diagnostics);
+  if (result.end == platform::ChildEnd::too_much_output)
+    task.fail((said.empty() ? program : said + "; " + program) + " wrote more than expected", EFBIG);
+  task.fail(said.empty() ? program + " ended with code " + std::to_string(result.code) : said, result.code);
+}
+
+bool has_succeeded(const platform::ChildResult& result) {
+  return result.end == platform::ChildEnd::exited && result.code == 0;
 }
 
 /// An absolute path cannot be taken for an option or for the name of a stream.
@@ -172,15 +206,14 @@ std::optional<std::uint32_t> count_of_refusal(std::string_view diagnostics) {
                            " is out of range for " + std::to_string(count) + " page PDF: " + request.path);
 }
 
-PdfPageInfo describe(const Task& task, std::chrono::milliseconds time) {
+PdfPageInfo describe(const Task& task, milliseconds time) {
   const PdfRequest& request = task.request;
   const std::string number = page_number(request);
   const auto result = run_program(task, "pdfinfo", {"-f", number, "-l", number, absolute_path(request)},
-                                  {time, kBaseMemory, kMaxInfoBytes});
-  if (result.end != platform::ChildEnd::exited || result.code != 0) {
+                                  {time, kBaseMemory, kMaxInfoBytes}, time);
+  if (!has_succeeded(result)) {
     if (const auto count = count_of_refusal(result.diagnostics)) fail_without_page(request, *count);
-    const Failure failure = describe_failure("pdfinfo", result, time);
-    task.fail(failure.text, failure.status);
+    fail_with_result(task, "pdfinfo", result);
   }
   const auto geometry = parse_geometry(result.output, number);
   if (!geometry) task.fail("the output of pdfinfo was not understood", EBADMSG);
@@ -208,45 +241,98 @@ std::vector<std::string> tile_command(const PdfRequest& request, const PdfPageIn
   return command;
 }
 
-/// The encoded picture of one tile.
+/// What a page may take, over all of its tiles.
+struct Allowance {
+  milliseconds time;
+  Clock::time_point end = Clock::now() + time;
+
+  milliseconds left() const {
+    return std::max(std::chrono::duration_cast<milliseconds>(end - Clock::now()), milliseconds(1));
+  }
+};
+
+/// The encoded picture of one tile. `said` takes what the program says of it.
 std::string render_tile(const Task& task, const PdfPageInfo& page, const TilePlace& place,
-                        std::chrono::milliseconds time) {
+                        const Allowance& allowance, std::string& said) {
   const std::uint64_t memory = kBaseMemory + kRastersInMemory * rgba_bytes(page);
-  auto result = run_program(task, "pdftocairo", tile_command(task.request, page, place),
-                            {time, memory, max_png_bytes(place.width, place.height)});
+  auto result =
+      run_program(task, "pdftocairo", tile_command(task.request, page, place),
+                  {allowance.left(), memory, max_png_bytes(place.width, place.height)}, allowance.time);
   if (result.end == platform::ChildEnd::too_much_output)
     throw std::runtime_error("PdfRenderer: rendered PDF image stream is too large");
-  if (result.end != platform::ChildEnd::exited || result.code != 0) {
-    const Failure failure = describe_failure("pdftocairo", result, time);
-    task.fail(failure.text, failure.status);
-  }
+  if (!has_succeeded(result)) fail_with_result(task, "pdftocairo", result);
   if (result.output.empty())
     throw std::runtime_error("PdfRenderer: PDF renderer returned an empty image stream");
+  said = std::move(result.diagnostics);
   return std::move(result.output);
+}
+
+/// Passes on what was said of a page that was rendered all the same.
+void log_diagnostics(const PdfRequest& request, std::string_view said) {
+  std::string of_page;
+  for_each_line(said, [&](std::string_view line) {
+    // The font library would like to keep a list; without one it only takes longer.
+    if (line.find("No writable cache directories") == std::string_view::npos) of_page.append(line) += '\n';
+  });
+  const std::string line = one_line(of_page);
+  if (!line.empty())
+    log_warn("PDF '", request.path,
+             "': the page was rendered, but the renderer complains, and the film may differ from what a "
+             "viewer shows: ",
+             line);
+}
+
+std::uint64_t file_bytes(const PdfRequest& request) {
+  std::error_code error;
+  const std::uint64_t size = std::filesystem::file_size(platform::to_path(request.path), error);
+  return error ? 0 : size;  // such a file will not be read either
+}
+
+constexpr std::uint64_t kMiB = 1 << 20;
+
+std::uint64_t bytes_above_small(std::uint64_t bytes) {
+  return bytes > kMiB ? bytes - kMiB : 0;
 }
 
 }  // namespace
 
+milliseconds poppler_info_time(std::uint64_t file_bytes) {
+  constexpr std::uint64_t base = 7'000, of_mib = 500;
+  return milliseconds(base + bytes_above_small(file_bytes) * of_mib / kMiB);
+}
+
+milliseconds poppler_page_time(std::uint64_t file_bytes, std::uint64_t pixels) {
+  constexpr std::uint64_t base = 45'000, most_of_mib = 60'000, of_mib = 2'000, pixels_of_ms = 1'000;
+  const std::uint64_t bytes = bytes_above_small(file_bytes);
+  return milliseconds(base +
+                      std::min(bytes * most_of_mib / kMiB, bytes * of_mib / kMiB + pixels / pixels_of_ms));
+}
+
 PdfPageInfo PopplerBackend::probe(const PdfRequest& request) {
-  return describe({"probe", request}, times_.info);
+  return describe({"probe", request}, std::min(poppler_info_time(file_bytes(request)), longest_));
 }
 
 PdfRenderResult PopplerBackend::render(const PdfRequest& request) {
   const Task task{"render", request};
+  const std::uint64_t bytes = file_bytes(request);
   PdfRenderResult result;
-  static_cast<PdfPageInfo&>(result) = describe(task, times_.info);
+  static_cast<PdfPageInfo&>(result) = describe(task, std::min(poppler_info_time(bytes), longest_));
   result.rgba.resize(rgba_bytes(result));
   const std::size_t stride = rgba_stride(result);
+  const Allowance allowance{
+      std::min(poppler_page_time(bytes, std::uint64_t{result.width} * result.height), longest_)};
+  std::string said;  // each tile gives cause to say the same
   for (std::uint32_t y = 0; y < result.height; y += kMaxTileSide) {
     for (std::uint32_t x = 0; x < result.width; x += kMaxTileSide) {
       const TilePlace place{x, y, std::min(kMaxTileSide, result.width - x),
                             std::min(kMaxTileSide, result.height - y)};
       std::uint8_t* first = result.rgba.data() + y * stride + std::size_t{x} * 4;
-      const std::string png = render_tile(task, result, place, times_.page);
+      const std::string png = render_tile(task, result, place, allowance, said);
       std::string error;
       if (!decode_page_png(png, {first, place.width, place.height, stride}, error)) task.fail(error, EBADMSG);
     }
   }
+  log_diagnostics(request, said);
   return result;
 }
 

@@ -1,9 +1,10 @@
 #include "image/pdf/spot_candidate_scan.h"
 
 #include <cstddef>
-#include <fstream>
+#include <cstdint>
 
-#include "core/platform/paths.h"
+#include "core/machine_failure.h"
+#include "core/platform/input_file.h"
 #include "core/text.h"
 #include "image/pdf/spot_white.h"
 
@@ -17,20 +18,25 @@ constexpr std::size_t kCarryBytes =
 }  // namespace
 
 bool file_has_spot_candidate(const std::string& path) {
-  std::ifstream file(platform::to_path(path), std::ios::binary);
+  platform::InputFile file;
+  if (const int error = file.open(path)) {
+    if (platform::tells_of_path(error)) return false;
+    fail_on_file("open", path, error);
+  }
   std::string text;
-  while (file) {
+  for (std::uint64_t offset = 0;;) {
     const std::size_t carry = text.size();
     text.resize(carry + kChunkBytes);
-    file.read(text.data() + carry, kChunkBytes);
-    const auto count = static_cast<std::size_t>(file.gcount());
+    std::size_t count = 0;
+    if (const int error = file.read_at(offset, text.data() + carry, kChunkBytes, count))
+      fail_on_file("read", path, error);
     if (count == 0) return false;
+    offset += count;
     text.resize(carry + count);
     for (std::size_t i = carry; i < text.size(); ++i) text[i] = ascii_lower(text[i]);
     if (has_spot_white_candidate(text)) return true;
     if (text.size() > kCarryBytes) text.erase(0, text.size() - kCarryBytes);
   }
-  return false;
 }
 
 }  // namespace nvo

@@ -7,9 +7,10 @@ namespace nvo {
 namespace {
 
 constexpr std::uint64_t kWorkOfAnyPage = 3'000'000'000;
-constexpr std::uint64_t kWorkOfOnePixel = 24;  // a turned image and its mask, which cover the page
-// Pages above 33 x 33 inches get no more, so that none takes longer than some seconds.
-constexpr std::uint64_t kMostPixels = 100'000'000;
+// Turned images and their masks, which cover the page with the corners of their boxes overlapping. The
+// largest pages that are rendered, of 268 million pixels, so get 13 seconds' worth.
+constexpr std::uint64_t kWorkOfOnePixel = 36;
+constexpr std::uint64_t kMostPixels = 268'435'456;
 
 }  // namespace
 

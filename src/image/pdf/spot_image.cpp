@@ -10,13 +10,12 @@ namespace nvo {
 namespace {
 
 constexpr std::uint64_t kMaxImagePixels = 16'777'216;
-constexpr std::uint64_t kMaxKeptBytes = 64 << 20;
 constexpr std::int32_t kBitsPerSample = 8;
 constexpr std::int32_t kHorizontalDifferencing = 2;
 
 // Units of work, see WorkBudget.
 constexpr std::uint64_t kObjectByteWork = 16;
-constexpr std::uint64_t kSampleWork = 8;
+constexpr std::uint64_t kSampleWork = 4;
 
 void undo_differencing(CoveragePlane& plane) {
   for (std::size_t row = 0; row < plane.height; ++row) {
@@ -53,23 +52,10 @@ void apply_lookup(CoveragePlane& plane, const std::string& lookup) {
 
 }  // namespace
 
-const SpotImage* SpotImageReader::read(std::int32_t number, WorkBudget& work) {
-  if (const auto known = kept_.find(number); known != kept_.end()) return &known->second;
-
-  const PdfObject* object = find_object(table_, number);
-  std::optional<SpotImage> image = object ? decode(*object, work) : SpotImage();
-  if (!image) return nullptr;
-
-  const std::uint64_t bytes = image->white.samples.size() + image->alpha.samples.size();
-  if (kept_bytes_ + bytes > kMaxKeptBytes) {
-    kept_.clear();
-    kept_bytes_ = 0;
-  }
-  kept_bytes_ += bytes;
-  return &(kept_[number] = std::move(*image));
-}
-
-std::optional<SpotImage> SpotImageReader::decode(const PdfObject& object, WorkBudget& work) {
+std::optional<SpotImage> SpotImageReader::read(std::int32_t number, WorkBudget& work) {
+  const PdfObject* found = find_object(table_, number);
+  if (!found) return SpotImage();
+  const PdfObject& object = *found;
   if (!work.spend(object.text.size() * kObjectByteWork)) return std::nullopt;
   const PdfTokens tokens = tokenize_pdf(object.text);
   const PdfObject* mask = find_object(table_, find_reference(tokens, "/SMask"));

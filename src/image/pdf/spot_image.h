@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstdint>
-#include <map>
 #include <optional>
 #include <string>
 
@@ -28,25 +27,21 @@ struct SpotImage {
   CoveragePlane alpha;  ///< of its soft mask
 };
 
-/// Decodes the images of one page, 8 bits and one component each, and keeps some of them for the next time
-/// that they are painted. For one thread.
+/// Decodes the images of one page, 8 bits and one component each. For one thread.
 class SpotImageReader {
  public:
   /// Both must outlive this.
   SpotImageReader(const PdfObjectTable& table, SpotColorSpaces& spaces) : table_(table), spaces_(spaces) {}
 
-  /// The planes of object `number`, valid until the next call. Null once the work has run out.
-  const SpotImage* read(std::int32_t number, WorkBudget& work);
+  /// The planes of object `number`. Nothing once the work has run out.
+  std::optional<SpotImage> read(std::int32_t number, WorkBudget& work);
 
  private:
-  std::optional<SpotImage> decode(const PdfObject& object, WorkBudget& work);
   CoveragePlane decode_white(const PdfObject& object, PdfTokenSpan tokens);
   CoveragePlane decode_soft_mask(const PdfObject& mask);
 
   const PdfObjectTable& table_;
   SpotColorSpaces& spaces_;
-  std::map<std::int32_t, SpotImage> kept_;
-  std::uint64_t kept_bytes_ = 0;
 };
 
 }  // namespace nvo

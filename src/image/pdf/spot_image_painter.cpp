@@ -14,6 +14,7 @@ namespace {
 constexpr double kSmallestArea = 1e-9;  // in square pixels; what is flatter has no inside
 constexpr double kPixelMiddle = 0.5;
 constexpr std::uint64_t kLeastTabledSide = 8;  // in pixels
+constexpr std::size_t kMostGathered = 65'536;  // placements: more than any sheet has
 
 // Units of work, see WorkBudget.
 constexpr std::uint64_t kUprightPixelWork = 3;
@@ -163,7 +164,7 @@ SpotImagePainter::Action SpotImagePainter::find_action(std::string_view name) {
   if (name == "q") return &SpotImagePainter::save_state;
   if (name == "Q") return &SpotImagePainter::restore_state;
   if (name == "cm") return &SpotImagePainter::concatenate_matrix;
-  if (name == "Do") return &SpotImagePainter::paint_object;
+  if (name == "Do") return &SpotImagePainter::place_object;
   return nullptr;
 }
 
@@ -172,15 +173,34 @@ void SpotImagePainter::run(PdfTokenSpan tokens) {
                [this](Action action, const SpotOperands& operands) { (this->*action)(operands); });
 }
 
-void SpotImagePainter::paint_object(const SpotOperands& operands) {
+void SpotImagePainter::place_object(const SpotOperands& operands) {
   const auto image = images_.find(normalize_pdf_name(operands.last_name()));
   if (image == images_.end()) return;
-  const SpotImage* planes = reader_.read(image->second, content_.work());
-  const PdfMatrix& ctm = content_.state().ctm;
-  const bool done = planes &&
-                    paint_plane(planes->white, ctm, content_.page(), white_plane_, content_.work()) &&
-                    paint_plane(planes->alpha, ctm, content_.page(), alpha_plane_, content_.work());
-  if (!done) content_.abort();
+  gathered_.push_back({image->second, content_.state().ctm});
+  if (gathered_.size() == kMostGathered) finish();
+}
+
+void SpotImagePainter::finish() {
+  if (!aborted() && !paint_gathered()) content_.abort();
+  gathered_.clear();
+}
+
+/// False once the work has run out.
+bool SpotImagePainter::paint_gathered() {
+  std::ranges::stable_sort(gathered_, {}, &Placement::image);
+  WorkBudget& work = content_.work();
+  std::optional<SpotImage> planes;
+  for (std::size_t i = 0; i < gathered_.size(); ++i) {
+    const Placement& placement = gathered_[i];
+    if (i == 0 || gathered_[i - 1].image != placement.image) {
+      planes.reset();  // before the next one, so that no two are held
+      planes = reader_.read(placement.image, work);
+    }
+    if (!planes || !paint_plane(planes->white, placement.ctm, content_.page(), white_plane_, work) ||
+        !paint_plane(planes->alpha, placement.ctm, content_.page(), alpha_plane_, work))
+      return false;
+  }
+  return true;
 }
 
 }  // namespace nvo

@@ -23,7 +23,8 @@ bool paint_plane(const CoveragePlane& plane, const PdfMatrix& ctm, const PageRas
                  std::vector<std::uint8_t>& target, WorkBudget& work);
 
 /// Paints the page's images in a white Separation, and the soft masks of all its images, into planes of the
-/// page's size.
+/// page's size. A pixel takes the greatest sample, in whatever order they come: so images are gathered first,
+/// and each is decoded once, however often and between which others it is placed, and let go again.
 class SpotImagePainter {
  public:
   /// All but `page` must outlive this.
@@ -33,6 +34,9 @@ class SpotImagePainter {
 
   /// One content stream; call it for each in order.
   void run(PdfTokenSpan tokens);
+
+  /// Paints what has been gathered; call it behind the last stream.
+  void finish();
 
   /// A limit was met: the planes are of no use.
   bool aborted() const { return content_.aborted(); }
@@ -46,11 +50,18 @@ class SpotImagePainter {
   void save_state(const SpotOperands&) { content_.save_state(); }
   void restore_state(const SpotOperands&) { content_.restore_state(); }
   void concatenate_matrix(const SpotOperands& operands) { content_.concatenate_matrix(operands); }
-  void paint_object(const SpotOperands& operands);
+  void place_object(const SpotOperands& operands);
+  bool paint_gathered();
+
+  struct Placement {
+    std::int32_t image = 0;
+    PdfMatrix ctm;
+  };
 
   const SpotImageMap& images_;
   SpotImageReader reader_;
   SpotContent content_;
+  std::vector<Placement> gathered_;
   std::vector<std::uint8_t> white_plane_, alpha_plane_;
 };
 

@@ -8,6 +8,8 @@
 #include <utility>
 
 #include "core/file_io.h"
+#include "core/machine_failure.h"
+#include "core/platform/input_file.h"
 #include "core/platform/paths.h"
 #include "core/text.h"
 #include "image/pdf/pdf_objects.h"
@@ -23,8 +25,8 @@ namespace {
 
 constexpr std::uint64_t kMaxFileBytes = 67'108'864;
 
-SpotWhiteResult outcome(std::string status) {
-  return {{}, {}, std::move(status)};
+SpotWhiteResult outcome(std::string status, const PdfPageFacts& facts = {}) {
+  return {{}, {}, std::move(status), facts};
 }
 
 /// Does a name with one of these beginnings stand at the slash `text[slash]`?
@@ -59,9 +61,37 @@ FileHints read_hints(std::string_view bytes) {
 }
 
 /// A status for a file in which not even a page was found.
-SpotWhiteResult unparsed(std::string status, const FileHints& hints) {
+SpotWhiteResult unparsed(std::string status, const FileHints& hints, const PdfPageFacts& facts) {
   if (hints.has_unsupported_structure) status += "; PDF object streams/xref streams are unsupported";
-  return outcome(std::move(status));
+  return outcome(std::move(status), facts);
+}
+
+/// Looks into the lists of compressed objects, for words only.
+void look_into_object_streams(const PdfObjectTable& table, PdfPageFacts& facts) {
+  std::uint64_t left = kMaxFileBytes;
+  for (const auto& [number, object] : table) {
+    const std::string_view dictionary = object.text.substr(0, object.text.find("stream"));
+    if (dictionary.size() == object.text.size() || dictionary.find("/ObjStm") == std::string_view::npos)
+      continue;
+    const auto objects = peek_stream(object.text, std::min(left, kMaxStreamBytes));
+    if (!objects) {
+      ++facts.closed_lists;
+      continue;
+    }
+    left -= objects->size();
+    facts.hides_candidate |= has_spot_white_candidate(ascii_lower(*objects));
+  }
+}
+
+/// What the page says of itself beside its content.
+void describe_page(std::string_view bytes, const PdfObjectTable& table, const PdfObject& page,
+                   std::uint32_t page_index, PdfPageFacts& facts) {
+  facts.has_page = true;
+  facts.rotation = find_rotation(page.text, table);
+  facts.user_unit = find_user_unit(page.text);
+  const PdfObject* first = page_index == 0 ? find_first_page_of_tree(bytes, table) : nullptr;
+  facts.is_page_of_tree = first == &page;
+  facts.is_other_page = first && first != &page;
 }
 
 bool has_paint(const std::vector<std::uint8_t>& plane) {
@@ -117,6 +147,7 @@ void paint_images(const SpotPage& page, SpotColorSpaces& spaces, SpotPaint& pain
   if (images.empty()) return;
   SpotImagePainter painter(images, page.table, spaces, page.raster);
   run_contents(page.contents, painter);
+  painter.finish();
   if (painter.aborted()) {
     paint.aborted = true;
     return;
@@ -141,13 +172,13 @@ std::string status_of(const SpotPaint& paint, bool has_candidate) {
   return status;
 }
 
-SpotWhiteResult paint_page(const SpotPage& page, bool has_candidate) {
+SpotWhiteResult paint_page(const SpotPage& page, bool has_candidate, const PdfPageFacts& facts) {
   SpotColorSpaces spaces(page.resources, page.table);
   SpotPaint paint;
   paint_vectors(page, spaces, paint);
   paint_images(page, spaces, paint);
   std::string status = status_of(paint, has_candidate);
-  return {std::move(paint.coverage), std::move(paint.alpha), std::move(status)};
+  return {std::move(paint.coverage), std::move(paint.alpha), std::move(status), facts};
 }
 
 }  // namespace
@@ -175,21 +206,30 @@ SpotWhiteResult extract_spot_white_from_bytes(std::string_view bytes, std::uint3
   if (width == 0 || height == 0) return outcome("skipped: rendered page dimensions are empty");
   const FileHints hints = read_hints(bytes);
   const PdfObjectTable table = build_object_table(bytes);
+  PdfPageFacts facts;
+  if (hints.has_unsupported_structure) look_into_object_streams(table, facts);
   if (table.empty())
-    return unparsed("parse found no indirect objects supported by the partial parser", hints);
-  const PdfObject* page = find_page(table, page_index);
-  if (!page) return unparsed("parse found no page object supported by the partial parser", hints);
-  const auto box = find_media_box(page->text, table);
-  if (!box) return outcome("parse found page object but no supported MediaBox");
-  auto resources = find_resources(page->text, table);
-  if (!resources) return outcome("parse found page object but no supported page resources");
-  std::vector<std::string> contents = load_page_contents(page->text, table);
+    return unparsed("parse found no indirect objects supported by the partial parser", hints, facts);
+  const std::vector<const PdfObject*> pages = find_pages(table);
+  facts.page_objects = static_cast<std::uint32_t>(pages.size());
+  if (page_index >= pages.size())
+    return unparsed("parse found no page object supported by the partial parser", hints, facts);
+  const PdfObject& page = *pages[page_index];
+  describe_page(bytes, table, page, page_index, facts);
+  const auto box = find_media_box(page.text, table);
+  if (!box) return outcome("parse found page object but no supported MediaBox", facts);
+  facts.box_width = box->x1 - box->x0;
+  facts.box_height = box->y1 - box->y0;
+  auto resources = find_resources(page.text, table);
+  if (!resources) return outcome("parse found page object but no supported page resources", facts);
+  std::vector<std::string> contents = load_page_contents(page.text, table);
   if (contents.empty())
     return outcome(
         "parse found page/resources but no supported content streams (unsupported filters or stream caps may "
-        "apply)");
+        "apply)",
+        facts);
   return paint_page({table, {*box, width, height}, std::move(*resources), std::move(contents)},
-                    hints.has_candidate);
+                    hints.has_candidate, facts);
 }
 
 SpotWhiteResult extract_spot_white(const std::string& path, std::uint32_t page_index, std::uint32_t width,
@@ -197,6 +237,8 @@ SpotWhiteResult extract_spot_white(const std::string& path, std::uint32_t page_i
   if (width == 0 || height == 0) return extract_spot_white_from_bytes({}, page_index, width, height);
   std::error_code unknown_size;
   const std::uint64_t size = std::filesystem::file_size(platform::to_path(path), unknown_size);
+  if (unknown_size && !platform::tells_of_path(unknown_size.value()))
+    fail_on_file("examine", path, unknown_size.value());
   if (!unknown_size && size > kMaxFileBytes)
     return outcome(
         "skipped: PDF file is over 64 MiB spot-white extractor cap; visual render may still work under the "

@@ -66,7 +66,8 @@ inline std::string pdf_bytes(const PageFile& file) {
   }
   pdf.object(1, "<< /Type /Catalog /Pages 2 0 R >>").stream(3, "", file.content);
   pdf.object(2, "<< /Type /Pages /Kids [" + kids + "] /Count " + std::to_string(file.pages) + " >>");
-  return pdf.text() + "trailer << /Root 1 0 R " + file.trailer + " >>\n%%EOF\n";
+  return pdf.text() + "trailer << /Root 1 0 R /Size " + std::to_string(file.pages + 4) + " " + file.trailer +
+         " >>\n%%EOF\n";
 }
 
 /// A filled rectangle that touches two corners of its crop box when the page is turned clockwise.

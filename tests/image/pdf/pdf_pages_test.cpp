@@ -1,3 +1,4 @@
+#include "core/machine_failure.h"
 #include "core/platform/child_process.h"
 #include "image/image_test.h"
 #include "image/pdf/pdf_renderer.h"
@@ -130,42 +131,69 @@ class PopplerPrograms : public ::testing::Test {
     install("pdfinfo", "printf 'Title: x\\nPages: 9\\nPages:  1\\nPage    1 size: " + size +
                            "\\nPage    1 rot:  0\\nFile size: 7\\n'");
   }
-  static std::string failure(PopplerTimes times = {}) {
-    return failure_of([&] { PopplerBackend(times).render({"/a.pdf", 0, 72}); });
+  /// The text of a failure, behind "machine: " where it is the machine's.
+  std::string failure(std::chrono::milliseconds longest = std::chrono::hours(1)) {
+    try {
+      PopplerBackend(longest).render({dir_.file("a.pdf"), 0, 72});
+    } catch (const MachineFailure& failure) {
+      return std::string("machine: ") + failure.what();
+    } catch (const std::exception& failure) {
+      return failure.what();
+    }
+    return {};
   }
 
   TempDir dir_;
   const ScopedVariable path_{"PATH", dir_.path().c_str()};
-  const std::string context_ = "PdfRenderer: failed to render PDF '/a.pdf': ";
+  const std::string context_ = "PdfRenderer: failed to render PDF '" + dir_.file("a.pdf") + "': ";
+  const std::string machine_ = "machine: " + context_;
 };
 
-TEST_F(PopplerPrograms, EveryWayToFailHasItsText) {
-  EXPECT_EQ(failure(), context_ + "Poppler's program pdfinfo is not installed (0x2)");
+TEST_F(PopplerPrograms, EveryWayToFailHasItsTextAndItsCulprit) {
+  EXPECT_EQ(failure(), machine_ + "Poppler's program pdfinfo is not installed (0x2)");
   const std::pair<const char*, std::string> info_cases[] = {
-      {"printf 'Syntax Warning: a\\a\\n Error: b\\n' >&2; exit 99", "Syntax Warning: a;  Error: b (0x63)"},
-      {"exit 1", "pdfinfo ended with code 1 (0x1)"},
-      {"kill -SEGV $$", "pdfinfo was ended by signal 11 (0x8B)"},
-      {"echo Pages: 1", "the output of pdfinfo was not understood (0x4A)"},
+      {"printf 'Syntax Warning: a\\a\\n Error: b\\n' >&2; exit 99",
+       context_ + "Syntax Warning: a;  Error: b (0x63)"},
+      {"exit 1", context_ + "pdfinfo ended with code 1 (0x1)"},
+      {"kill -SEGV $$", machine_ + "pdfinfo was ended by signal 11 (0x8B)"},
+      {"echo Out of memory >&2; exit 1", machine_ + "Out of memory; pdfinfo is out of memory (0xC)"},
+      {"echo Syntax Error: Out of memory >&2; exit 1", context_ + "Syntax Error: Out of memory (0x1)"},
+      {"echo Pages: 1", context_ + "the output of pdfinfo was not understood (0x4A)"},
   };
   for (const auto& [script, text] : info_cases) {
     install("pdfinfo", script);
-    EXPECT_EQ(failure(), context_ + text);
+    EXPECT_EQ(failure(), text);
   }
+  write_all(dir_.file("pdfinfo"), "#!/nowhere\n");
+  EXPECT_EQ(failure(), machine_ + "pdfinfo cannot be started (0x2)");
   install_info("0 x 5 pts");
   EXPECT_EQ(failure(), "PdfRenderer: invalid PDF page width in DIPs");
 
   install_info("2 x 1 pts (tiny)");
-  EXPECT_EQ(failure(), context_ + "Poppler's program pdftocairo is not installed (0x2)");
+  EXPECT_EQ(failure(), machine_ + "Poppler's program pdftocairo is not installed (0x2)");
   const std::pair<const char*, std::string> page_cases[] = {
       {"", "PdfRenderer: PDF renderer returned an empty image stream"},
       {"printf junk", context_},
       {"exec /usr/bin/head -c 100000 /dev/zero", "PdfRenderer: rendered PDF image stream is too large"},
-      {"echo busy >&2; exec /bin/sleep 1000", context_ + "busy; pdftocairo took longer than 1500 ms (0x6E)"},
+      {"echo cairo error: out of memory >&2; echo x", machine_ + "cairo error: out of memory; pdftocairo is"},
+      {"echo busy >&2; exec /bin/sleep 1000", machine_ + "busy; pdftocairo took longer than 1500 ms (0x6E)"},
   };
   for (const auto& [script, text] : page_cases) {
     install("pdftocairo", script);
-    EXPECT_THAT(failure({.page = std::chrono::milliseconds(1500)}), StartsWith(text));
+    EXPECT_THAT(failure(std::chrono::milliseconds(1500)), StartsWith(text));
   }
+}
+
+/// What pages may take, in seconds.
+TEST(PopplerTimes, SmallFilesEndWithinAMinuteAndGangSheetsHaveTime) {
+  constexpr std::uint64_t mib = 1 << 20, letter = 2550 * 3300, sheet = 6600 * 36000;
+  const std::tuple<std::uint64_t, std::uint64_t, int> cases[] = {
+      {0, letter, 45},       {mib, sheet, 45},        {2 * mib, sheet, 105},
+      {2 * mib, letter, 55}, {181 * mib, sheet, 642}, {512 * mib, sheet, 1304},
+  };
+  for (const auto& [bytes, pixels, seconds] : cases)
+    EXPECT_EQ(poppler_page_time(bytes, pixels).count() / 1000, seconds) << bytes << ", " << pixels;
+  EXPECT_LT((2 * poppler_info_time(mib) + poppler_page_time(mib, sheet)).count(), 60'000);
 }
 
 TEST_F(PopplerPrograms, TakesAWholePictureOfTheRightSizeOnly) {
@@ -178,8 +206,20 @@ TEST_F(PopplerPrograms, TakesAWholePictureOfTheRightSizeOnly) {
       failure(),
       "PdfRenderer: rendered PDF image dimensions did not match requested DPI: requested 7x36, got 72x36");
   install_info("72 x 36 pts");
-  install("pdftocairo", render + " | /usr/bin/head -c 100");
+  ASSERT_EQ(std::system((render + " >" + dir_.file("picture")).c_str()), 0);
+  install("pdftocairo", "exec /usr/bin/head -c 100 " + dir_.file("picture"));
   EXPECT_THAT(failure(), StartsWith(context_));
+
+  LogCapture log;
+  install("pdftocairo",
+          "printf 'Fontconfig error: No writable cache directories\\nSyntax Error: a\\033[2J\\n' >&2\n"
+          "exec /bin/cat " +
+              dir_.file("picture"));
+  EXPECT_EQ(failure(), "");
+  EXPECT_THAT(log.take(),
+              ElementsAre("[WARN ] PDF '" + dir_.file("a.pdf") +
+                          "': the page was rendered, but the renderer complains, and the film may "
+                          "differ from what a viewer shows: Syntax Error: a[2J"));
 }
 
 }  // namespace

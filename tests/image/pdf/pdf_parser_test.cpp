@@ -108,8 +108,7 @@ TEST(PdfObjects, StopAtTheirLimitAndCountPagesByNumber) {
   const auto table = build_object_table(
       "9 0 obj /Type /Page endobj 3 0 obj /Type/Page/B endobj 1 0 obj /Type /Pages endobj "
       "2 0 obj /Type 1 /Page endobj 4 0 obj (/Type /Page) endobj");
-  const PdfObject* const pages[] = {&table.at(3), &table.at(9), nullptr};
-  for (std::uint32_t i = 0; i < std::size(pages); ++i) EXPECT_EQ(find_page(table, i), pages[i]) << i;
+  EXPECT_THAT(find_pages(table), ElementsAre(&table.at(3), &table.at(9)));
 }
 
 TEST(PdfObjects, FindTheMediaBox) {
