@@ -25,22 +25,41 @@ bool is_empty(const std::vector<std::uint8_t>& rgba) {
   return true;
 }
 
+/// Is a pixel of the plane within `kFringe` of this one more than 0?
+bool has_neighbour(const std::vector<std::uint8_t>& plane, std::uint32_t width, std::uint32_t height,
+                   std::size_t pixel) {
+  constexpr std::size_t kFringe = 3;
+  const std::size_t x = pixel % width, y = pixel / width;
+  const std::size_t left = x - std::min(x, kFringe), right = std::min<std::size_t>(x + kFringe, width - 1);
+  const std::size_t top = y - std::min(y, kFringe), bottom = std::min<std::size_t>(y + kFringe, height - 1);
+  for (std::size_t row = top; row <= bottom; ++row) {
+    const auto* first = plane.data() + row * width;
+    if (std::any_of(first + left, first + right + 1, [](std::uint8_t value) { return value != 0; }))
+      return true;
+  }
+  return false;
+}
+
 struct Erased {
   std::uint64_t pixels = 0;   ///< painted, and transparent by the masks
   std::uint64_t painted = 0;  ///< all that are painted
-  std::uint64_t solid = 0;    ///< of `pixels`, those too strong for the soft edge of an image
+  bool is_art = false;        ///< some of `pixels` are more than the edge of a masked image
 };
 
-/// What is left of the page where the soft masks take the place of its alpha.
+/// What is left of the page where the soft masks take the place of its alpha. A renderer smooths the edges of
+/// an image, so that some pixels beside its mask are painted: weakly where it is enlarged, and close by where
+/// it is reduced.
 Erased count_erased(const PdfRenderResult& page) {
-  constexpr std::uint8_t kStrongestEdge = 127;
+  constexpr std::uint8_t kStrongestEdge = 191;  // a quarter of the pixel at least is the mask's nothing
+  const std::vector<std::uint8_t>& mask = page.process_alpha_coverage;
   Erased erased;
-  for (std::size_t i = 0; i < page.process_alpha_coverage.size(); ++i) {
+  for (std::size_t i = 0; i < mask.size(); ++i) {
     const std::uint8_t alpha = page.rgba[i * kRgbaBytes + 3];
     erased.painted += alpha > 0;
-    if (alpha == 0 || page.process_alpha_coverage[i] != 0) continue;
+    if (alpha == 0 || mask[i] != 0) continue;
     ++erased.pixels;
-    erased.solid += alpha > kStrongestEdge;
+    erased.is_art =
+        erased.is_art || (alpha > kStrongestEdge && !has_neighbour(mask, page.width, page.height, i));
   }
   return erased;
 }
@@ -53,7 +72,7 @@ void tell_of_paint(const PdfRenderResult& page, std::vector<std::string>& remark
     return;
   }
   const Erased erased = count_erased(page);
-  if (erased.solid == 0) return;
+  if (!erased.is_art) return;
   const double percent = 100.0 * static_cast<double>(erased.pixels) / static_cast<double>(erased.painted);
   remarks.push_back(
       "the soft masks of its images stand for the transparency of the whole page, and what is painted "

@@ -81,6 +81,99 @@ TEST(PdfImage, TellsWhatBecameOfASpotWhite) {
           "white coverage. Status: extracted spot-white mask."));
 }
 
+/// A page of 40 x 10 pixels, painted on its left half, whose white and box lie where they should.
+PdfRenderResult wide_page() {
+  PdfRenderResult page;
+  page.width = 40, page.height = 10;
+  page.page_count = 1;
+  page.dpi_x = page.dpi_y = 72;
+  for (int i = 0; i < 400; ++i)
+    page.rgba.insert(page.rgba.end(), {9, 9, 9, Bytes::value_type(i % 40 < 20 ? 255 : 0)});
+  page.spot_white_coverage = Bytes(400, 255);
+  page.has_spot_white = page.has_alpha = true;
+  page.facts.has_page = page.facts.is_page_of_tree = true;
+  page.facts.box_width = 40, page.facts.box_height = 10;
+  page.facts.page_objects = 1;
+  return page;
+}
+
+Bytes mask_up_to(int column, Bytes::value_type beyond = 0) {
+  Bytes mask(400, beyond);
+  for (std::size_t i = 0; i < mask.size(); ++i)
+    if (static_cast<int>(i % 40) < column) mask[i] = 255;
+  return mask;
+}
+
+TEST(PdfImage, WarnsWhereTheFilmIsNotThePage) {
+  using Edit = void (*)(PdfRenderResult&);
+  const auto no_white = [](PdfRenderResult& page) {
+    page.spot_white_coverage.clear();
+    page.has_spot_white = false;
+  };
+  const std::pair<Edit, std::vector<std::string>> cases[] = {
+      {[](auto&) {}, {}},
+      {[](auto& page) { page.process_alpha_coverage = mask_up_to(20); }, {}},
+      {[](auto& page) { page.process_alpha_coverage = mask_up_to(17); }, {}},  // the edge of a smaller image
+      {[](auto& page) { page.process_alpha_coverage = mask_up_to(4); }, {"not printed: 160 pixels, 80 % of"}},
+      {[](auto& page) { page.process_alpha_coverage = mask_up_to(4, 1); }, {}},
+      {[](auto& page) {
+         page.process_alpha_coverage = mask_up_to(4);
+         for (std::size_t i = 3; i < page.rgba.size(); i += 4) page.rgba[i] /= 2;
+       },
+       {}},  // soft, as around an enlarged image
+      {[](auto& page) { page.rgba.assign(1600, 0); }, {"nothing to paint on the page: only its white"}},
+      {[](auto& page) { page.facts.rotation = 180; }, {"turned by 180 degrees"}},
+      {[](auto& page) {
+         page.facts.rotation = 90;
+         std::swap(page.facts.box_width, page.facts.box_height);
+       },
+       {"turned by 90 degrees"}},
+      {[](auto& page) { page.facts.box_width = 40.9; }, {}},
+      {[](auto& page) { page.facts.box_width = 50; }, {"40 x 10 pixels of a media box of 50 x 10"}},
+      {[](auto& page) { page.facts.user_unit = 2.5; }, {"UserUnit is 2.5"}},
+      {[](auto& page) { page.facts.page_objects = page.page_count = 9; }, {}},
+      {[](auto& page) { page.facts.page_objects = 2; }, {}},  // the tree knows better
+      {[](auto& page) {
+         page.facts.is_page_of_tree = false;
+         page.facts.page_objects = 2;
+       },
+       {"there are 2, while the document has 1"}},
+      {[](auto& page) {
+         page.facts.is_page_of_tree = false;
+         page.facts.is_other_page = true;
+       },
+       {"not the one that the document begins with"}},
+      {[](auto& page) { page.facts.hides_candidate = true; }, {}},  // white was found elsewhere
+  };
+  const auto expect = [](const PdfRenderResult& page, const std::vector<std::string>& texts,
+                         std::size_t row) {
+    LogCapture log;
+    image_of_pdf_page("a.pdf", 72, page);
+    std::vector<std::string> warnings;
+    for (const std::string& line : log.take())
+      if (line.starts_with("[WARN ] PDF 'a.pdf': ")) warnings.push_back(line);
+    ASSERT_EQ(warnings.size(), texts.size()) << row;
+    for (std::size_t i = 0; i < texts.size(); ++i) EXPECT_THAT(warnings[i], HasSubstr(texts[i])) << row;
+  };
+  for (std::size_t i = 0; i < std::size(cases); ++i) {
+    PdfRenderResult page = wide_page();
+    cases[i].first(page);
+    expect(page, cases[i].second, i);
+  }
+  PdfRenderResult plain = wide_page();
+  no_white(plain);
+  plain.facts.rotation = 90;
+  plain.facts.is_other_page = true;
+  expect(plain, {}, 100);  // nothing lies beside the art
+  plain.facts.closed_lists = 3;
+  expect(plain, {"3 compressed lists of objects can't be looked into"}, 101);
+  plain.facts.hides_candidate = true;
+  expect(plain, {"which are not read, name a spot white"}, 102);
+  plain.rgba.assign(1600, 0);
+  plain.facts = {};
+  expect(plain, {"nothing of it is printed"}, 103);
+}
+
 TEST(PdfImage, RefusesPagesThatContradictThemselves) {
   const LogCapture log;
   using Edit = void (*)(PdfRenderResult&);

@@ -1,7 +1,11 @@
 #include "image/pdf/pdf_renderer.h"
 
 #include <cmath>
+#include <functional>
+#include <new>
 #include <stdexcept>
+
+#include <sys/stat.h>
 
 #include "image/image_test.h"
 #include "image/pdf/spot_candidate_scan.h"
@@ -123,6 +127,53 @@ TEST_F(PdfRendererTest, TheLastFailureIsTheSecondBackends) {
   EXPECT_EQ(failure_of([&] { pdf.render(document("load_error=1"), 0, 300); }), "second back-end failed");
   EXPECT_EQ(failure_of([&] { pdf.probe(dir_.file("none.pdf"), 0, 300); }), "second back-end failed");
   EXPECT_TRUE(log_.contains("PdfRenderer(PDFium): failed to read PDF bytes or file exceeds 512 MiB cap: "));
+}
+
+/// Runs out of something, each time.
+struct ExhaustedBackend final : PdfBackend {
+  std::function<void()> fail;
+  int calls = 0;
+
+  explicit ExhaustedBackend(std::function<void()> how) : fail(std::move(how)) {}
+  PdfPageInfo probe(const PdfRequest& request) override { return render(request); }
+  PdfRenderResult render(const PdfRequest&) override {
+    ++calls;
+    fail();
+    return {};
+  }
+};
+
+TEST_F(PdfRendererTest, OnlyAPageThatRanOutOfTimeIsNotTriedAgain) {
+  const std::string path = document("load_error=1");
+  const std::pair<std::function<void()>, int> cases[] = {
+      {[] { throw PdfTimeout("late"); }, 1},
+      {[] { throw MachineFailure("killed"); }, 2},
+      {[] { throw std::bad_alloc(); }, 2},
+  };
+  for (const auto& [fail, calls] : cases) {
+    auto backend = std::make_unique<ExhaustedBackend>(fail);
+    const ExhaustedBackend& exhausted = *backend;
+    PdfRenderer pdf(library_, std::move(backend));
+    std::string first, second;
+    for (std::string* text : {&first, &second}) *text = failure_of([&] { pdf.render(path, 0, 300); });
+    EXPECT_EQ(exhausted.calls, calls) << first;
+    EXPECT_EQ(first, second);
+    EXPECT_NE(first, "");
+    if (calls == 1) {
+      EXPECT_THROW(pdf.render(path, 0, 300), MachineFailure);
+      document("load_error=1 ");  // another file
+      EXPECT_EQ(failure_of([&] { pdf.render(path, 0, 300); }), "late");
+      EXPECT_EQ(exhausted.calls, 2);
+    }
+  }
+}
+
+TEST_F(PdfRendererTest, NeverWaitsForAPipe) {
+  const std::string path = dir_.file("pipe.pdf");
+  ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0);
+  EXPECT_EQ(failure_of([&] { pdf_.render(path, 0, 300); }), "PdfRenderer: not a regular file: " + path);
+  EXPECT_EQ(failure_of([&] { pdf_.probe(path, 0, 300); }), "PdfRenderer: not a regular file: " + path);
+  EXPECT_FALSE(file_has_spot_candidate(path));
 }
 
 TEST_F(PdfRendererTest, TellsOnceWhyPdfiumIsNotThere) {

@@ -1,5 +1,6 @@
 #include "image/pdf/spot_white.h"
 
+#include <functional>
 #include <sstream>
 #include <string_view>
 
@@ -77,6 +78,54 @@ TEST(SpotWhite, SaysWhatItMet) {
   for (const auto& [bytes, status] : cases)
     EXPECT_EQ(extract_spot_white_from_bytes(bytes, 0, 10, 10).status, status) << bytes.substr(0, 300);
   EXPECT_EQ(extract(one_page(kWhite, kUse), 0, 10).status, "skipped: rendered page dimensions are empty");
+}
+
+TEST(SpotWhite, SaysWhatItKnowsOfThePage) {
+  const std::string leaf = "<</Type /Page /MediaBox [0 0 20 10] ", tree = "<</Type /Pages /Kids [";
+  const auto list = [](const std::string& keys, const std::string& objects) {
+    return PdfFile().stream(9, "/Type /ObjStm" + keys, objects).text();
+  };
+  const std::string white = "1 0 [/Separation /White /DeviceCMYK 3 0 R]";
+  using Facts = PdfPageFacts;
+  const std::pair<std::string, std::function<bool(const Facts&)>> cases[] = {
+      {PdfFile().object(1, leaf + ">>").text(),
+       [](const Facts& f) {
+         return f.has_page && f.box_width == 20 && f.box_height == 10 && f.rotation == 0 &&
+                f.user_unit == 1 && f.page_objects == 1 && !f.is_page_of_tree && !f.is_other_page &&
+                f.closed_lists == 0;
+       }},
+      {PdfFile().object(1, leaf + "/Parent 2 0 R>>").object(2, "/Rotate -90 /UserUnit 7").text(),
+       [](const Facts& f) { return f.rotation == 270 && f.user_unit == 1; }},
+      {PdfFile().object(1, leaf + "/Rotate 450 /UserUnit 1.5>>").text(),
+       [](const Facts& f) { return f.rotation == 90 && f.user_unit == 1.5; }},
+      {PdfFile()
+               .object(7, leaf + ">>")
+               .object(8, leaf + ">>")
+               .object(2, tree + "7 0 R 8 0 R]>>")
+               .object(3, tree + "2 0 R]>>")
+               .object(4, "<</Pages 3 0 R>>")
+               .text() +
+           "/Root 99 0 R /Root 4 0 R /Root",
+       [](const Facts& f) { return f.is_page_of_tree && !f.is_other_page && f.page_objects == 2; }},
+      {PdfFile()
+               .object(7, leaf + ">>")
+               .object(8, leaf + ">>")
+               .object(2, tree + "8 0 R 7 0 R]>>")
+               .object(4, "<</Pages 2 0 R>>")
+               .text() +
+           "trailer <</Root 4 0 R>>",
+       [](const Facts& f) { return f.is_other_page && !f.is_page_of_tree; }},
+      {PdfFile().object(7, leaf + ">>").object(2, tree + "2 0 R]>>").object(4, "<</Pages 2 0 R>>").text() +
+           "/Root 4 0 R",
+       [](const Facts& f) { return !f.is_other_page && !f.is_page_of_tree; }},  // a circle
+      {list("", white), [](const Facts& f) { return f.hides_candidate && f.closed_lists == 0; }},
+      {list("/Filter /FlateDecode", deflated(white)), [](const Facts& f) { return f.hides_candidate; }},
+      {list("", "1 0 [/Separation /Gold"),
+       [](const Facts& f) { return !f.hides_candidate && f.closed_lists == 0; }},
+      {list("/Filter /FlateDecode", white), [](const Facts& f) { return f.closed_lists == 1; }},
+  };
+  for (const auto& [bytes, holds] : cases)
+    EXPECT_TRUE(holds(extract_spot_white_from_bytes(bytes, 0, 10, 10).facts)) << bytes;
 }
 
 TEST(SpotWhite, ReadsFilesOfItsSize) {
@@ -300,6 +349,31 @@ TEST(SpotWhite, MergesPassesAndDropsAbortedOnes) {
   EXPECT_EQ(result(shape + repeat("0 m ", 2100)).status, kVectors + kOneAborted);
   EXPECT_EQ(result(kUse + repeat("/I Do ", 2100) + image).status, kImages + kOneAborted);
   EXPECT_EQ(result(repeat("q ", 129)).status, kAborted);
+}
+
+/// A sheet of images whose samples together exceed any store of decoded ones, in turns.
+TEST(SpotWhite, GangSheetsKeepTheirWhite) {
+  constexpr int images = 12, side = 3000;
+  const std::string samples = deflated(std::string(side * side, '\xFF'));
+  const std::string sides = "/Width 3000 /Height 3000 ";
+  std::string names, content;
+  PdfFile file;
+  for (int i = 0; i < images; ++i) {
+    names += "/I" + std::to_string(i) + " " + std::to_string(5 + i) + " 0 R ";
+    file.stream(5 + i, "/Subtype /Image /SMask 40 0 R /Filter /FlateDecode " + sides + kWhiteSamples,
+                samples);
+  }
+  file.stream(40, "/Filter /FlateDecode /BitsPerComponent 8 " + sides, samples);
+  for (int i = 0; i < 300; ++i)
+    content += "q 1 0 0 1 " + std::to_string(i % 10) + " " + std::to_string(i / 10) + " cm /I" +
+               std::to_string(i % images) + " Do Q ";
+  file.object(1,
+              "/Type /Page /MediaBox [0 0 10 30] /Contents 2 0 R /Resources <</XObject <<" + names + ">> >>");
+  file.flate(2, "", content);
+  const SpotWhiteResult sheet = extract(file, 100, 300);
+  EXPECT_EQ(sheet.status, kImages);
+  EXPECT_EQ(sheet.spot_white_coverage, std::vector<std::uint8_t>(30'000, 255));
+  EXPECT_EQ(sheet.process_alpha_coverage, sheet.spot_white_coverage);
 }
 
 TEST(SpotWhite, ImagesHaveALimitOfTheirOwn) {
