@@ -35,6 +35,7 @@ void check_file(const std::string& path) try {
   }
   std::error_code error;
   const std::uint64_t size = fs::file_size(file, error);
+  if (error && !platform::tells_of_path(error.value())) fail_on_file("examine", path, error.value());
   if (error) throw std::runtime_error("PdfRenderer: cannot inspect PDF file size before render: " + path);
   if (size > kMaxPdfBytes)
     throw std::runtime_error("PdfRenderer: PDF file exceeds 512 MiB safety cap: " + path);
