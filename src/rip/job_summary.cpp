@@ -137,14 +137,15 @@ void log_job_summary(const JobSummary& job, const std::optional<ImageMeta>& art)
            job.mode.y_dpi, " dpi, ", job.mode.passes, " passes), slots ",
            channel_map_text(normalize_channel_map(options.head(), options.output_channel_map)));
   log_info("Job: sheet of ", size_text(job.size.width_in, job.size.height_in));
-  if (job.sheet.items.size() == 1) {
+  if (job.sheet.items.size() == 1 && art) {
     const LayoutItem& item = job.sheet.items.front();
     const ImageProbeInfo image = probe_image(item.path);
     log_art(item, image);
-    if (art)
-      log_info("Job: colour: ", colour_text(*art, job.icc),
-               image.has_profile ? "; the profile inside the file is not used" : "");
-    if (art) log_info("Job: white: ", white_text(*art, options));
+    log_info("Job: colour: ", colour_text(*art, job.icc),
+             image.has_profile ? "; the profile inside the file is not used" : "");
+    log_info("Job: white: ", white_text(*art, options));
+  } else if (job.sheet.items.size() == 1) {
+    log_info("Job: art that can't be read");
   } else {
     log_info("Job: ", job.sheet.items.size(), " images on the sheet");
   }
