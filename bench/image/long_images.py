@@ -1,4 +1,4 @@
-#!/usr/bin/env python3
+#!/usr/bin/python3
 """Time and memory of whole jobs on PNG and JPEG of growing length: long_images.py NVO_RIP [WIDTH [ROWS...]]
 
 Needs python3-pil, and disk space of five times the longest image in TMPDIR. Prints a Markdown table.
@@ -11,7 +11,10 @@ import sys
 import tempfile
 import time
 
-import PIL.Image
+try:
+    import PIL.Image
+except ImportError:
+    sys.exit("The package python3-pil is missing, or this isn't Debian's python3.")
 
 TILE = 1000
 

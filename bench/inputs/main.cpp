@@ -5,7 +5,8 @@
 #include <functional>
 #include <future>
 #include <iostream>
-#include <stdexcept>
+#include <string>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -118,6 +119,10 @@ void draw(const Art& art, const std::vector<std::unique_ptr<RowSink>>& sinks) {
   for (const auto& sink : sinks) sink->finish();
 }
 
+std::filesystem::path unfinished(const std::filesystem::path& folder, const Input& input) {
+  return folder / (std::string(input.name) + ".part");
+}
+
 /// Files get their names when they are whole, so that those with a name can be relied on.
 void make(const std::filesystem::path& folder, std::vector<Input> wanted) {
   while (!wanted.empty()) {
@@ -127,11 +132,11 @@ void make(const std::filesystem::path& folder, std::vector<Input> wanted) {
     const Art art = art_of();
     std::vector<std::unique_ptr<RowSink>> sinks;
     for (auto input = wanted.begin(); input != others; ++input) {
-      sinks.push_back(input->sink((folder / input->name).string() + ".part", art));
+      sinks.push_back(input->sink(unfinished(folder, *input).string(), art));
     }
     draw(art, sinks);
     for (auto input = wanted.begin(); input != others; ++input) {
-      std::filesystem::rename((folder / input->name).string() + ".part", folder / input->name);
+      std::filesystem::rename(unfinished(folder, *input), folder / input->name);
     }
     wanted.erase(wanted.begin(), others);
   }
@@ -164,6 +169,8 @@ int main(int argc, char** argv) {
     make(argv[1], wanted);
   } catch (const std::exception& error) {
     std::cerr << error.what() << '\n';
+    std::error_code ignored;
+    for (const Input& input : wanted) std::filesystem::remove(unfinished(argv[1], input), ignored);
     return 1;
   }
   return 0;
