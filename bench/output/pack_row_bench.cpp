@@ -5,10 +5,11 @@
 #include <benchmark/benchmark.h>
 
 #include "output/prt_format.h"
-#include "screen/kernels/pack_kernels.h"
+#include "screen/kernels/instruction_set.h"
 
 namespace {
 
+using PackRow = decltype(nvo::PackKernels::pack_row);
 constexpr std::uint32_t kRowDots = 15840;  // 22 inches at 720 dpi
 
 void pack_dot_by_dot(const std::uint8_t* dots, std::uint32_t width, std::uint8_t* out) {
@@ -19,7 +20,7 @@ void pack_dot_by_dot(const std::uint8_t* dots, std::uint32_t width, std::uint8_t
 }
 
 /// One row stays in the first-level cache; a strip of 6144 rows comes from memory, as in a run.
-void pack_rows(benchmark::State& state, nvo::PackRow pack) {
+void pack_rows(benchmark::State& state, PackRow pack) {
   const auto rows = static_cast<std::size_t>(state.range(0));
   std::vector<std::uint8_t> dots(rows * kRowDots);
   for (std::size_t i = 0; i < dots.size(); ++i) dots[i] = static_cast<std::uint8_t>(i * 7 % 11 % 4);
@@ -45,11 +46,12 @@ void unpack_rows(benchmark::State& state) {
 BENCHMARK(unpack_rows);
 
 const bool registered = [] {
-  const auto add = [](const std::string& name, nvo::PackRow pack) {
+  const auto add = [](const std::string& name, PackRow pack) {
     benchmark::RegisterBenchmark(("pack_rows/" + name).c_str(), pack_rows, pack)->Arg(1)->Arg(6144);
   };
   add("dot_by_dot", pack_dot_by_dot);
-  for (const nvo::PackVariant& variant : nvo::pack_variants()) add(variant.instruction_set, variant.pack);
+  for (const nvo::InstructionSet* set : nvo::runnable_instruction_sets())
+    add(set->name, set->packing.pack_row);
   return true;
 }();
 

@@ -6,12 +6,13 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
+#include <string>
 #include <vector>
 
 #include <benchmark/benchmark.h>
 
-#include "screen/device_choke.h"
-#include "screen/kernels/mask_row_kernels.h"
+#include "screen/choke/device_choke.h"
+#include "screen/kernels/instruction_set.h"
 
 namespace nvo {
 namespace {
@@ -120,16 +121,21 @@ void or_columns(benchmark::State& state, const MaskRowKernels& kernels) {
                        std::size_t words) { kernels.or_columns(from, to, 3, words); });
 }
 
-BENCHMARK_CAPTURE(or_rows, plain, kPlainMaskRowKernels);
-BENCHMARK_CAPTURE(or_rows, best, mask_row_kernels());
-BENCHMARK_CAPTURE(or_columns, plain, kPlainMaskRowKernels);
-BENCHMARK_CAPTURE(or_columns, best, mask_row_kernels());
 BENCHMARK_CAPTURE(prepare_choke, adaptive_art, true, false, 1.5f)->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(prepare_choke, adaptive_art_widest, true, false, 2.5f)->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(prepare_choke, adaptive_grain, true, true, 1.5f)->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(prepare_choke, production_art, false, false, 1.5f)->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(prepare_choke, production_art_widest, false, false, 2.5f)->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(prepare_choke, production_grain, false, true, 1.5f)->Unit(benchmark::kMillisecond);
+
+const bool registered = [] {
+  for (const InstructionSet* set : runnable_instruction_sets()) {
+    const std::string name = set->name;
+    benchmark::RegisterBenchmark(("or_rows/" + name).c_str(), or_rows, set->mask_rows);
+    benchmark::RegisterBenchmark(("or_columns/" + name).c_str(), or_columns, set->mask_rows);
+  }
+  return true;
+}();
 
 }  // namespace
 }  // namespace nvo

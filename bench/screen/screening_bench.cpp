@@ -11,7 +11,7 @@
 #include "core/log.h"
 #include "screen/column_taps.h"
 #include "screen/kernels/drop_code.h"
-#include "screen/kernels/screening_kernels.h"
+#include "screen/kernels/instruction_set.h"
 #include "screen/plain_rip_engine.h"
 #include "screen/rip_engine.h"
 
@@ -63,8 +63,9 @@ struct Stages {
       const DropCode code = drop_code(inks[x]);
       codes[x] = static_cast<CodeWord>(code.base | code.threshold << 8);
     }
-    kScalarKernels.filter_columns(inks.data(), taps.view(), filtered.data());
-    kScalarKernels.encode_row(filtered.data(), kDeviceWidth, base.data(), threshold.data());
+    runnable_instruction_sets().front()->screening.filter_columns(inks.data(), taps.view(), filtered.data());
+    runnable_instruction_sets().front()->screening.encode_row(filtered.data(), kDeviceWidth, base.data(),
+                                                              threshold.data());
   }
 };
 
@@ -96,16 +97,16 @@ void run_stage(Stage stage, const ScreeningKernels& k, Stages& s) {
   }
 }
 
-void kernel_row(benchmark::State& state, Stage stage, InstructionSet set) {
+void kernel_row(benchmark::State& state, Stage stage, const InstructionSet* set) {
   Stages stages;
   for (auto _ : state) {
-    run_stage(stage, *kernels_for(set), stages);
+    run_stage(stage, set->screening, stages);
     benchmark::ClobberMemory();
   }
   state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations()) * kDeviceWidth);
 }
 
-std::unique_ptr<RipEngine> make_engine(std::uint32_t y_dpi, SamplingMode mode, InstructionSet set) {
+std::unique_ptr<RipEngine> make_engine(std::uint32_t y_dpi, SamplingMode mode) {
   Logger::instance().set_level(LogLevel::error);
   RipEngineParams params;
   params.y_dpi = y_dpi;
@@ -116,14 +117,15 @@ std::unique_ptr<RipEngine> make_engine(std::uint32_t y_dpi, SamplingMode mode, I
   params.color_resampling = mode;
   params.performance.mode = PerformanceMode::manual;
   params.performance.row_threads = 1;
-  params.instruction_set = set;
   auto engine = std::make_unique<RipEngine>(params);
   std::filesystem::remove_all(params.cache_dir);
   return engine;
 }
 
-void strip(benchmark::State& state, std::uint32_t y_dpi, SamplingMode mode, InstructionSet set, bool reuse) {
-  const auto engine = make_engine(y_dpi, mode, set);
+void strip(benchmark::State& state, std::uint32_t y_dpi, SamplingMode mode, const InstructionSet* set,
+           bool reuse) {
+  const ForcedInstructionSet forced(*set);
+  const auto engine = make_engine(y_dpi, mode);
   const auto plane = grainy_photo(kSourceRows);
   RipEngine::ProcessScratch scratch;
   DropMap drops;
@@ -138,7 +140,7 @@ void strip(benchmark::State& state, std::uint32_t y_dpi, SamplingMode mode, Inst
 
 /// The same strip cut into discs, with the choke's ring around each: several times the outline of usual art.
 void ring_strip(benchmark::State& state) {
-  RipEngineParams params = make_engine(1800, SamplingMode::smooth, best_kernels().set)->params();
+  RipEngineParams params = make_engine(1800, SamplingMode::smooth)->params();
   params.white_choke_enabled = true;
   params.white_choke_amount_px_at_300dpi = 1.5f;
   params.white_choke_strategy = WhiteChokeStrategy::production;
@@ -164,7 +166,7 @@ void ring_strip(benchmark::State& state) {
 }
 
 void plain_strip(benchmark::State& state) {
-  const auto engine = make_engine(1800, SamplingMode::smooth, InstructionSet::scalar);
+  const auto engine = make_engine(1800, SamplingMode::smooth);
   const test::PlainRipEngine plain(*engine);
   const auto plane = grainy_photo(kPlainRows);
   std::size_t dots = 0;
@@ -174,13 +176,7 @@ void plain_strip(benchmark::State& state) {
 }
 
 const bool registered = [] {
-  struct Variant {
-    const char* name;
-    InstructionSet set;
-  };
-  std::vector<Variant> sets = {
-      {"scalar", InstructionSet::scalar}, {"sse41", InstructionSet::sse41}, {"avx2", InstructionSet::avx2}};
-  std::erase_if(sets, [](const Variant& variant) { return kernels_for(variant.set) == nullptr; });
+  const auto sets = runnable_instruction_sets();
   const struct {
     const char* name;
     Stage stage;
@@ -188,19 +184,19 @@ const bool registered = [] {
                 {"encode_pairs", pairs},    {"mix_pairs", mix},        {"spread_codes", spread},
                 {"screen_row", screen},     {"keep_dots", keep},       {"screen_packed", screen_to_packed}};
   for (const auto& stage : stages)
-    for (const auto& set : sets)
-      benchmark::RegisterBenchmark((std::string(stage.name) + "/" + set.name).c_str(), kernel_row,
-                                   stage.stage, set.set);
-  for (const auto& set : sets) {
-    const std::string name = std::string("/") + set.name;
+    for (const InstructionSet* set : sets)
+      benchmark::RegisterBenchmark((std::string(stage.name) + "/" + set->name).c_str(), kernel_row,
+                                   stage.stage, set);
+  for (const InstructionSet* set : sets) {
+    const std::string name = std::string("/") + set->name;
     for (const std::uint32_t y_dpi : {720u, 900u, 1800u})
       benchmark::RegisterBenchmark(("strip_smooth_" + std::to_string(y_dpi) + name).c_str(), strip, y_dpi,
-                                   SamplingMode::smooth, set.set, true);
-    benchmark::RegisterBenchmark(("strip_hard_1800" + name).c_str(), strip, 1800u, SamplingMode::hard,
-                                 set.set, true);
+                                   SamplingMode::smooth, set, true);
+    benchmark::RegisterBenchmark(("strip_hard_1800" + name).c_str(), strip, 1800u, SamplingMode::hard, set,
+                                 true);
   }
   benchmark::RegisterBenchmark("strip_smooth_1800_fresh_memory", strip, 1800u, SamplingMode::smooth,
-                               best_kernels().set, false);
+                               sets.back(), false);
   benchmark::RegisterBenchmark("strip_rings_1800", ring_strip);
   benchmark::RegisterBenchmark("strip_plain_1800", plain_strip);
   return true;

@@ -11,9 +11,9 @@
 #include "output/hoson_writer.h"
 #include "plan/rip_job_options.h"
 #include "plan/thread_pool.h"
-#include "rip/coverage_planes.h"
 #include "rip/run_profile.h"
 #include "rip/stream_rip.h"
+#include "screen/choke/coverage_planes.h"
 #include "screen/rip_engine.h"
 
 namespace nvo {

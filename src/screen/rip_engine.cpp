@@ -3,13 +3,15 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <optional>
 #include <stdexcept>
 #include <utility>
 
 #include "core/log.h"
 #include "core/platform/clock.h"
 #include "plan/parallel.h"
-#include "screen/device_choke.h"
+#include "screen/choke/device_choke.h"
+#include "screen/kernels/instruction_set.h"
 #include "screen/row_screener.h"
 
 namespace nvo {
@@ -105,11 +107,6 @@ void finish_packed_row(bool blank, std::uint8_t* row, const PackedRows& out) {
   for (const std::ptrdiff_t copy : out.copies) std::memcpy(row + copy, row, packed + out.padding);
 }
 
-const ScreeningKernels& chosen_kernels(const std::optional<InstructionSet>& set) {
-  const ScreeningKernels* kernels = set ? kernels_for(*set) : nullptr;
-  return kernels != nullptr ? *kernels : best_kernels();
-}
-
 }  // namespace
 
 /// One call of `process`, `process_strip` or `pack_strip`.
@@ -151,7 +148,6 @@ RipEngine::RipEngine(RipEngineParams params)
     : params_(checked(std::move(params))),
       masks_(mask_params(params_), params_.cache_dir),
       no_mask_(params_.tile_w),
-      kernels_(&chosen_kernels(params_.instruction_set)),
       scale_(params_.src_dpi, params_.x_dpi, params_.y_dpi) {}
 
 void RipEngine::ensure_column_taps(std::uint32_t src_w, std::uint32_t dev_w) {
@@ -401,7 +397,7 @@ StripScreening RipEngine::screening_of(const PlaneJob& job, const ChokeContext* 
                        .colour_choke = job.white ? nullptr : choke,
                        .white_choke = job.white ? choke : nullptr};
   StripSampling& sampling = strip.sampling;
-  sampling.kernels = kernels_;
+  sampling.kernels = &active_instruction_set().screening;
   sampling.pixels = job.src;
   sampling.src_w = job.src_w;
   sampling.dev_w = job.dev_w;
@@ -457,7 +453,8 @@ void RipEngine::screen_captured(const PlaneJob& job, DropMap& out) {
                  [](float ink) { return static_cast<std::uint8_t>(std::clamp(ink, 0.0f, kMaxInk) + 0.5f); });
 
   for (std::size_t y = 0; y < height; ++y) {
-    kernels_->encode_row(plane.data() + y * width, width, buffers.base.data(), buffers.threshold.data());
+    strip.sampling.kernels->encode_row(plane.data() + y * width, width, buffers.base.data(),
+                                       buffers.threshold.data());
     screen_codes(strip, {false, buffers.base.data(), buffers.threshold.data()}, mask_row(strip, y),
                  out.data.data() + y * width);
     log_progress(job, y);

@@ -2,17 +2,15 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <optional>
 #include <string>
 #include <vector>
 
 #include "config/job_settings.h"
 #include "plan/performance.h"
-#include "screen/choke_context.h"
+#include "screen/choke/choke_context.h"
 #include "screen/column_taps.h"
 #include "screen/device_grid.h"
 #include "screen/drop_map.h"
-#include "screen/kernels/screening_kernels.h"
 #include "screen/mask_cache.h"
 #include "screen/packed_dots.h"
 #include "screen/row_sampler.h"
@@ -48,8 +46,6 @@ struct RipEngineParams {
   RipPerformance performance;
   RipPerformanceEnv performance_env;
   std::uint32_t side_by_side = 1;  ///< threads that screen strips or channels at a time
-  /// The kernels to screen with; nothing selects the machine's best. The drops are the same with all of them.
-  std::optional<InstructionSet> instruction_set;
 };
 
 /// Some of the device rows of a strip, counted from its first.
@@ -171,7 +167,6 @@ class RipEngine {
   RipEngineParams params_;
   MaskCache masks_;
   std::vector<std::uint8_t> no_mask_;  ///< the tile row used where no valid mask is held
-  const ScreeningKernels* kernels_ = nullptr;
   DeviceScale scale_;
   ColumnTaps taps_;
 };

@@ -6,7 +6,7 @@
 #include <span>
 #include <vector>
 
-#include "screen/choke_context.h"
+#include "screen/choke/choke_context.h"
 #include "screen/mask_cache.h"
 #include "screen/pair_sampler.h"
 #include "screen/row_sampler.h"

@@ -17,7 +17,7 @@
 #include "output/prt_format.h"
 #include "output/test_drops.h"
 #include "output/writer_threads.h"
-#include "screen/kernels/pack_kernels.h"
+#include "screen/kernels/instruction_set.h"
 #include "support/failure.h"
 #include "support/fault_injection.h"
 #include "support/log_capture.h"
@@ -49,10 +49,10 @@ TEST(PackRow, EveryVariantGivesTheBytesOfTheDotLoopAndNothingBeside) {
   std::vector<std::uint32_t> widths(131);
   std::iota(widths.begin(), widths.end(), 1);
   widths.insert(widths.end(), {255, 256, 257, 1023});
-  for (const PackVariant& variant : pack_variants()) {
+  for (const InstructionSet* set : runnable_instruction_sets()) {
     for (const std::uint32_t width : widths) {
       for (std::uint32_t misalignment = 0; misalignment < 4; ++misalignment) {
-        SCOPED_TRACE(testing::Message() << variant.instruction_set << ", width " << width);
+        SCOPED_TRACE(testing::Message() << set->name << ", width " << width);
         const DropMap source = test::make_drops(width + misalignment, 1, width);
         const std::uint8_t* dots = source.data.data() + misalignment;
         Bytes expected = pack_dot_by_dot(dots, width), levels(dots, dots + width);
@@ -62,7 +62,7 @@ TEST(PackRow, EveryVariantGivesTheBytesOfTheDotLoopAndNothingBeside) {
         levels.push_back(kGuard);
 
         Bytes out(expected.size(), kGuard), unpacked(width + 1, kGuard);
-        variant.pack(dots, width, out.data() + misalignment + 1);
+        set->packing.pack_row(dots, width, out.data() + misalignment + 1);
         ASSERT_EQ(out, expected);
         unpack_row(out.data() + misalignment + 1, width, unpacked.data());
         ASSERT_EQ(unpacked, levels);

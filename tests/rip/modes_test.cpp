@@ -9,8 +9,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "rip/coverage_planes.h"
 #include "rip/rip_job.h"
+#include "screen/plain_coverage.h"
 #include "screen/plain_rip_engine.h"
 
 namespace nvo {
@@ -59,10 +59,11 @@ std::vector<DropMap> plain_drops(const Planes& planes, const Job& job, bool whol
   const RipEngine engine(job.engine_params());
   const std::size_t pixels = planes.inks[0].size();
   std::vector<std::uint8_t> coverage(pixels), light(pixels);
-  const ColourPlanes colours{planes.inks[0].data(), planes.inks[1].data(), planes.inks[2].data(),
-                             planes.inks[3].data(), pixels};
-  colour_coverage(colours, coverage.data());
-  LightProtection(options.white_choke_adaptive_lightness_threshold).protect(colours, light.data());
+  for (std::size_t i = 0; i < pixels; ++i) {
+    const std::uint8_t inks[] = {planes.inks[0][i], planes.inks[1][i], planes.inks[2][i], planes.inks[3][i]};
+    coverage[i] = test::plain_coverage(inks);
+    light[i] = test::plain_light(inks, options.white_choke_adaptive_lightness_threshold);
+  }
   ChokeContext choke;
   if (options.white_choke_enabled)
     choke = engine.prepare_device_white(coverage.data(), planes.width, planes.height, 0, planes.height,

@@ -1,4 +1,4 @@
-#include "screen/device_choke.h"
+#include "screen/choke/device_choke.h"
 
 #include <algorithm>
 #include <cmath>
@@ -9,9 +9,11 @@
 
 #include <gtest/gtest.h>
 
-#include "screen/choke_context.h"
-#include "screen/choke_offsets.h"
+#include "screen/choke/choke_context.h"
+#include "screen/choke/choke_offsets.h"
+#include "screen/choke/coverage_planes.h"
 #include "screen/device_grid.h"
+#include "screen/plain_coverage.h"
 
 namespace nvo {
 namespace {
@@ -36,6 +38,30 @@ TEST(ChokeOffsets, AreTheOctileDiscFromNearToFar) {
   EXPECT_EQ(group_of(3, 3), group_of(-5, 0));
   EXPECT_EQ(group_of(1, -2), group_of(3, 0));
   EXPECT_NE(group_of(0, 1), group_of(1, 0));
+}
+
+TEST(CoveragePlanes, EqualThePlainDefinition) {
+  constexpr std::size_t kCount = 400'000;
+  std::mt19937 random(7);
+  std::vector<std::uint8_t> planes[4], coverage(kCount), light(kCount);
+  for (auto& plane : planes)
+    for (std::size_t i = 0; i < kCount; ++i)
+      plane.push_back(static_cast<std::uint8_t>(i < 256 ? i : random() >> (random() % 8)));
+  std::fill_n(planes[3].begin(), 256, std::uint8_t{0});  // pure grays
+  const ColourPlanes inks{planes[0].data(), planes[1].data(), planes[2].data(), planes[3].data(), kCount};
+
+  // Thresholds of every pixel's own lightness put each decision on the edge.
+  std::vector<float> thresholds = {0, 1, 7.9995f, 7.9996f, 8, 8.0001f, 50, 85, 99.9999f, 100};
+  for (int i = 0; i < 256; i += 15) thresholds.push_back(printed_lightness(static_cast<float>(i) / 255.0f));
+  colour_coverage(inks, coverage.data());
+  for (const float threshold : thresholds) {
+    LightProtection(threshold).protect(inks, light.data());
+    for (std::size_t i = 0; i < kCount; ++i) {
+      const std::uint8_t ink[4] = {planes[0][i], planes[1][i], planes[2][i], planes[3][i]};
+      ASSERT_EQ(coverage[i], test::plain_coverage(ink));
+      ASSERT_EQ(light[i], test::plain_light(ink, threshold)) << threshold << " at " << i;
+    }
+  }
 }
 
 /// The white choke on the device grid as it is defined, a byte a dot and one displacement after the other:

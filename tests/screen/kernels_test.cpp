@@ -9,8 +9,7 @@
 
 #include "screen/code_spread.h"
 #include "screen/kernels/drop_code.h"
-#include "screen/kernels/mask_row_kernels.h"
-#include "screen/kernels/screening_kernels.h"
+#include "screen/kernels/instruction_set.h"
 #include "screen/packed_dots.h"
 #include "screen/plain_rip_engine.h"
 
@@ -18,13 +17,6 @@ namespace nvo {
 namespace {
 
 using Random = std::independent_bits_engine<std::mt19937, 32, std::uint32_t>;
-
-std::vector<const ScreeningKernels*> runnable_variants() {
-  std::vector<const ScreeningKernels*> found;
-  for (const InstructionSet set : {InstructionSet::scalar, InstructionSet::sse41, InstructionSet::avx2})
-    if (const ScreeningKernels* kernels = kernels_for(set)) found.push_back(kernels);
-  return found;
-}
 
 /// Ink values around every step of the code, where a rounding could tip a dot, and many between.
 std::vector<float> critical_inks() {
@@ -44,14 +36,14 @@ std::vector<float> critical_inks() {
 
 TEST(DropCode, GivesTheLevelOfEveryMaskByteInEveryVariant) {
   const std::vector<float> inks = critical_inks();
-  for (const ScreeningKernels* kernels : runnable_variants()) {
+  for (const InstructionSet* set : runnable_instruction_sets()) {
     std::vector<std::uint8_t> base(inks.size()), threshold(inks.size());
-    kernels->encode_row(inks.data(), inks.size(), base.data(), threshold.data());
+    set->screening.encode_row(inks.data(), inks.size(), base.data(), threshold.data());
     for (std::size_t i = 0; i < inks.size(); ++i)
       for (int mask = 0; mask <= 255; ++mask)
         ASSERT_EQ(drop_level({base[i], threshold[i]}, static_cast<std::uint8_t>(mask)),
                   test::PlainRipEngine::level(inks[i], static_cast<std::uint8_t>(mask)))
-            << inks[i] << " mask " << mask << " set " << static_cast<int>(kernels->set);
+            << inks[i] << " mask " << mask << " set " << set->name;
   }
 }
 
@@ -93,8 +85,10 @@ struct KernelInput {
   }
 };
 
-/// Every kernel on one input; the bytes of all outputs. They stand between guards that must survive.
-std::vector<std::uint8_t> run_all(const ScreeningKernels& kernels, KernelInput in) {
+/// Every kernel of bytes and floats on one input; the bytes of all outputs. They stand between guards that
+/// must survive.
+std::vector<std::uint8_t> run_all(const InstructionSet& set, KernelInput in) {
+  const ScreeningKernels& kernels = set.screening;
   const std::size_t n = in.width, m = in.misalignment;
   const std::uint8_t *base = &in.base[m], *threshold = &in.threshold[m], *mask = &in.mask[m];
   const float *inks = &in.inks[m], *row = &in.row[m];
@@ -114,6 +108,11 @@ std::vector<std::uint8_t> run_all(const ScreeningKernels& kernels, KernelInput i
     }
   };
   const std::uint8_t byte_guard = 0xa5;
+  const std::uint8_t* const four[] = {base, threshold, mask, &in.mask[m + n / 2]};
+  output(byte_guard, [&](auto* largest, auto* light) {
+    set.coverage.largest(four[0], four[1], four[2], four[3], n, largest);
+    set.coverage.at_least(four[0], four[1], four[2], four[3], n, 0.6f, light);
+  });
   const float float_guard = 7.5f;
   for (const unsigned step : {1u, 2u, 4u}) {  // groups reach less than 8, less than 16 and further
     const auto start = in.starts(step);
@@ -159,52 +158,60 @@ std::vector<std::uint8_t> run_all(const ScreeningKernels& kernels, KernelInput i
       kernels.screen_row(base, threshold, mask, n, dots);
       for (std::size_t i = 0; !all && i < also.size(); ++i) also[i] &= in.kept[i];
       if (!all) kernels.keep_dots(also.data(), n, dots);
-      pack_row(dots, static_cast<std::uint32_t>(n), expected.data());
+      set.packing.pack_row(dots, static_cast<std::uint32_t>(n), expected.data());
       EXPECT_TRUE(std::equal(expected.begin(), expected.end(), a));
     });
   return result;
 }
 
-TEST(ScreeningKernels, AllVariantsWriteTheSameBytesAndNothingElse) {
+TEST(Kernels, OfAllInstructionSetsWriteTheSameBytesAndNothingElse) {
   for (std::size_t width = 1; width <= 131; ++width) {
     for (std::size_t misalignment = 0; misalignment < 32; ++misalignment) {
       const KernelInput input(width, misalignment);
-      const auto expected = run_all(kScalarKernels, input);
-      for (const ScreeningKernels* kernels : runnable_variants())
-        ASSERT_TRUE(run_all(*kernels, input) == expected)
-            << "width " << width << " misalignment " << misalignment << " set "
-            << static_cast<int>(kernels->set);
+      const auto expected = run_all(*runnable_instruction_sets().front(), input);
+      for (const InstructionSet* set : runnable_instruction_sets().subspan(1))
+        ASSERT_TRUE(run_all(*set, input) == expected)
+            << "width " << width << " misalignment " << misalignment << " set " << set->name;
     }
   }
 }
 
-// The machine's kernels against the plain ones, in rows of all lengths, with guard words around the result.
-TEST(MaskRowKernels, AllGiveTheSameWords) {
+// Bit by bit, in rows of all lengths, with guard words around the result.
+TEST(MaskRowKernels, OfAllInstructionSetsCombineBits) {
   constexpr std::size_t kMostWords = 37;
   constexpr std::uint64_t kGuardWord = 0x1234567890abcdef;
   std::mt19937_64 random(11);
-  std::vector<std::vector<std::uint64_t>> rows(4, std::vector<std::uint64_t>(kMostWords + 2));
-  for (auto& row : rows)
-    for (std::uint64_t& word : row) word = random() | random();
+  std::vector<std::vector<std::uint64_t>> rows(5, std::vector<std::uint64_t>(kMostWords + 2));
+  for (std::size_t i = 0; i < rows.size(); ++i)
+    for (std::uint64_t& word : rows[i]) word = i < 2 ? random() & random() : random() | random();
   const std::uint64_t* const four[] = {&rows[0][1], &rows[1][1], &rows[2][1], &rows[3][1]};
-
-  const auto results = [&](const MaskRowKernels& kernels, std::size_t words, int shift) {
-    std::vector<std::vector<std::uint64_t>> all;
-    for (const auto combine : {kernels.and_rows, kernels.or_rows}) {
-      all.emplace_back(words + 2, kGuardWord);
-      combine(&all.back()[1], four, words);
-    }
-    for (const auto combine : {kernels.and_columns, kernels.or_columns}) {
-      all.emplace_back(words + 2, kGuardWord);
-      combine(four[0], &all.back()[1], shift, words);
-    }
-    for (const auto& row : all)
-      EXPECT_EQ(std::pair(row.front(), row.back()), std::pair(kGuardWord, kGuardWord));
-    return all;
+  const auto bit = [](const std::vector<std::uint64_t>& row, int x) {  // x is -64 and more
+    return (row[static_cast<std::size_t>(x + 64) / 64] >> (x & 63) & 1) != 0;
   };
-  for (std::size_t words = 0; words <= kMostWords; ++words)
-    for (const int shift : {1, 2, 31, 32, 63})
-      ASSERT_EQ(results(mask_row_kernels(), words, shift), results(kPlainMaskRowKernels, words, shift));
+  for (const InstructionSet* set : runnable_instruction_sets()) {
+    const MaskRowKernels& kernels = set->mask_rows;
+    for (std::size_t words = 0; words <= kMostWords; ++words) {
+      for (const int shift : {1, 2, 31, 32, 63}) {
+        std::vector<std::uint64_t> and_rows(rows[4]), or_rows(rows[4]), and_columns(rows[4]),
+            or_columns(rows[4]);
+        for (auto* row : {&and_rows, &or_rows, &and_columns, &or_columns}) (*row)[words + 1] = kGuardWord;
+        kernels.and_rows(&and_rows[1], four, words);
+        kernels.or_rows(&or_rows[1], four, words);
+        kernels.and_columns(four[0], &and_columns[1], shift, words);
+        kernels.or_columns(four[0], &or_columns[1], shift, words);
+        for (const auto* row : {&and_rows, &or_rows, &and_columns, &or_columns})
+          ASSERT_EQ(std::pair(row->front(), (*row)[words + 1]), std::pair(rows[4].front(), kGuardWord));
+        for (int x = 0; x < static_cast<int>(words) * 64; ++x) {
+          const auto at = [&](std::size_t i) { return bit(rows[i], x); };
+          const bool left = bit(rows[0], x - shift), right = bit(rows[0], x + shift);
+          ASSERT_EQ(bit(and_rows, x), at(4) && at(0) && at(1) && at(2) && at(3)) << set->name;
+          ASSERT_EQ(bit(or_rows, x), at(4) || at(0) || at(1) || at(2) || at(3)) << set->name;
+          ASSERT_EQ(bit(and_columns, x), at(0) && left && right) << set->name;
+          ASSERT_EQ(bit(or_columns, x), at(0) || left || right) << set->name;
+        }
+      }
+    }
+  }
 }
 
 }  // namespace

@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "screen/choke_context.h"
+#include "screen/choke/choke_context.h"
 #include "screen/drop_map.h"
 #include "screen/mask_cache.h"
 #include "screen/rip_engine.h"

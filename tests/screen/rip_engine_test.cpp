@@ -13,6 +13,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "screen/kernels/instruction_set.h"
 #include "screen/plain_rip_engine.h"
 #include "support/failure.h"
 #include "support/log_capture.h"
@@ -104,8 +105,6 @@ RipEngineParams random_params(Random& random, const Resolution& dpi) {
   params.performance.mode = PerformanceMode::manual;
   const std::uint32_t threads[] = {1, 2, 3, 8};
   params.performance.row_threads = threads[random() % 4];
-  const InstructionSet sets[] = {InstructionSet::scalar, InstructionSet::sse41, InstructionSet::avx2};
-  params.instruction_set = sets[random() % 3];
   if (random() % 4 == 0) {  // a curve whose blank pixel prints
     params.linear_lut.assign(5, std::vector<float>(256));
     for (auto& curve : params.linear_lut)
@@ -145,6 +144,8 @@ TEST(RipEngine, EqualsThePlainScreenOnWholePlanesAndStrips) {
   for (const Resolution& dpi : kResolutions) {
     for (const std::uint32_t width : {1u, 2u, 3u, 17u, 130u}) {
       for (int variant = 0; variant < 8; ++variant) {
+        const auto sets = runnable_instruction_sets();
+        const ForcedInstructionSet forced(*sets[random() % sets.size()]);
         RipEngine engine(random_params(random, dpi));
         const PlainRipEngine plain(engine);
         const std::uint32_t rows = 1 + random() % 24;

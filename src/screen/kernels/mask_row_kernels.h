@@ -18,9 +18,4 @@ struct MaskRowKernels {
   CombineColumns and_columns, or_columns;
 };
 
-extern const MaskRowKernels kPlainMaskRowKernels, kAvx2MaskRowKernels;
-
-/// The fastest that this machine runs.
-const MaskRowKernels& mask_row_kernels();
-
 }  // namespace nvo

@@ -3,7 +3,10 @@
 #include <cstddef>
 #include <cstdint>
 
-// The loops behind mask_row_kernels.h. Internal linkage and no library templates: files compiled for
+#include "screen/kernels/mask_row_kernels.h"
+
+// The loops behind mask_row_kernels.h, plain enough for the compiler to put them into the registers of each
+// instruction set. Internal linkage and no library templates: files compiled for
 // different instruction sets include them, and a copy shared by the linker could hold instructions that the
 // machine does not have.
 namespace nvo::mask_row_steps {
@@ -32,6 +35,9 @@ void combine_columns(const std::uint64_t* from, std::uint64_t* __restrict to, in
     to[i] = Op::of(Op::of(right, left), from[i]);
   }
 }
+
+constexpr MaskRowKernels kKernels = {combine_rows<And>, combine_rows<Or>, combine_columns<And>,
+                                     combine_columns<Or>};
 
 }  // namespace
 }  // namespace nvo::mask_row_steps

@@ -1,14 +1,16 @@
 #pragma once
 
+#include <bit>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 #include "screen/kernels/drop_code.h"
 #include "screen/kernels/screening_kernels.h"
 
-// The screening kernels one element at a time, from element `x` on: the whole of the scalar variant and the
-// ragged ends of the others. Internal linkage for the reason given in drop_code.h; no standard library
-// templates either.
+// The kernels of screening and packing one element at a time, from element `x` on: the whole of the scalar
+// set and the ragged ends of the others. Internal linkage for the reason given in drop_code.h; no standard
+// library templates either.
 namespace nvo::scalar_steps {
 
 static inline void filter_columns(const float* pixels, const ColumnTapsView& taps, float* out,
@@ -110,6 +112,31 @@ static inline void bits_at_least(const std::uint8_t* bytes, std::uint8_t least, 
       word |= static_cast<std::uint64_t>(bytes[x + i] >= least) << i;
     words[x / 64] = word;
   }
+}
+
+static inline void pack_eight(const std::uint8_t* dots, std::uint8_t* out) {
+  constexpr std::uint64_t kLevelBits = 0x0303030303030303;
+  // Moves the dot in byte k of each half up by 30 - 10 k bits: the top byte of the half then holds all four,
+  // the first in the highest bits. No two of the shifted copies overlap, so nothing carries.
+  constexpr std::uint64_t kGatherFour = std::uint64_t{1} << 30 | 1u << 20 | 1u << 10 | 1u;
+  std::uint64_t levels;
+  std::memcpy(&levels, dots, sizeof levels);
+  if constexpr (std::endian::native == std::endian::big) levels = __builtin_bswap64(levels);
+  levels = (levels & kLevelBits) * kGatherFour;
+  out[0] = static_cast<std::uint8_t>(levels >> 24);
+  out[1] = static_cast<std::uint8_t>(levels >> 56);
+}
+
+/// From dot `x` on, a multiple of four.
+static inline void pack_row(const std::uint8_t* dots, std::uint32_t width, std::uint8_t* out,
+                            std::uint32_t x) {
+  for (; width - x >= 8; x += 8) pack_eight(dots + x, out + x / 4);
+  if (x == width) return;
+  std::uint8_t last_dots[8] = {};
+  std::uint8_t last_bytes[2];
+  std::memcpy(last_dots, dots + x, width - x);
+  pack_eight(last_dots, last_bytes);
+  std::memcpy(out + x / 4, last_bytes, (width - x + 3) / 4);
 }
 
 }  // namespace nvo::scalar_steps

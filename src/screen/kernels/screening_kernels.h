@@ -5,8 +5,6 @@
 
 namespace nvo {
 
-enum class InstructionSet { scalar, sse41, avx2 };
-
 /// Taps of the horizontal area filter: device column x is the sum over k of
 /// pixel[start[x] + k] * weights[k * columns + x], k ascending from 0.
 struct ColumnTapsView {
@@ -51,8 +49,6 @@ inline constexpr std::size_t kScreenBlock = 128;
 /// f32 operations in the same order, without fused products. No pointer needs an alignment; nothing but the
 /// named outputs is written.
 struct ScreeningKernels {
-  InstructionSet set = InstructionSet::scalar;
-
   /// Filters one row of ink values to device width, each sum clamped to 0..255. Reads up to `taps +
   /// kPixelPadding` values behind the last start.
   void (*filter_columns)(const float* pixels, const ColumnTapsView& taps, float* out);
@@ -93,13 +89,5 @@ struct ScreeningKernels {
   void (*bits_at_least)(const std::uint8_t* bytes, std::uint8_t least, std::size_t count,
                         std::uint64_t* words);
 };
-
-/// The variant for one instruction set, or null where this machine cannot run it.
-const ScreeningKernels* kernels_for(InstructionSet set);
-
-/// The fastest variant that this machine runs.
-const ScreeningKernels& best_kernels();
-
-extern const ScreeningKernels kScalarKernels, kSse41Kernels, kAvx2Kernels;
 
 }  // namespace nvo

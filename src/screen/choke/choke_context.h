@@ -4,7 +4,7 @@
 #include <span>
 #include <vector>
 
-#include "screen/bit_plane.h"
+#include "screen/choke/bit_plane.h"
 
 namespace nvo {
 

@@ -1,12 +1,12 @@
-#include "rip/coverage_planes.h"
+#include "screen/choke/coverage_planes.h"
 
 #include <algorithm>
 #include <bit>
 #include <cmath>
 #include <limits>
 
-#include "rip/coverage_kernels.h"
-#include "rip/coverage_steps.h"
+#include "screen/kernels/coverage_steps.h"
+#include "screen/kernels/instruction_set.h"
 
 namespace nvo {
 namespace {
@@ -21,7 +21,7 @@ float from_order(std::uint32_t order) {
 }  // namespace
 
 void colour_coverage(const ColourPlanes& planes, std::uint8_t* out) {
-  coverage_kernels().largest(planes.c, planes.m, planes.y, planes.k, planes.count, out);
+  active_instruction_set().coverage.largest(planes.c, planes.m, planes.y, planes.k, planes.count, out);
 }
 
 float printed_lightness(float luminance) {
@@ -61,7 +61,8 @@ LightProtection::LightProtection(float threshold)
 
 void LightProtection::protect(const ColourPlanes& planes, std::uint8_t* out) const {
   if (by_luminance_) {
-    coverage_kernels().at_least(planes.c, planes.m, planes.y, planes.k, planes.count, least_luminance_, out);
+    active_instruction_set().coverage.at_least(planes.c, planes.m, planes.y, planes.k, planes.count,
+                                               least_luminance_, out);
     return;
   }
   for (std::size_t i = 0; i < planes.count; ++i) {

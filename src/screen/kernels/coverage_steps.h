@@ -3,9 +3,11 @@
 #include <cstddef>
 #include <cstdint>
 
-// The loops over pixels behind coverage_planes.h. Internal linkage and no library templates: files compiled
-// for different instruction sets include them, and a copy shared by the linker could hold instructions that
-// the machine does not have.
+#include "screen/kernels/coverage_kernels.h"
+
+// The loops over pixels behind coverage_kernels.h, for the compiler as those of mask_row_steps.h. Internal
+// linkage and no library templates: files compiled for different instruction sets include them, and a copy
+// shared by the linker could hold instructions that the machine does not have.
 namespace nvo::coverage_steps {
 
 inline constexpr float kByteToUnit = 0.003921569f;  // 1 / 255
@@ -34,5 +36,7 @@ static inline void at_least(const std::uint8_t* __restrict c, const std::uint8_t
   for (std::size_t i = 0; i < count; ++i)
     out[i] = printed_luminance(c[i], m[i], y[i], k[i]) >= least_luminance ? 255 : 0;
 }
+
+static constexpr CoverageKernels kKernels = {largest, at_least};
 
 }  // namespace nvo::coverage_steps

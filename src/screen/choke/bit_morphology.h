@@ -7,7 +7,7 @@
 #include <span>
 #include <vector>
 
-#include "screen/bit_plane.h"
+#include "screen/choke/bit_plane.h"
 #include "screen/kernels/mask_row_kernels.h"
 
 namespace nvo {

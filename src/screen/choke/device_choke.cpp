@@ -1,4 +1,4 @@
-#include "screen/device_choke.h"
+#include "screen/choke/device_choke.h"
 
 #include <algorithm>
 #include <numeric>
@@ -8,11 +8,11 @@
 #include <vector>
 
 #include "plan/parallel.h"
-#include "screen/bit_morphology.h"
-#include "screen/choke_offsets.h"
-#include "screen/choke_ring.h"
-#include "screen/choke_sampling.h"
-#include "screen/choke_white.h"
+#include "screen/choke/bit_morphology.h"
+#include "screen/choke/choke_offsets.h"
+#include "screen/choke/choke_sampling.h"
+#include "screen/choke/colour_ring.h"
+#include "screen/choke/white_erosion.h"
 #include "screen/device_grid.h"
 
 namespace nvo {
@@ -87,7 +87,7 @@ class StripChoke {
  private:
   /// Returns the ring dots of rows `begin` up to `end` and writes the count of each row behind its place.
   std::vector<RingDot> choke_rows(std::size_t begin, std::size_t end) {
-    std::optional<WhiteChoke> white;
+    std::optional<WhiteErosion> white;
     if (context_.adaptive) white.emplace(context_, row_map_.first_equal, disc_, begin, end, context_.keep);
     ColourRing colour(context_, offsets_, disc_);
     std::vector<RingDot> ring;

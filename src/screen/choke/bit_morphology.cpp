@@ -1,6 +1,8 @@
-#include "screen/bit_morphology.h"
+#include "screen/choke/bit_morphology.h"
 
 #include <algorithm>
+
+#include "screen/kernels/instruction_set.h"
 
 namespace nvo {
 bool any_set(const std::uint64_t* words, std::size_t count) {
@@ -24,7 +26,7 @@ const std::uint64_t* ComputedRows::row(std::size_t y) {
 
 ShapedRows::ShapedRows(MaskRows& source, const OffsetShape& shape, std::size_t kept)
     : ComputedRows(source.width(), source.height(), kept),
-      kernels_(mask_row_kernels()),
+      kernels_(active_instruction_set().mask_rows),
       source_(source),
       shape_(shape),
       now_(source.words() + 2),

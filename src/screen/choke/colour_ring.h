@@ -6,9 +6,9 @@
 #include <span>
 #include <vector>
 
-#include "screen/bit_morphology.h"
-#include "screen/choke_context.h"
-#include "screen/choke_offsets.h"
+#include "screen/choke/bit_morphology.h"
+#include "screen/choke/choke_context.h"
+#include "screen/choke/choke_offsets.h"
 
 namespace nvo {
 

@@ -5,7 +5,7 @@
 
 #include <benchmark/benchmark.h>
 
-#include "rip/coverage_planes.h"
+#include "screen/choke/coverage_planes.h"
 
 namespace nvo {
 namespace {

@@ -3,8 +3,8 @@
 #include <cstdint>
 #include <vector>
 
-#include "screen/choke_context.h"
-#include "screen/device_choke.h"
+#include "screen/choke/choke_context.h"
+#include "screen/choke/device_choke.h"
 #include "screen/device_grid.h"
 
 namespace nvo {

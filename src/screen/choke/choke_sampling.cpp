@@ -1,4 +1,4 @@
-#include "screen/choke_sampling.h"
+#include "screen/choke/choke_sampling.h"
 
 #include <algorithm>
 #include <atomic>
@@ -6,7 +6,7 @@
 #include <functional>
 
 #include "plan/parallel.h"
-#include "screen/kernels/screening_kernels.h"
+#include "screen/kernels/instruction_set.h"
 
 namespace nvo {
 namespace {
@@ -34,7 +34,7 @@ void set_bits(Word* row, std::uint32_t begin, std::uint32_t end) {
 class ColumnSampler {
  public:
   ColumnSampler(std::uint32_t src_w, std::uint32_t dev_w)
-      : kernels_(best_kernels()),
+      : kernels_(active_instruction_set().screening),
         src_w_(src_w),
         first_column_(std::size_t{src_w} + 1),
         source_bits_(std::size_t{src_w} / 64 + 1) {

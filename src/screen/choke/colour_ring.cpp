@@ -1,4 +1,4 @@
-#include "screen/choke_ring.h"
+#include "screen/choke/colour_ring.h"
 
 #include <algorithm>
 #include <array>

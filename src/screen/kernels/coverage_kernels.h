@@ -15,9 +15,4 @@ struct CoverageKernels {
                    std::size_t count, float least_luminance, std::uint8_t* out);
 };
 
-extern const CoverageKernels kPlainCoverageKernels, kAvx2CoverageKernels;
-
-/// The fastest that this machine runs.
-const CoverageKernels& coverage_kernels();
-
 }  // namespace nvo

@@ -2,7 +2,7 @@
 
 #include <cstdint>
 
-#include "screen/choke_context.h"
+#include "screen/choke/choke_context.h"
 
 namespace nvo {
 

@@ -1,4 +1,4 @@
-#include "screen/choke_white.h"
+#include "screen/choke/white_erosion.h"
 
 #include <algorithm>
 #include <vector>
@@ -127,7 +127,7 @@ class ThinRows final : public ComputedRows {
 }  // namespace
 
 /// From the support to the halo of thin white.
-struct WhiteChoke::Chain {
+struct WhiteErosion::Chain {
   OffsetShape square;  ///< drops what is narrower than the minimum width
   PlaneRows support;
   ErodedRows solid, narrowed;
@@ -148,13 +148,13 @@ struct WhiteChoke::Chain {
         halo(thin, disc, 1) {}
 };
 
-WhiteChoke::WhiteChoke(const ChokeContext& context, std::span<const std::uint32_t> equal_row,
-                       const OffsetShape& disc, std::size_t begin, std::size_t end, BitPlane& keep)
+WhiteErosion::WhiteErosion(const ChokeContext& context, std::span<const std::uint32_t> equal_row,
+                           const OffsetShape& disc, std::size_t begin, std::size_t end, BitPlane& keep)
     : chain_(std::make_unique<Chain>(context, equal_row, disc, KeepRows{keep, begin, end})) {}
 
-WhiteChoke::~WhiteChoke() = default;
+WhiteErosion::~WhiteErosion() = default;
 
-const std::uint64_t* WhiteChoke::halo_row(std::size_t y) {
+const std::uint64_t* WhiteErosion::halo_row(std::size_t y) {
   return chain_->halo.row(y);
 }
 

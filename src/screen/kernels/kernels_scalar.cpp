@@ -1,5 +1,8 @@
+// For every machine.
+#include "screen/kernels/coverage_steps.h"
+#include "screen/kernels/instruction_set.h"
+#include "screen/kernels/mask_row_steps.h"
 #include "screen/kernels/scalar_steps.h"
-#include "screen/kernels/screening_kernels.h"
 
 namespace nvo {
 namespace {
@@ -49,10 +52,21 @@ void bits_at_least(const std::uint8_t* bytes, std::uint8_t least, std::size_t co
   scalar_steps::bits_at_least(bytes, least, count, words, 0);
 }
 
+void pack_row(const std::uint8_t* dots, std::uint32_t width, std::uint8_t* out) {
+  scalar_steps::pack_row(dots, width, out, 0);
+}
+
 }  // namespace
-
-const ScreeningKernels kScalarKernels = {
-    InstructionSet::scalar, filter_columns, add_scaled_row, encode_row,    encode_pairs, mix_pairs,
-    spread_codes,           screen_row,     keep_dots,      screen_packed, bits_at_least};
-
 }  // namespace nvo
+
+namespace nvo::instruction_sets {
+
+extern constinit const InstructionSet scalar = {
+    "scalar",
+    {filter_columns, add_scaled_row, encode_row, encode_pairs, mix_pairs, spread_codes, screen_row, keep_dots,
+     screen_packed, bits_at_least},
+    mask_row_steps::kKernels,
+    coverage_steps::kKernels,
+    {pack_row}};
+
+}  // namespace nvo::instruction_sets

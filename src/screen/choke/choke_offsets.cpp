@@ -1,4 +1,4 @@
-#include "screen/choke_offsets.h"
+#include "screen/choke/choke_offsets.h"
 
 #include <algorithm>
 #include <cmath>
