@@ -73,15 +73,17 @@ Art make_art(bool grain) {
 void prepare_choke(benchmark::State& state, bool adaptive, bool grain, float amount) {
   const Art art = make_art(grain);
   DeviceChokeInput input;
-  input.coverage = art.coverage.data();
-  input.src_w = kWidth;
-  input.strip_rows = input.total_src_rows = kRows;
+  const auto view = [](const std::vector<std::uint8_t>& plane) {
+    return PlaneView(plane.data(), kWidth, kRows);
+  };
+  input.coverage = view(art.coverage);
+  input.total_src_rows = kRows;
   DeviceChokeParams params;
   params.amount_px_at_300dpi = amount;
   params.adaptive = adaptive;
   if (adaptive) {
-    input.support_plane = art.white.data();
-    input.light_mask = art.light.data();
+    input.support_plane = view(art.white);
+    input.light_mask = view(art.light);
   }
   std::size_t ring = 0;
   double dots = 0.0;

@@ -10,7 +10,7 @@
 namespace nvo {
 namespace {
 
-constexpr std::size_t kPixels = 3000 * 256;
+constexpr std::uint32_t kPixels = 3000 * 256;
 
 /// Four planes whose colour changes every `run` pixels.
 struct Strip {
@@ -26,14 +26,15 @@ struct Strip {
     }
   }
   ColourPlanes view() const {
-    return {inks[0].data(), inks[1].data(), inks[2].data(), inks[3].data(), kPixels};
+    const auto plane = [&](std::size_t i) { return PlaneView(inks[i].data(), kPixels, 1); };
+    return {plane(0), plane(1), plane(2), plane(3)};
   }
 };
 
 void coverage(benchmark::State& state) {
   Strip strip(1);
   for (auto _ : state) {
-    colour_coverage(strip.view(), strip.out.data());
+    colour_coverage(strip.view(), 0, strip.out.data());
     benchmark::ClobberMemory();
   }
   state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * kPixels));
@@ -43,7 +44,7 @@ void light(benchmark::State& state) {
   Strip strip(static_cast<std::size_t>(state.range(0)));
   const LightProtection protection(85.0f);
   for (auto _ : state) {
-    protection.protect(strip.view(), strip.out.data());
+    protection.protect(strip.view(), 0, strip.out.data());
     benchmark::ClobberMemory();
   }
   state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * kPixels));

@@ -131,8 +131,13 @@ void strip(benchmark::State& state, std::uint32_t y_dpi, SamplingMode mode, cons
   DropMap drops;
   for (auto _ : state) {
     if (!reuse) drops = {};
-    engine->process_strip(drops, plane.data(), kSourceWidth, kSourceRows, 0, 4 * kSourceRows, 0, nullptr,
-                          nullptr, nullptr, &scratch);
+    engine->process_strip(drops, {.src = PlaneView(plane.data(), kSourceWidth, kSourceRows),
+                                  .strip_src_y = 0,
+                                  .total_src_rows = 4 * kSourceRows,
+                                  .channel = 0,
+                                  .coverage_plane = {},
+                                  .choke = nullptr,
+                                  .scratch = &scratch});
     benchmark::ClobberMemory();
   }
   state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * drops.data.size()));
@@ -153,13 +158,23 @@ void ring_strip(benchmark::State& state) {
               y = static_cast<int>(i / kSourceWidth % 32) - 16;
     coverage[i] = x * x + y * y < 144 ? 255 : 0;
   }
-  const ChokeContext choke = engine.prepare_device_white(coverage.data(), kSourceWidth, kSourceRows, 0,
-                                                         kSourceRows, nullptr, nullptr, nullptr);
+  const PlaneView coverage_view(coverage.data(), kSourceWidth, kSourceRows);
+  const ChokeContext choke = engine.prepare_device_white({.coverage = coverage_view,
+                                                          .exempt_mask = {},
+                                                          .support_plane = {},
+                                                          .light_mask = {},
+                                                          .strip_src_y = 0,
+                                                          .total_src_rows = kSourceRows});
   RipEngine::ProcessScratch scratch;
   DropMap drops;
   for (auto _ : state)
-    engine.process_strip(drops, plane.data(), kSourceWidth, kSourceRows, 0, kSourceRows, 0, coverage.data(),
-                         nullptr, &choke, &scratch);
+    engine.process_strip(drops, {.src = PlaneView(plane.data(), kSourceWidth, kSourceRows),
+                                 .strip_src_y = 0,
+                                 .total_src_rows = kSourceRows,
+                                 .channel = 0,
+                                 .coverage_plane = coverage_view,
+                                 .choke = &choke,
+                                 .scratch = &scratch});
   state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * drops.data.size()));
   state.counters["ring_share"] =
       static_cast<double>(choke.ring.size()) / static_cast<double>(drops.data.size());

@@ -69,14 +69,18 @@ struct WaitForAll {
 
 std::vector<DropMap> rip_sheet(SheetRun& run, const SheetPlanes& sheet, const ChokePlanes& choke_planes,
                                const ChokeContext& context) {
-  const std::uint8_t* coverage = choke_planes.coverage.empty() ? nullptr : choke_planes.coverage.data();
+  const auto view = [&](const Plane& plane) { return PlaneView(plane.data(), run.src_w, run.src_h); };
+  const PlaneView coverage = choke_planes.coverage.empty() ? PlaneView() : view(choke_planes.coverage);
   std::vector<DropMap> dropmaps(kChannelCount);
   const auto rip_channel = [&](std::uint32_t channel, std::size_t scratch) {
     const ScopedTimer timer(run.profile.rip_ch[channel]);
-    dropmaps[channel] =
-        run.engine.process(sheet.planes[channel].data(), run.src_w, run.src_h,
-                           static_cast<std::int32_t>(channel), channel < kChannelW ? coverage : nullptr,
-                           nullptr, coverage ? &context : nullptr, &run.scratch[scratch]);
+    dropmaps[channel] = run.engine.process({.src = view(sheet.planes[channel]),
+                                            .strip_src_y = 0,
+                                            .total_src_rows = run.src_h,
+                                            .channel = static_cast<std::int32_t>(channel),
+                                            .coverage_plane = channel < kChannelW ? coverage : PlaneView(),
+                                            .choke = coverage.null() ? nullptr : &context,
+                                            .scratch = &run.scratch[scratch]});
   };
 
   if (run.pool) {
@@ -120,10 +124,16 @@ void run_full_buffer(SheetRun& run) {
   ChokeContext context;
   if (!choke_planes.coverage.empty()) {
     const ScopedTimer timer(run.profile.choke_context);
+    const auto view = [&](const Plane& plane) {
+      return plane.empty() ? PlaneView() : PlaneView(plane.data(), run.src_w, run.src_h);
+    };
     context = run.engine.prepare_device_white(
-        choke_planes.coverage.data(), run.src_w, run.src_h, 0, run.src_h, sheet.explicit_white.data(),
-        run.choke.adaptive ? sheet.planes[kChannelW].data() : nullptr,
-        choke_planes.light.empty() ? nullptr : choke_planes.light.data());
+        {.coverage = view(choke_planes.coverage),
+         .exempt_mask = view(sheet.explicit_white),
+         .support_plane = run.choke.adaptive ? view(sheet.planes[kChannelW]) : PlaneView(),
+         .light_mask = view(choke_planes.light),
+         .strip_src_y = 0,
+         .total_src_rows = run.src_h});
   }
   const std::vector<DropMap> dropmaps = rip_sheet(run, sheet, choke_planes, context);
   for (const DropMap& map : dropmaps) run.profile.device_channel_pixels += map.data.size();

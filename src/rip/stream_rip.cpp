@@ -257,7 +257,8 @@ void make_choke_planes(const SheetRun& run, const std::vector<Plane>& planes, st
     return;
   }
 
-  const ColourPlanes inks{planes[0].data(), planes[1].data(), planes[2].data(), planes[3].data(), pixels};
+  const auto view = [&](std::size_t channel) { return PlaneView(planes[channel].data(), run.src_w, rows); };
+  const ColourPlanes inks{view(0), view(1), view(2), view(3)};
   const RipEngineParams& params = run.engine.params();
   const std::uint32_t threads =
       row_threads(rows, run.src_w, hardware_threads(), params.performance_env, params.performance);
@@ -266,9 +267,8 @@ void make_choke_planes(const SheetRun& run, const std::vector<Plane>& planes, st
     for (std::size_t y = parts[part].begin; y < parts[part].end;
          ++y) {  // both planes while the row is in cache
       const std::size_t first = y * run.src_w;
-      const ColourPlanes row = inks.part(first, run.src_w);
-      colour_coverage(row, result.coverage.data() + first);
-      if (run.choke.light) run.choke.light->protect(row, result.light.data() + first);
+      colour_coverage(inks, y, result.coverage.data() + first);
+      if (run.choke.light) run.choke.light->protect(inks, y, result.light.data() + first);
     }
   });
 }

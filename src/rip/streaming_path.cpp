@@ -133,13 +133,19 @@ class StripTask {
   }
 
   ChokeContext prepare_choke(const StripPlace& place, const StripBuffer& strip, const ChokePlanes& planes) {
-    const std::size_t pixels = planes.coverage.size();
-    const auto if_whole = [&](const Plane& plane) { return plane.size() >= pixels ? plane.data() : nullptr; };
+    const auto view = [&](const Plane& plane) {
+      return plane.size() < planes.coverage.size() ? PlaneView()
+                                                   : PlaneView(plane.data(), run_.src_w, place.rows);
+    };
     const bool has_white = run_.choke.adaptive && strip.planes.size() > kChannelW;
     return run_.engine.prepare_device_white(
-        planes.coverage.data(), run_.src_w, place.rows, place.first, run_.src_h,
-        if_whole(strip.explicit_white), has_white ? if_whole(strip.planes[kChannelW]) : nullptr,
-        planes.light.empty() ? nullptr : planes.light.data(), std::move(choke_));
+        {.coverage = view(planes.coverage),
+         .exempt_mask = view(strip.explicit_white),
+         .support_plane = has_white ? view(strip.planes[kChannelW]) : PlaneView(),
+         .light_mask = view(planes.light),
+         .strip_src_y = place.first,
+         .total_src_rows = run_.src_h},
+        std::move(choke_));
   }
 
   const std::uint8_t* channel_plane(const StripBuffer& strip, std::uint32_t channel, std::size_t pixels) {
@@ -154,7 +160,9 @@ class StripTask {
     std::array<const std::uint8_t*, kChannelCount> planes{};
     for (std::uint32_t channel = 0; channel < kChannelCount; ++channel)
       planes[channel] = channel_plane(strip, channel, pixels);
-    const std::uint8_t* coverage = choke_planes.coverage.empty() ? nullptr : choke_planes.coverage.data();
+    const PlaneView coverage = choke_planes.coverage.empty()
+                                   ? PlaneView()
+                                   : PlaneView(choke_planes.coverage.data(), run_.src_w, place.rows);
 
     const auto start_band = [&](std::uint32_t end, std::uint32_t rows, std::size_t scratch_set) {
       auto band = std::make_unique<BandInWork>();
@@ -166,9 +174,15 @@ class StripTask {
                           &nanoseconds = band->rip_ch[channel]](std::size_t scratch) {
           const ScopedTimer timer(nanoseconds);
           if (!packed.top) return;  // no slot of the board prints this ink
-          run_.engine.pack_strip(packed, planes[channel], run_.src_w, place.rows, place.first, run_.src_h,
-                                 static_cast<std::int32_t>(channel), channel < kChannelW ? coverage : nullptr,
-                                 coverage ? &context : nullptr, &run_.scratch[scratch], window);
+          run_.engine.pack_strip(packed,
+                                 {.src = {planes[channel], run_.src_w, place.rows},
+                                  .strip_src_y = place.first,
+                                  .total_src_rows = run_.src_h,
+                                  .channel = static_cast<std::int32_t>(channel),
+                                  .coverage_plane = channel < kChannelW ? coverage : PlaneView(),
+                                  .choke = coverage.null() ? nullptr : &context,
+                                  .scratch = &run_.scratch[scratch]},
+                                 window);
         };
         const std::size_t scratch = scratch_set * kChannelCount + channel;
         if (run_.pool)

@@ -20,7 +20,7 @@ bool all_zero(const std::uint8_t* bytes, std::size_t count) {
 
 PairSampler::PairSampler(const StripSampling& sampling, RowBuffers& buffers)
     : sampling_(sampling), kernels_(*sampling.kernels), buffers_(buffers) {
-  const std::size_t pixels = sampling.src_w;
+  const std::size_t pixels = sampling.src_w();
   buffers.source_base.resize(2 * (pixels + kPixelPadding));
   buffers.source_threshold.resize(2 * (pixels + kPixelPadding));
   size_code_buffers(sampling, buffers);
@@ -33,12 +33,12 @@ CodeRow PairSampler::codes(std::size_t y) {
 }
 
 const std::uint8_t* PairSampler::source_row(std::uint32_t row) const {
-  return sampling_.pixels + std::size_t{row} * sampling_.src_w;
+  return sampling_.source.row(row);
 }
 
 /// Equal source rows give the same values, so nothing is computed again: common in flat art.
 bool PairSampler::is_same(const Held& held, const std::uint8_t* row) const {
-  return held.row == row || (held.row != nullptr && std::memcmp(held.row, row, sampling_.src_w) == 0);
+  return held.row == row || (held.row != nullptr && std::memcmp(held.row, row, sampling_.src_w()) == 0);
 }
 
 /// Calls `block(first, pixels, has_ink)` for the blocks of a source row. Where the block or the pixel behind
@@ -46,8 +46,8 @@ bool PairSampler::is_same(const Held& held, const std::uint8_t* row) const {
 template <class Block>
 void PairSampler::for_each_block(const std::uint8_t* row, const Block& block) {
   const bool zero_is_blank = sampling_.curve[0] == 0.0f;
-  for (std::size_t first = 0; first < sampling_.src_w; first += kBlock) {
-    const std::size_t left = sampling_.src_w - first;
+  for (std::size_t first = 0; first < sampling_.src_w(); first += kBlock) {
+    const std::size_t left = sampling_.src_w() - first;
     const std::size_t seen = std::min(kBlock + 1, left);
     const bool has_ink = !zero_is_blank || !all_zero(row + first, seen);
     for (std::size_t i = 0; has_ink && i < seen; ++i) {
@@ -85,7 +85,7 @@ CodeRow PairSampler::codes_of_row(const std::uint8_t* row) {
 /// Sums the source rows of a device row, ascending, in each column as the plain form does; a blank row would
 /// only add zeros. The row that two device rows share is mixed once.
 CodeRow PairSampler::codes_of_blend(const RowSpan& span) {
-  const std::size_t values = 2 * std::size_t{sampling_.src_w};
+  const std::size_t values = 2 * std::size_t{sampling_.src_w()};
   bool any = false;
   for (std::uint32_t row = span.first; row < span.first + span.count; ++row) {
     if (!mix(source_row(row))) continue;
@@ -108,7 +108,7 @@ bool PairSampler::mix(const std::uint8_t* row) {
   if (same) return !mixed_.blank;
   mixed_.blank = is_blank_row(sampling_, row);
   if (mixed_.blank) return false;
-  buffers_.mixed.resize(2 * std::size_t{sampling_.src_w});
+  buffers_.mixed.resize(2 * std::size_t{sampling_.src_w()});
   const PairWeights weights = sampling_.taps->pairs.weights();
   for_each_block(row, [&](std::size_t first, std::size_t pixels, bool has_ink) {
     float* const mixed = buffers_.mixed.data() + 2 * first;

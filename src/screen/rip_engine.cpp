@@ -3,15 +3,14 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
-#include <optional>
 #include <stdexcept>
 #include <utility>
 
 #include "core/log.h"
 #include "core/platform/clock.h"
 #include "plan/parallel.h"
-#include "screen/choke/device_choke.h"
 #include "screen/kernels/instruction_set.h"
+#include "screen/plane_job.h"
 #include "screen/row_screener.h"
 
 namespace nvo {
@@ -74,31 +73,6 @@ bool covers(const BitPlane& plane, std::uint32_t width, std::uint32_t height) {
   return plane.width == width && plane.height == height;
 }
 
-void clear_outside(const BitPlane& kept, std::vector<float>& plane) {
-  for (std::size_t y = 0; y < kept.height; ++y)
-    for (std::size_t x = 0; x < kept.width; ++x)
-      if (!kept.test(x, y)) plane[y * kept.width + x] = 0.0f;
-}
-
-/// Dot after dot in place: a source that comes before its ring dot is read as it was left.
-void choke_colour_plane(const ChokeContext& choke, std::vector<float>& plane) {
-  const std::size_t width = choke.width;
-  for (std::size_t y = 0; y < choke.height; ++y) {
-    auto ring = choke.ring_of_row(y);
-    for (std::size_t x = 0; x < width; ++x) {
-      while (!ring.empty() && ring.front().x < x) ring = ring.subspan(1);
-      if (choke.grown.test(x, y) && choke.colour_core.test(x, y)) continue;
-      float ink = 0.0f;
-      if (choke.grown.test(x, y) && !ring.empty() && ring.front().x == x) {
-        const RingDot& dot = ring.front();
-        if (dot.source_x < width && dot.source_y < choke.height)
-          ink = plane[dot.source_y * width + dot.source_x];
-      }
-      plane[y * width + x] = ink;
-    }
-  }
-}
-
 /// Completes a row of `out` that holds its dots, or none if it is `blank`.
 void finish_packed_row(bool blank, std::uint8_t* row, const PackedRows& out) {
   const std::size_t packed = packed_dots_bytes(out.width);
@@ -108,41 +82,6 @@ void finish_packed_row(bool blank, std::uint8_t* row, const PackedRows& out) {
 }
 
 }  // namespace
-
-/// One call of `process`, `process_strip` or `pack_strip`.
-struct RipEngine::PlaneJob {
-  bool whole_plane = false;  ///< `process`: sequential, tells its progress
-  const std::uint8_t* src = nullptr;
-  std::uint32_t src_w = 0, strip_rows = 0, strip_src_y = 0, total_src_rows = 0;
-  std::int32_t channel = 0;
-  const std::uint8_t* coverage = nullptr;
-  PreThresholdCapture* capture = nullptr;
-  const ChokeContext* choke = nullptr;
-  ProcessScratch* scratch = nullptr;
-  bool white = false, hard = false;
-  std::uint32_t dev_w = 0, dev_h = 0;  ///< of the whole plane
-  DeviceRows dev_rows{};               ///< of this call
-  DeviceRowWindow window{};            ///< those of them that are delivered
-
-  std::uint32_t height() const { return dev_rows.end - dev_rows.first; }
-  /// White on its own nearest path, for which no choke is announced.
-  bool white_special() const { return white && hard; }
-};
-
-/// The masks that a call applies before the threshold, if any: those it was given or those it computed
-/// itself.
-class RipEngine::AppliedChoke {
- public:
-  AppliedChoke() = default;
-  explicit AppliedChoke(const ChokeContext* given) : given_(given) {}
-  explicit AppliedChoke(ChokeContext own) : own_(std::move(own)) {}
-
-  const ChokeContext* context() const { return own_ ? &*own_ : given_; }
-
- private:
-  const ChokeContext* given_ = nullptr;
-  std::optional<ChokeContext> own_;
-};
 
 RipEngine::RipEngine(RipEngineParams params)
     : params_(checked(std::move(params))),
@@ -154,55 +93,26 @@ void RipEngine::ensure_column_taps(std::uint32_t src_w, std::uint32_t dev_w) {
   if (taps_.src_w != src_w || taps_.dev_w != dev_w) taps_ = build_column_taps(src_w, dev_w, scale_.x);
 }
 
-DropMap RipEngine::process(const std::uint8_t* src, std::uint32_t src_w, std::uint32_t src_h,
-                           std::int32_t channel, const std::uint8_t* coverage_plane,
-                           PreThresholdCapture* capture, const ChokeContext* choke, ProcessScratch* scratch) {
-  if (src == nullptr || src_w == 0 || src_h == 0)
-    throw std::invalid_argument("RipEngine::process: invalid source buffer");
-  if (channel < 0 || channel >= params_.n_channels)
-    throw std::invalid_argument("RipEngine::process: channel out of range");
-  PlaneJob job{.whole_plane = true,
-               .src = src,
-               .src_w = src_w,
-               .strip_rows = src_h,
-               .strip_src_y = 0,
-               .total_src_rows = src_h,
-               .channel = channel,
-               .coverage = coverage_plane,
-               .capture = capture,
-               .choke = choke,
-               .scratch = scratch};
-  place(job);
-  job.dev_rows = {0, job.dev_h};
-  job.window = {0, job.dev_h};
-  log_info("RipEngine ch=", channel, " src=", src_w, "x", src_h, " dev=", job.dev_w, "x", job.dev_h);
+DropMap RipEngine::process(const Request& request) {
+  const PlaneJob job = plane_job(request);
+  log_info("RipEngine ch=", job.channel, " src=", job.src.width(), "x", job.src.height(), " dev=", job.dev_w,
+           "x", job.dev_h);
   DropMap out;
   screen(job, out);
-  log_info("RipEngine ch=", channel, " done.");
+  log_info("RipEngine ch=", job.channel, " done.");
   return out;
 }
 
-void RipEngine::process_strip(DropMap& out, const std::uint8_t* src, std::uint32_t src_w,
-                              std::uint32_t strip_rows, std::uint32_t strip_src_y,
-                              std::uint32_t total_src_rows, std::int32_t channel,
-                              const std::uint8_t* coverage_plane, PreThresholdCapture* capture,
-                              const ChokeContext* choke, ProcessScratch* scratch,
-                              const DeviceRowWindow* window) {
-  const PlaneJob job = strip_job(src, src_w, strip_rows, strip_src_y, total_src_rows, channel, coverage_plane,
-                                 capture, choke, scratch, window);
+void RipEngine::process_strip(DropMap& out, const Request& request, const DeviceRowWindow* window) {
+  const PlaneJob job = strip_job(request, window);
   if (job.window.rows == 0)
     resize_drop_map(out, job.dev_w, 0);
   else
     screen(job, out);
 }
 
-void RipEngine::pack_strip(const PackedRows& out, const std::uint8_t* src, std::uint32_t src_w,
-                           std::uint32_t strip_rows, std::uint32_t strip_src_y, std::uint32_t total_src_rows,
-                           std::int32_t channel, const std::uint8_t* coverage_plane,
-                           const ChokeContext* choke, ProcessScratch* scratch,
-                           const DeviceRowWindow& window) {
-  const PlaneJob job = strip_job(src, src_w, strip_rows, strip_src_y, total_src_rows, channel, coverage_plane,
-                                 nullptr, choke, scratch, &window);
+void RipEngine::pack_strip(const PackedRows& out, const Request& request, const DeviceRowWindow& window) {
+  const PlaneJob job = strip_job(request, &window);
   if (job.dev_w != out.width) throw std::invalid_argument("RipEngine::pack_strip: width mismatch");
   if (job.window.rows == 0) return;
   screen_rows(job, [&](RowScreener& screener, RowBuffers&, std::size_t y, std::size_t row) {
@@ -214,54 +124,45 @@ void RipEngine::pack_strip(const PackedRows& out, const std::uint8_t* src, std::
   });
 }
 
-/// Checks a call on a strip and says where the strip lies.
-RipEngine::PlaneJob RipEngine::strip_job(const std::uint8_t* src, std::uint32_t src_w,
-                                         std::uint32_t strip_rows, std::uint32_t strip_src_y,
-                                         std::uint32_t total_src_rows, std::int32_t channel,
-                                         const std::uint8_t* coverage_plane, PreThresholdCapture* capture,
-                                         const ChokeContext* choke, ProcessScratch* scratch,
-                                         const DeviceRowWindow* window) const {
-  if (src == nullptr || src_w == 0 || strip_rows == 0 || total_src_rows == 0)
-    throw std::invalid_argument("RipEngine::process_strip: invalid source strip");
-  if (channel < 0 || channel >= params_.n_channels)
-    throw std::invalid_argument("RipEngine::process_strip: channel out of range");
-  if (strip_src_y >= total_src_rows || strip_rows > total_src_rows - strip_src_y)
-    throw std::invalid_argument("RipEngine::process_strip: strip source bounds are invalid");
-  PlaneJob job{.whole_plane = false,
-               .src = src,
-               .src_w = src_w,
-               .strip_rows = strip_rows,
-               .strip_src_y = strip_src_y,
-               .total_src_rows = total_src_rows,
-               .channel = channel,
-               .coverage = coverage_plane,
-               .capture = capture,
-               .choke = choke,
-               .scratch = scratch};
+/// Checks a call on a whole plane.
+RipEngine::PlaneJob RipEngine::plane_job(const Request& request) const {
+  if (request.src.null() || request.src.width() == 0 || request.src.height() == 0)
+    throw std::invalid_argument("RipEngine::process: invalid source buffer");
+  if (request.channel < 0 || request.channel >= params_.n_channels)
+    throw std::invalid_argument("RipEngine::process: channel out of range");
+  PlaneJob job{request};
+  job.whole_plane = true;
+  job.strip_src_y = 0;
+  job.total_src_rows = request.src.height();
   place(job);
-  job.dev_rows = device_rows_of_strip(strip_src_y, strip_rows, scale_.y, job.dev_h);
+  job.dev_rows = {0, job.dev_h};
+  job.window = {0, job.dev_h};
+  return job;
+}
+
+/// Checks a call on a strip and says where the strip lies.
+RipEngine::PlaneJob RipEngine::strip_job(const Request& request, const DeviceRowWindow* window) const {
+  const PlaneView& src = request.src;
+  const std::uint32_t total = request.total_src_rows;
+  if (src.null() || src.width() == 0 || src.height() == 0 || total == 0)
+    throw std::invalid_argument("RipEngine::process_strip: invalid source strip");
+  if (request.channel < 0 || request.channel >= params_.n_channels)
+    throw std::invalid_argument("RipEngine::process_strip: channel out of range");
+  if (request.strip_src_y >= total || src.height() > total - request.strip_src_y)
+    throw std::invalid_argument("RipEngine::process_strip: strip source bounds are invalid");
+  PlaneJob job{request};
+  place(job);
+  job.dev_rows = device_rows_of_strip(job.strip_src_y, src.height(), scale_.y, job.dev_h);
   job.window = window != nullptr ? *window : DeviceRowWindow{0, job.height()};
-  if (job.window.top > job.height() || job.window.rows > job.height() - job.window.top ||
-      (window != nullptr && capture != nullptr))
+  if (job.window.top > job.height() || job.window.rows > job.height() - job.window.top)
     throw std::invalid_argument("RipEngine::process_strip: device row window is invalid");
   return job;
 }
 
-ChokeContext RipEngine::prepare_device_white(const std::uint8_t* coverage, std::uint32_t src_w,
-                                             std::uint32_t strip_rows, std::uint32_t strip_src_y,
-                                             std::uint32_t total_src_rows, const std::uint8_t* exempt_mask,
-                                             const std::uint8_t* support_plane,
-                                             const std::uint8_t* light_mask, ChokeContext spent) const {
-  const DeviceChokeInput input{.coverage = coverage,
-                               .exempt_mask = exempt_mask,
-                               .support_plane = support_plane,
-                               .light_mask = light_mask,
-                               .src_w = src_w,
-                               .strip_rows = strip_rows,
-                               .strip_src_y = strip_src_y,
-                               .total_src_rows = total_src_rows};
-  const DeviceRows rows =
-      device_rows_of_strip(strip_src_y, strip_rows, scale_.y, device_extent(total_src_rows, scale_.y));
+ChokeContext RipEngine::prepare_device_white(const DeviceChokeInput& strip, ChokeContext spent) const {
+  const PlaneView& coverage = strip.coverage;
+  const DeviceRows rows = device_rows_of_strip(strip.strip_src_y, coverage.height(), scale_.y,
+                                               device_extent(strip.total_src_rows, scale_.y));
   const DeviceChokeParams params{
       .src_dpi = params_.src_dpi,
       .x_dpi = params_.x_dpi,
@@ -271,16 +172,16 @@ ChokeContext RipEngine::prepare_device_white(const std::uint8_t* coverage, std::
       .min_width_dots = params_.white_choke_adaptive_min_width_dots,
       .protect_light = params_.white_choke_adaptive_protect_light_enabled,
       .lightness_threshold = params_.white_choke_adaptive_lightness_threshold,
-      .threads = row_threads(rows.end - rows.first, device_extent(src_w, scale_.x), hardware_threads(),
-                             params_.performance_env, params_.performance)};
-  return prepare_device_choke(input, params, std::move(spent));
+      .threads = row_threads(rows.end - rows.first, device_extent(coverage.width(), scale_.x),
+                             hardware_threads(), params_.performance_env, params_.performance)};
+  return prepare_device_choke(strip, params, std::move(spent));
 }
 
 /// Fills in what follows from the engine's parameters: the kind of sampling and the size of the device grid.
 void RipEngine::place(PlaneJob& job) const {
   job.white = params_.n_channels > kFirstWhiteChannel && job.channel >= kFirstWhiteChannel;
   job.hard = (job.white ? params_.white_resampling : params_.color_resampling) == SamplingMode::hard;
-  job.dev_w = device_extent(job.src_w, scale_.x);
+  job.dev_w = device_extent(job.src.width(), scale_.x);
   job.dev_h = device_extent(job.total_src_rows, scale_.y);
 }
 
@@ -288,7 +189,7 @@ bool RipEngine::colour_choke_active(const PlaneJob& job) const {
   return !job.white && choke_amount_given() &&
          (params_.white_choke_algorithm == DeviceChokeAlgorithm::adaptive ||
           params_.white_choke_strategy == WhiteChokeStrategy::production) &&
-         job.coverage != nullptr;
+         !job.coverage_plane.null();
 }
 
 bool RipEngine::white_choke_active(const PlaneJob& job) const {
@@ -313,8 +214,12 @@ RipEngine::AppliedChoke RipEngine::select_choke(const PlaneJob& job) const {
   if (white_choke_active(job)) return fits(*job.choke) ? AppliedChoke(job.choke) : AppliedChoke();
   if (!colour_choke_active(job)) return {};
   if (job.choke != nullptr) return fits_colour(*job.choke) ? AppliedChoke(job.choke) : AppliedChoke();
-  ChokeContext own = prepare_device_white(job.coverage, job.src_w, job.strip_rows, job.strip_src_y,
-                                          job.total_src_rows, nullptr, nullptr, nullptr);
+  ChokeContext own = prepare_device_white({.coverage = job.coverage_plane,
+                                           .exempt_mask = {},
+                                           .support_plane = {},
+                                           .light_mask = {},
+                                           .strip_src_y = job.strip_src_y,
+                                           .total_src_rows = job.total_src_rows});
   return fits_colour(own) ? AppliedChoke(std::move(own)) : AppliedChoke();
 }
 
@@ -341,10 +246,6 @@ void RipEngine::log_choke(const PlaneJob& job, const ChokeContext& choke) const 
 
 void RipEngine::screen(const PlaneJob& job, DropMap& out) {
   const bool out_is_zero = resize_drop_map(out, job.dev_w, job.window.rows) == DropMapContents::zero;
-  if (job.capture != nullptr) {
-    screen_captured(job, out);
-    return;
-  }
   screen_rows(job, [&](RowScreener& screener, RowBuffers&, std::size_t y, std::size_t row) {
     std::uint8_t* const dots = out.data.data() + row * job.dev_w;
     if (!screener.screen(y, dots) && !out_is_zero) std::memset(dots, 0, job.dev_w);
@@ -372,7 +273,7 @@ void RipEngine::screen_rows(const PlaneJob& job, const Sink& sink) {
 /// Readies the tap table, chooses the choke and says what is going to be done.
 RipEngine::AppliedChoke RipEngine::begin(const PlaneJob& job) {
   // A strip that samples by nearest pixel leaves the table to the channels that run beside it.
-  if (job.whole_plane || !job.hard) ensure_column_taps(job.src_w, job.dev_w);
+  if (job.whole_plane || !job.hard) ensure_column_taps(job.src.width(), job.dev_w);
   if (job.white_special())
     Logger::instance().log(job.whole_plane ? LogLevel::info : LogLevel::debug,
                            job.whole_plane ? "RipEngine ch=" : "RipEngine strip ch=", job.channel,
@@ -383,7 +284,7 @@ RipEngine::AppliedChoke RipEngine::begin(const PlaneJob& job) {
 }
 
 std::size_t RipEngine::row_workers(const PlaneJob& job) const {
-  if (job.whole_plane || job.capture != nullptr) return 1;
+  if (job.whole_plane) return 1;
   return shared_row_threads(params_.side_by_side, job.height(), job.dev_w, hardware_threads(),
                             params_.performance_env, params_.performance);
 }
@@ -398,8 +299,7 @@ StripScreening RipEngine::screening_of(const PlaneJob& job, const ChokeContext* 
                        .white_choke = job.white ? choke : nullptr};
   StripSampling& sampling = strip.sampling;
   sampling.kernels = &active_instruction_set().screening;
-  sampling.pixels = job.src;
-  sampling.src_w = job.src_w;
+  sampling.source = job.src;
   sampling.dev_w = job.dev_w;
   sampling.rows = &rows.spans;
   set_curve(sampling, params_.linear_lut[strip.channel].data());
@@ -414,51 +314,15 @@ StripScreening RipEngine::screening_of(const PlaneJob& job, const ChokeContext* 
 
 void RipEngine::map_rows(const PlaneJob& job, RowMap& rows) const {
   const RowMap::Key key{job.hard,  scale_.y,        job.dev_rows.first, job.dev_rows.end,
-                        job.dev_h, job.strip_src_y, job.strip_rows,     job.total_src_rows};
+                        job.dev_h, job.strip_src_y, job.src.height(),   job.total_src_rows};
   if (rows.key == key) return;
   rows.spans.resize(job.height());
   if (job.hard)
     nearest_row_spans(rows.spans, job.dev_rows.first, job.dev_h, job.total_src_rows, job.strip_src_y,
-                      job.strip_rows);
+                      job.src.height());
   else
-    area_row_spans(rows.spans, job.dev_rows.first, scale_.y, job.strip_src_y, job.strip_rows);
+    area_row_spans(rows.spans, job.dev_rows.first, scale_.y, job.strip_src_y, job.src.height());
   rows.key = key;
-}
-
-/// The diagnostic form of the same: the whole plane of values is sampled and choked before it is screened.
-void RipEngine::screen_captured(const PlaneJob& job, DropMap& out) {
-  RowMap rows;
-  RowBuffers buffers;
-  const AppliedChoke applied = begin(job);
-  const StripScreening strip = screening_of(job, applied.context(), rows);
-  const std::size_t width = job.dev_w, height = job.height();
-  std::vector<float> plane(width * height);
-  RowSampler sampler(strip.sampling, buffers);
-  for (std::size_t y = 0; y < height; ++y) sampler.inks(y, plane.data() + y * width);
-  if (strip.white_choke != nullptr) clear_outside(strip.white_choke->keep, plane);
-  if (strip.colour_choke != nullptr) choke_colour_plane(*strip.colour_choke, plane);
-
-  const ChokeContext* choke = applied.context();
-  PreThresholdCapture& capture = *job.capture;
-  capture = {};
-  capture.width = job.dev_w;
-  capture.height = job.height();
-  capture.device_choke_used = choke != nullptr;
-  capture.algorithm = choke == nullptr ? "rip_pre_threshold_standard"
-                      : job.white      ? "rip_pre_threshold_device_domain_adaptive_white"
-                                       : "rip_pre_threshold_device_domain";
-  if (choke != nullptr) capture.choke = *choke;
-  capture.values.resize(plane.size());
-  std::transform(plane.begin(), plane.end(), capture.values.begin(),
-                 [](float ink) { return static_cast<std::uint8_t>(std::clamp(ink, 0.0f, kMaxInk) + 0.5f); });
-
-  for (std::size_t y = 0; y < height; ++y) {
-    strip.sampling.kernels->encode_row(plane.data() + y * width, width, buffers.base.data(),
-                                       buffers.threshold.data());
-    screen_codes(strip, {false, buffers.base.data(), buffers.threshold.data()}, mask_row(strip, y),
-                 out.data.data() + y * width);
-    log_progress(job, y);
-  }
 }
 
 void RipEngine::log_progress(const PlaneJob& job, std::size_t y) const {

@@ -6,8 +6,10 @@
 #include <vector>
 
 #include "config/job_settings.h"
+#include "core/plane_view.h"
 #include "plan/performance.h"
 #include "screen/choke/choke_context.h"
+#include "screen/choke/device_choke.h"
 #include "screen/column_taps.h"
 #include "screen/device_grid.h"
 #include "screen/drop_map.h"
@@ -80,13 +82,15 @@ class RipEngine {
     std::vector<RowBuffers> workers;  ///< one a row worker
   };
 
-  /// What thresholding saw, for diagnosis.
-  struct PreThresholdCapture {
-    std::uint32_t width = 0, height = 0;  ///< device dots
-    bool device_choke_used = false;       ///< choke masks were applied, to colour or to white
-    std::string algorithm;
-    ChokeContext choke;                ///< the context that was applied; empty if none was
-    std::vector<std::uint8_t> values;  ///< value before the threshold, clamped and rounded to a byte
+  /// One channel to be screened: of a strip or, where `src` has all rows, of a whole plane.
+  struct Request {
+    PlaneView src;                     ///< source rows `strip_src_y` and on of the plane
+    std::uint32_t strip_src_y = 0;     ///< `process` takes both as for a whole plane
+    std::uint32_t total_src_rows = 0;  ///< of the plane
+    std::int32_t channel = 0;
+    PlaneView coverage_plane;             ///< colour coverage on the grid of `src`; null for white
+    const ChokeContext* choke = nullptr;  ///< may be null
+    ProcessScratch* scratch = nullptr;    ///< may be null
   };
 
   /// Checks the parameters, mends the curves and loads or generates the masks. Throws `invalid_argument` for
@@ -104,50 +108,32 @@ class RipEngine {
   /// another thread screens.
   void ensure_column_taps(std::uint32_t src_w, std::uint32_t dev_w);
 
-  /// Screens a whole plane of `src_w` x `src_h` bytes on the calling thread. `coverage_plane` is the colour
-  /// coverage on the same grid, null for white; `capture`, `choke` and `scratch` may be null. Throws
-  /// `invalid_argument` for an empty plane or a channel out of range, `length_error` for a plane that no
-  /// `DropMap` holds.
-  DropMap process(const std::uint8_t* src, std::uint32_t src_w, std::uint32_t src_h, std::int32_t channel,
-                  const std::uint8_t* coverage_plane, PreThresholdCapture* capture, const ChokeContext* choke,
-                  ProcessScratch* scratch);
+  /// Screens a whole plane on the calling thread. Throws `invalid_argument` for an empty plane or a channel
+  /// out of range, `length_error` for a plane that no `DropMap` holds.
+  DropMap process(const Request& request);
 
-  /// Screens source rows `strip_src_y` .. `strip_src_y + strip_rows - 1` of a plane of `total_src_rows` rows
-  /// into the device rows that belong to them; adjacent strips meet without gap or overlap. Device rows are
-  /// divided among threads; the drops do not depend on their number. The memory of `out` is reused where it
-  /// is large enough. With a `window`, which goes without a capture, only these rows are screened, as they
-  /// would be without it. Throws as `process`, and for a strip outside the plane or a window outside the
-  /// strip; `out` is then as it was.
-  void process_strip(DropMap& out, const std::uint8_t* src, std::uint32_t src_w, std::uint32_t strip_rows,
-                     std::uint32_t strip_src_y, std::uint32_t total_src_rows, std::int32_t channel,
-                     const std::uint8_t* coverage_plane, PreThresholdCapture* capture,
-                     const ChokeContext* choke, ProcessScratch* scratch,
-                     const DeviceRowWindow* window = nullptr);
+  /// Screens the rows of a strip into the device rows that belong to them; adjacent strips meet without gap
+  /// or overlap. Device rows are divided among threads; the drops do not depend on their number. The memory
+  /// of `out` is reused where it is large enough. With a `window` only these rows are screened, as they would
+  /// be without it. Throws as `process`, and for a strip outside the plane or a window outside the strip;
+  /// `out` is then as it was.
+  void process_strip(DropMap& out, const Request& request, const DeviceRowWindow* window = nullptr);
 
   /// The same strip screened into packed rows, with no map of bytes between: row r of the window goes to row
   /// r of `out`. Throws as `process_strip`, and for rows of another width.
-  void pack_strip(const PackedRows& out, const std::uint8_t* src, std::uint32_t src_w,
-                  std::uint32_t strip_rows, std::uint32_t strip_src_y, std::uint32_t total_src_rows,
-                  std::int32_t channel, const std::uint8_t* coverage_plane, const ChokeContext* choke,
-                  ProcessScratch* scratch, const DeviceRowWindow& window);
+  void pack_strip(const PackedRows& out, const Request& request, const DeviceRowWindow& window);
 
-  /// The white choke of a strip, from planes of `src_w` x `strip_rows` bytes on the source grid: colour
-  /// coverage, explicit white (may be null), the composed white (null unless adaptive) and the light areas
-  /// (may be null). The memory of `spent` is used again.
-  ChokeContext prepare_device_white(const std::uint8_t* coverage, std::uint32_t src_w,
-                                    std::uint32_t strip_rows, std::uint32_t strip_src_y,
-                                    std::uint32_t total_src_rows, const std::uint8_t* exempt_mask,
-                                    const std::uint8_t* support_plane, const std::uint8_t* light_mask,
-                                    ChokeContext spent = {}) const;
+  /// The white choke of a strip by the engine's settings; a support plane is given where these are adaptive.
+  /// The memory of `spent` is used again.
+  ChokeContext prepare_device_white(const DeviceChokeInput& strip, ChokeContext spent = {}) const;
 
  private:
+  friend class PlainScreening;
   struct PlaneJob;
   class AppliedChoke;
 
-  PlaneJob strip_job(const std::uint8_t* src, std::uint32_t src_w, std::uint32_t strip_rows,
-                     std::uint32_t strip_src_y, std::uint32_t total_src_rows, std::int32_t channel,
-                     const std::uint8_t* coverage_plane, PreThresholdCapture* capture,
-                     const ChokeContext* choke, ProcessScratch* scratch, const DeviceRowWindow* window) const;
+  PlaneJob plane_job(const Request& request) const;
+  PlaneJob strip_job(const Request& request, const DeviceRowWindow* window) const;
   void place(PlaneJob& job) const;
   AppliedChoke begin(const PlaneJob& job);
   template <class Sink>
@@ -161,7 +147,6 @@ class RipEngine {
   StripScreening screening_of(const PlaneJob& job, const ChokeContext* choke, RowMap& rows) const;
   void map_rows(const PlaneJob& job, RowMap& rows) const;
   std::size_t row_workers(const PlaneJob& job) const;
-  void screen_captured(const PlaneJob& job, DropMap& out);
   void log_progress(const PlaneJob& job, std::size_t y) const;
 
   RipEngineParams params_;

@@ -47,12 +47,12 @@ void set_nearest_columns(StripSampling& sampling) {
   sampling.nearest_column.resize(sampling.dev_w);
   for (std::uint32_t x = 0; x < sampling.dev_w; ++x)
     sampling.nearest_column[x] =
-        static_cast<std::int32_t>(nearest_source_index(x, sampling.dev_w, sampling.src_w));
+        static_cast<std::int32_t>(nearest_source_index(x, sampling.dev_w, sampling.src_w()));
   sampling.nearest_spread = build_code_spread(sampling.nearest_column);
 }
 
 bool is_blank_row(const StripSampling& sampling, const std::uint8_t* row) {
-  return sampling.curve[0] == 0.0f && row[0] == 0 && std::memcmp(row, row + 1, sampling.src_w - 1) == 0;
+  return sampling.curve[0] == 0.0f && row[0] == 0 && std::memcmp(row, row + 1, sampling.src_w() - 1) == 0;
 }
 
 void size_code_buffers(const StripSampling& sampling, RowBuffers& buffers) {
@@ -66,12 +66,12 @@ void size_code_buffers(const StripSampling& sampling, RowBuffers& buffers) {
 RowSampler::RowSampler(const StripSampling& sampling, RowBuffers& buffers)
     : sampling_(sampling), kernels_(*sampling.kernels), buffers_(buffers) {
   if (sampling.area()) {
-    buffers.inks.resize(std::size_t{sampling.src_w} + sampling.taps->taps + kPixelPadding);
+    buffers.inks.resize(std::size_t{sampling.src_w()} + sampling.taps->taps + kPixelPadding);
     buffers.filtered.resize(sampling.dev_w);
     buffers.blended.resize(sampling.dev_w);
   } else {
-    buffers.source_base.resize(std::size_t{sampling.src_w} + kPixelPadding);
-    buffers.source_threshold.resize(std::size_t{sampling.src_w} + kPixelPadding);
+    buffers.source_base.resize(std::size_t{sampling.src_w()} + kPixelPadding);
+    buffers.source_threshold.resize(std::size_t{sampling.src_w()} + kPixelPadding);
   }
   size_code_buffers(sampling, buffers);
 }
@@ -97,7 +97,7 @@ void RowSampler::inks(std::size_t y, float* out) {
   const std::size_t width = sampling_.dev_w;
   const float* row = nullptr;
   if (!sampling_.area()) {
-    const std::uint8_t* source = sampling_.pixels + std::size_t{span.first} * sampling_.src_w;
+    const std::uint8_t* source = sampling_.source.row(span.first);
     for (std::size_t x = 0; x < width; ++x) out[x] = sampling_.curve[source[sampling_.nearest_column[x]]];
     return;
   }
@@ -117,9 +117,9 @@ void RowSampler::inks(std::size_t y, float* out) {
 /// A source row equal to the one before it gives the same values, so nothing is computed again: common in
 /// flat art.
 void RowSampler::load(std::uint32_t row) {
-  const std::uint8_t* pixels = sampling_.pixels + std::size_t{row} * sampling_.src_w;
+  const std::uint8_t* pixels = sampling_.source.row(row);
   const bool same =
-      pixels == loaded_ || (loaded_ != nullptr && std::memcmp(pixels, loaded_, sampling_.src_w) == 0);
+      pixels == loaded_ || (loaded_ != nullptr && std::memcmp(pixels, loaded_, sampling_.src_w()) == 0);
   loaded_ = pixels;
   if (same) return;
   encoded_ = false;
@@ -129,7 +129,7 @@ void RowSampler::load(std::uint32_t row) {
 
 void RowSampler::filter_loaded_row() {
   float* inks = buffers_.inks.data();
-  for (std::size_t x = 0; x < sampling_.src_w; ++x) inks[x] = sampling_.curve[loaded_[x]];
+  for (std::size_t x = 0; x < sampling_.src_w(); ++x) inks[x] = sampling_.curve[loaded_[x]];
   kernels_.filter_columns(inks, sampling_.taps->view(), buffers_.filtered.data());
 }
 
@@ -155,7 +155,7 @@ void RowSampler::encode_loaded_row() {
   if (sampling_.area()) {
     kernels_.encode_row(buffers_.filtered.data(), sampling_.dev_w, base, threshold);
   } else {
-    for (std::size_t x = 0; x < sampling_.src_w; ++x) {
+    for (std::size_t x = 0; x < sampling_.src_w(); ++x) {
       const DropCode code = sampling_.code_of_byte[loaded_[x]];
       buffers_.source_base[x] = code.base;
       buffers_.source_threshold[x] = code.threshold;
@@ -186,7 +186,8 @@ float filtered_ink(const StripSampling& sampling, const std::uint8_t* row, std::
   float sum = 0.0f;
   for (std::uint32_t k = 0; k < taps.taps; ++k) {
     // Behind the column's own taps the weight is 0, which changes no sum; the pixel only has to exist.
-    const std::uint32_t column = std::min(static_cast<std::uint32_t>(taps.start[x]) + k, sampling.src_w - 1);
+    const std::uint32_t column =
+        std::min(static_cast<std::uint32_t>(taps.start[x]) + k, sampling.src_w() - 1);
     sum += sampling.curve[row[column]] * taps.weights[std::size_t{k} * taps.dev_w + x];
   }
   return std::clamp(sum, 0.0f, kMaxMaskByte);
@@ -204,8 +205,8 @@ DropCode DotSampler::code(std::size_t x, std::size_t y) {
   const RowSpan& span = (*sampling_.rows)[y];
   if (span.count == 0) return {};
   if (!sampling_.area())
-    return sampling_.code_of_byte[sampling_.pixels[std::size_t{span.first} * sampling_.src_w +
-                                                   static_cast<std::size_t>(sampling_.nearest_column[x])]];
+    return sampling_
+        .code_of_byte[sampling_.source.at(static_cast<std::size_t>(sampling_.nearest_column[x]), span.first)];
   // Odd numbers are source rows, even ones device rows of several source rows.
   const std::uint64_t row = span.count == 1 ? 2 * std::uint64_t{span.first} + 1 : 2 * (std::uint64_t{y} + 1);
   DotMemo& memo = memo_[x];
@@ -214,11 +215,11 @@ DropCode DotSampler::code(std::size_t x, std::size_t y) {
 }
 
 DropCode DotSampler::area_code(const RowSpan& span, std::size_t x) const {
-  const std::uint8_t* row = sampling_.pixels + std::size_t{span.first} * sampling_.src_w;
-  if (span.count == 1) return drop_code(filtered_ink(sampling_, row, x));
+  const auto ink = [&](std::uint32_t row) { return filtered_ink(sampling_, sampling_.source.row(row), x); };
+  if (span.count == 1) return drop_code(ink(span.first));
   float sum = 0.0f;
-  for (std::uint32_t i = 0; i < span.count; ++i, row += sampling_.src_w)
-    sum += filtered_ink(sampling_, row, x) * area_weight(span.begin, span.end, span.first + i);
+  for (std::uint32_t row = span.first; row < span.first + span.count; ++row)
+    sum += ink(row) * area_weight(span.begin, span.end, row);
   return drop_code(sum);
 }
 

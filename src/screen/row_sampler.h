@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "core/plane_view.h"
 #include "screen/column_taps.h"
 #include "screen/kernels/drop_code.h"
 #include "screen/kernels/screening_kernels.h"
@@ -29,8 +30,8 @@ void nearest_row_spans(std::vector<RowSpan>& out, std::uint32_t first_row, std::
 /// What sampling one plane of a strip needs; shared by its row workers, read-only.
 struct StripSampling {
   const ScreeningKernels* kernels = nullptr;
-  const std::uint8_t* pixels = nullptr;  ///< source rows of `src_w` bytes
-  std::uint32_t src_w = 0, dev_w = 0;
+  PlaneView source;  ///< the strip's source rows
+  std::uint32_t dev_w = 0;
   const float* curve = nullptr;                   ///< 256 ink values, each 0..255
   std::array<DropCode, 256> code_of_byte{};       ///< of an unfiltered source byte
   std::array<CodeWord, 256> code_word_of_byte{};  ///< the same
@@ -39,6 +40,7 @@ struct StripSampling {
   std::vector<std::int32_t> nearest_column;       ///< nearest sampling
   CodeSpread nearest_spread;                      ///< the same, where it is usable
 
+  std::uint32_t src_w() const { return source.width(); }
   bool area() const { return taps != nullptr; }
 };
 

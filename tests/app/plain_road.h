@@ -11,7 +11,7 @@
 
 #include "compose/plain_item.h"
 #include "image/image_loader.h"
-#include "screen/device_choke.h"
+#include "screen/choke/device_choke.h"
 #include "screen/plain_rip_engine.h"
 
 namespace nvo::test {
@@ -142,12 +142,12 @@ class PlainRoad {
       light[i] = lightness(i) >= knobs_.lightness ? 255 : 0;
     }
     const bool protects = knobs_.adaptive && knobs_.protect_light;
-    return prepare_device_choke(
-        {coverage.data(), strip_.explicit_white.data(),
-         knobs_.adaptive ? strip_.planes[kChannelW].data() : nullptr, protects ? light.data() : nullptr,
-         strip_.width, strip_.height, 0, strip_.height},
-        {kDpi, knobs_.x_dpi, knobs_.y_dpi, knobs_.amount, knobs_.adaptive, knobs_.min_width, protects,
-         knobs_.lightness, 1});
+    const auto view = [&](const auto& plane) { return PlaneView(plane.data(), strip_.width, strip_.height); };
+    return prepare_device_choke({view(coverage), view(strip_.explicit_white),
+                                 knobs_.adaptive ? view(strip_.planes[kChannelW]) : PlaneView(),
+                                 protects ? view(light) : PlaneView(), 0, strip_.height},
+                                {kDpi, knobs_.x_dpi, knobs_.y_dpi, knobs_.amount, knobs_.adaptive,
+                                 knobs_.min_width, protects, knobs_.lightness, 1});
   }
 
   void screen() {

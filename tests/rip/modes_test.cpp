@@ -64,10 +64,17 @@ std::vector<DropMap> plain_drops(const Planes& planes, const Job& job, bool whol
     coverage[i] = test::plain_coverage(inks);
     light[i] = test::plain_light(inks, options.white_choke_adaptive_lightness_threshold);
   }
+  const auto view = [&](const std::vector<std::uint8_t>& plane) {
+    return PlaneView(plane.data(), planes.width, planes.height);
+  };
   ChokeContext choke;
   if (options.white_choke_enabled)
-    choke = engine.prepare_device_white(coverage.data(), planes.width, planes.height, 0, planes.height,
-                                        nullptr, planes.inks[kChannelW].data(), light.data());
+    choke = engine.prepare_device_white({.coverage = view(coverage),
+                                         .exempt_mask = {},
+                                         .support_plane = view(planes.inks[kChannelW]),
+                                         .light_mask = view(light),
+                                         .strip_src_y = 0,
+                                         .total_src_rows = planes.height});
 
   std::vector<DropMap> drops;
   for (std::uint32_t channel = 0; channel < kChannelCount; ++channel)

@@ -41,21 +41,22 @@ TEST(ChokeOffsets, AreTheOctileDiscFromNearToFar) {
 }
 
 TEST(CoveragePlanes, EqualThePlainDefinition) {
-  constexpr std::size_t kCount = 400'000;
+  constexpr std::uint32_t kCount = 400'000;
   std::mt19937 random(7);
   std::vector<std::uint8_t> planes[4], coverage(kCount), light(kCount);
   for (auto& plane : planes)
     for (std::size_t i = 0; i < kCount; ++i)
       plane.push_back(static_cast<std::uint8_t>(i < 256 ? i : random() >> (random() % 8)));
   std::fill_n(planes[3].begin(), 256, std::uint8_t{0});  // pure grays
-  const ColourPlanes inks{planes[0].data(), planes[1].data(), planes[2].data(), planes[3].data(), kCount};
+  const auto view = [&](std::size_t i) { return PlaneView(planes[i].data(), kCount, 1); };
+  const ColourPlanes inks{view(0), view(1), view(2), view(3)};
 
   // Thresholds of every pixel's own lightness put each decision on the edge.
   std::vector<float> thresholds = {0, 1, 7.9995f, 7.9996f, 8, 8.0001f, 50, 85, 99.9999f, 100};
   for (int i = 0; i < 256; i += 15) thresholds.push_back(printed_lightness(static_cast<float>(i) / 255.0f));
-  colour_coverage(inks, coverage.data());
+  colour_coverage(inks, 0, coverage.data());
   for (const float threshold : thresholds) {
-    LightProtection(threshold).protect(inks, light.data());
+    LightProtection(threshold).protect(inks, 0, light.data());
     for (std::size_t i = 0; i < kCount; ++i) {
       const std::uint8_t ink[4] = {planes[0][i], planes[1][i], planes[2][i], planes[3][i]};
       ASSERT_EQ(coverage[i], test::plain_coverage(ink));
@@ -80,12 +81,12 @@ struct PlainChoke {
   PlainChoke(const DeviceChokeInput& in, const DeviceChokeParams& params) {
     const DeviceScale scale(params.src_dpi, params.x_dpi, params.y_dpi);
     const std::uint32_t dev_h = device_extent(in.total_src_rows, scale.y);
-    const DeviceRows rows = device_rows_of_strip(in.strip_src_y, in.strip_rows, scale.y, dev_h);
-    width = device_extent(in.src_w, scale.x);
+    const DeviceRows rows = device_rows_of_strip(in.strip_src_y, in.coverage.height(), scale.y, dev_h);
+    width = device_extent(in.coverage.width(), scale.x);
     height = rows.end - rows.first;
     if (height == 0) return;
     radius_in = std::max(params.amount_px_at_300dpi, 0.0f) / 300.0f;
-    adaptive = params.adaptive && in.support_plane != nullptr;
+    adaptive = params.adaptive && !in.support_plane.null();
     min_width_dots = adaptive ? std::max(params.min_width_dots, 1u) : 0;
     protect_light = adaptive && params.protect_light;
     sample(in, rows.first, dev_h);
@@ -140,15 +141,15 @@ struct PlainChoke {
     source_index.assign(dots, kNoSource);
     for (std::uint32_t i = 0; i < dots; ++i) {
       const std::uint32_t row = std::clamp(nearest_source_index(first + i / width, dev_h, in.total_src_rows),
-                                           in.strip_src_y, in.strip_src_y + in.strip_rows - 1);
-      const std::size_t p =
-          std::size_t{row - in.strip_src_y} * in.src_w + nearest_source_index(i % width, width, in.src_w);
-      exempt[i] = in.exempt_mask != nullptr && in.exempt_mask[p] != 0;
-      colour_core[i] = grown[i] = in.coverage[p] >= 3;
-      if (adaptive) support[i] = exempt[i] || in.support_plane[p] != 0;
+                                           in.strip_src_y, in.strip_src_y + in.coverage.height() - 1);
+      const auto at = [&, x = nearest_source_index(i % width, width, in.coverage.width())](
+                          const PlaneView& plane) { return plane.at(x, row - in.strip_src_y); };
+      exempt[i] = !in.exempt_mask.null() && at(in.exempt_mask) != 0;
+      colour_core[i] = grown[i] = at(in.coverage) >= 3;
+      if (adaptive) support[i] = exempt[i] || at(in.support_plane) != 0;
       if (protect_light)
         light[i] =
-            in.light_mask != nullptr ? in.light_mask[p] != 0 : in.support_plane[p] != 0 && !colour_core[i];
+            !in.light_mask.null() ? at(in.light_mask) != 0 : at(in.support_plane) != 0 && !colour_core[i];
       if (colour_core[i] && !exempt[i]) source_index[i] = i;
     }
   }
@@ -234,7 +235,8 @@ struct Source {
   }
   /// All of it, with each of its planes.
   DeviceChokeInput input() const {
-    return {coverage.data(), exempt.data(), white.data(), light.data(), width, rows, 0, rows};
+    const auto view = [&](const Bytes& plane) { return PlaneView(plane.data(), width, rows); };
+    return {view(coverage), view(exempt), view(white), view(light), 0, rows};
   }
 };
 
@@ -282,9 +284,9 @@ TEST(DeviceChoke, EqualsTheReference) {
     const std::uint32_t variant = round % 48, total = 44, rows = variant % 3 == 0 ? total : 23;
     const Source art = make_art(29 + round * 7 % 40, rows, round);
     DeviceChokeInput input = art.input();
-    if (variant % 2 == 0) input.exempt_mask = nullptr;
-    if (variant % 4 == 3) input.support_plane = nullptr;
-    if (variant / 2 % 2 == 0) input.light_mask = nullptr;
+    if (variant % 2 == 0) input.exempt_mask = {};
+    if (variant % 4 == 3) input.support_plane = {};
+    if (variant / 2 % 2 == 0) input.light_mask = {};
     input.strip_src_y = variant % 3 * ((total - rows) / 2);  // top, middle or bottom of the plane
     input.total_src_rows = total;
     DeviceChokeParams params = kModes[round / 48];
@@ -317,7 +319,7 @@ TEST(DeviceChoke, HoldsAtOddSizesAndSettings) {
   for (auto [width, rows, params] : cases) {
     const Source art = make_art(width, rows, width);
     DeviceChokeInput input = art.input();
-    input.light_mask = nullptr;
+    input.light_mask = {};
     params.threads = 2;
     for (const bool adaptive : {false, true}) {
       params.adaptive = adaptive;
@@ -336,10 +338,11 @@ TEST(DeviceChoke, HasNothingToGrowWithoutRowsOutlineOrCoverage) {
     EXPECT_TRUE(PlainChoke(prepare_device_choke(input, usual)) == PlainChoke(input, usual));
   }
   input.total_src_rows = 40;
-  input.strip_rows = input.strip_src_y = 1;  // no device row belongs to this one of ten
+  input.strip_src_y = 1;  // no device row belongs to this one of ten
+  input.coverage = PlaneView(art.coverage.data(), 9, 1);
   const ChokeContext between = prepare_device_choke(input, {3000, 720, 300, 2.0f});
   EXPECT_TRUE(between.width > 0 && between.height == 0 && between.colour_core.empty());
-  input.coverage = nullptr;
+  input.coverage = {};
   EXPECT_EQ(prepare_device_choke(input, usual).width, 0u);
 }
 

@@ -15,6 +15,7 @@
 
 #include "screen/kernels/instruction_set.h"
 #include "screen/plain_rip_engine.h"
+#include "screen/plain_screening.h"
 #include "support/failure.h"
 #include "support/log_capture.h"
 #include "support/temp_dir.h"
@@ -113,10 +114,22 @@ RipEngineParams random_params(Random& random, const Resolution& dpi) {
   return params;
 }
 
+/// What the engine is asked for where the plain screen is asked for `part`; planes have rows without gaps.
+RipEngine::Request request_for(const PlainRipEngine::Strip& part, const std::uint8_t* coverage = nullptr,
+                               const ChokeContext* choke = nullptr,
+                               RipEngine::ProcessScratch* scratch = nullptr) {
+  return {.src = {part.src.data(), part.src_w, part.rows},
+          .strip_src_y = part.src_y,
+          .total_src_rows = part.total_rows,
+          .channel = part.channel,
+          .coverage_plane = {coverage, part.src_w, part.rows},
+          .choke = choke,
+          .scratch = scratch};
+}
+
 /// Rows packed from the bottom up, each twice, with guard bytes between them, hold the same dots.
-void expect_packed(RipEngine& engine, const std::vector<std::uint8_t>& strip,
-                   const PlainRipEngine::Strip& part, const std::uint8_t* coverage, const ChokeContext* choke,
-                   const DeviceRowWindow& window, const DropMap& expected) {
+void expect_packed(RipEngine& engine, const RipEngine::Request& request, const DeviceRowWindow& window,
+                   const DropMap& expected) {
   const std::size_t dots = packed_dots_bytes(expected.width), padding = expected.width % 3;
   const std::size_t packed = dots + padding, slot = packed + 3, cycle = 2 * slot;
   std::vector<std::uint8_t> bytes(cycle * window.rows, 0xA5), wanted = bytes;
@@ -131,8 +144,7 @@ void expect_packed(RipEngine& engine, const std::vector<std::uint8_t>& strip,
                        -static_cast<std::ptrdiff_t>(cycle),
                        {static_cast<std::ptrdiff_t>(slot)},
                        padding};
-  engine.pack_strip(out, strip.data(), part.src_w, part.rows, part.src_y, part.total_rows, part.channel,
-                    coverage, choke, nullptr, window);
+  engine.pack_strip(out, request, window);
   ASSERT_TRUE(bytes == wanted);
 }
 
@@ -166,21 +178,21 @@ TEST(RipEngine, EqualsThePlainScreenOnWholePlanesAndStrips) {
             context = random_choke(random, bare.width, bare.height);
             return with_choke ? plain.screen(part, choke) : bare;
           };
-          DropMap expected = screen({plane, width, rows, 0, rows, channel, true});
-          const DropMap whole =
-              engine.process(plane.data(), width, rows, channel, coverage, nullptr, choke, &scratch);
+          const PlainRipEngine::Strip all{plane, width, rows, 0, rows, channel, true};
+          DropMap expected = screen(all);
+          const DropMap whole = engine.process(request_for(all, coverage, choke, &scratch));
           ASSERT_TRUE(whole.width == expected.width && whole.data == expected.data);
 
           const PlainRipEngine::Strip part{strip, width, count, first, rows, channel, false};
           expected = screen(part);
-          engine.process_strip(strip_out, strip.data(), width, count, first, rows, channel, coverage, nullptr,
-                               choke, variant % 2 == 0 ? &scratch : nullptr);
+          engine.process_strip(strip_out,
+                               request_for(part, coverage, choke, variant % 2 == 0 ? &scratch : nullptr));
           ASSERT_TRUE(strip_out.height == expected.height && strip_out.data == expected.data);
           if (expected.height == 0) continue;
 
           const std::uint32_t top = random() % expected.height;
-          expect_packed(engine, strip, part, coverage, choke, {top, 1 + random() % (expected.height - top)},
-                        expected);
+          expect_packed(engine, request_for(part, coverage, choke),
+                        {top, 1 + random() % (expected.height - top)}, expected);
         }
       }
     }
@@ -203,8 +215,13 @@ TEST(RipEngine, ScratchOfAnotherStripChangesNoDot) {
     const std::uint32_t first = random() % 40, count = 1 + random() % (40 - first);
     DropMap kept, fresh;
     for (const auto& [out, memory] : {std::pair(&kept, &scratch), {&fresh, nullptr}})
-      engine.process_strip(*out, &plane[std::size_t{first} * 20], 20, count, first, 40,
-                           round / 9 % 2 == 0 ? 0 : 4, nullptr, nullptr, nullptr, memory);
+      engine.process_strip(*out, {.src = {&plane[std::size_t{first} * 20], 20, count},
+                                  .strip_src_y = first,
+                                  .total_src_rows = 40,
+                                  .channel = round / 9 % 2 == 0 ? 0 : 4,
+                                  .coverage_plane = {},
+                                  .choke = nullptr,
+                                  .scratch = memory});
     ASSERT_TRUE(kept.data == fresh.data) << round;
   }
 }
@@ -214,9 +231,11 @@ std::vector<std::uint8_t> screened(RipEngine& engine, const std::vector<std::uin
                                    std::uint32_t width, std::int32_t channel,
                                    const std::uint8_t* coverage = nullptr,
                                    const ChokeContext* choke = nullptr,
-                                   RipEngine::PreThresholdCapture* capture = nullptr) {
+                                   PreThresholdCapture* capture = nullptr) {
   const auto rows = static_cast<std::uint32_t>(plane.size() / width);
-  return engine.process(plane.data(), width, rows, channel, coverage, capture, choke, nullptr).data;
+  const auto request = request_for({plane, width, rows, 0, rows, channel, true}, coverage, choke);
+  return capture != nullptr ? PlainScreening(engine).process(request, *capture).data
+                            : engine.process(request).data;
 }
 
 /// Device rows between two equal source rows are sums of their own: they differ from their neighbours in the
@@ -276,7 +295,7 @@ TEST(RipEngine, ChokesOnlyWhereTheSettingsAskAsTheCaptureShows) {
                {true, 1.0f, production, WhiteChokeStrategy::baseline, SamplingMode::hard, false, false},
                {true, 0.0f, adaptive, WhiteChokeStrategy::production, SamplingMode::hard, false, false},
                {false, 1.0f, adaptive, WhiteChokeStrategy::production, SamplingMode::hard, false, false}};
-  RipEngine::PreThresholdCapture seen;
+  PreThresholdCapture seen;
   for (const auto& c : cases) {
     RipEngineParams params = choking_params(c.amount);
     params.white_choke_enabled = c.enabled;
@@ -329,14 +348,19 @@ TEST(RipEngine, ComputesAMissingColourChokeItself) {
   params.white_choke_adaptive_protect_light_enabled = false;
   RipEngine engine(params);
   const auto plane = random_plane(random, 40, 20);
-  const std::uint8_t* const ink = plane.data();
-  const ChokeContext choke = engine.prepare_device_white(ink, 40, 10, 5, 20, nullptr, nullptr, nullptr);
+  const std::vector<std::uint8_t> strip(plane.begin(), plane.begin() + 400);
+  const PlaneView ink(strip.data(), 40, 10), all_ink(plane.data(), 40, 20);
+  const ChokeContext choke = engine.prepare_device_white({ink, {}, {}, {}, 5, 20});
   DropMap given, computed;
-  engine.process_strip(given, ink, 40, 10, 5, 20, 0, ink, nullptr, &choke, nullptr);
-  engine.process_strip(computed, ink, 40, 10, 5, 20, 0, ink, nullptr, nullptr, nullptr);
+  const PlainRipEngine::Strip part{strip, 40, 10, 5, 20, 0, false};
+  engine.process_strip(given, request_for(part, strip.data(), &choke));
+  engine.process_strip(computed, request_for(part, strip.data()));
   EXPECT_EQ(choke.height, 60u);
   EXPECT_TRUE(given.data == computed.data);
-  const ChokeContext white = engine.prepare_device_white(ink, 40, 20, 0, 20, nullptr, ink, nullptr);
+  PreThresholdCapture seen;
+  PlainScreening(engine).process_strip(computed, request_for(part, strip.data(), &choke), seen);
+  EXPECT_TRUE(given.data == computed.data && seen.height == 60);
+  const ChokeContext white = engine.prepare_device_white({all_ink, {}, all_ink, {}, 0, 20});
   EXPECT_TRUE(white.adaptive && white.min_width_dots == 7 && !white.protect_light);
 }
 
@@ -365,9 +389,9 @@ TEST(RipEngine, LogsItsCallsAndChokes) {
     const std::string channel = " ch=" + std::to_string(c.channel), start = "[INFO ] RipEngine" + channel;
     DropMap out;
     log.take();
-    c.engine.process(plane.data(), 10, 10, c.channel, plane.data(), nullptr, &choke, nullptr);
-    c.engine.process_strip(out, plane.data(), 10, 10, 0, 10, c.channel, plane.data(), nullptr, &choke,
-                           nullptr);
+    const auto request = request_for({plane, 10, 10, 0, 10, c.channel, true}, plane.data(), &choke);
+    c.engine.process(request);
+    c.engine.process_strip(out, request);
     EXPECT_THAT(log.take(), ElementsAre(start + " src=10x10 dev=24x60", start + c.of_plane, start + " done.",
                                         "[DEBUG] RipEngine strip" + channel + c.of_strip));
   }
@@ -409,14 +433,19 @@ TEST(RipEngine, RejectsWhatItCannotScreen) {
     return failure_of([&] { const RipEngine built(params); });
   };
   const auto plane = [&](const std::uint8_t* src, std::uint32_t w, std::uint32_t h, std::int32_t channel) {
-    return failure_of([&] { engine.process(src, w, h, channel, nullptr, nullptr, nullptr, nullptr); });
+    RipEngine::Request request;
+    request.src = {src, w, h};
+    request.channel = channel;
+    return failure_of([&] { engine.process(request); });
   };
   const auto strip = [&](std::uint32_t w, std::uint32_t rows, std::uint32_t y, std::uint32_t total,
                          std::int32_t channel = 0, const DeviceRowWindow& window = {}) {
-    return failure_of([&] {
-      engine.process_strip(out, pixels, w, rows, y, total, channel, nullptr, nullptr, nullptr, nullptr,
-                           window.rows != 0 ? &window : nullptr);
-    });
+    RipEngine::Request request;
+    request.src = {pixels, w, rows};
+    request.strip_src_y = y;
+    request.total_src_rows = total;
+    request.channel = channel;
+    return failure_of([&] { engine.process_strip(out, request, window.rows != 0 ? &window : nullptr); });
   };
   const std::string dpi = "RipEngine: src_dpi/x_dpi/y_dpi must be > 0", in_plane = "RipEngine::process: ",
                     in_strip = "RipEngine::process_strip: ", cap = "DropMap: allocation exceeds 2 GiB cap";

@@ -87,7 +87,7 @@ class StripSampler {
 
   /// Groups `begin` up to `end` of equal device rows; those of different calls are independent.
   void sample_groups(std::size_t begin, std::size_t end) {
-    ColumnSampler columns(input_.src_w, context_.width);
+    ColumnSampler columns(input_.coverage.width(), context_.width);
     for (std::size_t group = begin; group < end; ++group) sample_row(columns, row_map_.first_rows[group]);
   }
 
@@ -95,10 +95,10 @@ class StripSampler {
 
  private:
   void sample_row(ColumnSampler& columns, std::size_t y) {
-    const std::size_t at = std::size_t{row_map_.source[y]} * input_.src_w;
+    const std::size_t source = row_map_.source[y];
     const std::size_t words = context_.colour_core.words_per_row;
-    const auto sample = [&](const std::uint8_t* plane, std::uint8_t least, BitPlane& out) {
-      return plane != nullptr && columns.sample(plane + at, least, out.row(y), words);
+    const auto sample = [&](const PlaneView& plane, std::uint8_t least, BitPlane& out) {
+      return !plane.null() && columns.sample(plane.row(source), least, out.row(y), words);
     };
     sample(input_.coverage, kLeastColour, context_.colour_core);
     const bool exempt = sample(input_.exempt_mask, 1, context_.exempt);
@@ -112,7 +112,7 @@ class StripSampler {
       Word* light = context_.light.row(y);
       // Without light areas, white that no colour covers counts as light.
       const Word* core = context_.colour_core.row(y);
-      if (input_.light_mask == nullptr)
+      if (input_.light_mask.null())
         for (std::size_t i = 0; i < words; ++i) light[i] = support[i] & ~core[i];
     }
     if (exempt) std::transform(support, support + words, context_.exempt.row(y), support, std::bit_or<>());
@@ -127,7 +127,7 @@ class StripSampler {
 }  // namespace
 
 ChokeRowMap::ChokeRowMap(const DeviceChokeInput& input, std::uint32_t dev_h, DeviceRows rows) {
-  const std::uint64_t first = input.strip_src_y, last = first + input.strip_rows - 1;
+  const std::uint64_t first = input.strip_src_y, last = first + input.coverage.height() - 1;
   std::vector<std::uint32_t> groups;
   for (std::uint32_t y = 0; y < rows.end - rows.first; ++y) {
     const std::uint64_t row = nearest_source_index(rows.first + y, dev_h, input.total_src_rows);
@@ -149,7 +149,7 @@ void sample_choke_masks(const DeviceChokeInput& input, const ChokeRowMap& row_ma
       plane.reshape(0, 0);
   };
   size_plane(context.colour_core, true);
-  size_plane(context.exempt, input.exempt_mask != nullptr);
+  size_plane(context.exempt, !input.exempt_mask.null());
   size_plane(context.support, context.adaptive);
   size_plane(context.light, context.adaptive && context.protect_light);
   StripSampler sampler(input, row_map, context);

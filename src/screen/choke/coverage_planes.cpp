@@ -20,8 +20,9 @@ float from_order(std::uint32_t order) {
 
 }  // namespace
 
-void colour_coverage(const ColourPlanes& planes, std::uint8_t* out) {
-  active_instruction_set().coverage.largest(planes.c, planes.m, planes.y, planes.k, planes.count, out);
+void colour_coverage(const ColourPlanes& planes, std::size_t y, std::uint8_t* out) {
+  active_instruction_set().coverage.largest(planes.c.row(y), planes.m.row(y), planes.y.row(y),
+                                            planes.k.row(y), planes.c.width(), out);
 }
 
 float printed_lightness(float luminance) {
@@ -59,15 +60,16 @@ LightProtection::LightProtection(float threshold)
     by_luminance_ = passes(order) == (order >= low);
 }
 
-void LightProtection::protect(const ColourPlanes& planes, std::uint8_t* out) const {
+void LightProtection::protect(const ColourPlanes& planes, std::size_t y, std::uint8_t* out) const {
+  const std::uint8_t *cyan = planes.c.row(y), *magenta = planes.m.row(y), *yellow = planes.y.row(y),
+                     *black = planes.k.row(y);
+  const std::size_t count = planes.c.width();
   if (by_luminance_) {
-    active_instruction_set().coverage.at_least(planes.c, planes.m, planes.y, planes.k, planes.count,
-                                               least_luminance_, out);
+    active_instruction_set().coverage.at_least(cyan, magenta, yellow, black, count, least_luminance_, out);
     return;
   }
-  for (std::size_t i = 0; i < planes.count; ++i) {
-    const float luminance =
-        coverage_steps::printed_luminance(planes.c[i], planes.m[i], planes.y[i], planes.k[i]);
+  for (std::size_t i = 0; i < count; ++i) {
+    const float luminance = coverage_steps::printed_luminance(cyan[i], magenta[i], yellow[i], black[i]);
     out[i] = printed_lightness(luminance) >= threshold_ ? 255 : 0;
   }
 }

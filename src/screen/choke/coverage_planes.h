@@ -3,24 +3,17 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "core/plane_view.h"
+
 namespace nvo {
 
-/// The four colour planes of a strip, `count` bytes each: 0 no ink, 255 full.
+/// The four colour planes of a strip, all of one size: 0 no ink, 255 full.
 struct ColourPlanes {
-  const std::uint8_t* c = nullptr;
-  const std::uint8_t* m = nullptr;
-  const std::uint8_t* y = nullptr;
-  const std::uint8_t* k = nullptr;
-  std::size_t count = 0;
-
-  /// Pixels `begin` .. `begin + pixels - 1`.
-  ColourPlanes part(std::size_t begin, std::size_t pixels) const {
-    return {c + begin, m + begin, y + begin, k + begin, pixels};
-  }
+  PlaneView c, m, y, k;
 };
 
-/// Largest of the four inks of each pixel.
-void colour_coverage(const ColourPlanes& planes, std::uint8_t* out);
+/// Largest of the four inks of each pixel of row `y`.
+void colour_coverage(const ColourPlanes& planes, std::size_t y, std::uint8_t* out);
 
 /// CIE lightness L* (0..100) of printed colour of relative luminance `luminance` (0..1), in f32.
 float printed_lightness(float luminance);
@@ -30,7 +23,8 @@ class LightProtection {
  public:
   /// `threshold` is a lightness, 0..100.
   explicit LightProtection(float threshold);
-  void protect(const ColourPlanes& planes, std::uint8_t* out) const;
+  /// The pixels of row `y`.
+  void protect(const ColourPlanes& planes, std::size_t y, std::uint8_t* out) const;
 
  private:
   float threshold_;

@@ -122,17 +122,18 @@ class StripChoke {
 
 ChokeContext prepare_device_choke(const DeviceChokeInput& input, const DeviceChokeParams& params,
                                   ChokeContext spent) {
-  if (input.coverage == nullptr || input.src_w == 0 || input.strip_rows == 0 || input.total_src_rows == 0)
+  const PlaneView& coverage = input.coverage;
+  if (coverage.null() || coverage.width() == 0 || coverage.height() == 0 || input.total_src_rows == 0)
     return {};
   const DeviceScale scale(params.src_dpi, params.x_dpi, params.y_dpi);
   const std::uint32_t dev_h = device_extent(input.total_src_rows, scale.y);
-  const DeviceRows rows = device_rows_of_strip(input.strip_src_y, input.strip_rows, scale.y, dev_h);
+  const DeviceRows rows = device_rows_of_strip(input.strip_src_y, coverage.height(), scale.y, dev_h);
   ChokeContext context = rows.end > rows.first ? with_memory_of(std::move(spent)) : ChokeContext();
-  context.width = device_extent(input.src_w, scale.x);
+  context.width = device_extent(coverage.width(), scale.x);
   context.height = rows.end - rows.first;
   if (context.height == 0) return context;
 
-  describe(params, params.adaptive && input.support_plane != nullptr, context);
+  describe(params, params.adaptive && !input.support_plane.null(), context);
   const ChokeRowMap row_map(input, dev_h, rows);
   sample_choke_masks(input, row_map, params.threads, context);
   if (context.radius_in > 0.0f) {

@@ -2,18 +2,19 @@
 
 #include <cstdint>
 
+#include "core/plane_view.h"
 #include "screen/choke/choke_context.h"
 
 namespace nvo {
 
-/// What the device-domain choke is computed from. Planes are on the source grid, `src_w` x `strip_rows`
-/// bytes; the strip is rows `strip_src_y` .. of a plane of `total_src_rows` rows.
+/// What the device-domain choke of a strip is computed from: planes of one size on the source grid, which are
+/// rows `strip_src_y` and on of planes of `total_src_rows` rows.
 struct DeviceChokeInput {
-  const std::uint8_t* coverage = nullptr;       ///< largest colour ink; 3 and more counts as colour
-  const std::uint8_t* exempt_mask = nullptr;    ///< explicit white, may be null
-  const std::uint8_t* support_plane = nullptr;  ///< composed white, null unless adaptive
-  const std::uint8_t* light_mask = nullptr;     ///< light areas, may be null
-  std::uint32_t src_w = 0, strip_rows = 0, strip_src_y = 0, total_src_rows = 0;
+  PlaneView coverage;       ///< largest colour ink; 3 and more counts as colour
+  PlaneView exempt_mask;    ///< explicit white, may be null
+  PlaneView support_plane;  ///< composed white, null unless adaptive
+  PlaneView light_mask;     ///< light areas, may be null
+  std::uint32_t strip_src_y = 0, total_src_rows = 0;
 };
 
 struct DeviceChokeParams {
