@@ -13,7 +13,6 @@ namespace {
 
 constexpr double kMaxPixels = static_cast<double>(kMaxU32);
 constexpr double kInchNoise = 0.0001;            // source pixels
-constexpr float kChokeReferenceDpi = 300.0f;     // choke amounts are pixels at this resolution
 constexpr float kContentFitTolerance = 0.0001f;  // inches
 
 [[noreturn]] void fail(const std::string& text) {
@@ -61,28 +60,6 @@ float content_left_edge(float content, const RipJobOptions& options) {
   return left;
 }
 
-std::uint32_t checked_halo(double rows, const char* what) {
-  if (!std::isfinite(rows) || rows > kMaxPixels) fail(std::string(what) + " halo exceeds uint32 limit");
-  return static_cast<std::uint32_t>(rows);
-}
-
-std::uint32_t resampling_halo(const HaloNeeds& needs) {
-  if (needs.y_dpi % needs.src_dpi == 0) return 0;
-  if (needs.both_hard) return 1;
-  const double scale = static_cast<double>(needs.src_dpi) / static_cast<double>(needs.y_dpi);
-  return checked_halo(std::max(std::ceil(scale) + 2.0, 1.0), "resampling");
-}
-
-std::uint32_t choke_halo(const HaloNeeds& needs) {
-  if (!needs.device_choke || !(needs.choke_amount_px_at_300dpi > 0.0f)) return 0;
-  const double amount = static_cast<double>(needs.choke_amount_px_at_300dpi);
-  const double y_dpi = static_cast<double>(needs.y_dpi);
-  const double min_width = static_cast<double>(std::max(needs.min_width_dots, 1));
-  const double radius_rows = std::ceil(amount / static_cast<double>(kChokeReferenceDpi) * y_dpi + 1.0);
-  const double rows = std::ceil((radius_rows + min_width + 4.0) * static_cast<double>(needs.src_dpi) / y_dpi);
-  return checked_halo(std::max(rows + 1.0, 1.0), "adaptive choke");
-}
-
 }  // namespace
 
 float normalize_resolution(float file_dpi, float reference_dpi) {
@@ -108,16 +85,6 @@ PlacedSize place_items(SheetLayout& layout, const RipJobOptions& options) {
   layout.height_in =
       std::max(placed.height_in + std::max(options.sheet_margin_bottom_in, 0.0f), shift_y + layout.height_in);
   return placed;
-}
-
-float choke_canvas_pad_in(const RipJobOptions& options) {
-  const float amount = options.white_choke_amount_px_at_300dpi;
-  if (!options.white_choke_enabled || !(amount > 0.0f) || options.src_dpi == 0) return 0.0f;
-  const float src_dpi = static_cast<float>(options.src_dpi);
-  const float radius = src_dpi / kChokeReferenceDpi * amount;
-  if (!(radius > 0.0f)) return 0.0f;
-  const float pad_px = std::max(std::ceil(radius - static_cast<float>(kInchNoise)), 1.0f);
-  return pad_px / src_dpi;
 }
 
 void pad_canvas(SheetLayout& layout, float pad_in) {
@@ -187,9 +154,13 @@ std::uint32_t strip_count(std::uint32_t src_h, std::uint32_t strip_h_px) {
   return static_cast<std::uint32_t>(count);
 }
 
-std::uint32_t halo_rows(const HaloNeeds& needs) {
-  if (needs.src_dpi == 0 || needs.y_dpi == 0) return 0;
-  return std::max(resampling_halo(needs), choke_halo(needs));
+std::uint32_t resampling_halo_rows(std::uint32_t src_dpi, std::uint32_t y_dpi, bool both_hard) {
+  if (src_dpi == 0 || y_dpi == 0 || y_dpi % src_dpi == 0) return 0;
+  if (both_hard) return 1;
+  const double scale = static_cast<double>(src_dpi) / static_cast<double>(y_dpi);
+  const double rows = std::max(std::ceil(scale) + 2.0, 1.0);
+  if (!std::isfinite(rows) || rows > kMaxPixels) fail("resampling halo exceeds uint32 limit");
+  return static_cast<std::uint32_t>(rows);
 }
 
 }  // namespace nvo

@@ -25,9 +25,6 @@ struct PlacedSize {
 /// configured width they stay. May raise the layout's height.
 PlacedSize place_items(SheetLayout& layout, const RipJobOptions& options);
 
-/// Inches by which the canvas grows on each side for the white choke; 0 without one.
-float choke_canvas_pad_in(const RipJobOptions& options);
-
 /// Shifts the items by the pad and makes the sheet taller by it on both ends.
 void pad_canvas(SheetLayout& layout, float pad_in);
 
@@ -53,16 +50,8 @@ std::uint32_t device_row(std::uint32_t source_row, std::uint32_t source_rows, st
 /// Number of strips of `strip_h_px` rows in a sheet of `src_h` rows.
 std::uint32_t strip_count(std::uint32_t src_h, std::uint32_t strip_h_px);
 
-/// What the halo of a strip depends on.
-struct HaloNeeds {
-  std::uint32_t src_dpi = 0, y_dpi = 0;
-  bool both_hard = false;     ///< colour and white are both sampled hard
-  bool device_choke = false;  ///< the device-domain choke is active
-  float choke_amount_px_at_300dpi = 0.0f;
-  std::int32_t min_width_dots = 1;
-};
-
-/// Source rows that a strip needs above and below its own.
-std::uint32_t halo_rows(const HaloNeeds& needs);
+/// Source rows that resampling the rows of a strip touches above and below them. `both_hard` says that colour
+/// and white are both sampled hard.
+std::uint32_t resampling_halo_rows(std::uint32_t src_dpi, std::uint32_t y_dpi, bool both_hard);
 
 }  // namespace nvo

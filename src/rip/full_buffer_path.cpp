@@ -67,20 +67,18 @@ struct WaitForAll {
   }
 };
 
-std::vector<DropMap> rip_sheet(SheetRun& run, const SheetPlanes& sheet, const ChokePlanes& choke_planes,
-                               const ChokeContext& context) {
-  const auto view = [&](const Plane& plane) { return PlaneView(plane.data(), run.src_w, run.src_h); };
-  const PlaneView coverage = choke_planes.coverage.empty() ? PlaneView() : view(choke_planes.coverage);
+std::vector<DropMap> rip_sheet(SheetRun& run, const ComposedStrip& sheet) {
   std::vector<DropMap> dropmaps(kChannelCount);
   const auto rip_channel = [&](std::uint32_t channel, std::size_t scratch) {
     const ScopedTimer timer(run.profile.rip_ch[channel]);
-    dropmaps[channel] = run.engine.process({.src = view(sheet.planes[channel]),
-                                            .strip_src_y = 0,
-                                            .total_src_rows = run.src_h,
-                                            .channel = static_cast<std::int32_t>(channel),
-                                            .coverage_plane = channel < kChannelW ? coverage : PlaneView(),
-                                            .choke = coverage.null() ? nullptr : &context,
-                                            .scratch = &run.scratch[scratch]});
+    dropmaps[channel] =
+        run.engine.process({.src = sheet.inks[channel],
+                            .strip_src_y = 0,
+                            .total_src_rows = run.src_h,
+                            .channel = static_cast<std::int32_t>(channel),
+                            .coverage_plane = channel < kChannelW ? run.choke.coverage() : PlaneView(),
+                            .choke = run.choke.context(),
+                            .scratch = &run.scratch[scratch]});
   };
 
   if (run.pool) {
@@ -115,27 +113,13 @@ bool has_drops(const DropMap& map) {
 
 void run_full_buffer(SheetRun& run) {
   if (run.announce) run.announce();
-  const SheetPlanes sheet = compose_sheet(run);
-  ChokePlanes choke_planes;
-  {
-    const ScopedTimer timer(run.profile.occupancy);
-    make_choke_planes(run, sheet.planes, run.src_h, choke_planes);
-  }
-  ChokeContext context;
-  if (!choke_planes.coverage.empty()) {
-    const ScopedTimer timer(run.profile.choke_context);
-    const auto view = [&](const Plane& plane) {
-      return plane.empty() ? PlaneView() : PlaneView(plane.data(), run.src_w, run.src_h);
-    };
-    context = run.engine.prepare_device_white(
-        {.coverage = view(choke_planes.coverage),
-         .exempt_mask = view(sheet.explicit_white),
-         .support_plane = run.choke.adaptive ? view(sheet.planes[kChannelW]) : PlaneView(),
-         .light_mask = view(choke_planes.light),
-         .strip_src_y = 0,
-         .total_src_rows = run.src_h});
-  }
-  const std::vector<DropMap> dropmaps = rip_sheet(run, sheet, choke_planes, context);
+  const SheetPlanes planes = compose_sheet(run);
+  const ComposedStrip sheet = view_strip(run, planes.planes, planes.explicit_white, 0, run.src_h);
+  ChokeTimes times;
+  run.choke.prepare(run.engine, sheet, times);
+  run.profile.occupancy += times.planes;
+  run.profile.choke_context += times.context;
+  const std::vector<DropMap> dropmaps = rip_sheet(run, sheet);
   for (const DropMap& map : dropmaps) run.profile.device_channel_pixels += map.data.size();
 
   run.require_printed(std::ranges::any_of(dropmaps, has_drops));

@@ -3,7 +3,6 @@
 #include <array>
 #include <cstdint>
 #include <functional>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -13,21 +12,10 @@
 #include "plan/thread_pool.h"
 #include "rip/run_profile.h"
 #include "rip/stream_rip.h"
-#include "screen/choke/coverage_planes.h"
+#include "screen/choke/sheet_choke.h"
 #include "screen/rip_engine.h"
 
 namespace nvo {
-
-/// The white choke as a run uses it, derived once from the options.
-struct ChokePlan {
-  bool device_choke = false;  ///< the device-domain choke is active
-  bool adaptive = false;
-  std::int32_t min_width_dots = 1;
-  bool protect_light = false;
-  float lightness_threshold = 85.0f;
-  float runtime_radius_px = 0.0f;  ///< source pixels
-  std::optional<LightProtection> light;
-};
 
 /// Everything that the two paths of a run share, owned by `StreamRip::run` for its span.
 struct SheetRun {
@@ -35,7 +23,7 @@ struct SheetRun {
   const RipJobOptions& options;
   const std::string& output_path;
   PrintMode mode;
-  ChokePlan choke;
+  SheetChoke& choke;
   std::uint32_t src_w = 0, src_h = 0;  ///< source pixels
   std::uint32_t dev_w = 0, dev_h = 0;  ///< device dots
   std::uint32_t strips = 0;
@@ -55,18 +43,11 @@ struct SheetRun {
 };
 
 /// Source rows that a strip of a streaming run needs above and below its own.
-std::uint32_t streaming_halo(const RipJobOptions& options, const PrintMode& mode, const ChokePlan& choke);
+std::uint32_t streaming_halo(const RipJobOptions& options, const PrintMode& mode, const SheetChoke& choke);
 
-/// Composed planes of a band of the sheet and what the white choke derives from them.
-struct ChokePlanes {
-  Plane coverage;  ///< empty unless the device-domain choke is active
-  Plane light;     ///< empty unless light areas are protected
-};
-
-/// Fills `result`, whose memory is used again, for `rows` rows of the run's width, on the threads of `run`;
-/// both planes are zero where the composed planes are too few or too short.
-void make_choke_planes(const SheetRun& run, const std::vector<Plane>& planes, std::uint32_t rows,
-                       ChokePlanes& result);
+/// Views of the planes of rows `src_y` and on of the run's sheet; null for those that are too short.
+ComposedStrip view_strip(const SheetRun& run, const std::vector<Plane>& planes, const Plane& explicit_white,
+                         std::uint32_t src_y, std::uint32_t rows);
 
 /// Strip by strip from the bottom of the sheet to its top.
 void run_streaming(SheetRun& run);

@@ -31,10 +31,6 @@ namespace nvo {
 namespace {
 
 constexpr const char* kStrategyOverride = "NVO_WHITE_CHOKE_STRATEGY_DEBUG_OVERRIDE";
-constexpr std::int32_t kMinWidthLow = 1, kMinWidthHigh = 16;
-constexpr float kLightnessHigh = 100.0f;
-constexpr float kChokeReferenceDpi = 300.0f;
-constexpr std::size_t kLeastRowsOfPart = 16;  ///< source rows that a thread takes at a time
 
 const char* name_of(bool value) {
   return value ? "true" : "false";
@@ -50,27 +46,6 @@ PrintMode checked_print_mode(const RipJobOptions& options) {
     throw std::invalid_argument("StreamRip: src_dpi/x_dpi/y_dpi must be > 0");
   if (options.strip_h_px == 0) throw std::invalid_argument("StreamRip: strip_h_px must be > 0");
   return mode;
-}
-
-ChokePlan plan_choke(const RipJobOptions& options) {
-  const bool by_algorithm = options.white_choke_algorithm == WhiteChokeSetting::adaptive;
-  const bool wanted = options.white_choke_enabled && options.white_choke_amount_px_at_300dpi > 0.0f;
-  ChokePlan plan;
-  plan.device_choke = wanted;
-  plan.adaptive = by_algorithm || options.adaptive_white_choke;
-  plan.min_width_dots = std::clamp(by_algorithm ? options.white_choke_adaptive_min_width_dots
-                                                : options.adaptive_white_choke_min_width_dots,
-                                   kMinWidthLow, kMinWidthHigh);
-  plan.protect_light = plan.adaptive && (by_algorithm ? options.white_choke_adaptive_protect_light_enabled
-                                                      : options.adaptive_white_choke_protect_light);
-  plan.lightness_threshold = std::clamp(by_algorithm ? options.white_choke_adaptive_lightness_threshold
-                                                     : options.adaptive_white_choke_lightness_threshold,
-                                        0.0f, kLightnessHigh);
-  if (plan.protect_light) plan.light.emplace(plan.lightness_threshold);
-  if (wanted)
-    plan.runtime_radius_px =
-        static_cast<float>(options.src_dpi) / kChokeReferenceDpi * options.white_choke_amount_px_at_300dpi;
-  return plan;
 }
 
 void log_plan(const RipJobOptions& options, const ChokePlan& choke) {
@@ -160,7 +135,7 @@ void require_exact_grid(const RipJobOptions& options, const PrintMode& mode, con
 }
 
 /// Refuses what could not be held, before anything is read or allocated for it.
-void require_strips_fit(const RipJobOptions& options, const PrintMode& mode, const ChokePlan& choke,
+void require_strips_fit(const RipJobOptions& options, const PrintMode& mode, const SheetChoke& choke,
                         const SheetGrid& grid) {
   const std::uint64_t rows = options.strip_h_px + 2 * std::uint64_t{streaming_halo(options, mode, choke)};
   StripNeeds needs;
@@ -168,7 +143,7 @@ void require_strips_fit(const RipJobOptions& options, const PrintMode& mode, con
   needs.dev_w = grid.dev_w;
   needs.dev_rows = device_row(static_cast<std::uint32_t>(std::min<std::uint64_t>(rows, grid.src_h)),
                               grid.src_h, options.src_dpi, mode.y_dpi);
-  needs.device_choke = choke.device_choke;
+  needs.device_choke = choke.plan().device_choke;
   require_strip_fits(needs);
 }
 
@@ -237,40 +212,28 @@ void SheetRun::require_printed(bool any_drop) const {
   review_print(compositor.item_reports(), any_drop, options.src_dpi);
 }
 
-std::uint32_t streaming_halo(const RipJobOptions& options, const PrintMode& mode, const ChokePlan& choke) {
-  return halo_rows({options.src_dpi, mode.y_dpi,
-                    options.color_resampling_mode == ResamplingMode::hard &&
-                        options.white_resampling_mode == ResamplingMode::hard,
-                    choke.device_choke, options.white_choke_amount_px_at_300dpi, choke.min_width_dots});
+std::uint32_t streaming_halo(const RipJobOptions& options, const PrintMode& mode, const SheetChoke& choke) {
+  const bool both_hard = options.color_resampling_mode == ResamplingMode::hard &&
+                         options.white_resampling_mode == ResamplingMode::hard;
+  return std::max(resampling_halo_rows(options.src_dpi, mode.y_dpi, both_hard), choke.halo_rows());
 }
 
-void make_choke_planes(const SheetRun& run, const std::vector<Plane>& planes, std::uint32_t rows,
-                       ChokePlanes& result) {
-  const std::size_t pixels = std::size_t{run.src_w} * rows;
-  resize_large(result.coverage, run.choke.device_choke ? pixels : 0);
-  resize_large(result.light, run.choke.device_choke && run.choke.light ? pixels : 0);
-  if (!run.choke.device_choke) return;
-  const auto is_short = [&](std::size_t channel) { return planes[channel].size() < pixels; };
-  if (planes.size() < 4 || is_short(0) || is_short(1) || is_short(2) || is_short(3)) {
-    std::ranges::fill(result.coverage, std::uint8_t{0});
-    std::ranges::fill(result.light, std::uint8_t{0});
-    return;
-  }
-
-  const auto view = [&](std::size_t channel) { return PlaneView(planes[channel].data(), run.src_w, rows); };
-  const ColourPlanes inks{view(0), view(1), view(2), view(3)};
-  const RipEngineParams& params = run.engine.params();
-  const std::uint32_t threads =
-      row_threads(rows, run.src_w, hardware_threads(), params.performance_env, params.performance);
-  const std::vector<WorkRange> parts = guided_ranges(rows, threads, kLeastRowsOfPart);
-  parallel_tasks(parts.size(), threads, [&](std::size_t part, std::size_t) {
-    for (std::size_t y = parts[part].begin; y < parts[part].end;
-         ++y) {  // both planes while the row is in cache
-      const std::size_t first = y * run.src_w;
-      colour_coverage(inks, y, result.coverage.data() + first);
-      if (run.choke.light) run.choke.light->protect(inks, y, result.light.data() + first);
-    }
-  });
+ComposedStrip view_strip(const SheetRun& run, const std::vector<Plane>& planes, const Plane& explicit_white,
+                         std::uint32_t src_y, std::uint32_t rows) {
+  const auto view = [&](const Plane& plane) {
+    const bool whole = plane.size() >= std::size_t{run.src_w} * rows;
+    return whole ? PlaneView(plane.data(), run.src_w, rows) : PlaneView();
+  };
+  ComposedStrip strip{.width = run.src_w,
+                      .rows = rows,
+                      .src_y = src_y,
+                      .total_src_rows = run.src_h,
+                      .inks = {},
+                      .explicit_white = {}};
+  for (std::size_t channel = 0; channel < std::min<std::size_t>(planes.size(), kChannelCount); ++channel)
+    strip.inks[channel] = view(planes[channel]);
+  strip.explicit_white = view(explicit_white);
+  return strip;
 }
 
 void StreamRip::rip_single(const std::string& input_path, const std::string& output_path,
@@ -322,11 +285,12 @@ void StreamRip::run(SheetLayout sheet, const std::string& output_path,
   const bool profiling = profile_enabled();
   const PrintMode mode = checked_print_mode(options);
   const ChokePlan choke = plan_choke(options);
+  SheetChoke sheet_choke(choke, mode.y_dpi);
   if (is_environment_true(kStrategyOverride)) warn_ignored_override(kStrategyOverride);
   log_plan(options, choke);
 
   const PlacedSize placed = place_items(sheet, options);
-  const float pad_in = choke_canvas_pad_in(options);
+  const float pad_in = sheet_choke.canvas_pad_in();
   if (pad_in > 0.0f) {
     pad_canvas(sheet, pad_in);
     log_info("StreamRip: white choke canvas pad applied: ", pad_in, " in");
@@ -369,7 +333,7 @@ void StreamRip::run(SheetLayout sheet, const std::string& output_path,
   if (streaming) {
     const SheetGrid grid{src_w, src_h, dev_w, dev_h};
     require_exact_grid(options, mode, grid);
-    require_strips_fit(options, mode, choke, grid);
+    require_strips_fit(options, mode, sheet_choke, grid);
   } else {
     require_full_buffer_fits({src_w, src_h, dev_w, dev_h, choke.device_choke, choke.protect_light,
                               parallel_channels, options.color_resampling_mode == ResamplingMode::hard,
@@ -392,8 +356,8 @@ void StreamRip::run(SheetLayout sheet, const std::string& output_path,
     engine.ensure_column_taps(src_w, engine.device_width(src_w));
   }
 
-  SheetRun run{*this, options, output_path, mode,   choke,  src_w,      src_h, dev_w,
-               dev_h, strips,  compositor,  engine, writer, pool.get(), {},    {}};
+  SheetRun run{*this, options, output_path, mode,   sheet_choke, src_w,      src_h, dev_w,
+               dev_h, strips,  compositor,  engine, writer,      pool.get(), {},    {}};
   run.profile.streaming = streaming;
   run.profile.parallel_channels = parallel_channels;
   run.announce = [&] {

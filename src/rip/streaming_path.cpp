@@ -22,8 +22,9 @@ namespace {
 struct StreamingStripResult {
   std::uint32_t dev_rows = 0;
   std::uint64_t source_strip_pixels = 0;  ///< source width x composed rows, halo included
-  std::uint64_t compose = 0, occupancy = 0, device_choke = 0;  ///< nanoseconds
-  std::array<std::uint64_t, kChannelCount> rip_ch{};           ///< nanoseconds
+  std::uint64_t compose = 0;              ///< nanoseconds
+  ChokeTimes choke;
+  std::array<std::uint64_t, kChannelCount> rip_ch{};  ///< nanoseconds
 };
 
 /// Where a strip lies on both grids, and the halo around it.
@@ -108,15 +109,10 @@ class StripTask {
       const ScopedTimer timer(result.compose);
       strip_buffer = run_.compositor.compose_strip(place.first, place.rows, std::move(strip_buffer));
     }
-    {
-      const ScopedTimer timer(result.occupancy);
-      make_choke_planes(run_, strip_buffer.planes, place.rows, choke_planes_);
-    }
-    if (!choke_planes_.coverage.empty()) {
-      const ScopedTimer timer(result.device_choke);
-      choke_ = prepare_choke(place, strip_buffer, choke_planes_);
-    }
-    rip_channels(place, strip_buffer, choke_planes_, choke_, result);
+    const ComposedStrip strip =
+        view_strip(run_, strip_buffer.planes, strip_buffer.explicit_white, place.first, place.rows);
+    run_.choke.prepare(run_.engine, strip, result.choke);
+    rip_channels(place, strip, result);
     return result;
   }
 
@@ -127,42 +123,20 @@ class StripTask {
     const std::size_t pixels = std::size_t{run_.src_w} * largest.rows;
     strip_buffer_.planes.resize(kChannelCount);
     for (Plane& plane : strip_buffer_.planes) reserve_large(plane, pixels);
-    for (Plane* plane : {&strip_buffer_.explicit_white, &choke_planes_.coverage, &choke_planes_.light})
-      reserve_large(*plane, pixels);
-    for (BitPlane* plane : {&choke_.grown, &choke_.keep}) plane->reshape(run_.dev_w, largest.all_dev_rows);
+    reserve_large(strip_buffer_.explicit_white, pixels);
+    run_.choke.reserve(run_.src_w, largest.rows, run_.dev_w, largest.all_dev_rows);
   }
 
-  ChokeContext prepare_choke(const StripPlace& place, const StripBuffer& strip, const ChokePlanes& planes) {
-    const auto view = [&](const Plane& plane) {
-      return plane.size() < planes.coverage.size() ? PlaneView()
-                                                   : PlaneView(plane.data(), run_.src_w, place.rows);
-    };
-    const bool has_white = run_.choke.adaptive && strip.planes.size() > kChannelW;
-    return run_.engine.prepare_device_white(
-        {.coverage = view(planes.coverage),
-         .exempt_mask = view(strip.explicit_white),
-         .support_plane = has_white ? view(strip.planes[kChannelW]) : PlaneView(),
-         .light_mask = view(planes.light),
-         .strip_src_y = place.first,
-         .total_src_rows = run_.src_h},
-        std::move(choke_));
+  PlaneView channel_plane(const ComposedStrip& strip, std::uint32_t channel) {
+    if (!strip.inks[channel].null()) return strip.inks[channel];
+    zeros_.resize(std::max(zeros_.size(), std::size_t{strip.width} * strip.rows));
+    return {zeros_.data(), strip.width, strip.rows};
   }
 
-  const std::uint8_t* channel_plane(const StripBuffer& strip, std::uint32_t channel, std::size_t pixels) {
-    if (channel < strip.planes.size() && !strip.planes[channel].empty()) return strip.planes[channel].data();
-    if (zeros_.size() < pixels) zeros_.resize(pixels);
-    return zeros_.data();
-  }
-
-  void rip_channels(const StripPlace& place, const StripBuffer& strip, const ChokePlanes& choke_planes,
-                    const ChokeContext& context, StreamingStripResult& result) {
-    const std::size_t pixels = std::size_t{run_.src_w} * place.rows;
-    std::array<const std::uint8_t*, kChannelCount> planes{};
+  void rip_channels(const StripPlace& place, const ComposedStrip& strip, StreamingStripResult& result) {
+    std::array<PlaneView, kChannelCount> planes;
     for (std::uint32_t channel = 0; channel < kChannelCount; ++channel)
-      planes[channel] = channel_plane(strip, channel, pixels);
-    const PlaneView coverage = choke_planes.coverage.empty()
-                                   ? PlaneView()
-                                   : PlaneView(choke_planes.coverage.data(), run_.src_w, place.rows);
+      planes[channel] = channel_plane(strip, channel);
 
     const auto start_band = [&](std::uint32_t end, std::uint32_t rows, std::size_t scratch_set) {
       auto band = std::make_unique<BandInWork>();
@@ -175,12 +149,12 @@ class StripTask {
           const ScopedTimer timer(nanoseconds);
           if (!packed.top) return;  // no slot of the board prints this ink
           run_.engine.pack_strip(packed,
-                                 {.src = {planes[channel], run_.src_w, place.rows},
-                                  .strip_src_y = place.first,
-                                  .total_src_rows = run_.src_h,
+                                 {.src = planes[channel],
+                                  .strip_src_y = strip.src_y,
+                                  .total_src_rows = strip.total_src_rows,
                                   .channel = static_cast<std::int32_t>(channel),
-                                  .coverage_plane = channel < kChannelW ? coverage : PlaneView(),
-                                  .choke = coverage.null() ? nullptr : &context,
+                                  .coverage_plane = channel < kChannelW ? run_.choke.coverage() : PlaneView(),
+                                  .choke = run_.choke.context(),
                                   .scratch = &run_.scratch[scratch]},
                                  window);
         };
@@ -233,16 +207,14 @@ class StripTask {
   const std::function<void()> band_is_there_;
   const std::uint32_t band_rows_;
   StripBuffer strip_buffer_;  ///< of the strip before; its memory serves the next, as that of all below
-  ChokePlanes choke_planes_;
-  ChokeContext choke_;
   std::vector<std::uint8_t> zeros_;  ///< stands for a plane that the compositor did not give
 };
 
 void add_to_profile(const StreamingStripResult& result, std::uint32_t dev_w, StreamRipProfile& profile) {
   profile.source_strip_pixels += result.source_strip_pixels;
   profile.compose += result.compose;
-  profile.occupancy += result.occupancy;
-  profile.choke_context += result.device_choke;
+  profile.occupancy += result.choke.planes;
+  profile.choke_context += result.choke.context;
   profile.device_channel_pixels += std::uint64_t{dev_w} * result.dev_rows * kChannelCount;
   for (std::size_t channel = 0; channel < kChannelCount; ++channel)
     profile.rip_ch[channel] += result.rip_ch[channel];

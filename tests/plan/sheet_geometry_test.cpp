@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include "plan/choke_plan.h"
 #include "support/failure.h"
 
 namespace nvo {
@@ -49,21 +50,27 @@ TEST(DeviceRow, StripsMeet) {
 }
 
 TEST(Halo, ResamplingAndChokeTerms) {
-  EXPECT_EQ(halo_rows({600, 900, false, false, 1.5f, 3}), 3u);
-  EXPECT_EQ(halo_rows({600, 900, true, false, 1.5f, 3}), 1u);
-  EXPECT_EQ(halo_rows({300, 1800, false, true, 1.5f, -7}), 4u) << "17 device rows are 2.83 source rows";
+  EXPECT_EQ(resampling_halo_rows(600, 900, false), 3u);
+  EXPECT_EQ(resampling_halo_rows(600, 900, true), 1u);
+  EXPECT_EQ(resampling_halo_rows(300, 1800, false), 0u);
+  ChokePlan choke = plan_choke({});
+  choke.min_width_dots = -7;
+  EXPECT_EQ(choke.halo_rows(1800), 4u) << "15 device rows are 2.5 source rows";
+  choke.device_choke = false;
+  EXPECT_EQ(choke.halo_rows(1800), 0u);
 }
 
 TEST(Geometry, RefusesWhatDoesNotFit) {
   const SheetLayout good{{item_at(0, 0, 1, 1)}, 1};
-  const HaloNeeds far{300, 1800, false, true, 1e30f, 3};
+  ChokePlan far = plan_choke({});
+  far.amount_px_at_300dpi = 1e30f;
   const std::pair<const char*, std::function<void()>> cases[] = {
       {"sheet width source pixels exceed uint32 limit", [] { source_pixels(1e8f, 300, "sheet width"); }},
       {"height device pixels exceed uint32 limit", [] { device_pixels(4294967295u, 300, 720, "height"); }},
       {"invalid source/device Y mapping", [] { device_row(1, 0, 300, 1800); }},
       {"device height exceeds uint32 limit", [] { device_row(1, 4294967295u, 300, 1800); }},
       {"strip count exceeds progress counter limit", [] { strip_count(4294967295u, 2); }},
-      {"adaptive choke halo exceeds uint32 limit", [&] { halo_rows(far); }},
+      {"adaptive choke halo exceeds uint32 limit", [&] { far.halo_rows(1800); }},
       {"invalid sheet height dimension",
        [] {
          sheet_size({{}, -1}, {}, 0, 0);
@@ -87,7 +94,7 @@ TEST(Canvas, PadGrowsEverySide) {
   RipJobOptions options;
   SheetLayout layout{{item_at(0, 0, 10, 10)}, 10};
   const PlacedSize placed = place_items(layout, options);
-  const float pad = choke_canvas_pad_in(options);
+  const float pad = plan_choke(options).canvas_pad_in();
   pad_canvas(layout, pad);
   const SheetSize size = sheet_size(layout, placed, pad, 0.0f);
   // In f32 the padded 10 inches gain a pixel; that is the rule.
@@ -97,7 +104,7 @@ TEST(Canvas, PadGrowsEverySide) {
 
   for (const auto& [amount, pixels] : {std::pair(0.0f, 0.0f), {0.01f, 1.0f}, {2.0f, 2.0f}}) {
     options.white_choke_amount_px_at_300dpi = amount;
-    EXPECT_FLOAT_EQ(choke_canvas_pad_in(options) * 300.0f, pixels) << amount;
+    EXPECT_FLOAT_EQ(plan_choke(options).canvas_pad_in() * 300.0f, pixels) << amount;
   }
 }
 

@@ -62,10 +62,7 @@ class Threads : public testing::Test {
   /// Sends the sheet down a path with a pool of the test's own.
   std::string print(void (*path)(SheetRun&), Executor* pool) {
     const RipJobOptions& options = job.rip.options;
-    ChokePlan choke;
-    choke.device_choke = choke.adaptive = choke.protect_light = true;
-    choke.min_width_dots = 3;
-    choke.light.emplace(choke.lightness_threshold);
+    SheetChoke choke(plan_choke(options), options.print_mode.y_dpi);
     StripCompositorConfig config;
     config.src_dpi = options.src_dpi;
     config.sheet_width_in = inches(kSheetWidth);

@@ -1,0 +1,81 @@
+#include "screen/choke/sheet_choke.h"
+
+#include <algorithm>
+#include <utility>
+#include <vector>
+
+#include "core/scoped_timer.h"
+#include "plan/parallel.h"
+#include "plan/performance.h"
+#include "screen/rip_engine.h"
+
+namespace nvo {
+namespace {
+
+constexpr std::size_t kLeastRowsOfPart = 16;  ///< source rows that a thread takes at a time
+constexpr std::size_t kColourPlanes = 4;
+
+/// A plane of the strip's size in memory that is used again.
+MutablePlaneView resized(LargeVector<std::uint8_t>& plane, const ComposedStrip& strip) {
+  resize_large(plane, std::size_t{strip.width} * strip.rows);
+  return {plane.data(), strip.width, strip.rows};
+}
+
+}  // namespace
+
+SheetChoke::SheetChoke(const ChokePlan& plan, std::uint32_t y_dpi) : plan_(plan), y_dpi_(y_dpi) {
+  if (plan.device_choke && plan.protect_light) light_protection_.emplace(plan.lightness_threshold);
+}
+
+void SheetChoke::reserve(std::uint32_t src_w, std::uint32_t src_rows, std::uint32_t dev_w,
+                         std::uint32_t dev_rows) {
+  if (!plan_.device_choke) return;
+  reserve_large(coverage_, std::size_t{src_w} * src_rows);
+  if (light_protection_) reserve_large(light_, std::size_t{src_w} * src_rows);
+  for (BitPlane* plane : {&context_.grown, &context_.keep}) plane->reshape(dev_w, dev_rows);
+}
+
+void SheetChoke::prepare(const RipEngine& engine, const ComposedStrip& strip, ChokeTimes& times) {
+  if (!plan_.device_choke) return;
+  {
+    const ScopedTimer timer(times.planes);
+    derive_planes(engine, strip);
+  }
+  const ScopedTimer timer(times.context);
+  context_ =
+      engine.prepare_device_white({.coverage = coverage_view_,
+                                   .exempt_mask = strip.explicit_white,
+                                   .support_plane = plan_.adaptive ? strip.inks[kChannelW] : PlaneView(),
+                                   .light_mask = light_view_,
+                                   .strip_src_y = strip.src_y,
+                                   .total_src_rows = strip.total_src_rows},
+                                  std::move(context_));
+}
+
+void SheetChoke::derive_planes(const RipEngine& engine, const ComposedStrip& strip) {
+  const MutablePlaneView coverage = resized(coverage_, strip);
+  const MutablePlaneView light = light_protection_ ? resized(light_, strip) : MutablePlaneView();
+  coverage_view_ = coverage;
+  light_view_ = light;
+  const auto& inks = strip.inks;
+  if (std::any_of(inks.begin(), inks.begin() + kColourPlanes,
+                  [](const PlaneView& ink) { return ink.null(); })) {
+    std::ranges::fill(coverage_, std::uint8_t{0});
+    std::ranges::fill(light_, std::uint8_t{0});
+    return;
+  }
+  const ColourPlanes colours{inks[kChannelC], inks[kChannelM], inks[kChannelY], inks[kChannelK]};
+  const RipEngineParams& params = engine.params();
+  const std::uint32_t threads =
+      row_threads(strip.rows, strip.width, hardware_threads(), params.performance_env, params.performance);
+  const std::vector<WorkRange> parts = guided_ranges(strip.rows, threads, kLeastRowsOfPart);
+  parallel_tasks(parts.size(), threads, [&](std::size_t part, std::size_t) {
+    for (std::size_t y = parts[part].begin; y < parts[part].end;
+         ++y) {  // both planes while the row is in cache
+      colour_coverage(colours, y, coverage.row(y));
+      if (light_protection_) light_protection_->protect(colours, y, light.row(y));
+    }
+  });
+}
+
+}  // namespace nvo
