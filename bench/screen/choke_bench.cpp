@@ -101,7 +101,7 @@ void prepare_choke(benchmark::State& state, bool adaptive, bool grain, float amo
 
 /// A step on rows of 15,840 dots.
 template <class Step>
-void mask_rows(benchmark::State& state, const Step& step) {
+void bit_rows(benchmark::State& state, const Step& step) {
   constexpr std::size_t kWords = 248;
   std::vector<std::uint64_t> words(6 * (kWords + 2), 0x0ff0f0f0aa55aa55);
   const auto row = [&](std::size_t i) { return words.data() + i * (kWords + 2) + 1; };
@@ -113,14 +113,14 @@ void mask_rows(benchmark::State& state, const Step& step) {
   state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * kWords * 64));
 }
 
-void or_rows(benchmark::State& state, const MaskRowKernels& kernels) {
-  mask_rows(state, [&](const std::uint64_t* const rows[4], std::uint64_t* to, std::uint64_t*,
-                       std::size_t words) { kernels.or_rows(to, rows, words); });
+void or_rows(benchmark::State& state, const BitRowKernels& kernels) {
+  bit_rows(state, [&](const std::uint64_t* const rows[4], std::uint64_t* to, std::uint64_t*,
+                      std::size_t words) { kernels.or_rows(to, rows, words); });
 }
 
-void or_columns(benchmark::State& state, const MaskRowKernels& kernels) {
-  mask_rows(state, [&](const std::uint64_t* const*, std::uint64_t* from, std::uint64_t* to,
-                       std::size_t words) { kernels.or_columns(from, to, 3, words); });
+void or_columns(benchmark::State& state, const BitRowKernels& kernels) {
+  bit_rows(state, [&](const std::uint64_t* const*, std::uint64_t* from, std::uint64_t* to,
+                      std::size_t words) { kernels.or_columns(from, to, 3, words); });
 }
 
 BENCHMARK_CAPTURE(prepare_choke, adaptive_art, true, false, 1.5f)->Unit(benchmark::kMillisecond);
@@ -133,8 +133,8 @@ BENCHMARK_CAPTURE(prepare_choke, production_grain, false, true, 1.5f)->Unit(benc
 const bool registered = [] {
   for (const InstructionSet* set : runnable_instruction_sets()) {
     const std::string name = set->name;
-    benchmark::RegisterBenchmark(("or_rows/" + name).c_str(), or_rows, set->mask_rows);
-    benchmark::RegisterBenchmark(("or_columns/" + name).c_str(), or_columns, set->mask_rows);
+    benchmark::RegisterBenchmark(("or_rows/" + name).c_str(), or_rows, set->bit_rows);
+    benchmark::RegisterBenchmark(("or_columns/" + name).c_str(), or_columns, set->bit_rows);
   }
   return true;
 }();

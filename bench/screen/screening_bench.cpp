@@ -69,7 +69,7 @@ struct Stages {
   }
 };
 
-enum Stage { filter, blend, encode, pairs, mix, spread, screen, keep, screen_to_packed };
+enum Stage { filter, blend, encode, pairs, mix, gather, screen, keep, screen_to_packed };
 
 void run_stage(Stage stage, const ScreeningKernels& k, Stages& s) {
   switch (stage) {
@@ -84,8 +84,8 @@ void run_stage(Stage stage, const ScreeningKernels& k, Stages& s) {
                             s.pair_base.data(), s.pair_threshold.data());
     case mix:
       return k.mix_pairs(s.inks.data(), s.taps.pairs.weights(), kSourceWidth, s.mixed.data());
-    case spread:
-      return k.spread_codes(s.pair_base.data(), s.pair_threshold.data(), s.taps.pairs.spread.view(),
+    case gather:
+      return k.gather_codes(s.pair_base.data(), s.pair_threshold.data(), s.taps.pairs.gather.view(),
                             s.base.data(), s.threshold.data());
     case screen:
       return k.screen_row(s.base.data(), s.threshold.data(), s.mask.data(), kDeviceWidth, s.dots.data());
@@ -196,7 +196,7 @@ const bool registered = [] {
     const char* name;
     Stage stage;
   } stages[] = {{"filter_columns", filter}, {"add_scaled_row", blend}, {"encode_row", encode},
-                {"encode_pairs", pairs},    {"mix_pairs", mix},        {"spread_codes", spread},
+                {"encode_pairs", pairs},    {"mix_pairs", mix},        {"gather_codes", gather},
                 {"screen_row", screen},     {"keep_dots", keep},       {"screen_packed", screen_to_packed}};
   for (const auto& stage : stages)
     for (const InstructionSet* set : sets)

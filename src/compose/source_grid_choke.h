@@ -8,6 +8,10 @@
 #include "compose/strip_buffer.h"
 #include "config/job_settings.h"
 
+// The older way to choke white: colour spreads into bare pixels of a strip on the source grid. No job comes
+// here: jobs choke on the device grid (screen/choke), and StreamRip leaves the compositor's switch
+// `source_grid_choke_enabled` off. A caller that sets up a StripCompositor itself may turn it on, to print as
+// before the device grid was choked or to compare.
 namespace nvo {
 
 /// Radius of the choke in source pixels, and rounded up to whole ones; 0 for none.

@@ -50,7 +50,7 @@ ColumnPairs build_pairs(std::uint32_t src_w, const std::vector<ColumnSpan>& span
     pairs.left[i] = left;
     pairs.right[i] = right;
   }
-  pairs.spread = build_code_spread(column);
+  pairs.gather = build_code_gather(column);
   return pairs;
 }
 

@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "screen/code_spread.h"
+#include "screen/code_gather.h"
 #include "screen/kernels/screening_kernels.h"
 
 namespace nvo {
@@ -13,9 +13,9 @@ namespace nvo {
 /// pixel; the others are as many as there are pixels at most, and are worked out side by side.
 struct ColumnPairs {
   std::vector<float> left, right;  ///< see `PairWeights`; one a source pixel and padding
-  CodeSpread spread;               ///< from the codes of pixels and pairs to device columns
+  CodeGather gather;               ///< from the codes of pixels and pairs to device columns
 
-  bool usable() const { return spread.usable(); }
+  bool usable() const { return gather.usable(); }
   PairWeights weights() const { return {left.data(), right.data()}; }
 };
 

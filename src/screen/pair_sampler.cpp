@@ -75,7 +75,7 @@ CodeRow PairSampler::codes_of_row(const std::uint8_t* row) {
           std::memset(threshold, 0, 2 * pixels);
         }
       });
-      return spread();
+      return gather();
     }
   }
   if (coded_.blank) return {};
@@ -98,7 +98,7 @@ CodeRow PairSampler::codes_of_blend(const RowSpan& span) {
   if (!any) return {};
   kernels_.encode_row(buffers_.blended.data(), values, buffers_.source_base.data(),
                       buffers_.source_threshold.data());
-  return spread();
+  return gather();
 }
 
 /// Fills `mixed` from a source row; false for a blank one.
@@ -120,9 +120,9 @@ bool PairSampler::mix(const std::uint8_t* row) {
   return true;
 }
 
-CodeRow PairSampler::spread() {
-  kernels_.spread_codes(buffers_.source_base.data(), buffers_.source_threshold.data(),
-                        sampling_.taps->pairs.spread.view(), buffers_.base.data(), buffers_.threshold.data());
+CodeRow PairSampler::gather() {
+  kernels_.gather_codes(buffers_.source_base.data(), buffers_.source_threshold.data(),
+                        sampling_.taps->pairs.gather.view(), buffers_.base.data(), buffers_.threshold.data());
   return {false, buffers_.base.data(), buffers_.threshold.data()};
 }
 

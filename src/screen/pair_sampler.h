@@ -10,7 +10,7 @@ namespace nvo {
 
 /// The codes of device rows by area sampling where the column table has usable pairs: the fast form of
 /// `RowSampler`, with the same codes. A source row is looked up, mixed and encoded once at the width of the
-/// source, a block of pixels at a time, and only its codes are spread to device columns. Rows are asked for
+/// source, a block of pixels at a time, and only its codes are taken to device columns. Rows are asked for
 /// in ascending order.
 class PairSampler {
  public:
@@ -33,7 +33,7 @@ class PairSampler {
   CodeRow codes_of_row(const std::uint8_t* row);
   CodeRow codes_of_blend(const RowSpan& span);
   bool mix(const std::uint8_t* row);
-  CodeRow spread();
+  CodeRow gather();
 
   const StripSampling& sampling_;
   const ScreeningKernels& kernels_;

@@ -48,7 +48,7 @@ void set_nearest_columns(StripSampling& sampling) {
   for (std::uint32_t x = 0; x < sampling.dev_w; ++x)
     sampling.nearest_column[x] =
         static_cast<std::int32_t>(nearest_source_index(x, sampling.dev_w, sampling.src_w()));
-  sampling.nearest_spread = build_code_spread(sampling.nearest_column);
+  sampling.nearest_gather = build_code_gather(sampling.nearest_column);
 }
 
 bool is_blank_row(const StripSampling& sampling, const std::uint8_t* row) {
@@ -160,16 +160,16 @@ void RowSampler::encode_loaded_row() {
       buffers_.source_base[x] = code.base;
       buffers_.source_threshold[x] = code.threshold;
     }
-    spread_nearest(base, threshold);
+    gather_nearest(base, threshold);
   }
   encoded_ = true;
 }
 
-void RowSampler::spread_nearest(std::uint8_t* base, std::uint8_t* threshold) const {
+void RowSampler::gather_nearest(std::uint8_t* base, std::uint8_t* threshold) const {
   const std::uint8_t* const source_base = buffers_.source_base.data();
   const std::uint8_t* const source_threshold = buffers_.source_threshold.data();
-  if (sampling_.nearest_spread.usable()) {
-    kernels_.spread_codes(source_base, source_threshold, sampling_.nearest_spread.view(), base, threshold);
+  if (sampling_.nearest_gather.usable()) {
+    kernels_.gather_codes(source_base, source_threshold, sampling_.nearest_gather.view(), base, threshold);
     return;
   }
   for (std::size_t x = 0; x < sampling_.dev_w; ++x) {

@@ -38,7 +38,7 @@ struct StripSampling {
   const std::vector<RowSpan>* rows = nullptr;     ///< one a device row
   const ColumnTaps* taps = nullptr;               ///< area sampling; null for nearest
   std::vector<std::int32_t> nearest_column;       ///< nearest sampling
-  CodeSpread nearest_spread;                      ///< the same, where it is usable
+  CodeGather nearest_gather;                      ///< the same, where it is usable
 
   std::uint32_t src_w() const { return source.width(); }
   bool area() const { return taps != nullptr; }
@@ -96,7 +96,7 @@ class RowSampler {
   void filter_loaded_row();
   bool blend(const RowSpan& span);
   void encode_loaded_row();
-  void spread_nearest(std::uint8_t* base, std::uint8_t* threshold) const;
+  void gather_nearest(std::uint8_t* base, std::uint8_t* threshold) const;
 
   const StripSampling& sampling_;
   const ScreeningKernels& kernels_;

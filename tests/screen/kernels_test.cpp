@@ -7,7 +7,7 @@
 
 #include <gtest/gtest.h>
 
-#include "screen/code_spread.h"
+#include "screen/code_gather.h"
 #include "screen/kernels/drop_code.h"
 #include "screen/kernels/instruction_set.h"
 #include "screen/packed_dots.h"
@@ -136,12 +136,12 @@ std::vector<std::uint8_t> run_all(const InstructionSet& set, KernelInput in) {
     output(byte_guard, [&](auto* a, auto* b) { kernels.encode_pairs(row, &codes[m], weights, n / 2, a, b); });
     output(float_guard, [&](float* out, float*) { kernels.mix_pairs(row, weights, n / 2, out); });
   }
-  if (n % kSpreadGroup == 0) {
+  if (n % kGatherGroup == 0) {
     auto columns = in.starts(2);
     for (std::int32_t& column : columns) column = in.random() % 9 == 0 ? -1 : column;
-    const CodeSpread spread = build_code_spread(columns);
-    EXPECT_TRUE(spread.usable());
-    output(byte_guard, [&](auto* a, auto* b) { kernels.spread_codes(base, threshold, spread.view(), a, b); });
+    const CodeGather gather = build_code_gather(columns);
+    EXPECT_TRUE(gather.usable());
+    output(byte_guard, [&](auto* a, auto* b) { kernels.gather_codes(base, threshold, gather.view(), a, b); });
   }
   for (auto* codes : {&in.base, &in.threshold}) std::fill(&(*codes)[m + n], &codes->back(), std::uint8_t{0});
   for (const int least : {1, 3, 128, 255}) {
@@ -177,7 +177,7 @@ TEST(Kernels, OfAllInstructionSetsWriteTheSameBytesAndNothingElse) {
 }
 
 // Bit by bit, in rows of all lengths, with guard words around the result.
-TEST(MaskRowKernels, OfAllInstructionSetsCombineBits) {
+TEST(BitRowKernels, OfAllInstructionSetsCombineBits) {
   constexpr std::size_t kMostWords = 37;
   constexpr std::uint64_t kGuardWord = 0x1234567890abcdef;
   std::mt19937_64 random(11);
@@ -189,7 +189,7 @@ TEST(MaskRowKernels, OfAllInstructionSetsCombineBits) {
     return (row[static_cast<std::size_t>(x + 64) / 64] >> (x & 63) & 1) != 0;
   };
   for (const InstructionSet* set : runnable_instruction_sets()) {
-    const MaskRowKernels& kernels = set->mask_rows;
+    const BitRowKernels& kernels = set->bit_rows;
     for (std::size_t words = 0; words <= kMostWords; ++words) {
       for (const int shift : {1, 2, 31, 32, 63}) {
         std::vector<std::uint64_t> and_rows(rows[4]), or_rows(rows[4]), and_columns(rows[4]),

@@ -24,9 +24,9 @@ const std::uint64_t* ComputedRows::row(std::size_t y) {
   return any_[slot] ? out : nullptr;
 }
 
-ShapedRows::ShapedRows(MaskRows& source, const OffsetShape& shape, std::size_t kept)
+ShapedRows::ShapedRows(BitRows& source, const OffsetShape& shape, std::size_t kept)
     : ComputedRows(source.width(), source.height(), kept),
-      kernels_(active_instruction_set().mask_rows),
+      kernels_(active_instruction_set().bit_rows),
       source_(source),
       shape_(shape),
       now_(source.words() + 2),

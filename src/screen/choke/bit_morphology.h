@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "screen/choke/bit_plane.h"
-#include "screen/kernels/mask_row_kernels.h"
+#include "screen/kernels/bit_row_kernels.h"
 
 namespace nvo {
 
@@ -25,13 +25,13 @@ struct OffsetShape {
 
 /// A mask of `width` x `height` dots that is asked for row by row, so that a chain of steps need not hold
 /// whole planes between them. For one thread.
-class MaskRows {
+class BitRows {
  public:
-  MaskRows(std::uint32_t width, std::uint32_t height)
+  BitRows(std::uint32_t width, std::uint32_t height)
       : width_(width), height_(height), words_((std::size_t{width} + 63) / 64) {}
-  virtual ~MaskRows() = default;
-  MaskRows(const MaskRows&) = delete;
-  MaskRows& operator=(const MaskRows&) = delete;
+  virtual ~BitRows() = default;
+  BitRows(const BitRows&) = delete;
+  BitRows& operator=(const BitRows&) = delete;
 
   std::uint32_t width() const { return width_; }
   std::uint32_t height() const { return height_; }
@@ -46,11 +46,11 @@ class MaskRows {
 };
 
 /// The rows of a plane.
-class PlaneRows final : public MaskRows {
+class PlaneRows final : public BitRows {
  public:
   /// Row y of the plane equals row `equal_row[y]`, which is the one given out for it.
   PlaneRows(const BitPlane& plane, std::span<const std::uint32_t> equal_row)
-      : MaskRows(plane.width, plane.height), plane_(plane), equal_row_(equal_row) {}
+      : BitRows(plane.width, plane.height), plane_(plane), equal_row_(equal_row) {}
 
   const std::uint64_t* row(std::size_t y) override;
 
@@ -60,10 +60,10 @@ class PlaneRows final : public MaskRows {
 };
 
 /// Rows that are computed when they are asked for. `kept` consecutive rows stay valid together.
-class ComputedRows : public MaskRows {
+class ComputedRows : public BitRows {
  public:
   ComputedRows(std::uint32_t width, std::uint32_t height, std::size_t kept)
-      : MaskRows(width, height),
+      : BitRows(width, height),
         held_(std::bit_ceil(kept), kNoRow),
         any_(held_.size()),
         rows_(held_.size() * words()) {}
@@ -85,10 +85,10 @@ class ComputedRows : public MaskRows {
 /// What erosion and dilation share: each row combined from the source's rows under a shape.
 class ShapedRows : public ComputedRows {
  protected:
-  ShapedRows(MaskRows& source, const OffsetShape& shape, std::size_t kept);
+  ShapedRows(BitRows& source, const OffsetShape& shape, std::size_t kept);
 
-  using CombineRows = MaskRowKernels::CombineRows;
-  using CombineColumns = MaskRowKernels::CombineColumns;
+  using CombineRows = BitRowKernels::CombineRows;
+  using CombineColumns = BitRowKernels::CombineColumns;
 
   /// Lists the source's rows under the shape, nearest first. False if a row is clear or outside the mask and
   /// `all_needed` is set, or if there is nothing to list.
@@ -97,7 +97,7 @@ class ShapedRows : public ComputedRows {
   void combine(CombineRows combine_rows, CombineColumns combine_columns, std::uint32_t overlap,
                std::uint64_t* out);
 
-  const MaskRowKernels& kernels_;
+  const BitRowKernels& kernels_;
 
  private:
   /// Combines each dot of the row in the making with those up to `reach` columns away.
@@ -108,7 +108,7 @@ class ShapedRows : public ComputedRows {
     const std::uint64_t* row;
   };
 
-  MaskRows& source_;
+  BitRows& source_;
   const OffsetShape& shape_;
   std::vector<Entry> entries_;
   std::vector<std::uint64_t> now_, next_;  ///< a row in the making, one clear word at either end
@@ -117,8 +117,7 @@ class ShapedRows : public ComputedRows {
 /// Erosion: a dot is set if every displacement of `shape` leads to a set dot inside the source.
 class ErodedRows final : public ShapedRows {
  public:
-  ErodedRows(MaskRows& source, const OffsetShape& shape, std::size_t kept)
-      : ShapedRows(source, shape, kept) {}
+  ErodedRows(BitRows& source, const OffsetShape& shape, std::size_t kept) : ShapedRows(source, shape, kept) {}
 
  protected:
   bool compute(std::size_t y, std::uint64_t* out) override;
@@ -127,7 +126,7 @@ class ErodedRows final : public ShapedRows {
 /// Dilation: a dot is set if any displacement of `shape` leads to a set dot inside the source.
 class DilatedRows final : public ShapedRows {
  public:
-  DilatedRows(MaskRows& source, const OffsetShape& shape, std::size_t kept)
+  DilatedRows(BitRows& source, const OffsetShape& shape, std::size_t kept)
       : ShapedRows(source, shape, kept) {}
 
  protected:

@@ -74,8 +74,8 @@ struct KeepRows {
 class ThinRows final : public ComputedRows {
  public:
   /// `solid` is what is left of the support when it is drawn in by the radius, `restored` what comes back
-  /// from its wide parts when they spread by the radius again.
-  ThinRows(const ChokeContext& context, MaskRows& solid, MaskRows& restored, std::size_t kept,
+  /// from its wide parts when they grow by the radius again.
+  ThinRows(const ChokeContext& context, BitRows& solid, BitRows& restored, std::size_t kept,
            const KeepRows& keep)
       : ComputedRows(context.width, context.height, kept),
         context_(context),
@@ -118,7 +118,7 @@ class ThinRows final : public ComputedRows {
   const Word* or_clear(const Word* row) const { return row == nullptr ? clear_.data() : row; }
 
   const ChokeContext& context_;
-  MaskRows &solid_, &restored_;
+  BitRows &solid_, &restored_;
   KeepRows keep_;
   ThinWhite thin_white_;
   std::vector<Word> unwanted_, clear_;

@@ -5,7 +5,7 @@
 
 #include "screen/kernels/coverage_kernels.h"
 
-// The loops over pixels behind coverage_kernels.h, for the compiler as those of mask_row_steps.h. Internal
+// The loops over pixels behind coverage_kernels.h, for the compiler as those of bit_row_steps.h. Internal
 // linkage and no library templates: files compiled for different instruction sets include them, and a copy
 // shared by the linker could hold instructions that the machine does not have.
 namespace nvo::coverage_steps {

@@ -2,8 +2,8 @@
 
 #include <span>
 
+#include "screen/kernels/bit_row_kernels.h"
 #include "screen/kernels/coverage_kernels.h"
-#include "screen/kernels/mask_row_kernels.h"
 #include "screen/kernels/pack_kernels.h"
 #include "screen/kernels/screening_kernels.h"
 
@@ -13,7 +13,7 @@ namespace nvo {
 struct InstructionSet {
   const char* name;  ///< "scalar", "sse41", "avx2"
   ScreeningKernels screening;
-  MaskRowKernels mask_rows;
+  BitRowKernels bit_rows;
   CoverageKernels coverage;
   PackKernels packing;
 };

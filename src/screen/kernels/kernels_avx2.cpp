@@ -53,9 +53,9 @@ struct Avx2 {
     const __m256i byte_of_dot = _mm256_setr_epi8(0, 0, 0, 0, 0, 0, 0, 0, 1, 1, 1, 1, 1, 1, 1, 1,  //
                                                  2, 2, 2, 2, 2, 2, 2, 2, 3, 3, 3, 3, 3, 3, 3, 3);
     const __m256i bit_of_dot = _mm256_set1_epi64x(static_cast<long long>(0x8040201008040201u));
-    const __m256i spread =
+    const __m256i repeated =
         _mm256_shuffle_epi8(_mm256_set1_epi32(static_cast<int>(bits & 0xffffffffu)), byte_of_dot);
-    return _mm256_cmpeq_epi8(_mm256_and_si256(spread, bit_of_dot), bit_of_dot);
+    return _mm256_cmpeq_epi8(_mm256_and_si256(repeated, bit_of_dot), bit_of_dot);
   }
 
   static Floats load_floats(const float* from) { return _mm256_loadu_ps(from); }

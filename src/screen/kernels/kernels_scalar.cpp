@@ -1,7 +1,7 @@
 // For every machine.
+#include "screen/kernels/bit_row_steps.h"
 #include "screen/kernels/coverage_steps.h"
 #include "screen/kernels/instruction_set.h"
-#include "screen/kernels/mask_row_steps.h"
 #include "screen/kernels/scalar_steps.h"
 
 namespace nvo {
@@ -28,9 +28,9 @@ void mix_pairs(const float* inks, const PairWeights& weights, std::size_t pixels
   scalar_steps::mix_pairs(inks, weights, pixels, out, 0);
 }
 
-void spread_codes(const std::uint8_t* base_in, const std::uint8_t* threshold_in, const CodeSpreadView& spread,
+void gather_codes(const std::uint8_t* base_in, const std::uint8_t* threshold_in, const CodeGatherView& gather,
                   std::uint8_t* base, std::uint8_t* threshold) {
-  scalar_steps::spread_codes(base_in, threshold_in, spread, base, threshold);
+  scalar_steps::gather_codes(base_in, threshold_in, gather, base, threshold);
 }
 
 void screen_row(const std::uint8_t* base, const std::uint8_t* threshold, const std::uint8_t* mask,
@@ -63,9 +63,9 @@ namespace nvo::instruction_sets {
 
 extern constinit const InstructionSet scalar = {
     "scalar",
-    {filter_columns, add_scaled_row, encode_row, encode_pairs, mix_pairs, spread_codes, screen_row, keep_dots,
+    {filter_columns, add_scaled_row, encode_row, encode_pairs, mix_pairs, gather_codes, screen_row, keep_dots,
      screen_packed, bits_at_least},
-    mask_row_steps::kKernels,
+    bit_row_steps::kKernels,
     coverage_steps::kKernels,
     {pack_row}};
 

@@ -47,8 +47,9 @@ struct Sse41 {
   static Bytes bytes_of_bits(std::uint64_t bits) {
     const __m128i byte_of_dot = _mm_setr_epi8(0, 0, 0, 0, 0, 0, 0, 0, 1, 1, 1, 1, 1, 1, 1, 1);
     const __m128i bit_of_dot = _mm_set1_epi64x(static_cast<long long>(0x8040201008040201u));
-    const __m128i spread = _mm_shuffle_epi8(_mm_cvtsi32_si128(static_cast<int>(bits & 0xffff)), byte_of_dot);
-    return _mm_cmpeq_epi8(_mm_and_si128(spread, bit_of_dot), bit_of_dot);
+    const __m128i repeated =
+        _mm_shuffle_epi8(_mm_cvtsi32_si128(static_cast<int>(bits & 0xffff)), byte_of_dot);
+    return _mm_cmpeq_epi8(_mm_and_si128(repeated, bit_of_dot), bit_of_dot);
   }
 
   static Floats load_floats(const float* from) { return _mm_loadu_ps(from); }

@@ -65,11 +65,11 @@ static inline void mix_pairs(const float* inks, const PairWeights& weights, std:
   }
 }
 
-static inline void spread_codes(const std::uint8_t* base_in, const std::uint8_t* threshold_in,
-                                const CodeSpreadView& spread, std::uint8_t* base, std::uint8_t* threshold) {
-  for (std::size_t x = 0; x < spread.groups * kSpreadGroup; ++x) {
-    const std::int32_t first = spread.first[x / kSpreadGroup];
-    const std::uint8_t offset = spread.offset[x];
+static inline void gather_codes(const std::uint8_t* base_in, const std::uint8_t* threshold_in,
+                                const CodeGatherView& gather, std::uint8_t* base, std::uint8_t* threshold) {
+  for (std::size_t x = 0; x < gather.groups * kGatherGroup; ++x) {
+    const std::int32_t first = gather.first[x / kGatherGroup];
+    const std::uint8_t offset = gather.offset[x];
     base[x] = offset == kNoCode ? 0 : base_in[first + offset];
     threshold[x] = offset == kNoCode ? 0 : threshold_in[first + offset];
   }

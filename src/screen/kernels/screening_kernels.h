@@ -27,19 +27,19 @@ struct PairWeights {
   PairWeights from(std::size_t pixel) const { return {left + pixel, right + pixel}; }
 };
 
-/// Device columns in groups of `kSpreadGroup`: column x of group g takes code `first[g] + offset[x]`, or
+/// Device columns in groups of `kGatherGroup`: column x of group g takes code `first[g] + offset[x]`, or
 /// none where the offset is `kNoCode`.
-struct CodeSpreadView {
+struct CodeGatherView {
   const std::int32_t* first = nullptr;
-  const std::uint8_t* offset = nullptr;  ///< below `kSpreadReach`, or `kNoCode`
+  const std::uint8_t* offset = nullptr;  ///< below `kGatherReach`, or `kNoCode`
   std::size_t groups = 0;
 };
-inline constexpr std::size_t kSpreadGroup = 16;
-inline constexpr std::int32_t kSpreadReach = 32;
+inline constexpr std::size_t kGatherGroup = 16;
+inline constexpr std::int32_t kGatherReach = 32;
 inline constexpr std::uint8_t kNoCode = 0xff;
 
 /// Values that must be readable (and finite) behind a row of pixels or codes that a kernel filters
-/// or spreads.
+/// or gathers.
 inline constexpr std::size_t kPixelPadding = 32;
 
 /// Dots that `screen_packed` takes at a time.
@@ -47,7 +47,8 @@ inline constexpr std::size_t kScreenBlock = 128;
 
 /// The inner loops of screening for one instruction set. All variants give the same bytes: they do the same
 /// f32 operations in the same order, without fused products. No pointer needs an alignment; nothing but the
-/// named outputs is written.
+/// named outputs is written. Kernels of all families take rows by bare pointers, seven where they work on as
+/// many: they are called once a row, from code that has checked views.
 struct ScreeningKernels {
   /// Filters one row of ink values to device width, each sum clamped to 0..255. Reads up to `taps +
   /// kPixelPadding` values behind the last start.
@@ -68,9 +69,9 @@ struct ScreeningKernels {
   /// The ink values of the same, in the same order.
   void (*mix_pairs)(const float* inks, const PairWeights& weights, std::size_t pixels, float* out);
 
-  /// Takes codes to device columns: groups x `kSpreadGroup` bytes for each output.
-  void (*spread_codes)(const std::uint8_t* base_in, const std::uint8_t* threshold_in,
-                       const CodeSpreadView& spread, std::uint8_t* base, std::uint8_t* threshold);
+  /// Takes codes to device columns: groups x `kGatherGroup` bytes for each output.
+  void (*gather_codes)(const std::uint8_t* base_in, const std::uint8_t* threshold_in,
+                       const CodeGatherView& gather, std::uint8_t* base, std::uint8_t* threshold);
 
   /// dots[x] = base[x] + (mask[x] < threshold[x]).
   void (*screen_row)(const std::uint8_t* base, const std::uint8_t* threshold, const std::uint8_t* mask,

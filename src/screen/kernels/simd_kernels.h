@@ -6,9 +6,9 @@
 
 #include <smmintrin.h>
 
+#include "screen/kernels/bit_row_steps.h"
 #include "screen/kernels/coverage_steps.h"
 #include "screen/kernels/instruction_set.h"
-#include "screen/kernels/mask_row_steps.h"
 #include "screen/kernels/scalar_steps.h"
 
 // The kernels in vector registers, one body for registers of every width. A file kernels_<set>.cpp says in a
@@ -132,21 +132,21 @@ inline __m128i load_sixteen(const void* from) {
 /// The codes at sixteen offsets below 32; 0 at `kNoCode`. A shuffle gives 0 where an index has its high bit.
 inline __m128i pick_codes(const std::uint8_t* codes, __m128i below_16, __m128i from_16) {
   return _mm_or_si128(_mm_shuffle_epi8(load_sixteen(codes), below_16),
-                      _mm_shuffle_epi8(load_sixteen(codes + kSpreadGroup), from_16));
+                      _mm_shuffle_epi8(load_sixteen(codes + kGatherGroup), from_16));
 }
 
 /// Groups have sixteen columns, whatever the registers hold.
-inline void spread_codes(const std::uint8_t* base_in, const std::uint8_t* threshold_in,
-                         const CodeSpreadView& spread, std::uint8_t* base, std::uint8_t* threshold) {
+inline void gather_codes(const std::uint8_t* base_in, const std::uint8_t* threshold_in,
+                         const CodeGatherView& gather, std::uint8_t* base, std::uint8_t* threshold) {
   const auto store_sixteen = [](std::uint8_t* to, __m128i value) {
     _mm_storeu_si128(reinterpret_cast<__m128i*>(to), value);
   };
-  for (std::size_t group = 0; group < spread.groups; ++group) {
-    const std::size_t x = group * kSpreadGroup;
-    const std::int32_t first = spread.first[group];
-    const __m128i offset = load_sixteen(spread.offset + x);
+  for (std::size_t group = 0; group < gather.groups; ++group) {
+    const std::size_t x = group * kGatherGroup;
+    const std::int32_t first = gather.first[group];
+    const __m128i offset = load_sixteen(gather.offset + x);
     const __m128i below_16 = _mm_adds_epu8(offset, _mm_set1_epi8(0x70));
-    const __m128i from_16 = _mm_sub_epi8(offset, _mm_set1_epi8(kSpreadGroup));
+    const __m128i from_16 = _mm_sub_epi8(offset, _mm_set1_epi8(kGatherGroup));
     store_sixteen(base + x, pick_codes(base_in + first, below_16, from_16));
     store_sixteen(threshold + x, pick_codes(threshold_in + first, below_16, from_16));
   }
@@ -264,9 +264,9 @@ void pack_row(const std::uint8_t* dots, std::uint32_t width, std::uint8_t* out) 
 template <class V>
 constexpr InstructionSet simd_instruction_set(const char* name) {
   return {name,
-          {filter_columns<V>, add_scaled_row<V>, encode_row<V>, encode_pairs<V>, mix_pairs<V>, spread_codes,
+          {filter_columns<V>, add_scaled_row<V>, encode_row<V>, encode_pairs<V>, mix_pairs<V>, gather_codes,
            screen_row<V>, keep_dots<V>, screen_packed<V>, bits_at_least<V>},
-          mask_row_steps::kKernels,
+          bit_row_steps::kKernels,
           coverage_steps::kKernels,
           {pack_row<V>}};
 }

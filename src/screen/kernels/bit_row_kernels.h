@@ -7,7 +7,7 @@ namespace nvo {
 
 /// Steps of erosion and dilation on rows of bits (dot x is bit x % 64 of word x / 64) for one instruction
 /// set. All give the same words.
-struct MaskRowKernels {
+struct BitRowKernels {
   /// Combines four rows, which may repeat, into `to`.
   using CombineRows = void (*)(std::uint64_t* to, const std::uint64_t* const rows[4], std::size_t words);
   /// Combines each dot of `from` with those `shift` columns (1 to 63) to its left and right. Reads a word

@@ -3,13 +3,13 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "screen/kernels/mask_row_kernels.h"
+#include "screen/kernels/bit_row_kernels.h"
 
-// The loops behind mask_row_kernels.h, plain enough for the compiler to put them into the registers of each
+// The loops behind bit_row_kernels.h, plain enough for the compiler to put them into the registers of each
 // instruction set. Internal linkage and no library templates: files compiled for
 // different instruction sets include them, and a copy shared by the linker could hold instructions that the
 // machine does not have.
-namespace nvo::mask_row_steps {
+namespace nvo::bit_row_steps {
 namespace {
 
 struct And {
@@ -36,8 +36,8 @@ void combine_columns(const std::uint64_t* from, std::uint64_t* __restrict to, in
   }
 }
 
-constexpr MaskRowKernels kKernels = {combine_rows<And>, combine_rows<Or>, combine_columns<And>,
-                                     combine_columns<Or>};
+constexpr BitRowKernels kKernels = {combine_rows<And>, combine_rows<Or>, combine_columns<And>,
+                                    combine_columns<Or>};
 
 }  // namespace
-}  // namespace nvo::mask_row_steps
+}  // namespace nvo::bit_row_steps

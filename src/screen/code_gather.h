@@ -9,17 +9,17 @@
 
 namespace nvo {
 
-/// Which source code each device column takes, as `spread_codes` reads it. Empty where a group of columns
+/// Which source code each device column takes, as `gather_codes` reads it. Empty where a group of columns
 /// reaches further than a kernel picks.
-struct CodeSpread {
-  std::vector<std::int32_t> first;  ///< one a group of `kSpreadGroup` columns
+struct CodeGather {
+  std::vector<std::int32_t> first;  ///< one a group of `kGatherGroup` columns
   std::vector<std::uint8_t> offset;
 
   bool usable() const { return !first.empty(); }
-  CodeSpreadView view() const { return {first.data(), offset.data(), first.size()}; }
+  CodeGatherView view() const { return {first.data(), offset.data(), first.size()}; }
 };
 
 /// `column[x]` is the code that device column x takes; negative where it takes none and stays without ink.
-CodeSpread build_code_spread(std::span<const std::int32_t> column);
+CodeGather build_code_gather(std::span<const std::int32_t> column);
 
 }  // namespace nvo
