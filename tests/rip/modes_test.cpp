@@ -67,21 +67,25 @@ std::vector<DropMap> plain_drops(const Planes& planes, const Job& job, bool whol
   const auto view = [&](const std::vector<std::uint8_t>& plane) {
     return PlaneView(plane.data(), planes.width, planes.height);
   };
+  const bool adaptive = options.white_choke_algorithm == WhiteChokeSetting::adaptive;
   ChokeContext choke;
   if (options.white_choke_enabled)
-    choke = engine.prepare_device_white({.coverage = view(coverage),
-                                         .exempt_mask = {},
-                                         .support_plane = view(planes.inks[kChannelW]),
-                                         .light_mask = view(light),
-                                         .strip_src_y = 0,
-                                         .total_src_rows = planes.height});
+    choke =
+        engine.prepare_device_white({.coverage = view(coverage),
+                                     .exempt_mask = {},
+                                     .support_plane = adaptive ? view(planes.inks[kChannelW]) : PlaneView(),
+                                     .light_mask = view(light),
+                                     .strip_src_y = 0,
+                                     .total_src_rows = planes.height});
 
   std::vector<DropMap> drops;
-  for (std::uint32_t channel = 0; channel < kChannelCount; ++channel)
+  for (std::uint32_t channel = 0; channel < kChannelCount; ++channel) {
+    const bool choked = options.white_choke_enabled && (adaptive || channel != kChannelW);
     drops.push_back(
         test::PlainRipEngine(engine).screen({planes.inks[channel], planes.width, planes.height, 0,
                                              planes.height, static_cast<std::int32_t>(channel), whole},
-                                            options.white_choke_enabled ? &choke : nullptr));
+                                            choked ? &choke : nullptr));
+  }
   return drops;
 }
 
@@ -99,6 +103,9 @@ TEST_P(PrintModes, FromEndToEndInFewAndInManyStrips) {
       options.print_mode = mode;
       options.output_channel_map = head.map;
       options.white_choke_enabled = choke;
+      options.white_choke_adaptive_min_width_dots = 6;
+      options.white_choke_adaptive_lightness_threshold = 60;
+      if (sampling == ResamplingMode::hard) options.white_choke_algorithm = WhiteChokeSetting::production;
       options.color_resampling_mode = sampling;
       options.white_resampling_mode = choke ? ResamplingMode::smooth : sampling;
       job.settings = RipSettings();

@@ -51,7 +51,12 @@ struct Job {
     params.white_choke_enabled = rip.options.white_choke_enabled;
     params.white_choke_amount_px_at_300dpi = rip.options.white_choke_amount_px_at_300dpi;
     params.white_choke_strategy = WhiteChokeStrategy::production;
-    params.white_choke_algorithm = DeviceChokeAlgorithm::adaptive;
+    const bool adaptive = rip.options.white_choke_algorithm == WhiteChokeSetting::adaptive;
+    params.white_choke_algorithm =
+        adaptive ? DeviceChokeAlgorithm::adaptive : DeviceChokeAlgorithm::production;
+    params.white_choke_adaptive_min_width_dots =
+        static_cast<std::uint32_t>(rip.options.white_choke_adaptive_min_width_dots);
+    params.white_choke_adaptive_lightness_threshold = rip.options.white_choke_adaptive_lightness_threshold;
     return params;
   }
 };

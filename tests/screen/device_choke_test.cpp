@@ -12,8 +12,12 @@
 #include "screen/choke/choke_context.h"
 #include "screen/choke/choke_offsets.h"
 #include "screen/choke/coverage_planes.h"
+#include "screen/choke/sheet_choke.h"
 #include "screen/device_grid.h"
 #include "screen/plain_coverage.h"
+#include "screen/rip_engine.h"
+#include "support/log_capture.h"
+#include "support/temp_dir.h"
 
 namespace nvo {
 namespace {
@@ -344,6 +348,59 @@ TEST(DeviceChoke, HasNothingToGrowWithoutRowsOutlineOrCoverage) {
   EXPECT_TRUE(between.width > 0 && between.height == 0 && between.colour_core.empty());
   input.coverage = {};
   EXPECT_EQ(prepare_device_choke(input, usual).width, 0u);
+}
+
+// What a run asks: from composed planes to the masks, by the plan's settings.
+TEST(SheetChoke, PreparesTheStripAsComposed) {
+  const test::LogCapture quiet(LogLevel::error);
+  const test::TempDir masks;
+  const Source art = make_art(60, 23, 5);
+  Bytes black(art.coverage.size()), coverage, light;
+  for (std::size_t i = 0; i < black.size(); ++i) {
+    black[i] = static_cast<std::uint8_t>(art.light[i] != 0 ? 0 : art.coverage[i] / 2);
+    const std::uint8_t inks[] = {art.coverage[i], 0, art.coverage[i], black[i]};
+    coverage.push_back(test::plain_coverage(inks));
+    light.push_back(test::plain_light(inks, 70));
+  }
+  const Bytes none(black.size());
+  const auto view = [&](const Bytes& plane) { return PlaneView(plane.data(), art.width, art.rows); };
+  for (const bool adaptive : {true, false}) {
+    for (const bool protect : {true, false}) {
+      RipJobOptions options;
+      options.white_choke_algorithm = adaptive ? WhiteChokeSetting::adaptive : WhiteChokeSetting::production;
+      options.white_choke_adaptive_protect_light_enabled = protect;
+      options.white_choke_adaptive_lightness_threshold = 70;
+      SheetChoke choke(plan_choke(options), 900);
+      RipEngineParams params;
+      params.y_dpi = 900;
+      params.n_channels = 5;
+      params.tile_w = params.tile_h = 16;
+      params.n_masks = 5;
+      params.cache_dir = masks.path().string();
+      params.white_choke_amount_px_at_300dpi = 1.5f;
+      params.white_choke_algorithm =
+          adaptive ? DeviceChokeAlgorithm::adaptive : DeviceChokeAlgorithm::production;
+      params.white_choke_adaptive_protect_light_enabled = protect;
+      const RipEngine engine(params);
+      ChokeTimes times;
+      choke.prepare(engine,
+                    {art.width,
+                     art.rows,
+                     9,
+                     44,
+                     {view(art.coverage), view(none), view(art.coverage), view(black), view(art.white)},
+                     view(art.exempt)},
+                    times);
+      const DeviceChokeInput input{view(coverage),
+                                   view(art.exempt),
+                                   adaptive ? view(art.white) : PlaneView(),
+                                   adaptive && protect ? view(light) : PlaneView(),
+                                   9,
+                                   44};
+      EXPECT_TRUE(PlainChoke(*choke.context()) ==
+                  PlainChoke(input, {300, 720, 900, 1.5f, adaptive, 3, protect}));
+    }
+  }
 }
 
 }  // namespace
