@@ -79,7 +79,7 @@ struct Fault {
 TEST_F(MachineFailureTest, EndsTheJobOrChangesNothing) {
   // The last allocations are those from the art's first byte on; before them lies the update check.
   const Fault faults[] = {
-      {"memory", 12, false, 1200, 7, "out of memory|bad_alloc|temporarily unavailable"},
+      {"memory", 12, false, 900, 7, "out of memory|bad_alloc|temporarily unavailable"},
       {"open", kErrorOfDisk, true, 99, 3, "Input/output error"},
       {"read", kErrorOfDisk, true, 99, 3, "Input/output error"},
       {"stat", kErrorOfDisk, true, 99, 2, "Input/output error"},
