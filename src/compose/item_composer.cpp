@@ -13,6 +13,7 @@
 #include "core/machine_failure.h"
 #include "core/platform/environment.h"
 #include "core/text.h"
+#include "image/image_format.h"
 #include "plan/compose_threads.h"
 #include "plan/parallel.h"
 
@@ -28,9 +29,10 @@ constexpr std::uint64_t kMaxPreparedPixels = 0x3000000;
 constexpr std::uint32_t kMinRowsPerThread = 16;
 
 bool is_large(const ImageMeta& meta) {
-  if (meta.kind == ImageSourceKind::pdf) return true;
+  const FormatTraits& format = format_traits(meta.kind);
+  if (format.keeps_rows) return true;
   const std::uint64_t pixels = std::uint64_t{meta.width} * meta.height;
-  if (meta.kind == ImageSourceKind::wic) {
+  if (format.decodes_in_order) {
     const auto bytes = checked_product(pixels, std::max<std::uint64_t>(meta.channel_count, 1));
     if (bytes && *bytes <= kMaxWholeRasterBytes) return false;
   }
@@ -51,7 +53,7 @@ void warn_of_inert_switches() {
 /// Says why an item isn't read by rows.
 void log_full_load_reason(const LayoutItem& item, const RasterSource& source) {
   const ImageMeta& meta = source.metadata();
-  const char* type = source_kind_name(meta.kind);
+  const char* type = format_traits(meta.kind).name;
   if (!source.supports_row_reads()) {
     log_debug("StripCompositor: ", type, " low-memory unavailable for '", item.path,
               "': ", source.read_strategy());
@@ -64,10 +66,10 @@ void log_full_load_reason(const LayoutItem& item, const RasterSource& source) {
   }
 }
 
-/// A PDF says itself what is white; there nothing can be the wrong way round.
+/// A page says itself what is white; there nothing can be the wrong way round.
 void look_at_white(const ImageMeta& meta, const SourceView& view, const ItemTraits& traits,
                    const IndexRange& rows, std::uint32_t width, ItemOutcome& outcome) {
-  if (traits.has_white && meta.kind != ImageSourceKind::pdf)
+  if (traits.has_white && !format_traits(meta.kind).is_page)
     outcome.white += tally_white(view, traits, rows, width);
 }
 
@@ -168,7 +170,7 @@ bool ItemComposer::compose_from_source(const Job& job, SharedSource& source) {
 
 bool ItemComposer::read_source_rows(const Job& job, RasterSource& source, const IndexRange& rows,
                                     std::vector<std::uint8_t>& buffer) {
-  const char* type = source_kind_name(source.metadata().kind);
+  const char* type = format_traits(source.metadata().kind).name;
   log_debug("StripCompositor: ", type, " low-memory row path active for '", job.item.path, "' y=", rows.begin,
             "..", rows.end - 1);
   const CounterBook::Timer timer(counters_, &CompositorCounters::source_read_ns);

@@ -19,10 +19,30 @@ constexpr std::string_view kPdfExtensions[] = {"pdf"};
 constexpr std::size_t kMinBareNameLength = 4;
 
 constexpr ImageFormat kFormats[] = {
-    {ImageSourceKind::tiff, kTiffExtensions, kTiffDefaultDpi, probe_tiff, load_tiff, open_tiff_source,
-     weigh_tiff},
-    {ImageSourceKind::wic, kWicExtensions, kWicDefaultDpi, probe_wic, load_wic, open_wic_source, weigh_wic},
-    {ImageSourceKind::pdf, kPdfExtensions, kPdfDpi, probe_pdf, load_first_pdf_page, open_pdf_source, nullptr},
+    {.kind = ImageSourceKind::tiff,
+     .traits = {.name = "TIFF"},
+     .extensions = kTiffExtensions,
+     .default_dpi = kTiffDefaultDpi,
+     .probe = probe_tiff,
+     .load = load_tiff,
+     .open_source = open_tiff_source,
+     .weigh = weigh_tiff},
+    {.kind = ImageSourceKind::wic,
+     .traits = {.name = "WIC", .decodes_in_order = true, .allows_bare_names = true},
+     .extensions = kWicExtensions,
+     .default_dpi = kWicDefaultDpi,
+     .probe = probe_wic,
+     .load = load_wic,
+     .open_source = open_wic_source,
+     .weigh = weigh_wic},
+    {.kind = ImageSourceKind::pdf,
+     .traits = {.name = "PDF", .is_page = true, .keeps_rows = true},
+     .extensions = kPdfExtensions,
+     .default_dpi = kPdfDpi,
+     .probe = probe_pdf,
+     .load = load_first_pdf_page,
+     .open_source = open_pdf_source,
+     .weigh = nullptr},
 };
 
 }  // namespace
@@ -33,11 +53,18 @@ const ImageFormat* find_image_format(std::string_view extension) {
   return nullptr;
 }
 
+const FormatTraits& format_traits(ImageSourceKind kind) {
+  static constexpr FormatTraits kUnknown;
+  for (const ImageFormat& format : kFormats)
+    if (format.kind == kind) return format.traits;
+  return kUnknown;
+}
+
 const ImageFormat* find_file_format(std::string_view path) {
   if (path.find('.') != path.npos) return find_image_format(lower_extension(path));
   if (path.size() < kMinBareNameLength) return nullptr;
   const ImageFormat* format = find_image_format(ascii_lower(path));
-  return format && format->kind == ImageSourceKind::wic ? format : nullptr;
+  return format && format->traits.allows_bare_names ? format : nullptr;
 }
 
 }  // namespace nvo

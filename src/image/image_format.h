@@ -18,9 +18,19 @@ struct ImageExtent : ImageRemarks {
   float dpi_x = 0.0f, dpi_y = 0.0f;     ///< dots per inch
 };
 
+/// How the program treats the files of one format. No other place asks which format a file has.
+struct FormatTraits {
+  const char* name = "Unknown";    ///< in log lines
+  bool is_page = false;            ///< drawn at a fixed resolution; says itself what is white
+  bool keeps_rows = false;         ///< its source holds all pixels from the start, so reading rows is free
+  bool decodes_in_order = false;   ///< rows can't be had without decoding those above
+  bool allows_bare_names = false;  ///< a path without a dot may itself be one of the extensions
+};
+
 /// One family of files that this program reads. The functions throw when a file cannot be read.
 struct ImageFormat {
   ImageSourceKind kind;
+  FormatTraits traits;
   std::span<const std::string_view> extensions;  ///< lower case, without the dot
   float default_dpi;                             ///< for files that state no resolution
   ImageExtent (*probe)(const std::string& path);
@@ -32,8 +42,11 @@ struct ImageFormat {
 /// The format that reads files of this extension (lower case, without the dot), or null.
 const ImageFormat* find_image_format(std::string_view extension);
 
+/// Those of the format of this kind; of an unknown kind none is true.
+const FormatTraits& format_traits(ImageSourceKind kind);
+
 /// The format of a file to be loaded whole or probed, or null: by the text behind the last dot of its path. A
-/// path without a dot may itself be a raster extension of four letters ("jpeg").
+/// path without a dot may itself be an extension of four letters ("jpeg") where the format allows it.
 const ImageFormat* find_file_format(std::string_view path);
 
 }  // namespace nvo

@@ -18,7 +18,7 @@ struct ImageProbeInfo : ImagePath, ImageRemarks {
 /// What the probe cache has done since the process began.
 struct ImageProbeStats {
   std::uint64_t hits = 0, misses = 0;
-  std::uint64_t probes[4] = {};  ///< files looked into, by `ImageSourceKind`
+  std::uint64_t probes[kImageSourceKinds] = {};  ///< files looked into, by `ImageSourceKind`
 };
 
 /// Probes a file, from a process-wide cache as long as its size, time and content hash stay the same. Throws

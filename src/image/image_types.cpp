@@ -7,20 +7,6 @@
 
 namespace nvo {
 
-const char* source_kind_name(ImageSourceKind kind) {
-  switch (kind) {
-    case ImageSourceKind::unknown:
-      break;
-    case ImageSourceKind::tiff:
-      return "TIFF";
-    case ImageSourceKind::wic:
-      return "WIC";
-    case ImageSourceKind::pdf:
-      return "PDF";
-  }
-  return "Unknown";
-}
-
 int ImageMeta::role_index(ChannelRole role) const {
   for (const ChannelInfo& channel : channels)
     if (channel.role == role) return channel.index;

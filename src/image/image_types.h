@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -7,9 +8,7 @@
 namespace nvo {
 
 enum class ImageSourceKind : std::uint8_t { unknown = 0, tiff = 1, wic = 2, pdf = 3 };
-
-/// "Unknown", "TIFF", "WIC" or "PDF", for log lines.
-const char* source_kind_name(ImageSourceKind kind);
+inline constexpr std::size_t kImageSourceKinds = 4;
 
 /// What one sample of a pixel means. `none` is a colour component without ink meaning: red, green, blue,
 /// gray.

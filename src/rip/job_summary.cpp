@@ -6,6 +6,7 @@
 #include <string>
 
 #include "core/log.h"
+#include "image/image_format.h"
 #include "image/image_meta_probe.h"
 
 namespace nvo {
@@ -40,7 +41,7 @@ const char* intent_name(std::int32_t intent) {
 }
 
 const char* source_of(const ImageProbeInfo& image, float dpi_x) {
-  if (image.kind == ImageSourceKind::pdf) return "at which pages are rasterised";
+  if (format_traits(image.kind).is_page) return "at which pages are rasterised";
   if (std::abs(dpi_x - image.dpi_x) > kSnapDpi) return "from the size that was asked for";
   switch (image.resolution_source) {
     case ResolutionSource::file:
@@ -89,7 +90,7 @@ std::string white_text(const ImageMeta& art, const RipJobOptions& options) {
   const auto slots = normalize_channel_map(options.head(), options.output_channel_map);
   if (std::ranges::find(slots, std::uint32_t{kChannelW}) == slots.end())
     return "not printed, no slot prints W";
-  const bool is_page = art.kind == ImageSourceKind::pdf;
+  const bool is_page = format_traits(art.kind).is_page;
   if (const int white = art.role_index(ChannelRole::white); white >= 0) {
     if (is_page) return "from the page's white spot colour";
     const auto channel = std::ranges::find(art.channels, ChannelRole::white, &ChannelInfo::role);

@@ -3,6 +3,7 @@
 #include <chrono>
 #include <stdexcept>
 
+#include "image/image_format.h"
 #include "image/image_test.h"
 #include "support/tiff_file.h"
 
@@ -30,7 +31,7 @@ TEST_F(ImageMetaProbeTest, TellsSizeAndResolution) {
   const ImageProbeInfo info = probe_image(path);
   EXPECT_EQ(info.path + info.normalized_path, path + dir_.file("a*b.TIFF"));
   EXPECT_EQ(info.file_name + info.safe_name, "a*b.TIFFa_b.TIFF");
-  EXPECT_STREQ(source_kind_name(info.kind), "TIFF");
+  EXPECT_STREQ(format_traits(info.kind).name, "TIFF");
   EXPECT_THAT((std::vector{info.width, info.height}), ElementsAre(70, 30));
   EXPECT_THAT((std::vector{info.dpi_x, info.dpi_y, info.effective_dpi}), ElementsAre(150, 200, 200));
 }
