@@ -19,9 +19,16 @@
 namespace nvo {
 namespace {
 
-constexpr const char* kAbout =
-    "Looks into print files of the Hoson board (.prt, .prn).\n"
+constexpr const char* kExitCodes =
     "Exit codes: 0 all is well, 1 wrong usage, 2 the file is damaged, cannot be read or cannot be written.";
+
+std::string about_text() {
+  std::string endings;
+  for (const HeadRow& head : print_heads())
+    if (endings.find(head.extension) == std::string::npos)
+      endings.append(endings.empty() ? "" : ", ").append(head.extension);
+  return "Looks into print files of the Hoson board (" + endings + ").\n" + kExitCodes;
+}
 
 constexpr const char* kVersion = "nvo_prt " NVO_APP_VERSION " (build " NVO_APP_BUILD_ID ")";
 
@@ -101,7 +108,7 @@ int run_prt_command(std::span<char* const> argv, std::ostream& out, std::ostream
   Arguments arguments;
   std::function<int()> command;
 
-  CLI::App app(kAbout, "nvo_prt");
+  CLI::App app(about_text(), "nvo_prt");
   app.set_version_flag("--version", kVersion);
   app.require_subcommand(1);
   CLI::App& info = *app.add_subcommand("info", "Header, physical size and dots of each level and slot");

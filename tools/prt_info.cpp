@@ -87,7 +87,7 @@ std::string info_text(const PrtInfo& info) {
   std::ostringstream text;
   text << std::fixed << std::setprecision(3);
   text << "File        " << info.path << ", " << prt_file_size(header) << " bytes\n"
-       << "Head        " << head_name(info.head) << ", mode " << mode_id(info) << '\n'
+       << "Head        " << print_head_name(info.head) << ", mode " << mode_id(info) << '\n'
        << "Resolution  " << header.x_dpi << " x " << header.y_dpi << " dpi, pass field " << header.pass_field
        << '\n'
        << "Dots        " << header.width << " x " << header.height << '\n'
@@ -112,7 +112,7 @@ std::string info_json(const PrtInfo& info) {
   nlohmann::ordered_json json = {
       {"file", info.path},
       {"file_bytes", prt_file_size(header)},
-      {"head", head_name(info.head)},
+      {"head", print_head_name(info.head)},
       {"print_mode_id", mode_id(info)},
       {"x_dpi", header.x_dpi},
       {"y_dpi", header.y_dpi},

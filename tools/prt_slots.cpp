@@ -9,15 +9,6 @@ namespace nvo {
 namespace {
 
 constexpr std::string_view kInkLetters = "CMYKW-";  // by channel code
-constexpr std::string_view kHeadNames[] = {"i3200", "i1600", "xp600"};
-
-constexpr HeadConfig head_config(PrintHead head) {
-  return {0, static_cast<std::uint32_t>(head)};
-}
-
-bool fits(HeadConfig head, const PrtHeader& header) {
-  return find_mode(head, header) != nullptr;
-}
 
 std::uint32_t parse_letter(char letter, std::string_view whole) {
   const char upper = letter >= 'a' && letter <= 'z' ? static_cast<char>(letter - 'a' + 'A') : letter;
@@ -30,14 +21,19 @@ std::uint32_t parse_letter(char letter, std::string_view whole) {
 }  // namespace
 
 HeadConfig guess_head(const PrtHeader& header, std::string_view path) {
-  if (header.channels == slot_count(head_config(PrintHead::xp600))) return head_config(PrintHead::xp600);
-  const HeadConfig i3200 = head_config(PrintHead::i3200), i1600 = head_config(PrintHead::i1600);
-  if (fits(i3200, header) != fits(i1600, header)) return fits(i3200, header) ? i3200 : i1600;
-  return lower_extension(path) == print_extension(i1600).substr(1) ? i1600 : i3200;
-}
-
-std::string_view head_name(HeadConfig head) {
-  return kHeadNames[head.print_head];
+  const std::string extension = "." + lower_extension(path);
+  // Of heads with as many slots, a mode that the header names counts more than the name of the file.
+  HeadConfig guess;
+  int best = -1;
+  for (const HeadRow& row : print_heads()) {
+    if (row.default_map.size() != header.channels) continue;
+    const HeadConfig head = head_config(row.head);
+    const int score = (find_mode(head, header) ? 2 : 0) + (row.extension == extension ? 1 : 0);
+    if (score <= best) continue;
+    best = score;
+    guess = head;
+  }
+  return guess;
 }
 
 const PrintMode* find_mode(HeadConfig head, const PrtHeader& header) {

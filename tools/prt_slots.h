@@ -10,11 +10,9 @@
 
 namespace nvo {
 
-/// The head that a file seems to be for. Seven slots are an xp600's. The two heads of six slots differ in the
-/// pass field and the file's extension only.
+/// The head that a file seems to be for, by the number of slots. Where several heads have as many, it is the
+/// first one with a mode that the header names, or else that has the file's extension.
 HeadConfig guess_head(const PrtHeader& header, std::string_view path);
-
-std::string_view head_name(HeadConfig head);
 
 /// The catalog row that the header names, or null.
 const PrintMode* find_mode(HeadConfig head, const PrtHeader& header);

@@ -26,7 +26,7 @@ void check_header(const PrtReader& reader, std::vector<std::string>& damage) {
   expect(header.stride, written.stride, "stride", damage);
   for (std::size_t i = 0; i < header.reserved.size(); ++i)
     expect(header.reserved[i], 0, "reserved field " + std::to_string(i + 1), damage);
-  if (head.print_head == static_cast<std::uint32_t>(PrintHead::xp600))
+  if (print_head_row(head).pass_field)
     expect(header.pass_field, written.pass_field, "pass field", damage);
   else if (header.pass_field == 0)
     damage.push_back("header: pass field is 0");

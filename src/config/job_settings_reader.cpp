@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <exception>
 #include <limits>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -41,9 +42,6 @@ struct Token {
   std::string_view token;
   Value value;
 };
-
-constexpr Token<PrintHead> kHeadTokens[] = {
-    {"i3200", PrintHead::i3200}, {"i1600", PrintHead::i1600}, {"xp600", PrintHead::xp600}};
 
 constexpr Token<SheetPlacementMode> kPlacementTokens[] = {
     {"left", SheetPlacementMode::align_left},          {"alignleft", SheetPlacementMode::align_left},
@@ -99,13 +97,17 @@ struct Fallback {
   const char* name;
 };
 
+void warn_of_token(const std::string& key, const std::string& text, std::string_view used) {
+  log_warn("JobSettings: unknown ", key, " token '", text, "'; using ", used);
+}
+
 template <class Value>
 Value parse_token(std::span<const Token<Value>> tokens, const std::string& key, const std::string& text,
                   Fallback<Value> fallback) {
   const std::string token = normalize_token(text);
   for (const Token<Value>& row : tokens)
     if (row.token == token) return row.value;
-  log_warn("JobSettings: unknown ", key, " token '", text, "'; using ", fallback.name);
+  warn_of_token(key, text, fallback.name);
   return fallback.value;
 }
 
@@ -171,8 +173,10 @@ void apply_device_board(const json& value, const char* key, JobSettings& job) {
 }
 
 void apply_print_head(const json& value, const char* key, JobSettings& job) {
-  job.print_head =
-      parse_token<PrintHead>(kHeadTokens, key, value.get<std::string>(), {PrintHead::i3200, "i3200"});
+  const auto& text = value.get_ref<const std::string&>();
+  const std::optional<PrintHead> head = find_print_head(normalize_token(text));
+  job.print_head = head.value_or(JobSettings().print_head);
+  if (!head) warn_of_token(key, text, print_head_name(job.head()));
 }
 
 void apply_print_mode_id(const json& value, const char*, JobSettings& job) {

@@ -1,88 +1,102 @@
 #include "config/print_modes.h"
 
 #include <algorithm>
-#include <array>
 
 namespace nvo {
 namespace {
 
-struct HeadCatalog {
-  std::string_view name;
-  std::vector<PrintMode> modes;
-  std::size_t default_row;
-  std::vector<std::uint32_t> default_map;
-  std::string_view extension;
-};
-
 constexpr std::uint32_t kC = kChannelC, kM = kChannelM, kY = kChannelY, kK = kChannelK, kW = kChannelW,
                         kOff = kChannelOff;
 
-const std::array<HeadCatalog, 3>& catalogs() {
-  static const std::array<HeadCatalog, 3> all = {{
-      {"i3200",
-       {
-           {"360x1200_2pass", "360x1200 2PASS", 360, 1200, 2, 2},
-           {"360x1800_3pass", "360x1800 3PASS", 360, 1800, 3, 2},
-           {"360x2400_4pass", "360x2400 4PASS", 360, 2400, 4, 2},
-           {"360x3600_6pass", "360x3600 6PASS", 360, 3600, 6, 2},
-           {"720x1200_4pass", "720x1200 4PASS", 720, 1200, 4, 2},
-           {"720x1800_6pass", "720x1800 6PASS", 720, 1800, 6, 2},
-           {"720x2400_8pass", "720x2400 8PASS", 720, 2400, 8, 2},
-       },
-       5,
-       {kK, kC, kM, kY, kW, kW},
-       ".prt"},
-      {"i1600",
-       {
-           {"i1600_720x900_observed", "720x900 (observed 5-slot)", 720, 900, 6, 2},
-           {"i1600_720x1200_observed", "720x1200 (observed 5-slot)", 720, 1200, 8, 2},
-           {"i1600_720x1800_observed", "720x1800 (observed 5-slot)", 720, 1800, 12, 2},
-       },
-       2,
-       {kK, kC, kM, kY, kW, kOff},
-       ".prn"},
-      {"xp600",
-       {
-           {"xp600_360x360", "360x360 2PASS", 360, 360, 2, 2},
-           {"xp600_360x540", "360x540 3PASS", 360, 540, 3, 2},
-           {"xp600_360x720", "360x720 4PASS", 360, 720, 4, 2},
-           {"xp600_360x1080", "360x1080 6PASS", 360, 1080, 6, 2},
-           {"xp600_360x1440", "360x1440 8PASS", 360, 1440, 8, 2},
-           {"xp600_360x2160", "360x2160 12PASS", 360, 2160, 12, 2},
-           {"xp600_720x360", "720x360 4PASS", 720, 360, 4, 2},
-           {"xp600_720x540", "720x540 6PASS", 720, 540, 6, 2},
-           {"xp600_720x720", "720x720 8PASS (XP600 standard)", 720, 720, 8, 2},
-           {"xp600_720x1080", "720x1080 12PASS", 720, 1080, 12, 2},
-           {"xp600_720x1440", "720x1440 16PASS", 720, 1440, 16, 2},
-           {"xp600_720x2160", "720x2160 24PASS", 720, 2160, 24, 2},
-       },
-       8,
-       {kK, kC, kM, kY, kOff, kOff, kW},
-       ".prt"},
-  }};
-  return all;
+// Explained in print_modes.h. The order is that in which a head is guessed where several could be meant.
+const std::vector<HeadRow>& head_rows() {
+  static const std::vector<HeadRow> rows = {
+      {.head = PrintHead::i3200,
+       .name = "i3200",
+       .modes =
+           {
+               {"360x1200_2pass", "360x1200 2PASS", 360, 1200, 2, 2},
+               {"360x1800_3pass", "360x1800 3PASS", 360, 1800, 3, 2},
+               {"360x2400_4pass", "360x2400 4PASS", 360, 2400, 4, 2},
+               {"360x3600_6pass", "360x3600 6PASS", 360, 3600, 6, 2},
+               {"720x1200_4pass", "720x1200 4PASS", 720, 1200, 4, 2},
+               {"720x1800_6pass", "720x1800 6PASS", 720, 1800, 6, 2},
+               {"720x2400_8pass", "720x2400 8PASS", 720, 2400, 8, 2},
+           },
+       .default_mode = 5,
+       .default_map = {kK, kC, kM, kY, kW, kW},
+       .stale_map = {},
+       .extension = ".prt",
+       .stride_alignment = 4,
+       .pass_field = std::nullopt},
+      {.head = PrintHead::i1600,
+       .name = "i1600",
+       .modes =
+           {
+               {"i1600_720x900_observed", "720x900 (observed 5-slot)", 720, 900, 6, 2},
+               {"i1600_720x1200_observed", "720x1200 (observed 5-slot)", 720, 1200, 8, 2},
+               {"i1600_720x1800_observed", "720x1800 (observed 5-slot)", 720, 1800, 12, 2},
+           },
+       .default_mode = 2,
+       .default_map = {kK, kC, kM, kY, kW, kOff},
+       .stale_map = {},
+       .extension = ".prn",
+       .stride_alignment = 4,
+       .pass_field = 4},
+      {.head = PrintHead::xp600,
+       .name = "xp600",
+       .modes =
+           {
+               {"xp600_360x360", "360x360 2PASS", 360, 360, 2, 2},
+               {"xp600_360x540", "360x540 3PASS", 360, 540, 3, 2},
+               {"xp600_360x720", "360x720 4PASS", 360, 720, 4, 2},
+               {"xp600_360x1080", "360x1080 6PASS", 360, 1080, 6, 2},
+               {"xp600_360x1440", "360x1440 8PASS", 360, 1440, 8, 2},
+               {"xp600_360x2160", "360x2160 12PASS", 360, 2160, 12, 2},
+               {"xp600_720x360", "720x360 4PASS", 720, 360, 4, 2},
+               {"xp600_720x540", "720x540 6PASS", 720, 540, 6, 2},
+               {"xp600_720x720", "720x720 8PASS (XP600 standard)", 720, 720, 8, 2},
+               {"xp600_720x1080", "720x1080 12PASS", 720, 1080, 12, 2},
+               {"xp600_720x1440", "720x1440 16PASS", 720, 1440, 16, 2},
+               {"xp600_720x2160", "720x2160 24PASS", 720, 2160, 24, 2},
+           },
+       .default_mode = 8,
+       .default_map = {kK, kC, kM, kY, kOff, kOff, kW},
+       .stale_map = {kK, kC, kM, kY, kOff, kOff, kOff},
+       .extension = ".prt",
+       .stride_alignment = 8,
+       .pass_field = 0},
+  };
+  return rows;
 }
 
-const HeadCatalog& catalog_of(HeadConfig head) {
-  const auto& all = catalogs();
-  return head.print_head < all.size() ? all[head.print_head] : all[0];
-}
-
-bool is_xp600(HeadConfig head) {
-  return head.print_head == static_cast<std::uint32_t>(PrintHead::xp600);
-}
-
-constexpr HeadConfig kLegacyHead{0, static_cast<std::uint32_t>(PrintHead::i3200)};
+constexpr HeadConfig kLegacyHead = head_config(PrintHead::i3200);
 
 }  // namespace
 
+std::span<const HeadRow> print_heads() {
+  return head_rows();
+}
+
+const HeadRow& print_head_row(HeadConfig head) {
+  for (const HeadRow& row : head_rows())
+    if (static_cast<std::uint32_t>(row.head) == head.print_head) return row;
+  return head_rows().front();
+}
+
+std::optional<PrintHead> find_print_head(std::string_view name) {
+  for (const HeadRow& row : head_rows())
+    if (row.name == name) return row.head;
+  return std::nullopt;
+}
+
 std::span<const PrintMode> print_modes_for(HeadConfig head) {
-  return catalog_of(head).modes;
+  return print_head_row(head).modes;
 }
 
 const PrintMode& default_print_mode(HeadConfig head) {
-  const HeadCatalog& catalog = catalog_of(head);
-  return catalog.modes[catalog.default_row];
+  const HeadRow& row = print_head_row(head);
+  return row.modes[row.default_mode];
 }
 
 const PrintMode* find_print_mode(HeadConfig head, std::string_view id) {
@@ -128,7 +142,7 @@ PrintMode effective_print_mode(HeadConfig head, const PrintMode& mode, const Exp
 }
 
 std::string_view print_head_name(HeadConfig head) {
-  return catalog_of(head).name;
+  return print_head_row(head).name;
 }
 
 std::string_view channel_name(std::uint32_t code) {
@@ -143,23 +157,23 @@ std::string channel_map_text(std::span<const std::uint32_t> map) {
 }
 
 std::uint32_t slot_count(HeadConfig head) {
-  return static_cast<std::uint32_t>(catalog_of(head).default_map.size());
+  return static_cast<std::uint32_t>(print_head_row(head).default_map.size());
 }
 
 std::vector<std::uint32_t> default_channel_map(HeadConfig head) {
-  return catalog_of(head).default_map;
+  return print_head_row(head).default_map;
 }
 
 std::vector<std::uint32_t> normalize_channel_map(HeadConfig head, const std::vector<std::uint32_t>& map) {
-  std::vector<std::uint32_t> slots = default_channel_map(head);
+  const HeadRow& row = print_head_row(head);
+  std::vector<std::uint32_t> slots = row.default_map;
   std::copy_n(map.begin(), std::min(map.size(), slots.size()), slots.begin());
-  if (is_xp600(head) && slots == std::vector<std::uint32_t>{kK, kC, kM, kY, kOff, kOff, kOff})
-    slots.back() = kW;
+  if (!slots.empty() && slots == row.stale_map) slots.back() = row.default_map.back();
   return slots;
 }
 
 std::string_view print_extension(HeadConfig head) {
-  return catalog_of(head).extension;
+  return print_head_row(head).extension;
 }
 
 }  // namespace nvo

@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <set>
 #include <stdexcept>
 #include <string>
 
@@ -9,12 +10,6 @@
 
 namespace nvo {
 namespace {
-
-constexpr std::uint32_t kI1600PassField = 4;
-constexpr std::uint32_t kXp600PassField = 0;
-
-constexpr std::uint32_t kMinSlots = 6;
-constexpr std::uint32_t kMaxSlots = 7;
 
 // Positions of the header's fields, in units of four bytes.
 enum HeaderField : std::size_t {
@@ -46,18 +41,18 @@ constexpr DotsOfByte make_dots_of_byte() {
 
 constexpr DotsOfByte kDotsOfByte = make_dots_of_byte();
 
-bool is_head(HeadConfig head, PrintHead kind) {
-  return head.print_head == static_cast<std::uint32_t>(kind);
+/// The slot counts of all heads, in ascending order.
+std::set<std::size_t> slot_counts() {
+  std::set<std::size_t> counts;
+  for (const HeadRow& row : print_heads()) counts.insert(row.default_map.size());
+  return counts;
 }
 
-std::uint64_t stride_alignment(HeadConfig head) {
-  return is_head(head, PrintHead::xp600) ? 8 : 4;
-}
-
-std::uint32_t pass_field(HeadConfig head, const PrintMode& mode) {
-  if (is_head(head, PrintHead::i1600)) return kI1600PassField;
-  if (is_head(head, PrintHead::xp600)) return kXp600PassField;
-  return mode.passes;
+/// As "6 or 7".
+std::string text_of(const std::set<std::size_t>& counts) {
+  std::string text;
+  for (const std::size_t count : counts) text.append(text.empty() ? "" : " or ") += std::to_string(count);
+  return text;
 }
 
 std::string hex(std::uint32_t value) {
@@ -74,7 +69,7 @@ void require(bool holds, const char* field, std::uint64_t found, const std::stri
 }  // namespace
 
 PrtRowLayout prt_row_layout(HeadConfig head, std::uint32_t width) {
-  const std::uint64_t alignment = stride_alignment(head);
+  const std::uint64_t alignment = print_head_row(head).stride_alignment;
   const std::uint64_t stride = (packed_dots_bytes(width) + alignment - 1) / alignment * alignment;
   if (stride > kMaxU32) throw std::overflow_error("HosonWriter stride alignment overflow");
   const std::uint64_t cycle_len = stride * slot_count(head);
@@ -91,7 +86,7 @@ PrtHeader make_prt_header(HeadConfig head, const PrintMode& mode, std::uint32_t 
   header.height = height;
   header.width = width;
   header.channels = slot_count(head);
-  header.pass_field = pass_field(head, row);
+  header.pass_field = print_head_row(head).pass_field.value_or(row.passes);
   return header;
 }
 
@@ -134,8 +129,8 @@ PrtHeader decode_prt_header(std::span<const std::uint8_t, kPrtHeaderSize> bytes)
   header.pass_field = fields[kFieldPass];
   header.reserved = {fields[kFieldReserved0], fields[kFieldReserved1], fields[kFieldReserved2]};
 
-  require(header.channels >= kMinSlots && header.channels <= kMaxSlots, "channels", header.channels,
-          "6 or 7");
+  const std::set<std::size_t> slots = slot_counts();
+  require(slots.contains(header.channels), "channels", header.channels, text_of(slots));
   require(header.width != 0, "width", header.width, "above 0");
   require(header.height != 0, "height", header.height, "above 0");
   const std::uint32_t least = packed_dots_bytes(header.width);

@@ -48,8 +48,8 @@ PrtHeader make_prt_header(HeadConfig head, const PrintMode& mode, std::uint32_t 
 std::array<std::uint8_t, kPrtHeaderSize> encode_prt_header(const PrtHeader& header);
 
 /// Reads a header from an untrusted file. Throws `runtime_error` naming the field, the value found and the
-/// value allowed, unless it places every dot: right magic, two bits, 6 or 7 slots, a size above 0, a stride
-/// that holds the width, and a row cycle below 4 GiB.
+/// value allowed, unless it places every dot: right magic, two bits, as many slots as a head has, a size
+/// above 0, a stride that holds the width, and a row cycle below 4 GiB.
 PrtHeader decode_prt_header(std::span<const std::uint8_t, kPrtHeaderSize> bytes);
 
 /// Bytes of a row cycle and of the whole file, for a header made or decoded here.

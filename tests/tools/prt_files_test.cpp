@@ -66,7 +66,7 @@ TEST(PrtSlots, GuessTheHeadFromTheFieldsAndTheNameWhereTheyFitBoth) {
       {{100, 100, 4, 1, 1, 6, 4, {}}, "a", "i3200"},      {{720, 1800, 4, 1, 1, 7, 6, {}}, "a.prn", "xp600"},
   };
   for (const auto& [header, path, head] : cases)
-    EXPECT_EQ(head_name(guess_head(header, path)), head) << path << ' ' << header.pass_field;
+    EXPECT_EQ(print_head_name(guess_head(header, path)), head) << path << ' ' << header.pass_field;
 }
 
 TEST(PrtVerify, NamesWhatIsDamaged) {
