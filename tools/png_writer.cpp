@@ -52,26 +52,29 @@ std::uint32_t pixels_per_metre(double dpi) {
 }  // namespace
 
 PngWriter::PngWriter(const std::string& path, std::uint32_t width, std::uint32_t height, double dpi)
-    : path_(path), file_(create_unique_temp(path, &error_)) {
-  if (!file_.handle.is_open()) throw std::runtime_error(path_ + ": " + error_);
+    : path_(path) {
   try {
-    pending_.reserve(kPendingBytes);
-    png_ = png_create_write_struct(PNG_LIBPNG_VER_STRING, this, jump_out, stay_silent);
-    info_ = png_ ? png_create_info_struct(png_) : nullptr;
-    if (!info_) fail();
-    png_set_write_fn(png_, this, take_bytes, nullptr);
-    if (!write_header(png_, info_, width, height, pixels_per_metre(dpi))) fail();
+    begin(width, height, dpi);
   } catch (...) {
     discard();
     throw;
   }
 }
 
+void PngWriter::begin(std::uint32_t width, std::uint32_t height, double dpi) {
+  pending_.reserve(kPendingBytes);
+  failure_ = file_.begin(path_, 0);
+  if (failure_) fail();
+  png_ = png_create_write_struct(PNG_LIBPNG_VER_STRING, this, jump_out, stay_silent);
+  info_ = png_ ? png_create_info_struct(png_) : nullptr;
+  if (!info_) fail();
+  png_set_write_fn(png_, this, take_bytes, nullptr);
+  if (!write_header(png_, info_, width, height, pixels_per_metre(dpi))) fail();
+}
+
 void PngWriter::discard() noexcept {
   if (png_) png_destroy_write_struct(&png_, &info_);
-  if (file_.path.empty()) return;
-  file_.handle.close();
-  platform::remove_file(file_.path);
+  file_.give_up();
 }
 
 void PngWriter::take_bytes(png_structp png, unsigned char* data, std::size_t size) {
@@ -86,14 +89,14 @@ void PngWriter::take_bytes(png_structp png, unsigned char* data, std::size_t siz
 }
 
 bool PngWriter::write_pending() {
-  const int code = file_.handle.write_all(pending_.data(), pending_.size());
+  failure_ = file_.append(pending_.data(), pending_.size());
   pending_.clear();
-  if (code != 0) error_ = platform::error_text(code);
-  return code == 0;
+  return !failure_;
 }
 
 void PngWriter::fail() {
-  throw std::runtime_error(path_ + ": cannot write the picture" + (error_.empty() ? "" : ": ") + error_);
+  throw std::runtime_error(path_ + ": cannot write the picture" +
+                           (failure_ ? ": " + failure_->text() : std::string()));
 }
 
 void PngWriter::write_row(const std::uint8_t* rgb) {
@@ -102,15 +105,8 @@ void PngWriter::write_row(const std::uint8_t* rgb) {
 
 void PngWriter::finish() {
   if (!write_trailer(png_) || !write_pending()) fail();
-  int code = file_.handle.flush();
-  if (code == 0) code = file_.handle.close();
-  if (code != 0) {
-    error_ = platform::error_text(code);
-    fail();
-  }
-  if (!atomic_replace(file_.path, path_, &error_)) fail();
-  file_.path.clear();
-  file_.name.release();
+  failure_ = file_.commit();
+  if (failure_) fail();
 }
 
 }  // namespace nvo

@@ -2,10 +2,11 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
-#include "core/file_io.h"
+#include "core/atomic_file.h"
 
 struct png_struct_def;
 struct png_info_def;
@@ -29,12 +30,13 @@ class PngWriter {
  private:
   static void take_bytes(png_struct_def* png, unsigned char* data, std::size_t size);
   bool write_pending();
+  void begin(std::uint32_t width, std::uint32_t height, double dpi);
   void discard() noexcept;
   [[noreturn]] void fail();
 
   std::string path_;
-  std::string error_;
-  TempFile file_;
+  AtomicFile file_;
+  std::optional<WriteFailure> failure_;
   std::vector<std::uint8_t> pending_;
   png_struct_def* png_ = nullptr;
   png_info_def* info_ = nullptr;

@@ -1,6 +1,7 @@
 // A print file on its way to the disk of the temporary folder, the closing flush included.
 #include <algorithm>
 #include <cstdint>
+#include <utility>
 #include <vector>
 
 #include <benchmark/benchmark.h>
@@ -13,6 +14,13 @@ namespace {
 
 constexpr std::size_t kFileBytes = std::size_t{64} << 20;
 
+void begin(File& file, File created) {
+  file = std::move(created);
+}
+void begin(BulkFile& file, File created) {
+  file.prepare();
+  file.take_over(std::move(created));
+}
 int flush(File& file) {
   return file.flush();
 }
@@ -36,7 +44,9 @@ void write_file(benchmark::State& state) {
   const test::TempDir dir;
   for (auto _ : state) {
     Writer file;
-    int error = file.create_exclusive(dir.file("out"));
+    File created;
+    int error = created.create_exclusive(dir.file("out"));
+    begin(file, std::move(created));
     for (std::size_t done = 0; done < kFileBytes && error == 0; done += piece)
       error = append(file, memory.get() + shift, piece);
     if (error != 0 || flush(file) != 0) return state.SkipWithError("the file can't be written");

@@ -1,19 +1,14 @@
 #include "core/file_io.h"
 
-#include <atomic>
-#include <cerrno>
-#include <chrono>
-#include <cstdio>
 #include <exception>
 #include <filesystem>
+#include <optional>
 #include <system_error>
-#include <thread>
 
 #include <nlohmann/json.hpp>
 
-#include "core/fnv1a.h"
+#include "core/log.h"
 #include "core/machine_failure.h"
-#include "core/platform/clock.h"
 #include "core/platform/input_file.h"
 #include "core/platform/paths.h"
 
@@ -21,11 +16,6 @@ namespace nvo {
 namespace {
 
 namespace fs = std::filesystem;
-
-constexpr int kMaxTempNames = 128;
-constexpr int kMaxReplaceAttempts = 32;
-constexpr auto kReplaceRetryDelay = std::chrono::milliseconds(2);
-constexpr std::size_t kMaxWritePiece = 0xFFFFFFFF;
 
 template <class... Pieces>
 bool fail(std::string* error, const Pieces&... pieces) {
@@ -64,40 +54,23 @@ bool read_existing(const std::string& path, std::uint64_t max_bytes, std::string
   return fail(error, "Short read while reading file: ", path);
 }
 
-std::string unique_token() {
-  static std::atomic<std::uint64_t> counter{0};
-  const std::uint64_t now = platform::monotonic_nanoseconds();
-  return std::to_string(platform::process_id()) + "." + std::to_string(now / 1'000'000) + "." +
-         std::to_string(now) + "." + std::to_string(counter.fetch_add(1));
+/// Of each step of a write, how its error begins.
+constexpr const char* kStepErrors[] = {
+    "Cannot create unique temp file for atomic write: ", "Cannot write temp file for atomic write: ",
+    "Cannot commit temp file for atomic write: ", "Cannot close temp file for atomic write: ",
+    "Cannot atomically replace file: "};
+constexpr const char* kShortWrite = "Short write to temp file for atomic write.";
+
+bool fail_step(WriteFailure::Step step, int code, std::string* error) {
+  if (code == platform::kNothingTaken) return fail(error, kShortWrite);
+  return fail(error, kStepErrors[static_cast<std::size_t>(step)], platform::error_text(code));
 }
 
-int write_content(platform::File& file, std::string_view content, bool& stalled) {
-  while (!content.empty()) {
-    std::size_t written = 0;
-    if (const int code = file.write_some(content.data(), std::min(content.size(), kMaxWritePiece), written))
-      return code;
-    if (written == 0) {
-      stalled = true;
-      return EIO;
-    }
-    content.remove_prefix(written);
-  }
-  return 0;
-}
-
-bool write_and_replace(TempFile& temp, const std::string& target, std::string_view content,
-                       std::string* error) {
-  bool stalled = false;
-  if (const int code = write_content(temp.handle, content, stalled)) {
-    return stalled ? fail(error, "Short write to temp file for atomic write.")
-                   : fail(error, "Cannot write temp file for atomic write: ", platform::error_text(code));
-  }
-  temp.handle.take_mode_of(target);
-  if (const int code = temp.handle.flush())
-    return fail(error, "Cannot commit temp file for atomic write: ", platform::error_text(code));
-  if (const int code = temp.handle.close())
-    return fail(error, "Cannot close temp file for atomic write: ", platform::error_text(code));
-  return atomic_replace(temp.path, target, error);
+std::optional<WriteFailure> write_whole(const std::string& path, std::string_view content) {
+  AtomicFile file;
+  if (auto failure = file.begin(path, content.size())) return failure;
+  if (auto failure = file.append(content.data(), content.size())) return failure;
+  return file.commit();
 }
 
 }  // namespace
@@ -141,59 +114,27 @@ bool write_file_atomic(const std::string& path, std::string_view content, std::s
   if (error) error->clear();
   const fs::path parent = platform::to_path(path).parent_path();
   std::error_code code;
-  if (!parent.empty() && !fs::create_directories(parent, code) && code)
+  if (!parent.empty() && !fs::create_directories(parent, code) && code) {
+    log_error("Atomic write: cannot make the folder for '", path, "': ", code.message());
     return fail(error, "Cannot create parent directory: ", code.message());
-
-  TempFile temp = create_unique_temp(path, error);
-  if (!temp.handle.is_open()) return false;
-  bool done = false;
-  try {
-    done = write_and_replace(temp, path, content, error);
-  } catch (...) {  // no memory for the error's text
-    platform::remove_file(temp.path);
-    throw;
   }
-  temp.handle.close();
-  if (!done) platform::remove_file(temp.path);
-  return done;
-}
-
-std::string path_beside(const std::string& target, std::string_view ending) {
-  const std::size_t slash = target.rfind('/');
-  const std::size_t begin = slash == std::string::npos ? 0 : slash + 1;
-  const std::string_view name = std::string_view(target).substr(begin);
-  const std::size_t room = platform::kMaxNameBytes - kLongestEnding;
-  if (name.size() <= room) return target + std::string(ending);
-  char hash[2 + 2 * sizeof(std::uint64_t)];
-  std::snprintf(hash, sizeof hash, "~%016llx",
-                static_cast<unsigned long long>(fnv1a(name.data(), name.size(), kFnvOffsetBasis)));
-  std::size_t kept = room - (sizeof hash - 1);
-  while (kept > 0 && (static_cast<unsigned char>(name[kept]) & 0xC0) == 0x80) --kept;  // whole letters
-  return target.substr(0, begin + kept).append(hash).append(ending);
+  const std::optional<WriteFailure> failure = write_whole(path, content);
+  if (!failure) return true;
+  log_error("Atomic write: ", failure->text());
+  return fail_step(failure->step, failure->error, error);
 }
 
 TempFile create_unique_temp(const std::string& target, std::string* error) {
-  int code = 0;
-  for (int n = 0; n < kMaxTempNames; ++n) {
-    TempFile temp;
-    temp.path = path_beside(target, ".tmp." + unique_token() + "." + std::to_string(n));
-    code = temp.handle.create_temporary(temp.path, temp.name);
-    if (code == 0) return temp;
-    if (!platform::means_already_exists(code)) break;
-  }
-  fail(error, "Cannot create unique temp file for atomic write: ", platform::error_text(code));
+  TempFile temp;
+  const int code = create_temp(target, kUniqueNames, temp);
+  if (code == 0) return temp;
+  fail_step(WriteFailure::Step::create, code, error);
   return {};
 }
 
 bool atomic_replace(const std::string& temp, const std::string& target, std::string* error) {
-  int code = 0;
-  for (int attempt = 0; attempt < kMaxReplaceAttempts; ++attempt) {
-    code = platform::replace_file(temp, target);
-    if (code == 0) return true;
-    if (!platform::is_transient(code)) break;
-    std::this_thread::sleep_for(kReplaceRetryDelay);
-  }
-  return fail(error, "Cannot atomically replace file: ", platform::error_text(code));
+  const int code = replace_patiently(temp, target);
+  return code == 0 || fail_step(WriteFailure::Step::replace, code, error);
 }
 
 }  // namespace nvo

@@ -6,16 +6,9 @@
 
 #include <nlohmann/json_fwd.hpp>
 
-#include "core/platform/file.h"
+#include "core/atomic_file.h"
 
 namespace nvo {
-
-/// The open temporary file of one atomic write. Closes itself; deleting the file is the writer's job.
-struct TempFile {
-  std::string path;
-  platform::File handle;
-  platform::TemporaryName name;
-};
 
 // None of these functions throws for file problems: they return false and, where `error` is not null, say
 // why. Paths are UTF-8.
@@ -36,14 +29,10 @@ int path_error(const std::string& path);
 bool read_json_bounded(const std::string& path, std::uint64_t max_bytes, nlohmann::json& json,
                        std::string* error, bool* missing);
 
-/// All or nothing: afterwards `path` is the complete new file, or, on failure, what it was before. Makes the
-/// parent folder with its ancestors when it is not there.
+/// `AtomicFile` for bytes that are all there. All or nothing: afterwards `path` is the complete new file, or,
+/// on failure, what it was before. Makes the parent folder with its ancestors when it is not there. The log
+/// has the cause of a failure, with path and size, at ERROR.
 bool write_file_atomic(const std::string& path, std::string_view content, std::string* error);
-
-/// A path for a temporary file beside `target`: the target's path and `ending`, of at most `kLongestEnding`
-/// bytes. A name that would get too long for the system is cut, and a hash makes up for the rest.
-inline constexpr std::size_t kLongestEnding = 80;
-std::string path_beside(const std::string& target, std::string_view ending);
 
 /// A new file beside `target`, under a name that no other process or thread takes.
 TempFile create_unique_temp(const std::string& target, std::string* error);

@@ -18,13 +18,19 @@
 namespace nvo {
 namespace {
 
-constexpr int kMaxTemporaryNames = 100;
+constexpr TemporaryNames kPrintNames{print_temporary_path, 100, true};
 constexpr std::size_t kInkMaps = 4;  // C, M, Y and K always come; white may be missing
 
-/// Why a call of the system failed, before the exception that says what failed.
-void log_cause(const char* what, const std::string& path, std::uint64_t bytes, int error) {
-  log_error("Print file: cannot ", what, " '", path, "' (", bytes,
-            " bytes wanted): ", platform::error_text(error));
+/// Logs why a step of the write failed, then throws what failed.
+[[noreturn]] void fail(const WriteFailure& failure, const std::string& text) {
+  log_error("Print file: ", failure.text());
+  throw MachineFailure(text);
+}
+
+/// How the exception of `end_stream_write` names a step.
+const char* end_text(WriteFailure::Step step) {
+  if (step == WriteFailure::Step::flush) return "flush/commit failed: ";
+  return step == WriteFailure::Step::close ? "close failed: " : "atomic replace failed: ";
 }
 
 bool is_usable_path(const std::string& path) {
@@ -89,7 +95,7 @@ void HosonWriter::begin_stream_write(const std::string& path, std::uint32_t widt
   height_ = height;
   const PrtHeader fields = make_prt_header(options_.head, options_.print_mode, width, height);
   file_size_ = prt_file_size(fields);
-  create_temporary(path);
+  begin_file(path);
   try {
     const auto header = encode_prt_header(fields);
     write_bytes(header.data(), header.size(), "header field");
@@ -102,19 +108,10 @@ void HosonWriter::begin_stream_write(const std::string& path, std::uint32_t widt
   open_ = true;
 }
 
-void HosonWriter::create_temporary(const std::string& path) {
-  const int attempts = is_usable_path(path) ? kMaxTemporaryNames : 0;
-  std::string candidate;
-  int error = 0;
-  for (int attempt = 0; attempt < attempts; ++attempt) {
-    candidate = print_temporary_path(path, attempt);
-    error = file_.create_temporary(candidate, temporary_name_);
-    if (error != 0) continue;
-    temporary_path_ = std::move(candidate);
-    return;
-  }
-  if (error != 0) log_cause("create", candidate, file_size_, error);
-  throw MachineFailure("HosonWriter::begin_stream_write: cannot open output file: " + path);
+void HosonWriter::begin_file(const std::string& path) {
+  const std::string text = "HosonWriter::begin_stream_write: cannot open output file: " + path;
+  if (!is_usable_path(path)) throw MachineFailure(text);
+  if (const auto failure = file_.begin(path, file_size_, kPrintNames)) fail(*failure, text);
 }
 
 void HosonWriter::write_dropmaps_strip(const std::vector<DropMap>& dropmaps, std::uint32_t y) {
@@ -267,47 +264,27 @@ void HosonWriter::reserve_strip_buffer(std::size_t size) {
 void HosonWriter::write_bytes(const void* data, std::size_t size, const char* label) {
   if (!file_.is_open() || !data)
     throw std::runtime_error(std::string("write_dropmaps: invalid write for ") + label);
-  if (const int error = file_.append(data, size)) {
-    log_cause("write", temporary_path_, size, error);
-    throw MachineFailure(std::string("write_dropmaps: failed to write ") + label);
-  }
+  if (const auto failure = file_.append(data, size))
+    fail(*failure, std::string("write_dropmaps: failed to write ") + label);
 }
 
 void HosonWriter::end_stream_write() {
   if (!open_) return;
-  const std::string path = path_, temporary = temporary_path_;
-  const auto fail = [&](const char* what, const std::string& where, int error, const char* text) {
-    abort();
-    log_cause(what, where, file_size_, error);
-    throw MachineFailure("HosonWriter::end_stream_write: " + std::string(text) + path);
-  };
-  if (next_row_ != kAllRowsWritten) {
-    abort();
-    throw std::runtime_error("HosonWriter::end_stream_write: stream finished before all rows were written");
-  }
   try {
-    if (!options_.keep_existing) file_.take_mode_of(path);
-    if (const int error = file_.flush()) fail("flush", temporary, error, "flush/commit failed: ");
-    if (const int error = file_.close()) fail("close", temporary, error, "close failed: ");
+    if (next_row_ != kAllRowsWritten)
+      throw std::runtime_error(
+          "HosonWriter::end_stream_write: stream finished before all rows were written");
+    if (const auto failure = file_.commit(options_.keep_existing ? Existing::keep : Existing::replace))
+      fail(*failure, "HosonWriter::end_stream_write: " + std::string(end_text(failure->step)) + path_);
   } catch (...) {
     abort();
     throw;
   }
-  const int error = options_.keep_existing ? platform::move_to_new_name(temporary, path)
-                                           : platform::replace_file(temporary, path);
-  if (error != 0) fail("put in place", path, error, "atomic replace failed: ");
-  reset();
+  abort();  // of a file that has its name nothing is left to give up
 }
 
 void HosonWriter::abort() noexcept {
-  file_.close();
-  if (!temporary_path_.empty()) platform::remove_file(temporary_path_);
-  reset();
-}
-
-void HosonWriter::reset() noexcept {
-  temporary_name_.release();
-  temporary_path_.clear();
+  file_.give_up();
   path_.clear();
   next_row_ = kAllRowsWritten;
   open_ = false;

@@ -12,8 +12,8 @@
 #include <vector>
 
 #include "config/print_modes.h"
+#include "core/atomic_file.h"
 #include "core/platform/bulk_file.h"
-#include "core/platform/file.h"
 #include "output/prt_format.h"
 #include "screen/drop_map.h"
 
@@ -90,7 +90,7 @@ class HosonWriter {
   static constexpr std::uint64_t kAllRowsWritten =
       std::numeric_limits<std::uint64_t>::max();  ///< behind row 0
 
-  void create_temporary(const std::string& path);
+  void begin_file(const std::string& path);
   void check_strip(const std::vector<DropMap>& dropmaps, std::uint32_t y) const;
   void require_in_bounds(std::uint32_t rows, std::uint32_t y) const;
   void require_next(std::uint32_t rows, std::uint32_t y) const;
@@ -101,13 +101,10 @@ class HosonWriter {
   void write_bytes(const void* data, std::size_t size, const char* label);
   void reserve_strip_buffer(std::size_t size);
   void abort() noexcept;
-  void reset() noexcept;
 
   HosonWriterOptions options_;
-  platform::BulkFile file_;
+  AtomicFile file_;
   std::string path_;
-  std::string temporary_path_;
-  platform::TemporaryName temporary_name_;
   std::uint32_t width_ = 0;
   std::uint32_t height_ = 0;
   std::uint64_t file_size_ = 0;

@@ -5,7 +5,7 @@
 #include <string_view>
 #include <system_error>
 
-#include "core/file_io.h"
+#include "core/atomic_file.h"
 #include "core/platform/clock.h"
 #include "core/platform/file.h"
 #include "core/platform/paths.h"

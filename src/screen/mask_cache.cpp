@@ -5,17 +5,17 @@
 #include <bit>
 #include <cmath>
 #include <cstring>
+#include <optional>
 #include <stdexcept>
 #include <system_error>
 #include <utility>
 
+#include "core/atomic_file.h"
 #include "core/checked.h"
-#include "core/file_io.h"
 #include "core/fnv1a.h"
 #include "core/large_vector.h"
 #include "core/log.h"
 #include "core/machine_failure.h"
-#include "core/platform/file.h"
 #include "core/platform/input_file.h"
 #include "core/platform/paths.h"
 #include "screen/mask_generator.h"
@@ -151,21 +151,13 @@ std::optional<std::vector<std::uint8_t>> load_masks(const std::string& path, con
   return masks;
 }
 
-/// Writes header and masks to a temporary file beside `path` and moves it there. `error` tells why not.
-bool write_cache_file(const std::string& path, const Header& header, const std::vector<std::uint8_t>& masks,
-                      std::string& error) {
-  TempFile temp = create_unique_temp(path, &error);
-  platform::File& file = temp.handle;
-  if (!file.is_open()) return false;
-  int code = file.write_all(header.data(), header.size());
-  if (code == 0) code = file.write_all(masks.data(), masks.size());
-  if (code == 0) code = file.flush();
-  if (code == 0) code = file.close();
-  if (code == 0 && atomic_replace(temp.path, path, &error)) return true;
-  if (code != 0) error = platform::error_text(code);
-  file.close();
-  platform::remove_file(temp.path);
-  return false;
+std::optional<WriteFailure> write_cache_file(const std::string& path, const Header& header,
+                                             const std::vector<std::uint8_t>& masks) {
+  AtomicFile file;
+  if (auto failure = file.begin(path, header.size() + masks.size())) return failure;
+  if (auto failure = file.append(header.data(), header.size())) return failure;
+  if (auto failure = file.append(masks.data(), masks.size())) return failure;
+  return file.commit();
 }
 
 bool save_masks(const fs::path& folder, const MaskParams& params, const std::vector<std::uint8_t>& masks) {
@@ -178,16 +170,15 @@ bool save_masks(const fs::path& folder, const MaskParams& params, const std::vec
   if (!size || *size > masks.size()) return false;
 
   const std::string path = platform::to_utf8(folder / file_name(params));
-  std::string reason;
   const Header header = make_header(params, fnv1a(masks.data(), masks.size()));
-  const bool saved = write_cache_file(path, header, masks, reason);
-  if (saved) {
-    log_info("MaskCache: saved to ", path);
-  } else {
-    log_warn("MaskCache: cannot write '", path, "': ", reason);
+  const std::optional<WriteFailure> failure = write_cache_file(path, header, masks);
+  if (failure) {
+    log_warn("MaskCache: ", failure->text());
     log_warn("MaskCache: could not save to ", path);
+  } else {
+    log_info("MaskCache: saved to ", path);
   }
-  return saved;
+  return !failure;
 }
 
 /// `value` modulo `size`, in 0 to size - 1 for negative values too.

@@ -45,7 +45,10 @@ TEST(BulkFileFaults, EveryFailureIsTold) {
     const test::TempDir dir;
     fault_plan = {n, 0, false};
     platform::BulkFile file;
-    int error = file.create_exclusive(dir.file("bulk"));
+    platform::File created;
+    int error = created.create_exclusive(dir.file("bulk"));
+    file.prepare();
+    file.take_over(std::move(created));
     for (int piece = 0; piece < 3 && !error; ++piece) error = file.append(bytes.get(), kPiece);
     if (!error) error = file.flush();
     if (const int closed = file.close(); !error) error = closed;

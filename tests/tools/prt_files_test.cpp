@@ -153,7 +153,7 @@ TEST(PrtCommand, TellsWrongUsageFromAFileThatCannotBeRead) {
       {{"preview", path, picture, "--crop", "0,-1,1,1"}, 1, "height lies outside of the image"},
       {{"preview", path, picture, "--crop", "0,0,nan,1"}, 1, "width"},
       {{"preview", path, path}, 1, "would replace the print file"},
-      {{"preview", path, dir.file("missing/a.png")}, 2, "missing/a.png"},
+      {{"preview", path, dir.file("missing/a.png")}, 2, "cannot write the picture: cannot create '"},
       {{"info", dir.file("b.prt")}, 2, "b.prt: no such file"},
       {{"info", dir.path().string()}, 2, "not a regular file"},
       {{"--help"}, 0, ""},

@@ -108,6 +108,7 @@ TEST_F(UpdateManagerTest, ADamagedLatchIsReportedAndIgnored) {
 TEST_F(UpdateManagerTest, ALatchThatCannotBeSavedChangesNoDecision) {
   std::filesystem::create_directories(latch() + "/in the way");
   EXPECT_FALSE(guard(offer(true, true)).allowed);
+  EXPECT_EQ(log.count("[ERROR] Atomic write: cannot put in place '" + latch() + "' ("), 1u);
   EXPECT_EQ(log.count("[ERROR] UpdateManager: cannot save mandatory latch state '" + latch() + "': "), 1u);
 }
 

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstring>
 #include <system_error>
+#include <utility>
 
 #include "core/thread_shortage.h"
 
@@ -24,25 +25,16 @@ bool is_aligned(const std::uint8_t* data) {
 
 }  // namespace
 
-/// What may throw is done before the file is there.
-void BulkFile::prepare() {
+void BulkFile::prepare(bool past_cache) {
   wait_for_flush();  // of a file given up
   held_size_ = unflushed_ = 0;
-  if (!held_) held_ = allocate_bulk(kCopyBytes);
+  direct_ = past_cache;
+  if (past_cache && !held_) held_ = allocate_bulk(kCopyBytes);
 }
 
-int BulkFile::create_exclusive(const std::string& path) {
-  prepare();
-  const int error = file_.create_exclusive(path);
-  direct_ = error == 0 && file_.set_direct(true);
-  return error;
-}
-
-int BulkFile::create_temporary(const std::string& path, TemporaryName& name) {
-  prepare();
-  const int error = file_.create_temporary(path, name);
-  direct_ = error == 0 && file_.set_direct(true);
-  return error;
+void BulkFile::take_over(File file) {
+  file_ = std::move(file);
+  direct_ = direct_ && file_.set_direct(true);
 }
 
 int BulkFile::append(const void* data, std::size_t size) {

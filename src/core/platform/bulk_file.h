@@ -23,22 +23,22 @@ using BulkMemory = std::unique_ptr<std::uint8_t[], ReleaseBulk>;
 /// `bad_alloc`.
 BulkMemory allocate_bulk(std::size_t size);
 
-/// A new file that grows in order, to gigabytes. Whole blocks go to the disk past the page cache where the
-/// file system lets them: that is several times faster than filling the cache, and leaves the cache to other
-/// programs. The bytes of the file are the same either way. While the file grows, a thread of its own flushes
-/// what was appended so far, so that the disk works from the start and the last flush is short; without one
-/// `append` waits. Functions return 0 or the system's error; that of a flush in between comes with the next
-/// call. For one thread.
+/// A file that grows in order, to gigabytes. Whole blocks go to the disk past the page cache where that is
+/// wanted and the file system lets them: that is several times faster than filling the cache, and leaves the
+/// cache to other programs. The bytes of the file are the same either way. While the file grows, a thread of
+/// its own flushes what was appended so far, so that the disk works from the start and the last flush is
+/// short; without one `append` waits. Functions return 0 or the system's error; that of a flush in between
+/// comes with the next call. For one thread.
 class BulkFile {
  public:
   BulkFile() = default;
   BulkFile(const BulkFile&) = delete;
   BulkFile& operator=(const BulkFile&) = delete;
 
-  /// Creates a file that does not exist yet; the error is "already exists" where it does.
-  int create_exclusive(const std::string& path);
-  /// The same for a temporary file, see `File`.
-  int create_temporary(const std::string& path, TemporaryName& name);
+  /// Gets ready for another file, which goes past the cache or not. Throws `bad_alloc`.
+  void prepare(bool past_cache = true);
+  /// The file to grow: open and empty. To be called after `prepare`.
+  void take_over(File file);
   void take_mode_of(const std::string& path) { file_.take_mode_of(path); }
   bool is_open() const { return file_.is_open(); }
 
@@ -51,7 +51,6 @@ class BulkFile {
   int close();
 
  private:
-  void prepare();
   int flush_behind();
   int wait_for_flush();
   int write_blocks(const std::uint8_t* data, std::size_t size);

@@ -6,6 +6,8 @@
 
 namespace nvo::platform {
 
+/// The code of a write of which the system took nothing without saying why.
+inline constexpr int kNothingTaken = -1;
 /// The system's text for an error code of this header's functions.
 std::string error_text(int code);
 bool means_already_exists(int code);

@@ -130,7 +130,7 @@ int sync_directory(const std::string& path) {
 }  // namespace
 
 std::string error_text(int code) {
-  return std::generic_category().message(code);
+  return code == kNothingTaken ? "nothing was written" : std::generic_category().message(code);
 }
 bool means_bad_alignment(int code) {
   return code == EINVAL;
@@ -215,7 +215,7 @@ int File::write_all(const void* data, std::size_t size) {
   while (size != 0) {
     std::size_t written = 0;
     if (const int error = write_some(bytes, size, written)) return error;
-    if (written == 0) return EIO;
+    if (written == 0) return kNothingTaken;
     bytes += written;
     size -= written;
   }
