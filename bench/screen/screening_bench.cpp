@@ -115,8 +115,7 @@ std::unique_ptr<RipEngine> make_engine(std::uint32_t y_dpi, SamplingMode mode) {
   params.n_masks = 5;
   params.cache_dir = (std::filesystem::temp_directory_path() / "nvo_screening_bench").string();
   params.color_resampling = mode;
-  params.performance.mode = PerformanceMode::manual;
-  params.performance.row_threads = 1;
+  params.threads.rows.division = WorkDivision::never;
   auto engine = std::make_unique<RipEngine>(params);
   std::filesystem::remove_all(params.cache_dir);
   return engine;

@@ -3,6 +3,7 @@
 #include <cstdint>
 
 #include "config/job_settings.h"
+#include "core/threads/thread_plan.h"
 
 namespace nvo {
 
@@ -25,6 +26,7 @@ struct StripCompositorConfig {
   float total_ink_budget_pct = 300.0f;
   float max_white_pct = 400.0f;
   float min_white_pct = 10.0f;
+  ThreadPlan threads;
 };
 
 }  // namespace nvo

@@ -60,8 +60,8 @@ std::shared_ptr<SharedSource> ItemCaches::open_raster_source(const ContentSignat
   }
   auto source = std::make_shared<SharedSource>();
   const SharedFailures failures = failures_of(signature);
-  source->reader =
-      try_once(*failures, DecodeStage::open_source, [&] { return make_raster_source(path, failures); });
+  source->reader = try_once(*failures, DecodeStage::open_source,
+                            [&] { return make_raster_source(path, failures, threads_); });
   if (!signature.valid) return source;
   const std::lock_guard lock(cache_mutex_);
   return sources_.insert(signature.key, std::move(source));
@@ -76,14 +76,14 @@ void ItemCaches::forget_source(const ContentSignature& signature,
 
 std::shared_ptr<const LoadedImage> ItemCaches::load_image_cached(const ContentSignature& signature,
                                                                  const std::string& path) {
-  if (!signature.valid) return std::make_shared<const LoadedImage>(load_image(path));
+  if (!signature.valid) return std::make_shared<const LoadedImage>(load_image(path, threads_));
   const auto alone = image_gate_.enter(signature.key);
   {
     const std::lock_guard lock(cache_mutex_);
     if (auto loaded = find_or_null(images_, signature.key)) return loaded;
   }
   auto image = try_once(*failures_of(signature), DecodeStage::load,
-                        [&] { return std::make_shared<const LoadedImage>(load_image(path)); });
+                        [&] { return std::make_shared<const LoadedImage>(load_image(path, threads_)); });
   const std::lock_guard lock(cache_mutex_);
   return images_.insert(signature.key, std::move(image));
 }

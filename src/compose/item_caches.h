@@ -10,6 +10,7 @@
 #include "compose/content_signature.h"
 #include "compose/fifo_cache.h"
 #include "compose/item_raster.h"
+#include "core/threads/thread_plan.h"
 #include "image/image_types.h"
 #include "image/raster_source.h"
 
@@ -35,6 +36,7 @@ class KeyedGate {
 /// lives on with its users. A signature that isn't valid passes the caches by.
 class ItemCaches {
  public:
+  explicit ItemCaches(const ThreadPlan& threads) : threads_(threads) {}
   void clear();
 
   /// Opens, or hands out the open source. Throws when the file cannot be opened; after that it isn't tried
@@ -60,6 +62,7 @@ class ItemCaches {
  private:
   SharedFailures failures_of(const ContentSignature& signature);
 
+  const ThreadPlan threads_;
   mutable std::mutex cache_mutex_;
   FifoCache<std::shared_ptr<const LoadedImage>> images_{32};
   FifoCache<std::shared_ptr<SharedSource>> sources_{16};

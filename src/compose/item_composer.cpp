@@ -13,9 +13,8 @@
 #include "core/machine_failure.h"
 #include "core/platform/environment.h"
 #include "core/text.h"
+#include "core/threads/parallel.h"
 #include "image/image_format.h"
-#include "plan/compose_threads.h"
-#include "plan/parallel.h"
 
 namespace nvo {
 namespace {
@@ -335,7 +334,7 @@ ItemComposer::Painted ItemComposer::raster_rows(const Plan& plan, const SourceVi
   const std::uint64_t pixels = std::uint64_t{columns.size()} * rows.size();
   const bool has_thread_of_its_own = plan.color.worker != nullptr;
   const std::uint32_t threads =
-      has_thread_of_its_own ? 1 : compose_threads(rows.size() / kMinRowsPerThread, pixels);
+      has_thread_of_its_own ? 1 : config_.threads.compose_threads(rows.size() / kMinRowsPerThread, pixels);
   std::atomic<std::uint64_t> written{0};
   std::atomic<bool> has_ink{false};
   const std::vector<WorkRange> parts = guided_ranges(rows.size(), threads, kMinRowsPerThread);

@@ -24,7 +24,7 @@ namespace nvo {
 /// in one strip.
 class ItemComposer {
  public:
-  explicit ItemComposer(const StripCompositorConfig& config) : config_(config) {}
+  explicit ItemComposer(const StripCompositorConfig& config) : config_(config), caches_(config.threads) {}
 
   /// Not during composition.
   void set_icc_settings(const IccSettings& settings);

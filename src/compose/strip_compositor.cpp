@@ -8,8 +8,7 @@
 #include "compose/white_underbase.h"
 #include "core/large_vector.h"
 #include "core/log.h"
-#include "plan/compose_threads.h"
-#include "plan/parallel.h"
+#include "core/threads/parallel.h"
 
 namespace nvo {
 namespace {
@@ -59,12 +58,12 @@ struct ParallelPlan {
 };
 
 ParallelPlan plan_parallel(const std::vector<const LayoutItem*>& items, const StripBuffer& strip,
-                           std::uint32_t src_dpi) {
+                           const StripCompositorConfig& config) {
   ParallelPlan plan;
   std::vector<ItemRect> rects;
   std::uint64_t pixels = 0;
   for (const LayoutItem* item : items) {
-    const ItemPlacement placement = place_item(*item, src_dpi);
+    const ItemPlacement placement = place_item(*item, config.src_dpi);
     if (placement.area() >= kMaxParallelItemPixels) return plan;
     const ItemRect rect = clip_to_strip(*item, placement, strip);
     if (rect.x1 <= rect.x0 || rect.y1 <= rect.y0) continue;
@@ -72,7 +71,7 @@ ParallelPlan plan_parallel(const std::vector<const LayoutItem*>& items, const St
     plan.items.push_back(item);
     pixels += rect.area();
   }
-  if (!any_overlap(rects)) plan.threads = compose_threads(rects.size(), pixels);
+  if (!any_overlap(rects)) plan.threads = config.threads.compose_threads(rects.size(), pixels);
   return plan;
 }
 
@@ -108,7 +107,7 @@ StripBuffer StripCompositor::compose_strip(std::uint32_t y, std::uint32_t height
   if (items.empty()) return strip;
   log_debug("StripCompositor: strip y=", y, " h=", height, " items=", items.size());
 
-  const ParallelPlan plan = plan_parallel(items, strip, config_.src_dpi);
+  const ParallelPlan plan = plan_parallel(items, strip, config_);
   if (plan.threads < 2) {
     compose_sequentially(items, strip);
   } else {
@@ -131,7 +130,7 @@ StripBuffer StripCompositor::blank_strip(std::uint32_t y, std::uint32_t height, 
   };
   const std::size_t planes = strip.planes.size() + 1;
   for (std::size_t i = 0; i < planes; ++i) reserve_large(plane(i), pixels);
-  parallel_ranges(planes, compose_threads(planes, pixels),
+  parallel_ranges(planes, config_.threads.compose_threads(planes, pixels),
                   [&](std::size_t begin, std::size_t end, std::size_t) {
                     for (std::size_t i = begin; i < end; ++i) plane(i).assign(pixels, 0);
                   });

@@ -19,7 +19,7 @@ struct ChannelSettings {
 enum class PerformanceMode : std::uint8_t { automatic = 0, manual = 1 };
 enum class TriState : std::uint8_t { automatic = 0, off = 1, on = 2 };
 
-/// The thread plan. A count of 0 leaves the choice to the rules of `plan/performance.h`.
+/// What is asked of the thread plan. A count of 0 leaves the choice to the rules of `core/threads/thread_plan.h`.
 struct RipPerformance {
   PerformanceMode mode = PerformanceMode::automatic;
   TriState parallel_sheets = TriState::automatic;

@@ -1,6 +1,7 @@
 #include "image/image_format.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "core/text.h"
 #include "image/pdf_image.h"
@@ -18,6 +19,17 @@ constexpr std::string_view kWicExtensions[] = {"png", "jpg", "jpeg", "bmp", "web
 constexpr std::string_view kPdfExtensions[] = {"pdf"};
 constexpr std::size_t kMinBareNameLength = 4;
 
+/// Formats that are decoded on the calling thread alone.
+template <LoadedImage (*load)(const std::string&)>
+LoadedImage load_alone(const std::string& path, const ThreadPlan&) {
+  return load(path);
+}
+template <std::shared_ptr<RasterSource> (*open)(const std::string&, SharedFailures)>
+std::shared_ptr<RasterSource> open_alone(const std::string& path, SharedFailures failures,
+                                         const ThreadPlan&) {
+  return open(path, std::move(failures));
+}
+
 constexpr ImageFormat kFormats[] = {
     {.kind = ImageSourceKind::tiff,
      .traits = {.name = "TIFF"},
@@ -32,16 +44,16 @@ constexpr ImageFormat kFormats[] = {
      .extensions = kWicExtensions,
      .default_dpi = kWicDefaultDpi,
      .probe = probe_wic,
-     .load = load_wic,
-     .open_source = open_wic_source,
+     .load = load_alone<load_wic>,
+     .open_source = open_alone<open_wic_source>,
      .weigh = weigh_wic},
     {.kind = ImageSourceKind::pdf,
      .traits = {.name = "PDF", .is_page = true, .keeps_rows = true},
      .extensions = kPdfExtensions,
      .default_dpi = kPdfDpi,
      .probe = probe_pdf,
-     .load = load_first_pdf_page,
-     .open_source = open_pdf_source,
+     .load = load_alone<load_first_pdf_page>,
+     .open_source = open_alone<open_pdf_source>,
      .weigh = nullptr},
 };
 

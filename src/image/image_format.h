@@ -34,8 +34,9 @@ struct ImageFormat {
   std::span<const std::string_view> extensions;  ///< lower case, without the dot
   float default_dpi;                             ///< for files that state no resolution
   ImageExtent (*probe)(const std::string& path);
-  LoadedImage (*load)(const std::string& path);
-  std::shared_ptr<RasterSource> (*open_source)(const std::string& path, SharedFailures failures);
+  LoadedImage (*load)(const std::string& path, const ThreadPlan& threads);
+  std::shared_ptr<RasterSource> (*open_source)(const std::string& path, SharedFailures failures,
+                                               const ThreadPlan& threads);
   ImageClaim (*weigh)(const std::string& path);  ///< by the header; null where a format has no such bound
 };
 

@@ -36,10 +36,10 @@ std::uint64_t checked_mul(std::uint64_t a, std::uint64_t b, const std::string& l
   return *product;
 }
 
-LoadedImage load_image(const std::string& path) {
+LoadedImage load_image(const std::string& path, const ThreadPlan& threads) {
   const ImageFormat* format = find_file_format(path);
   if (!format) throw std::runtime_error("ImageLoader: unsupported image extension: " + path);
-  return format->load(path);
+  return format->load(path, threads);
 }
 
 std::vector<std::uint8_t> build_white_coverage(const LoadedImage& image) {

@@ -4,13 +4,14 @@
 #include <string>
 #include <vector>
 
+#include "core/threads/thread_plan.h"
 #include "image/image_types.h"
 
 namespace nvo {
 
 /// Decodes a whole image file. Throws with a text that begins "ImageLoader: ". May run on many threads at
-/// once.
-LoadedImage load_image(const std::string& path);
+/// once; each call divides its work by `threads`.
+LoadedImage load_image(const std::string& path, const ThreadPlan& threads = ThreadPlan());
 
 /// One byte a pixel, 255 for full white: the complement of a White channel (stored with 0 as full white),
 /// else alpha, else 255 everywhere. Throws when the image's fields contradict each other.

@@ -8,10 +8,11 @@
 
 namespace nvo {
 
-std::shared_ptr<RasterSource> make_raster_source(const std::string& path, SharedFailures failures) {
+std::shared_ptr<RasterSource> make_raster_source(const std::string& path, SharedFailures failures,
+                                                 const ThreadPlan& threads) {
   const ImageFormat* format = find_image_format(lower_extension(path));
   if (!format) throw std::runtime_error("RasterSource: unsupported image extension: " + path);
-  return format->open_source(path, std::move(failures));
+  return format->open_source(path, std::move(failures), threads);
 }
 
 }  // namespace nvo

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "core/threads/thread_plan.h"
 #include "image/decode_failures.h"
 #include "image/image_types.h"
 
@@ -43,7 +44,9 @@ class RasterSource {
 using SharedFailures = std::shared_ptr<DecodeFailures>;
 
 /// Opens a file by its extension. Throws when it cannot be opened or the extension is not supported.
-std::shared_ptr<RasterSource> make_raster_source(
-    const std::string& path, SharedFailures failures = std::make_shared<DecodeFailures>());
+/// Decoding divides its work by `threads`.
+std::shared_ptr<RasterSource> make_raster_source(const std::string& path,
+                                                 SharedFailures failures = std::make_shared<DecodeFailures>(),
+                                                 const ThreadPlan& threads = ThreadPlan());
 
 }  // namespace nvo

@@ -46,8 +46,9 @@ std::vector<std::uint8_t> widen_whole_image(const TiffMeta& tiff, std::uint16_t 
 }
 
 /// The file's own samples, top row first.
-std::pair<TiffMeta, std::vector<std::uint8_t>> decode(const std::string& path) try {
-  TiffReader reader;
+std::pair<TiffMeta, std::vector<std::uint8_t>> decode(const std::string& path,
+                                                      const ThreadPlan& threads) try {
+  TiffReader reader(threads);
   reader.open(path);
   TiffMeta tiff = reader.read_meta();
   std::vector<std::uint8_t> samples = reader.read_image();
@@ -106,8 +107,8 @@ ImageClaim weigh_tiff(const std::string& path) {
   return reader.weigh(reader.read_meta());
 }
 
-LoadedImage load_tiff(const std::string& path) {
-  auto [tiff, samples] = decode(path);
+LoadedImage load_tiff(const std::string& path, const ThreadPlan& threads) {
+  auto [tiff, samples] = decode(path, threads);
   LoadedImage image{describe_tiff(path, tiff), {}, {}, {}};
   image.pixels = image.is_gray ? widen_whole_image(tiff, image.channel_count, samples) : std::move(samples);
   image.white_coverage = build_white_coverage(image);

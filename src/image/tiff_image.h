@@ -29,6 +29,6 @@ ImageExtent probe_tiff(const std::string& path);
 ImageClaim weigh_tiff(const std::string& path);
 
 /// Decodes the whole file. Throws "ImageLoader: failed to load TIFF ..." when the reader does.
-LoadedImage load_tiff(const std::string& path);
+LoadedImage load_tiff(const std::string& path, const ThreadPlan& threads);
 
 }  // namespace nvo

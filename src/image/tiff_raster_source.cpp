@@ -85,8 +85,9 @@ class TiffRasterSource final : public BandedRasterSource {
 
 }  // namespace
 
-std::shared_ptr<RasterSource> open_tiff_source(const std::string& path, SharedFailures failures) {
-  TiffReader reader;
+std::shared_ptr<RasterSource> open_tiff_source(const std::string& path, SharedFailures failures,
+                                               const ThreadPlan& threads) {
+  TiffReader reader(threads);
   reader.open(path);
   TiffMeta tiff = reader.read_meta();
   return std::make_shared<TiffRasterSource>(path, std::move(reader), std::move(tiff), std::move(failures));

@@ -19,14 +19,13 @@
 #include "core/large_vector.h"
 #include "core/log.h"
 #include "core/out_of_memory.h"
+#include "core/threads/parallel.h"
 #include "image/tiff_claim.h"
 #include "image/tiff_errors.h"
 #include "image/tiff_file.h"
 #include "image/tiff_predictor.h"
 #include "image/tiff_remarks.h"
 #include "image/tiff_tags.h"
-#include "plan/compose_threads.h"
-#include "plan/parallel.h"
 
 namespace nvo {
 namespace {
@@ -291,6 +290,8 @@ class Decoders {
  public:
   using DecodePiece = std::function<void(Decoder&, std::size_t)>;
 
+  explicit Decoders(const ThreadPlan& threads) : threads_(threads) {}
+
   TiffFile& first() { return decoders_.front().file; }
   TIFF* tiff() { return first().get(); }
 
@@ -301,7 +302,7 @@ class Decoders {
               const DecodePiece& decode) {
     const bool small = piece_bytes <= kMaxParallelPieceBytes;
     const bool share = small && pieces_stand_alone(tiff()) && (first_piece_ || !begun_);
-    const std::size_t threads = share ? compose_threads(count, pixels) : 1;
+    const std::size_t threads = share ? threads_.compose_threads(count, pixels) : 1;
     if (threads < 2)
       in_turn = count;
     else if (!begun_)
@@ -359,6 +360,7 @@ class Decoders {
     });
   }
 
+  ThreadPlan threads_;
   std::vector<Decoder> decoders_ = std::vector<Decoder>(1);
   bool begun_ = false;                        ///< a piece was tried
   std::optional<std::uint32_t> first_piece_;  ///< libtiff's number of it; none where it failed
@@ -367,8 +369,9 @@ class Decoders {
 }  // namespace
 
 struct TiffReader::Impl {
-  Decoders decoders;
-  KeptPieces kept;
+  ThreadPlan threads;
+  Decoders decoders{threads};
+  KeptPieces kept{};
 
   TiffMeta read_meta();
   ImageRemarks remarks(const TiffMeta& meta) { return remark_tiff(decoders.first(), meta); }
@@ -603,7 +606,7 @@ void TiffReader::Impl::decode_tile_row(const TileGrid& grid, std::uint64_t first
   });
 }
 
-TiffReader::TiffReader() : impl_(std::make_unique<Impl>()) {}
+TiffReader::TiffReader(const ThreadPlan& threads) : impl_(std::make_unique<Impl>(Impl{.threads = threads})) {}
 TiffReader::~TiffReader() = default;
 TiffReader::TiffReader(TiffReader&&) noexcept = default;
 TiffReader& TiffReader::operator=(TiffReader&&) noexcept = default;
@@ -644,7 +647,7 @@ void TiffReader::read_rows(std::uint32_t y, std::uint32_t rows, std::vector<std:
 }
 
 void TiffReader::close() {
-  *impl_ = Impl{};
+  *impl_ = Impl{.threads = impl_->threads};
 }
 
 }  // namespace nvo

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "core/threads/thread_plan.h"
 #include "image/image_claim.h"
 #include "image/image_types.h"
 
@@ -33,14 +34,14 @@ struct TiffMeta {
 /// A band is read by decoding the strips or tile rows that it touches. The first two of them and the last
 /// stay decoded, so a walk upwards through the image in bands that overlap a little decodes each strip once,
 /// however many bands it spans. Small strips, and the tiles of a row, are decoded side by side on as many
-/// threads as composition takes, where the compression lets each stand alone (JPEG doesn't); samples, log and
+/// threads as the plan gives composition, where the compression lets each stand alone (JPEG doesn't); samples, log and
 /// failures are those of one thread. An open reader therefore holds up to three strips, of 2 GiB together (or
 /// three tile rows of at most 64 MiB each), and a strip or tile of at most 4 MiB for each further thread;
 /// beyond that and the band itself nothing is allocated from what a header claims. A file with larger strips
 /// or tiles than 2 GiB is refused. A read of the whole image decodes large strips to where they stay.
 class TiffReader {
  public:
-  TiffReader();
+  explicit TiffReader(const ThreadPlan& threads = ThreadPlan());
   ~TiffReader();
   TiffReader(TiffReader&&) noexcept;
   TiffReader& operator=(TiffReader&&) noexcept;

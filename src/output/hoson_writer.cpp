@@ -10,10 +10,8 @@
 #include "core/machine_failure.h"
 #include "core/scoped_timer.h"
 #include "core/text.h"
+#include "core/threads/parallel.h"
 #include "output/print_temporary.h"
-#include "output/writer_threads.h"
-#include "plan/parallel.h"
-#include "plan/performance.h"
 
 namespace nvo {
 namespace {
@@ -237,8 +235,7 @@ std::uint64_t HosonWriter::pack_strip(const std::vector<DropMap>& dropmaps) {
   const std::vector<SlotSource> slots =
       find_slot_sources(dropmaps, normalize_channel_map(options_.head, options_.output_channel_map));
   const std::uint32_t rows = dropmaps.front().height;
-  const std::uint32_t workers =
-      writer_threads(rows, layout_.cycle_len, hardware_threads(), WriterThreadEnv::snapshot());
+  const std::uint32_t workers = options_.threads.writer_threads(rows, layout_.cycle_len);
 
   std::vector<std::uint64_t> worker_ns(workers);
   parallel_ranges(rows, workers, [&](std::size_t begin, std::size_t end, std::size_t worker) {

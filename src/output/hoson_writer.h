@@ -14,6 +14,7 @@
 #include "config/print_modes.h"
 #include "core/atomic_file.h"
 #include "core/platform/bulk_file.h"
+#include "core/threads/thread_plan.h"
 #include "output/prt_format.h"
 #include "screen/drop_map.h"
 
@@ -24,6 +25,7 @@ struct HosonWriterOptions {
   PrintMode print_mode;  ///< stands for a row of the head's catalog; the header names that row's numbers
   std::vector<std::uint32_t> output_channel_map;  ///< laid over the head's default; may be shorter or longer
   bool keep_existing = false;  ///< a target that stands, or appears meanwhile, is a failure, not replaced
+  ThreadPlan threads{};
 };
 
 /// Totals of all strips since the last reset. The durations grow only while timing is on.

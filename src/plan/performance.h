@@ -5,19 +5,18 @@
 #include <string>
 
 #include "config/rip_settings.h"
+#include "core/threads/thread_plan.h"
 
 namespace nvo {
 
-/// Raw texts of the environment variables that tune a run; nothing where a variable is not set.
+/// Raw texts of the environment variables that say how many threads a job uses; nothing where a variable is
+/// not set.
 struct RipPerformanceEnv {
   std::optional<std::string> parallel_sheets, sheet_threads, parallel_channels, parallel_rows, row_threads,
-      max_concurrent_jobs;
+      max_concurrent_jobs, parallel_compose_items, compose_threads, parallel_writer_rows, writer_threads;
 
   static RipPerformanceEnv snapshot();
 };
-
-/// The machine's hardware threads, or 2 if the system cannot tell.
-std::uint32_t hardware_threads();
 
 /// "1", "true", "on", "yes", "force" and "0", "false", "off", "no", "disable", in any case; nothing for
 /// others.
@@ -29,20 +28,9 @@ std::optional<std::uint32_t> parse_thread_count(const std::optional<std::string>
 /// Cuts every value of the block to the range in which it is used. `hw` 0 stands for the machine's own count.
 RipPerformance normalize_performance(RipPerformance block, std::uint32_t hw);
 
-/// Workers of the channel pool, 2 to 5 (1 only where a manual block asks for it).
-std::uint32_t channel_threads(std::uint32_t hw, const RipPerformance& block);
-
-/// Whether the five channels of a strip run side by side. `workload_px` counts device pixels of the sheet.
-bool use_parallel_channels(bool auto_enabled, std::uint64_t workload_px, std::uint64_t min_pixels,
-                           std::uint32_t hw, const RipPerformanceEnv& env, const RipPerformance& block);
-
-/// Workers for a stage that divides `rows` rows of `row_bytes` bytes; at least 1.
-std::uint32_t row_threads(std::uint64_t rows, std::uint64_t row_bytes, std::uint32_t hw,
-                          const RipPerformanceEnv& env, const RipPerformance& block);
-
-/// The same for each of `callers` threads that divide rows side by side: unless settings or environment ask
-/// for row threads, all together keep to the hardware's.
-std::uint32_t shared_row_threads(std::uint32_t callers, std::uint64_t rows, std::uint64_t row_bytes,
-                                 std::uint32_t hw, const RipPerformanceEnv& env, const RipPerformance& block);
+/// The threads of a job on a machine of `hw` hardware threads: what the environment asks for goes above what
+/// a manual block asks for, and that above what the machine and the work suggest.
+ThreadPlan plan_threads(const RipPerformance& block, const RipPerformanceEnv& env,
+                        std::uint32_t hw = hardware_threads());
 
 }  // namespace nvo

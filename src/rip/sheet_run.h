@@ -7,9 +7,9 @@
 #include <vector>
 
 #include "compose/strip_compositor.h"
+#include "core/threads/thread_pool.h"
 #include "output/hoson_writer.h"
 #include "plan/rip_job_options.h"
-#include "plan/thread_pool.h"
 #include "rip/run_profile.h"
 #include "rip/stream_rip.h"
 #include "screen/choke/sheet_choke.h"

@@ -14,11 +14,10 @@
 #include "core/platform/environment.h"
 #include "core/scoped_timer.h"
 #include "core/text.h"
-#include "core/thread_shortage.h"
+#include "core/threads/thread_plan.h"
 #include "image/image_format.h"
 #include "image/image_meta_probe.h"
 #include "output/prt_format.h"
-#include "plan/parallel.h"
 #include "plan/performance.h"
 #include "plan/sheet_geometry.h"
 #include "rip/job_summary.h"
@@ -87,8 +86,10 @@ RipEngineParams engine_params(const RipJobOptions& options, const PrintMode& mod
   return params;
 }
 
-StripCompositorConfig compositor_config(const RipJobOptions& options, SheetSize size) {
+StripCompositorConfig compositor_config(const RipJobOptions& options, SheetSize size,
+                                        const ThreadPlan& threads) {
   StripCompositorConfig config;
+  config.threads = threads;
   config.sheet_width_in = size.width_in;
   config.sheet_height_in = size.height_in;
   config.src_dpi = options.src_dpi;
@@ -145,14 +146,6 @@ void require_strips_fit(const RipJobOptions& options, const PrintMode& mode, con
                               grid.src_h, options.src_dpi, mode.y_dpi);
   needs.device_choke = choke.plan().device_choke;
   require_strip_fits(needs);
-}
-
-/// Null where not even one thread is to be had: the inks are then screened one after another.
-std::unique_ptr<ThreadPool> make_pool(std::uint32_t threads) try {
-  return std::make_unique<ThreadPool>(threads);
-} catch (const std::system_error& no_thread) {
-  warn_of_thread_shortage(no_thread);
-  return nullptr;
 }
 
 /// Above this a file that claims more pixels than it can hold would cost the disk, and the printer a blank
@@ -317,19 +310,16 @@ void StreamRip::run(SheetLayout sheet, const std::string& output_path,
            " @ ", mode.x_dpi, "x", mode.y_dpi, " dpi, ", mode.passes, "pass");
   log_info("StreamRip: ", strips, " strips x ", options.strip_h_px, " px");
 
-  const std::uint32_t hw = hardware_threads();
-  const RipPerformanceEnv env = RipPerformanceEnv::snapshot();
-  const RipPerformance performance = normalize_performance(options.performance, hw);
-  const bool parallel_channels =
-      use_parallel_channels(options.parallel_channels_auto, std::uint64_t{dev_w} * dev_h,
-                            options.parallel_channels_min_pixels, hw, env, performance);
-  const std::uint32_t threads = channel_threads(hw, performance);
-  if (parallel_channels) log_info("StreamRip: parallel channel RIP enabled, threads=", threads);
+  ThreadPlan threads = plan_threads(options.performance, RipPerformanceEnv::snapshot());
+  const bool parallel_channels = threads.use_parallel_channels(
+      options.parallel_channels_auto, std::uint64_t{dev_w} * dev_h, options.parallel_channels_min_pixels);
+  if (parallel_channels) {
+    threads.side_by_side = threads.channel_threads();
+    log_info("StreamRip: parallel channel RIP enabled, threads=", threads.channel_threads());
+  }
   const bool streaming = mode.y_dpi >= options.src_dpi;
   RipEngineParams params = engine_params(options, mode, choke, rip_settings);
-  params.performance = performance;
-  params.performance_env = env;
-  if (parallel_channels) params.side_by_side = threads;
+  params.threads = threads;
   if (streaming) {
     const SheetGrid grid{src_w, src_h, dev_w, dev_h};
     require_exact_grid(options, mode, grid);
@@ -342,17 +332,18 @@ void StreamRip::run(SheetLayout sheet, const std::string& output_path,
 
   require_possible_claims(sheet, options, dev_w, dev_h);
 
-  StripCompositor compositor(compositor_config(options, size));
+  StripCompositor compositor(compositor_config(options, size, threads));
   compositor.set_layout(sheet);
   compositor.set_icc_settings(effective_icc(options));
   compositor.set_profiling(profiling);
   compositor.reset_counters();
   RipEngine engine(std::move(params));
-  HosonWriter writer({options.head(), mode, options.output_channel_map, options.keep_existing_output});
+  HosonWriter writer(
+      {options.head(), mode, options.output_channel_map, options.keep_existing_output, threads});
   writer.set_timing(profiling);
   std::unique_ptr<ThreadPool> pool;
   if (parallel_channels) {
-    pool = make_pool(threads);
+    pool = make_thread_pool(threads.channel_threads());  // without one the inks go one after another
     engine.ensure_column_taps(src_w, engine.device_width(src_w));
   }
 

@@ -10,7 +10,7 @@
 #include "core/large_vector.h"
 #include "core/log.h"
 #include "core/scoped_timer.h"
-#include "core/thread_shortage.h"
+#include "core/threads/started_work.h"
 #include "plan/sheet_geometry.h"
 #include "rip/band_queue.h"
 #include "rip/sheet_run.h"
@@ -232,7 +232,7 @@ class BandWriter {
  public:
   BandWriter(SheetRun& run, BandQueue& bands)
       : run_(run), bands_(bands), written_(start_work([this] { write_all(); })) {
-    alone_ = runs_by_itself(written_);
+    alone_ = written_.runs_by_itself();
   }
   ~BandWriter() { bands_.finish(); }
 
@@ -269,7 +269,7 @@ class BandWriter {
   bool alone_ = false;
   bool any_drop_ = false;
   std::uint64_t rows_ = 0;
-  std::future<void> written_;  ///< waits in its destructor
+  StartedWork<void> written_;
 };
 
 /// A strip in work and what is told of it meanwhile.
@@ -278,7 +278,7 @@ struct RunningStrip {
   StripPlace place;
   std::uint64_t rows_before = 0;  ///< device rows of those strips
   std::string message;
-  std::future<StreamingStripResult> result;
+  StartedWork<StreamingStripResult> result;
 };
 
 constexpr float kStreamingPercent = 95.0f;
@@ -328,7 +328,7 @@ class StripStream {
 
   /// Reports what a strip's bands have come to. The strip as a whole is told by the record that follows.
   void report_bands(const RunningStrip& strip) {
-    if (!runs_by_itself(strip.result)) return;
+    if (!strip.result.runs_by_itself()) return;
     const std::uint64_t all = strip.rows_before + strip.place.dev_rows;
     for (std::uint64_t rows = strip.rows_before; const auto known = bands_.wait_for_band(rows);) {
       rows = *known;

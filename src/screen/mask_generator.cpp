@@ -14,8 +14,8 @@
 #include <system_error>
 
 #include "core/log.h"
-#include "plan/performance.h"
-#include "plan/thread_pool.h"
+#include "core/threads/started_work.h"
+#include "core/threads/thread_plan.h"
 
 namespace nvo {
 namespace {
@@ -329,19 +329,6 @@ void log_banner(const MaskParams& params) {
   log_info("=====================================");
 }
 
-/// As many of `wanted` workers as the system has threads for; nothing where it has none.
-std::unique_ptr<ThreadPool> pool_of_up_to(std::uint32_t wanted) {
-  for (std::uint32_t workers = wanted; workers > 0; --workers) {
-    try {
-      return std::make_unique<ThreadPool>(workers);
-    } catch (const std::system_error& e) {
-      log_info("MaskCache: no ", workers, " thread(s) to be had (", e.code().message(),
-               "); the masks take longer.");
-    }
-  }
-  return nullptr;
-}
-
 }  // namespace
 
 std::uint64_t mask_seed(std::int32_t index) {
@@ -386,21 +373,14 @@ std::vector<std::uint8_t> generate_all_masks(const MaskParams& params) {
   };
 
   const std::uint32_t workers = std::min(hardware_threads(), std::max(params.n_masks, 1u));
-  const std::size_t max_ahead =
-      2 * std::size_t{workers};  // keeps the queue short for sets of very many masks
-  const auto pool = pool_of_up_to(workers);
-  std::deque<std::future<void>> ahead;
-  std::uint32_t submitted = 0;
+  std::deque<StartedWork<void>> ahead;
+  std::uint32_t started = 0;
   for (std::uint32_t i = 0; i < params.n_masks; ++i) {
     log_info("Generating mask ", i + 1, "/", params.n_masks, " (sigma=", params.sigma, ")...");
-    for (; pool && submitted < params.n_masks && ahead.size() < max_ahead; ++submitted)
-      ahead.push_back(pool->submit([generate, submitted](std::size_t) { generate(submitted); }, 0));
-    if (pool) {
-      ahead.front().get();
-      ahead.pop_front();
-    } else {
-      generate(i);
-    }
+    for (; started < params.n_masks && ahead.size() < workers; ++started)
+      ahead.push_back(start_work([generate, started] { generate(started); }));
+    ahead.front().get();
+    ahead.pop_front();
     log_info("Mask ", i + 1, "/", params.n_masks, " done.");
   }
   log_info("MaskCache: all masks generated.");

@@ -8,7 +8,7 @@
 
 #include "core/log.h"
 #include "core/platform/clock.h"
-#include "plan/parallel.h"
+#include "core/threads/parallel.h"
 #include "screen/kernels/instruction_set.h"
 #include "screen/plane_job.h"
 #include "screen/row_screener.h"
@@ -163,17 +163,16 @@ ChokeContext RipEngine::prepare_device_white(const DeviceChokeInput& strip, Chok
   const PlaneView& coverage = strip.coverage;
   const DeviceRows rows = device_rows_of_strip(strip.strip_src_y, coverage.height(), scale_.y,
                                                device_extent(strip.total_src_rows, scale_.y));
-  const DeviceChokeParams params{
-      .src_dpi = params_.src_dpi,
-      .x_dpi = params_.x_dpi,
-      .y_dpi = params_.y_dpi,
-      .amount_px_at_300dpi = params_.white_choke_amount_px_at_300dpi,
-      .adaptive = params_.white_choke_algorithm == DeviceChokeAlgorithm::adaptive,
-      .min_width_dots = params_.white_choke_adaptive_min_width_dots,
-      .protect_light = params_.white_choke_adaptive_protect_light_enabled,
-      .lightness_threshold = params_.white_choke_adaptive_lightness_threshold,
-      .threads = row_threads(rows.end - rows.first, device_extent(coverage.width(), scale_.x),
-                             hardware_threads(), params_.performance_env, params_.performance)};
+  const DeviceChokeParams params{.src_dpi = params_.src_dpi,
+                                 .x_dpi = params_.x_dpi,
+                                 .y_dpi = params_.y_dpi,
+                                 .amount_px_at_300dpi = params_.white_choke_amount_px_at_300dpi,
+                                 .adaptive = params_.white_choke_algorithm == DeviceChokeAlgorithm::adaptive,
+                                 .min_width_dots = params_.white_choke_adaptive_min_width_dots,
+                                 .protect_light = params_.white_choke_adaptive_protect_light_enabled,
+                                 .lightness_threshold = params_.white_choke_adaptive_lightness_threshold,
+                                 .threads = params_.threads.row_threads(
+                                     rows.end - rows.first, device_extent(coverage.width(), scale_.x))};
   return prepare_device_choke(strip, params, std::move(spent));
 }
 
@@ -285,8 +284,7 @@ RipEngine::AppliedChoke RipEngine::begin(const PlaneJob& job) {
 
 std::size_t RipEngine::row_workers(const PlaneJob& job) const {
   if (job.whole_plane) return 1;
-  return shared_row_threads(params_.side_by_side, job.height(), job.dev_w, hardware_threads(),
-                            params_.performance_env, params_.performance);
+  return params_.threads.shared_row_threads(job.height(), job.dev_w);
 }
 
 StripScreening RipEngine::screening_of(const PlaneJob& job, const ChokeContext* choke, RowMap& rows) const {

@@ -7,7 +7,7 @@
 
 #include "config/job_settings.h"
 #include "core/plane_view.h"
-#include "plan/performance.h"
+#include "core/threads/thread_plan.h"
 #include "screen/choke/choke_context.h"
 #include "screen/choke/device_choke.h"
 #include "screen/column_taps.h"
@@ -45,9 +45,7 @@ struct RipEngineParams {
   float white_choke_adaptive_lightness_threshold = 85.0f;
   SamplingMode color_resampling = SamplingMode::smooth;
   SamplingMode white_resampling = SamplingMode::hard;
-  RipPerformance performance;
-  RipPerformanceEnv performance_env;
-  std::uint32_t side_by_side = 1;  ///< threads that screen strips or channels at a time
+  ThreadPlan threads;
 };
 
 /// Some of the device rows of a strip, counted from its first.

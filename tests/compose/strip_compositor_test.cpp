@@ -47,8 +47,11 @@ LayoutItem item_at(const std::string& path, int x, int y, int width, int height,
   return {"", "", path, inches(x), inches(y), inches(width), inches(height), rotated};
 }
 
-StripCompositorConfig sheet(int width, int height) {
+/// With so many threads the work is always shared out; 0 leaves it to the rules.
+StripCompositorConfig sheet(int width, int height, std::uint32_t threads = 0) {
   StripCompositorConfig config;
+  if (threads != 0)
+    config.threads.compose = {threads > 1 ? WorkDivision::always : WorkDivision::never, threads};
   config.sheet_width_in = inches(width);
   config.sheet_height_in = inches(height);
   config.src_dpi = kDpi;
@@ -58,14 +61,6 @@ StripCompositorConfig sheet(int width, int height) {
 
 bool same_bytes(const StripBuffer& a, const StripBuffer& b) {
   return a.width == b.width && a.planes == b.planes && a.explicit_white == b.explicit_white;
-}
-
-/// A strip that is composed with these settings of how the work is shared out.
-StripBuffer compose_with(const char* mode, const char* threads, StripCompositor& compositor, std::uint32_t y,
-                         std::uint32_t height, StripBuffer spent = {}) {
-  const ScopedVariable parallel("NVO_RIP_PARALLEL_COMPOSE_ITEMS", mode);
-  const ScopedVariable count("NVO_RIP_COMPOSE_THREADS", threads);
-  return compositor.compose_strip(y, height, std::move(spent));
 }
 
 /// Files of one test.
@@ -167,15 +162,14 @@ TEST_F(StripCompositorTest, ThreadsAndSpentStripsChangeNoByte) {
 
   for (const SheetLayout& layout : {gang, single, direct}) {
     std::vector<StripBuffer> strips;
-    for (const auto& [mode, threads] :
-         {std::pair{"off", "1"}, {"force", "2"}, {"On", "5"}, {"force", "99"}, {"", ""}}) {
-      StripCompositor compositor(sheet(1200, 1000));
+    for (const std::uint32_t threads : {1u, 2u, 5u, 16u, 0u}) {
+      StripCompositor compositor(sheet(1200, 1000, threads));
       compositor.set_layout(layout);
       StripBuffer spent;
       if (!strips.empty()) spent.planes.assign(7, Plane(123, 0xEE));
       if (!strips.empty()) spent.explicit_white.assign(2000000, 0xEE);
-      strips.push_back(compose_with(mode, threads, compositor, 7, 600, std::move(spent)));
-      EXPECT_TRUE(same_bytes(strips.back(), strips.front())) << mode << " " << threads;
+      strips.push_back(compositor.compose_strip(7, 600, std::move(spent)));
+      EXPECT_TRUE(same_bytes(strips.back(), strips.front())) << threads;
     }
     EXPECT_THAT(strips[0].planes[4], Contains(testing::Ne(0)));
   }
@@ -188,14 +182,14 @@ TEST_F(StripCompositorTest, ThreadsWithConvertersOfTheirOwnGiveTheSameColour) {
   const std::string none = dir.file("none.icc");
   for (const int second_x : {200, 90}) {  // side by side and overlapping
     const SheetLayout layout{{item_at(cmyk, 0, 0, 200, 150), item_at(rgba, second_x, 0, 200, 150)}, 0};
-    StripCompositor plain(sheet(400, 150)), serial(sheet(400, 150)), parallel(sheet(400, 150));
+    StripCompositor plain(sheet(400, 150)), serial(sheet(400, 150, 1)), parallel(sheet(400, 150, 3));
     for (StripCompositor* compositor : {&plain, &serial, &parallel}) compositor->set_layout(layout);
     for (StripCompositor* compositor : {&serial, &parallel})
       compositor->set_icc_settings({true, "", profile, profile, 1, true});
     const StripBuffer without = plain.compose_strip(0, 150);
-    const StripBuffer converted = compose_with("off", "3", serial, 0, 150);
+    const StripBuffer converted = serial.compose_strip(0, 150);
     EXPECT_FALSE(same_bytes(converted, without)) << "the profile has an effect";
-    EXPECT_TRUE(same_bytes(compose_with("force", "3", parallel, 0, 150), converted));
+    EXPECT_TRUE(same_bytes(parallel.compose_strip(0, 150), converted));
     EXPECT_THAT(take_own(), IsEmpty());
     // No raster of other settings is used. Profiles that cannot be had cost no item.
     serial.set_icc_settings({true, "", profile, none, 1, true});
@@ -263,11 +257,15 @@ TEST_F(StripCompositorTest, LargeSourceByRowsEqualsTheLoadedImage) {
 
   // Two copies at once share the source, which serves one thread at a time.
   const SheetLayout copies{{item_at(path, 0, 0, 300, 280), item_at(path, 300, 9, 310, 250)}, 3.0f};
-  compositor.set_layout(copies);
-  const StripBuffer serial = compose_with("off", "2", compositor, 0, 290);
-  compositor.set_layout(copies);
-  EXPECT_TRUE(same_bytes(compose_with("force", "2", compositor, 0, 290), serial));
-  EXPECT_EQ(compositor.read_counters().lowmem_items, 7u);
+  std::vector<StripBuffer> strips;
+  for (const std::uint32_t threads : {1u, 2u}) {
+    StripCompositor sharing(sheet(2100, 2000, threads));
+    sharing.set_profiling(true);
+    sharing.set_layout(copies);
+    strips.push_back(sharing.compose_strip(0, 290));
+    EXPECT_EQ(sharing.read_counters().lowmem_items, 2u);
+  }
+  EXPECT_TRUE(same_bytes(strips[0], strips[1]));
 
   // Turned, it has to be loaded whole.
   compositor.set_layout({{item_at(path, 0, 0, 50, 50, true)}, 0.5f});
@@ -348,7 +346,7 @@ TEST(FifoCache, OldestGoesFirstHoweverOftenItIsUsed) {
 
 TEST_F(StripCompositorTest, CachedCopiesShareOneFile) {
   const std::string path = flat_cmyk("a.tif", 10);
-  ItemCaches caches;
+  ItemCaches caches{ThreadPlan()};
   const ContentSignature signature = make_content_signature(path), unknown{signature.key, false};
   const auto image = caches.load_image_cached(signature, path);
   EXPECT_EQ(caches.load_image_cached(signature, path), image);

@@ -8,7 +8,6 @@
 
 #include "image/image_test.h"
 #include "image/tiff_image.h"
-#include "support/scoped_variable.h"
 #include "support/seed_replay.h"
 #include "support/tiff_file.h"
 
@@ -55,15 +54,15 @@ class TiffReaderTest : public ImageTest {
   }
 
   /// Opens the file for a reader that divides its work among so many threads.
-  void with_reader(int threads, const std::function<void(TiffReader&)>& use) const {
-    const ScopedVariable mode("NVO_RIP_PARALLEL_COMPOSE_ITEMS", threads > 1 ? "1" : "0");
-    const ScopedVariable count("NVO_RIP_COMPOSE_THREADS", std::to_string(threads).c_str());
-    TiffReader reader;
+  void with_reader(std::uint32_t threads, const std::function<void(TiffReader&)>& use) const {
+    ThreadPlan plan;
+    plan.compose = {threads > 1 ? WorkDivision::always : WorkDivision::never, threads};
+    TiffReader reader(plan);
     reader.open(path_);
     use(reader);
   }
 
-  Reading read_upwards(int threads, std::uint32_t height) {
+  Reading read_upwards(std::uint32_t threads, std::uint32_t height) {
     Reading reading;
     log_.take();
     with_reader(threads, [&](TiffReader& reader) {
@@ -77,9 +76,9 @@ class TiffReaderTest : public ImageTest {
   }
 
   /// What one thread reads; expects the same of several, so many times each.
-  Reading expect_same(std::uint32_t height, std::initializer_list<int> thread_counts, int runs) {
+  Reading expect_same(std::uint32_t height, std::initializer_list<std::uint32_t> thread_counts, int runs) {
     const Reading plain = read_upwards(1, height);
-    for (const int threads : thread_counts)
+    for (const std::uint32_t threads : thread_counts)
       for (int run = 0; run < runs; ++run) {
         const Reading reading = read_upwards(threads, height);
         EXPECT_EQ(reading.error, plain.error) << threads;
@@ -378,7 +377,7 @@ TEST_F(TiffReaderTest, TilesOfARowAbove64MiBAreDecodedSideBySide) {
   };
   write_tiff(path_, file);
   const Bytes expected = file.band(500, 60);
-  for (const int threads : {1, 2, 3})
+  for (const std::uint32_t threads : {1u, 2u, 3u})
     with_reader(threads,
                 [&](TiffReader& reader) { EXPECT_TRUE(reader.read_rows(500, 60) == expected) << threads; });
 }

@@ -16,12 +16,10 @@
 #include "output/print_temporary.h"
 #include "output/prt_format.h"
 #include "output/test_drops.h"
-#include "output/writer_threads.h"
 #include "screen/kernels/instruction_set.h"
 #include "support/failure.h"
 #include "support/fault_injection.h"
 #include "support/log_capture.h"
-#include "support/scoped_variable.h"
 #include "support/temp_dir.h"
 
 namespace nvo {
@@ -30,7 +28,6 @@ namespace {
 using test::cut_rows;
 using test::failure_of;
 using test::make_channels;
-using test::ScopedVariable;
 
 using Bytes = std::vector<std::uint8_t>;
 using Maps = std::vector<DropMap>;
@@ -341,13 +338,12 @@ TEST(HosonWriter, OneCallWritesTheWholeFileOnAnyNumberOfThreads) {
   const std::string path = dir.file("a.prt");
   const Maps maps = make_channels(33, 40'000, 5);
   const std::string expected = expected_file(kXp600, maps, {3, 0, 1, 2, -1, -1, 4});
-  HosonWriter writer(options_for(kXp600));
-  writer.set_timing(true);
   test::LogCapture log;
-  const ScopedVariable parallel("NVO_RIP_PARALLEL_WRITER_ROWS", "Force");
-  for (const char* threads : {"1", "2", "5", "32"}) {
-    const ScopedVariable count("NVO_RIP_WRITER_THREADS", threads);
-    writer.reset_counters();
+  for (const std::uint32_t threads : {1u, 2u, 5u, 32u}) {
+    HosonWriterOptions options = options_for(kXp600);
+    options.threads.writer = {WorkDivision::always, threads};
+    HosonWriter writer(options);
+    writer.set_timing(true);
     writer.write_dropmaps(maps, path);
     EXPECT_TRUE(test::read_all(path) == expected) << threads << " threads";
     EXPECT_EQ(log.take(), (Names{"[INFO ] write_dropmaps: 33x40000 stride=16 cycle=112 size=~4MB -> " + path,
@@ -356,22 +352,6 @@ TEST(HosonWriter, OneCallWritesTheWholeFileOnAnyNumberOfThreads) {
     EXPECT_EQ(writer.counters().bytes, 40'000u * 112u);
     EXPECT_GT(std::min(writer.counters().pack_ns, writer.counters().file_ns), 0u);
   }
-}
-
-TEST(WriterThreads, FollowTheStripTheMachineAndTheEnvironment) {
-  const auto unset = std::nullopt;
-  const struct {
-    std::uint32_t rows, cycle_len, hardware;
-    std::optional<std::string> parallel, count;
-    std::uint32_t threads;
-  } cases[] = {{6144, 23760, 64, "auto", "0", 12},    {6144, 23760, 1, "", "four", 2},
-               {6144, 23760, 8, "perhaps", "99", 32}, {511, 0x100000, 8, unset, unset, 1},
-               {512, 0x8000, 8, unset, unset, 4},  // 16 MiB exactly, 128 rows a thread
-               {512, 0x7FFF, 8, unset, unset, 1},     {6144, 23760, 8, "OFF", "8", 1},
-               {10, 24, 8, "Yes", unset, 8},          {3, 24, 8, "1", "20", 3}};
-  for (const auto& c : cases)
-    EXPECT_EQ(writer_threads(c.rows, c.cycle_len, c.hardware, {c.parallel, c.count}), c.threads)
-        << &c - cases;
 }
 
 }  // namespace

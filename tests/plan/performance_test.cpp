@@ -1,12 +1,15 @@
 #include "plan/performance.h"
 
+#include <deque>
 #include <optional>
 #include <string>
 #include <tuple>
+#include <utility>
+#include <vector>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "plan/compose_threads.h"
 #include "support/scoped_variable.h"
 
 namespace nvo {
@@ -50,7 +53,7 @@ TEST(ParallelChannels, EnvironmentThenSettingsThenWorkload) {
                        std::uint64_t workload) {
     RipPerformanceEnv env;
     env.parallel_channels = std::move(word);
-    return use_parallel_channels(auto_enabled, workload, 1'000'000, 2, env, block);
+    return plan_threads(block, env, 2).use_parallel_channels(auto_enabled, workload, 1'000'000);
   };
   const auto unset = std::nullopt;
   RipPerformance ignored = manual(kOff);
@@ -65,10 +68,11 @@ TEST(ParallelChannels, EnvironmentThenSettingsThenWorkload) {
   EXPECT_FALSE(uses(unset, manual(kOff), true, 9'000'000));
   EXPECT_TRUE(uses(unset, manual(), true, 9'000'000));
   EXPECT_FALSE(uses(unset, manual(kOn, 1), true, 9'000'000));
+  EXPECT_FALSE(uses(unset, manual(kAuto, 1), true, 9'000'000));
 
-  EXPECT_EQ(channel_threads(1, {}), 2u);
-  EXPECT_EQ(channel_threads(64, {}), 5u);
-  EXPECT_EQ(channel_threads(1, manual(kAuto, 9)), 5u);
+  EXPECT_EQ(ThreadPlan(1).channel_threads(), 2u);
+  EXPECT_EQ(ThreadPlan(64).channel_threads(), 5u);
+  EXPECT_EQ(plan_threads(manual(kAuto, 9), {}, 1).channel_threads(), 5u);
 }
 
 TEST(RowThreads, RulesInOrder) {
@@ -106,27 +110,61 @@ TEST(RowThreads, RulesInOrder) {
   for (const auto& c : cases) {
     RipPerformanceEnv env;
     env.parallel_rows = c.parallel_rows, env.row_threads = c.row_threads;
-    EXPECT_EQ(shared_row_threads(c.callers, c.rows, c.row_bytes, c.hw, env, c.block), c.expected)
-        << &c - cases;
+    ThreadPlan plan = plan_threads(c.block, env, c.hw);
+    plan.side_by_side = c.callers;
+    EXPECT_EQ(plan.shared_row_threads(c.rows, c.row_bytes), c.expected) << &c - cases;
+    if (c.callers < 2) {
+      EXPECT_EQ(plan.row_threads(c.rows, c.row_bytes), c.expected) << &c - cases;
+    }
   }
 }
 
-TEST(ComposeThreads, FollowTheEnvironmentAndTheWork) {
+TEST(ComposeAndWriterThreads, FollowTheEnvironmentTheMachineAndTheWork) {
+  const auto unset = std::nullopt;
+  using Text = std::optional<std::string>;
   const struct {
-    const char *mode, *threads;
+    Text division, count;
+    std::uint32_t hw;
     std::uint64_t tasks, pixels;
-    std::uint32_t at_least, at_most;
-  } cases[] = {{nullptr, nullptr, 1, 1u << 30, 1, 1}, {"1", "7", 0, 1, 1, 1},
-               {nullptr, "7", 40, 0x80000, 7, 7},     {"auto", "7", 40, 0x7FFFF, 1, 1},
-               {"bogus", "7", 3, 0x80000, 3, 3},      {"FORCE", "99", 40, 1, 16, 16},
-               {"Disable", "7", 40, 1u << 30, 1, 1},  {"yes", "0", 40, 1, 2, 12},
-               {"1", "many", 40, 1, 2, 12},           {"1", "1", 40, 1, 1, 1}};
-  for (const auto& c : cases) {
-    const test::ScopedVariable mode("NVO_RIP_PARALLEL_COMPOSE_ITEMS", c.mode);
-    const test::ScopedVariable count("NVO_RIP_COMPOSE_THREADS", c.threads);
-    const std::uint32_t threads = compose_threads(c.tasks, c.pixels);
-    EXPECT_TRUE(threads >= c.at_least && threads <= c.at_most) << threads << (c.mode ? c.mode : " unset");
+    std::uint32_t expected;
+  } compositions[] = {{unset, unset, 8, 1, 1u << 30, 1},    {"1", "7", 8, 0, 1, 1},
+                      {unset, "7", 8, 40, 0x80000, 7},      {"auto", "7", 8, 40, 0x7FFFF, 1},
+                      {"bogus", "7", 8, 3, 0x80000, 3},     {"FORCE", "99", 8, 40, 1, 16},
+                      {"Disable", "7", 8, 40, 1u << 30, 1}, {"yes", "0", 64, 40, 1, 12},
+                      {"1", "many", 1, 40, 1, 2},           {"1", "1", 8, 40, 1, 1}};
+  for (const auto& c : compositions) {
+    RipPerformanceEnv env;
+    env.parallel_compose_items = c.division, env.compose_threads = c.count;
+    EXPECT_EQ(plan_threads({}, env, c.hw).compose_threads(c.tasks, c.pixels), c.expected)
+        << &c - compositions;
   }
+  const struct {
+    std::uint32_t rows, cycle_len, hw;
+    Text division, count;
+    std::uint32_t expected;
+  } strips[] = {{6144, 23760, 64, "auto", "0", 12},    {6144, 23760, 1, "", "four", 2},
+                {6144, 23760, 8, "perhaps", "99", 32}, {511, 0x100000, 8, unset, unset, 1},
+                {512, 0x8000, 8, unset, unset, 4},  // 16 MiB exactly, 128 rows a thread
+                {512, 0x7FFF, 8, unset, unset, 1},     {6144, 23760, 8, "OFF", "8", 1},
+                {10, 24, 8, "Yes", unset, 8},          {3, 24, 8, "1", "20", 3}};
+  for (const auto& c : strips) {
+    RipPerformanceEnv env;
+    env.parallel_writer_rows = c.division, env.writer_threads = c.count;
+    EXPECT_EQ(plan_threads({}, env, c.hw).writer_threads(c.rows, c.cycle_len), c.expected) << &c - strips;
+  }
+}
+
+// Each variable reaches the stage that it is for.
+TEST(RipPerformanceEnv, TakesEveryVariable) {
+  const char* const names[] = {
+      "NVO_RIP_PARALLEL_SHEETS",        "NVO_RIP_SHEET_THREADS",   "NVO_RIP_PARALLEL_CHANNELS",
+      "NVO_RIP_PARALLEL_ROWS",          "NVO_RIP_ROW_THREADS",     "NVO_RIP_MAX_CONCURRENT_JOBS",
+      "NVO_RIP_PARALLEL_COMPOSE_ITEMS", "NVO_RIP_COMPOSE_THREADS", "NVO_RIP_PARALLEL_WRITER_ROWS",
+      "NVO_RIP_WRITER_THREADS"};
+  std::deque<test::ScopedVariable> set;
+  for (const char* name : names) set.emplace_back(name, name);
+  const auto& [a, b, c, d, e, f, g, h, i, j] = RipPerformanceEnv::snapshot();
+  EXPECT_THAT((std::vector{a, b, c, d, e, f, g, h, i, j}), testing::ElementsAreArray(names));
 }
 
 }  // namespace

@@ -103,9 +103,8 @@ RipEngineParams random_params(Random& random, const Resolution& dpi) {
   params.white_choke_enabled = true;
   params.white_choke_amount_px_at_300dpi = 1.5f;
   params.white_choke_algorithm = DeviceChokeAlgorithm::adaptive;
-  params.performance.mode = PerformanceMode::manual;
   const std::uint32_t threads[] = {1, 2, 3, 8};
-  params.performance.row_threads = threads[random() % 4];
+  params.threads.rows = {WorkDivision::always, threads[random() % 4], true};
   if (random() % 4 == 0) {  // a curve whose blank pixel prints
     params.linear_lut.assign(5, std::vector<float>(256));
     for (auto& curve : params.linear_lut)

@@ -1,12 +1,8 @@
 #include "core/platform/bulk_file.h"
 
 #include <algorithm>
-#include <chrono>
 #include <cstring>
-#include <system_error>
 #include <utility>
-
-#include "core/thread_shortage.h"
 
 namespace nvo::platform {
 namespace {
@@ -61,18 +57,12 @@ int BulkFile::append(const void* data, std::size_t size) {
   return 0;
 }
 
-int BulkFile::flush_behind() try {
-  const auto is_flushing = [this] {
-    return flushing_.valid() && flushing_.wait_for(std::chrono::seconds(0)) != std::future_status::ready;
-  };
-  if (unflushed_ < kFlushBytes || is_flushing()) return 0;
+int BulkFile::flush_behind() {
+  if (unflushed_ < kFlushBytes || (flushing_.valid() && !flushing_.has_ended())) return 0;
   if (const int error = wait_for_flush()) return error;
   unflushed_ = 0;
-  flushing_ = std::async(std::launch::async, [this] { return file_.flush(); });
-  return 0;
-} catch (const std::system_error& no_thread) {
-  warn_of_thread_shortage(no_thread);
-  return file_.flush();
+  flushing_ = start_work([this] { return file_.flush(); });
+  return flushing_.runs_by_itself() ? 0 : wait_for_flush();
 }
 
 /// How the last flush in between ended, if nobody has asked yet: the system tells of a failure only once.

@@ -2,11 +2,11 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <future>
 #include <memory>
 #include <string>
 
 #include "core/platform/file.h"
+#include "core/threads/started_work.h"
 
 namespace nvo::platform {
 
@@ -62,7 +62,7 @@ class BulkFile {
   BulkMemory held_;            ///< the unfinished block at the end of the file, and room to copy through
   std::size_t held_size_ = 0;  ///< bytes of that block
   std::size_t unflushed_ = 0;  ///< bytes appended after the last flush began
-  std::future<int> flushing_;  ///< waits in its destructor; so it stands behind `file_`
+  StartedWork<int> flushing_;  ///< waits in its destructor; so it stands behind `file_`
 };
 
 }  // namespace nvo::platform

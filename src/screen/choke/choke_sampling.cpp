@@ -5,7 +5,7 @@
 #include <bit>
 #include <functional>
 
-#include "plan/parallel.h"
+#include "core/threads/parallel.h"
 #include "screen/kernels/instruction_set.h"
 
 namespace nvo {

@@ -7,7 +7,7 @@
 #include <utility>
 #include <vector>
 
-#include "plan/parallel.h"
+#include "core/threads/parallel.h"
 #include "screen/choke/bit_morphology.h"
 #include "screen/choke/choke_offsets.h"
 #include "screen/choke/choke_sampling.h"

@@ -5,8 +5,7 @@
 #include <vector>
 
 #include "core/scoped_timer.h"
-#include "plan/parallel.h"
-#include "plan/performance.h"
+#include "core/threads/parallel.h"
 #include "screen/rip_engine.h"
 
 namespace nvo {
@@ -65,9 +64,7 @@ void SheetChoke::derive_planes(const RipEngine& engine, const ComposedStrip& str
     return;
   }
   const ColourPlanes colours{inks[kChannelC], inks[kChannelM], inks[kChannelY], inks[kChannelK]};
-  const RipEngineParams& params = engine.params();
-  const std::uint32_t threads =
-      row_threads(strip.rows, strip.width, hardware_threads(), params.performance_env, params.performance);
+  const std::uint32_t threads = engine.params().threads.row_threads(strip.rows, strip.width);
   const std::vector<WorkRange> parts = guided_ranges(strip.rows, threads, kLeastRowsOfPart);
   parallel_tasks(parts.size(), threads, [&](std::size_t part, std::size_t) {
     for (std::size_t y = parts[part].begin; y < parts[part].end;

@@ -1,6 +1,8 @@
-#include "plan/parallel.h"
+#include "core/threads/parallel.h"
 
 #include <atomic>
+#include <filesystem>
+#include <iterator>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -8,7 +10,8 @@
 
 #include <gtest/gtest.h>
 
-#include "plan/thread_pool.h"
+#include "core/threads/started_work.h"
+#include "core/threads/thread_pool.h"
 #include "support/failure.h"
 
 namespace nvo {
@@ -87,6 +90,37 @@ TEST(ParallelTasks, FirstTaskThatFailedWins) {
     EXPECT_EQ(failure_of([&] { parallel_tasks(1000, workers, work); }), "task 5");
     EXPECT_LT(last, 999u) << "no task begins after a failure";
   }
+}
+
+std::ptrdiff_t threads_of_process() {
+  const std::filesystem::directory_iterator tasks("/proc/self/task");
+  return std::distance(begin(tasks), end(tasks));
+}
+
+TEST(ParallelTasks, MakeNoMoreThreadsThanWereWantedAtATime) {
+  const auto divide = [] { parallel_tasks(2, 3, [](std::size_t, std::size_t) {}); };
+  divide();
+  const std::ptrdiff_t threads = threads_of_process();
+  for (int round = 0; round < 2000; ++round) divide();
+  EXPECT_EQ(threads_of_process(), threads);
+}
+
+// All stand at the gate at once, though the pool's threads have other work.
+TEST(StartedWork, BeginsAtOnceAndEndsBeforeItIsDropped) {
+  std::atomic<int> arrived{0}, ended{0};
+  std::vector<StartedWork<int>> works;
+  for (int i = 0; i < 5; ++i)
+    works.push_back(start_work([&arrived, &ended, i] {
+      for (++arrived; arrived < 5;) std::this_thread::yield();
+      ++ended;
+      return i < 4 ? i : throw std::runtime_error("work 4");
+    }));
+  EXPECT_EQ(works[3].get(), 3);
+  EXPECT_EQ(failure_of([&] { works[4].get(); }), "work 4");
+  works[0] = StartedWork<int>();
+  EXPECT_FALSE(works[0].valid());
+  works.clear();
+  EXPECT_EQ(ended, 5);
 }
 
 TEST(ThreadPool, ShutdownDrainsOrDiscardsTheQueue) {
