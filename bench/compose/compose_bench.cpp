@@ -59,7 +59,7 @@ void compose(benchmark::State& state, const std::vector<ChannelRole>& roles, std
   nvo::StripBuffer strip;
   strip.width = kWidth, strip.height = kRows;
   strip.explicit_white.resize(std::size_t{kWidth} * kRows);
-  strip.planes.assign(5, strip.explicit_white);
+  strip.planes.fill(strip.explicit_white);
   const nvo::ItemGrid grid = nvo::make_item_grid(image, rotated, place);
   const nvo::ItemTraits traits = nvo::make_item_traits(image, grid, {}, false);
   const nvo::IndexRange columns = nvo::columns_on_strip(place, strip);
@@ -83,7 +83,7 @@ void blit(benchmark::State& state) {
   nvo::StripBuffer strip;
   strip.width = kWidth, strip.height = kRows;
   strip.explicit_white.resize(raster.valid.size());
-  strip.planes.assign(5, strip.explicit_white);
+  strip.planes.fill(strip.explicit_white);
   std::uint64_t written = 0;
   for (auto _ : state) {
     nvo::blit_prepared_raster(raster, {0, 0, kWidth, kRows}, strip, {0, kRows}, written);
@@ -97,7 +97,7 @@ void white_limit(benchmark::State& state) {
   nvo::StripBuffer strip;
   strip.width = kWidth, strip.height = kRows;
   strip.explicit_white.resize(std::size_t{kWidth} * kRows);
-  strip.planes.assign(5, strip.explicit_white);
+  strip.planes.fill(strip.explicit_white);
   for (std::size_t plane = 0; plane < 4; ++plane)
     for (std::size_t i = 0; i < strip.explicit_white.size(); ++i)
       strip.planes[plane][i] = static_cast<std::uint8_t>(i * (plane + 3) >> 2);

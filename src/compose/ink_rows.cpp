@@ -37,9 +37,8 @@ void fill_where(const std::uint8_t* mask, std::uint8_t value, std::size_t count,
 
 PixelTarget PixelTarget::moved_down(std::size_t rows) const {
   PixelTarget moved = *this;
-  for (std::uint8_t*& ink : moved.inks)
-    if (ink != nullptr) ink += rows * pitch;
-  if (moved.mark != nullptr) moved.mark += rows * pitch;
+  for (std::uint8_t*& ink : moved.inks) ink += rows * pitch;
+  moved.mark += rows * pitch;
   return moved;
 }
 
@@ -62,7 +61,6 @@ std::uint32_t find_runs(const std::uint8_t* mask, std::uint32_t count, std::vect
 
 void copy_run(const PixelRun& run, const std::uint8_t* mask, const InkRows& rows, const PixelTarget& target) {
   for (std::size_t ink = 0; ink < rows.inks.size(); ++ink) {
-    if (target.inks[ink] == nullptr) continue;
     const std::uint8_t* from = rows.inks[ink] + run.begin;
     std::uint8_t* to = target.inks[ink] + run.begin;
     if (run.holes) {
@@ -71,7 +69,6 @@ void copy_run(const PixelRun& run, const std::uint8_t* mask, const InkRows& rows
       std::memcpy(to, from, run.size());
     }
   }
-  if (target.mark == nullptr) return;
   if (run.holes) {
     fill_where(mask + run.begin, target.mark_value, run.size(), target.mark + run.begin);
   } else {

@@ -14,7 +14,7 @@ struct InkRows {
 };
 
 /// Where the pixels of an item go: pointers to the item's first column in one row of each plane, rows `pitch`
-/// bytes apart. A null plane is skipped. `mark` receives `mark_value` for every pixel written.
+/// bytes apart. `mark` receives `mark_value` for every pixel written.
 struct PixelTarget {
   std::array<std::uint8_t*, 5> inks{};
   std::uint8_t* mark = nullptr;

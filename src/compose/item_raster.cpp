@@ -280,11 +280,10 @@ PixelTarget strip_target(StripBuffer& strip, const ItemPlacement& placement, con
   const std::size_t column = static_cast<std::size_t>(placement.x + columns.begin);
   const std::size_t row = static_cast<std::size_t>(placement.y + rows.begin - strip.y);
   const std::size_t first = row * strip.width + column;
-  const std::size_t end = (row + rows.size()) * strip.width;
   PixelTarget target;
-  for (std::size_t ink = 0; ink < target.inks.size() && ink < strip.planes.size(); ++ink)
-    if (strip.planes[ink].size() >= end) target.inks[ink] = strip.planes[ink].data() + first;
-  if (strip.explicit_white.size() >= end) target.mark = strip.explicit_white.data() + first;
+  for (std::size_t ink = 0; ink < target.inks.size(); ++ink)
+    target.inks[ink] = strip.planes[ink].data() + first;
+  target.mark = strip.explicit_white.data() + first;
   target.mark_value = explicit_white ? 255 : 0;
   target.pitch = strip.width;
   return target;

@@ -53,23 +53,11 @@ constexpr TokenRule kTokenRules[] = {
     {"ripdomainexperimental", WhiteChokeStrategy::production},
 };
 
-std::uint64_t pixel_count(const StripBuffer& strip) {
-  return std::uint64_t{strip.width} * strip.height;
-}
-
-bool has_ink_planes(const StripBuffer& strip) {
-  const std::uint64_t pixels = pixel_count(strip);
-  return strip.planes.size() >= kInkPlanes &&
-         std::all_of(strip.planes.begin(), strip.planes.begin() + kInkPlanes,
-                     [pixels](const auto& plane) { return plane.size() >= pixels; });
-}
-
 /// Pixels that carry a white of their own: nothing spreads into or across them.
 class Barriers {
  public:
-  explicit Barriers(const StripBuffer& strip)
-      : marks_(strip.explicit_white.size() >= pixel_count(strip) ? strip.explicit_white.data() : nullptr) {}
-  bool operator[](std::size_t pixel) const { return marks_ && marks_[pixel] != 0; }
+  explicit Barriers(const StripBuffer& strip) : marks_(strip.explicit_white.data()) {}
+  bool operator[](std::size_t pixel) const { return marks_[pixel] != 0; }
 
  private:
   const std::uint8_t* marks_;
@@ -267,8 +255,7 @@ WhiteChokeStrategy choke_strategy_from_environment(bool env_enabled) {
 }
 
 std::vector<std::uint8_t> build_ink_mask(const StripBuffer& strip, std::uint8_t threshold) {
-  std::vector<std::uint8_t> mask(pixel_count(strip));
-  if (!has_ink_planes(strip)) return mask;
+  std::vector<std::uint8_t> mask(strip.pixels());
   const Barriers barriers(strip);
   const auto& planes = strip.planes;
   for (std::size_t i = 0; i < mask.size(); ++i) {
@@ -289,8 +276,7 @@ void apply_source_grid_choke(StripBuffer& strip, std::uint32_t dpi, float amount
     return;
   }
   // Pixels are told apart by 32-bit indices.
-  const std::uint64_t pixels = pixel_count(strip);
-  if (pixels == 0 || pixels > kMaxU32 || !has_ink_planes(strip)) return;
+  if (strip.pixels() == 0 || strip.pixels() > kMaxU32) return;
   auto mask = build_ink_mask(strip, kInkThreshold);
   give(mask, mask_before);
   if (const float radius = choke_radius_runtime(dpi, amount_px_at_300dpi); radius > 0.0f) {

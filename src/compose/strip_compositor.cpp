@@ -123,16 +123,12 @@ StripBuffer StripCompositor::blank_strip(std::uint32_t y, std::uint32_t height, 
   strip.height = height;
   strip.y = y;
   strip.channel_count = config_.channel_count;
-  const std::size_t pixels = std::size_t{strip.width} * strip.height;
-  strip.planes.resize(strip.channel_count);
-  const auto plane = [&strip](std::size_t i) -> Plane& {
-    return i < strip.planes.size() ? strip.planes[i] : strip.explicit_white;
-  };
-  const std::size_t planes = strip.planes.size() + 1;
-  for (std::size_t i = 0; i < planes; ++i) reserve_large(plane(i), pixels);
-  parallel_ranges(planes, config_.threads.compose_threads(planes, pixels),
+  const std::size_t pixels = strip.pixels();
+  const auto planes = strip.all_planes();
+  for (Plane* plane : planes) reserve_large(*plane, pixels);
+  parallel_ranges(planes.size(), config_.threads.compose_threads(planes.size(), pixels),
                   [&](std::size_t begin, std::size_t end, std::size_t) {
-                    for (std::size_t i = begin; i < end; ++i) plane(i).assign(pixels, 0);
+                    for (std::size_t i = begin; i < end; ++i) planes[i]->assign(pixels, 0);
                   });
   return strip;
 }

@@ -11,8 +11,6 @@
 namespace nvo {
 namespace {
 
-constexpr std::size_t kPlaneCount = 5;
-constexpr std::size_t kWhitePlane = 4;
 constexpr float kPercentPerLevel = 0.39215687f;  // 100 / 255
 constexpr std::uint8_t kLeastPrintedInk = 3;     // fainter ink is noise around the motif
 
@@ -21,12 +19,6 @@ constexpr std::uint8_t kLeastGraded = 5;
 constexpr std::uint8_t kMostGraded = 250;
 constexpr std::uint32_t kRowsPerRead = 256;
 constexpr std::size_t kScanBlock = 4096;
-
-bool is_well_formed(const StripBuffer& strip, std::uint64_t pixels) {
-  if (strip.planes.size() < kPlaneCount || pixels == 0) return false;
-  return std::all_of(strip.planes.begin(), strip.planes.begin() + kPlaneCount,
-                     [pixels](const auto& plane) { return plane.size() >= pixels; });
-}
 
 struct WhiteLimit {
   float total_budget;
@@ -59,21 +51,21 @@ struct WhiteLimit {
   }
 };
 
-void limit_white(StripBuffer& strip, std::size_t pixels, const WhiteLimit& limit) {
-  const std::uint8_t* c = strip.planes[0].data();
-  const std::uint8_t* m = strip.planes[1].data();
-  const std::uint8_t* y = strip.planes[2].data();
-  const std::uint8_t* k = strip.planes[3].data();
-  const std::uint8_t* explicit_white =
-      strip.explicit_white.size() >= pixels ? strip.explicit_white.data() : nullptr;
-  std::uint8_t* white = strip.planes[kWhitePlane].data();
+void limit_white(StripBuffer& strip, const WhiteLimit& limit) {
+  const std::size_t pixels = strip.pixels();
+  const std::uint8_t* c = strip.planes[kChannelC].data();
+  const std::uint8_t* m = strip.planes[kChannelM].data();
+  const std::uint8_t* y = strip.planes[kChannelY].data();
+  const std::uint8_t* k = strip.planes[kChannelK].data();
+  const std::uint8_t* explicit_white = strip.explicit_white.data();
+  std::uint8_t* white = strip.planes[kChannelW].data();
 
   // Where nothing is transparent coverage tells nothing about the motif, so colour alone decides what is
   // printed.
   const bool any_partial = std::any_of(white, white + pixels, [](std::uint8_t w) { return w < 255; });
 
   for (std::size_t i = 0; i < pixels; ++i) {
-    if (explicit_white && explicit_white[i]) continue;
+    if (explicit_white[i]) continue;
     const bool inked = std::max({c[i], m[i], y[i], k[i]}) >= kLeastPrintedInk;
     const bool printed = inked || (any_partial && white[i] != 0);
     white[i] = printed ? limit(c[i], m[i], y[i], k[i], white[i]) : std::uint8_t{0};
@@ -105,12 +97,10 @@ bool has_graded_sample(const std::uint8_t* sample, std::uint64_t pixels, std::si
 }  // namespace
 
 void apply_white_underbase(StripBuffer& strip, std::uint32_t dpi, const WhiteUnderbaseParams& params) {
-  const std::uint64_t pixels = std::uint64_t{strip.width} * strip.height;
-  if (!is_well_formed(strip, pixels)) return;
   const bool choke_wanted = params.choke_enabled && params.choke_amount_px_at_300dpi > 0.0f &&
                             params.choke_strategy != WhiteChokeStrategy::production;
   if (params.white_ink_limit_enabled)
-    limit_white(strip, pixels, {params.total_ink_budget_pct, params.max_white_pct, params.min_white_pct});
+    limit_white(strip, {params.total_ink_budget_pct, params.max_white_pct, params.min_white_pct});
   if (choke_wanted) {
     apply_source_grid_choke(strip, dpi, params.choke_amount_px_at_300dpi, params.choke_strategy, nullptr,
                             nullptr);

@@ -23,7 +23,7 @@ struct WhiteUnderbaseParams {
 };
 
 /// Limits the white of a finished strip by the total ink of each pixel and spreads colour on the source grid
-/// where that is asked for. A malformed strip stays unchanged.
+/// where that is asked for.
 void apply_white_underbase(StripBuffer& strip, std::uint32_t dpi, const WhiteUnderbaseParams& params);
 
 /// Whether every coverage byte of an image is near 0 or near 255, so that it may be scaled hard. False for an

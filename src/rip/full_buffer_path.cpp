@@ -10,43 +10,32 @@ namespace nvo {
 namespace {
 
 /// The whole sheet on the source grid.
-struct SheetPlanes {
-  std::vector<Plane> planes;
-  Plane explicit_white;
-};
+StripBuffer compose_sheet(SheetRun& run) {
+  StripBuffer sheet;
+  const StripPlan& strips = run.plan.strips;
+  sheet.width = strips.src_w;
+  sheet.height = strips.src_h;
+  for (Plane* plane : sheet.all_planes()) plane->assign(sheet.pixels(), 0);
 
-SheetPlanes compose_sheet(SheetRun& run) {
-  const std::size_t width = run.src_w;
-  const std::size_t pixels = width * run.src_h;
-  SheetPlanes sheet;
-  sheet.planes.assign(kChannelCount, Plane(pixels, 0));
-  sheet.explicit_white.assign(pixels, 0);
-
-  for (std::uint32_t strip = 0; strip < run.strips; ++strip) {
+  for (std::uint32_t strip = 0; strip < strips.count; ++strip) {
     run.throw_if_cancelled();
-    const std::uint32_t y = strip * run.options.strip_h_px;
-    const std::uint32_t rows = std::min(run.src_h - y, run.options.strip_h_px);
-    run.report(static_cast<int>(strip), static_cast<int>(run.strips),
-               static_cast<float>(strip) / static_cast<float>(run.strips) * 45.0f,
-               "Compositing strip " + std::to_string(strip + 1) + "/" + std::to_string(run.strips));
+    const std::uint32_t y = strip * strips.strip_rows;
+    const std::uint32_t rows = std::min(strips.src_h - y, strips.strip_rows);
+    run.report(static_cast<int>(strip), static_cast<int>(strips.count),
+               static_cast<float>(strip) / static_cast<float>(strips.count) * 45.0f,
+               "Compositing strip " + std::to_string(strip + 1) + "/" + std::to_string(strips.count));
     StripBuffer band;
     {
       const ScopedTimer timer(run.profile.compose);
       band = run.compositor.compose_strip(y, rows);
     }
     ++run.profile.compose_calls;
-    run.profile.source_strip_pixels += width * rows;
+    run.profile.source_strip_pixels += band.pixels();
 
     const ScopedTimer timer(run.profile.full_buffer_copy);
-    const std::size_t offset = width * y;
-    const std::size_t bytes = width * rows;
-    const std::size_t channels = std::min<std::size_t>(band.planes.size(), kChannelCount);
-    for (std::size_t channel = 0; channel < channels; ++channel)
-      std::copy_n(band.planes[channel].begin(), std::min(bytes, band.planes[channel].size()),
-                  sheet.planes[channel].begin() + static_cast<std::ptrdiff_t>(offset));
-    if (band.explicit_white.size() >= bytes)
-      std::copy_n(band.explicit_white.begin(), bytes,
-                  sheet.explicit_white.begin() + static_cast<std::ptrdiff_t>(offset));
+    const auto from = band.all_planes(), to = sheet.all_planes();
+    for (std::size_t i = 0; i < from.size(); ++i)
+      std::ranges::copy(*from[i], to[i]->begin() + static_cast<std::ptrdiff_t>(std::size_t{sheet.width} * y));
   }
   return sheet;
 }
@@ -74,7 +63,7 @@ std::vector<DropMap> rip_sheet(SheetRun& run, const ComposedStrip& sheet) {
     dropmaps[channel] =
         run.engine.process({.src = sheet.inks[channel],
                             .strip_src_y = 0,
-                            .total_src_rows = run.src_h,
+                            .total_src_rows = sheet.total_src_rows,
                             .channel = static_cast<std::int32_t>(channel),
                             .coverage_plane = channel < kChannelW ? run.choke.coverage() : PlaneView(),
                             .choke = run.choke.context(),
@@ -112,9 +101,9 @@ bool has_drops(const DropMap& map) {
 }  // namespace
 
 void run_full_buffer(SheetRun& run) {
-  if (run.announce) run.announce();
-  const SheetPlanes planes = compose_sheet(run);
-  const ComposedStrip sheet = view_strip(run, planes.planes, planes.explicit_white, 0, run.src_h);
+  run.announce();
+  const StripBuffer planes = compose_sheet(run);
+  const ComposedStrip sheet = run.view(planes);
   ChokeTimes times;
   run.choke.prepare(run.engine, sheet, times);
   run.profile.occupancy += times.planes;
@@ -123,8 +112,8 @@ void run_full_buffer(SheetRun& run) {
   for (const DropMap& map : dropmaps) run.profile.device_channel_pixels += map.data.size();
 
   run.require_printed(std::ranges::any_of(dropmaps, has_drops));
-  run.report(static_cast<int>(run.strips), static_cast<int>(run.strips), 95.0f,
-             "Writing " + std::string(print_extension(run.options.head())));
+  const auto stages = static_cast<int>(run.plan.strips.count);
+  run.report(stages, stages, 95.0f, "Writing " + std::string(print_extension(run.plan.options.head())));
   const ScopedTimer timer(run.profile.writer);
   run.writer.write_dropmaps(dropmaps, run.output_path);
 }

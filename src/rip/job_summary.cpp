@@ -103,16 +103,16 @@ std::string white_text(const ImageMeta& art, const RipJobOptions& options) {
   return "under the whole image; neither a white channel nor transparency was read";
 }
 
-std::string choke_text(const JobSummary& job) {
-  if (!job.choke.device_choke) return "off";
-  const double amount = job.options.white_choke_amount_px_at_300dpi;
-  const std::string text = std::string(job.choke.adaptive ? "adaptive" : "production") + ", " +
+std::string choke_text(const SheetPlan& plan) {
+  if (!plan.choke.device_choke) return "off";
+  const double amount = plan.options.white_choke_amount_px_at_300dpi;
+  const std::string text = std::string(plan.choke.adaptive ? "adaptive" : "production") + ", " +
                            rounded(amount, 3) + " px at 300 dpi (" +
                            rounded(amount / kChokeReferenceDpi * kMillimetresPerInch, 3) + " mm)";
-  if (!job.choke.adaptive) return text;
-  return text + ", features up to " + std::to_string(job.choke.min_width_dots) + " dots keep their white, " +
-         (job.choke.protect_light
-              ? "light areas from L* " + rounded(job.choke.lightness_threshold, 1) + " keep theirs"
+  if (!plan.choke.adaptive) return text;
+  return text + ", features up to " + std::to_string(plan.choke.min_width_dots) + " dots keep their white, " +
+         (plan.choke.protect_light
+              ? "light areas from L* " + rounded(plan.choke.lightness_threshold, 1) + " keep theirs"
               : "light areas don't");
 }
 
@@ -132,25 +132,25 @@ std::string resampling_text(const RipJobOptions& options, const std::optional<Im
 
 }  // namespace
 
-void log_job_summary(const JobSummary& job, const std::optional<ImageMeta>& art) {
-  const RipJobOptions& options = job.options;
-  log_info("Job: head ", print_head_name(options.head()), ", mode ", job.mode.id, " (", job.mode.x_dpi, " x ",
-           job.mode.y_dpi, " dpi, ", job.mode.passes, " passes), slots ",
+void log_job_summary(const SheetPlan& plan, const std::optional<ImageMeta>& art) {
+  const RipJobOptions& options = plan.options;
+  log_info("Job: head ", print_head_name(options.head()), ", mode ", plan.mode.id, " (", plan.mode.x_dpi,
+           " x ", plan.mode.y_dpi, " dpi, ", plan.mode.passes, " passes), slots ",
            channel_map_text(normalize_channel_map(options.head(), options.output_channel_map)));
-  log_info("Job: sheet of ", size_text(job.size.width_in, job.size.height_in));
-  if (job.sheet.items.size() == 1 && art) {
-    const LayoutItem& item = job.sheet.items.front();
+  log_info("Job: sheet of ", size_text(plan.size.width_in, plan.size.height_in));
+  if (plan.layout.items.size() == 1 && art) {
+    const LayoutItem& item = plan.layout.items.front();
     const ImageProbeInfo image = probe_image(item.path);
     log_art(item, image);
-    log_info("Job: colour: ", colour_text(*art, job.icc),
+    log_info("Job: colour: ", colour_text(*art, plan.icc),
              image.has_profile ? "; the profile inside the file is not used" : "");
     log_info("Job: white: ", white_text(*art, options));
-  } else if (job.sheet.items.size() == 1) {
+  } else if (plan.layout.items.size() == 1) {
     log_info("Job: art that can't be read");
   } else {
-    log_info("Job: ", job.sheet.items.size(), " images on the sheet");
+    log_info("Job: ", plan.layout.items.size(), " images on the sheet");
   }
-  log_info("Job: white choke: ", choke_text(job));
+  log_info("Job: white choke: ", choke_text(plan));
   log_info("Job: white ink limit: ", ink_limit_text(options));
   log_info("Job: resampling: ", resampling_text(options, art));
 }

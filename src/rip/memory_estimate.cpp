@@ -45,9 +45,10 @@ std::uint64_t plus(std::uint64_t a, std::uint64_t b, const char* label) {
   return *sum;
 }
 
-std::uint64_t source_planes(const FullBufferNeeds& needs) {
-  if (!needs.device_choke) return 6;
-  return needs.light_protection ? 8 : 7;
+/// Five inks and the mark of explicit white, colour coverage, light areas.
+std::uint64_t source_planes(bool device_choke, bool light_protection) {
+  if (!device_choke) return 6;
+  return light_protection ? 8 : 7;
 }
 
 // Filtered copies of the sheet: one for each way of sampling in parallel, or a single one that is used in
@@ -62,7 +63,8 @@ std::uint64_t density_contexts(const FullBufferNeeds& needs) {
 std::uint64_t full_buffer_bytes(const FullBufferNeeds& needs) {
   const std::uint64_t source_px = times(needs.src_w, needs.src_h, "full-buffer source pixel");
   const std::uint64_t device_px = times(needs.dev_w, needs.dev_h, "full-buffer device pixel");
-  const std::uint64_t source_bytes = times(source_px, source_planes(needs), "full-buffer source buffer");
+  const std::uint64_t source_bytes = times(
+      source_px, source_planes(needs.device_choke, needs.light_protection), "full-buffer source buffer");
   const std::uint64_t device_bytes = times(device_px, kChannels, "full-buffer device dropmap");
   const std::uint64_t main = plus(source_bytes, device_bytes, "full-buffer memory estimate");
   const std::uint64_t horizontal = times(needs.src_h, needs.dev_w, "full-buffer horizontal density");
@@ -87,6 +89,15 @@ std::uint64_t row_buffer_bytes(const StripNeeds& needs) {
   if (needs.device_choke) of_dot += kBandsInWork * (kChannels - 1) * kRingBytesOfDot;
   constexpr std::uint64_t kOfPixel = kBandsInWork * kChannels * kRowBytesOfPixel + kTapBytesOfPixel;
   return needs.dev_w * of_dot + needs.src_w * kOfPixel;  // 32 bits times a few hundred
+}
+
+std::uint64_t strip_bytes(const StripNeeds& needs) {
+  constexpr std::uint64_t kChokeMasks = 6, kDotsOfWord = 64, kWordBytes = 8;
+  const std::uint64_t source_bytes =
+      std::uint64_t{needs.src_w} * needs.src_rows * source_planes(needs.device_choke, needs.light_protection);
+  const std::uint64_t mask_row = (needs.dev_w + kDotsOfWord - 1) / kDotsOfWord * kWordBytes;
+  const std::uint64_t mask_bytes = needs.device_choke ? kChokeMasks * mask_row * needs.dev_rows : 0;
+  return source_bytes + mask_bytes + row_buffer_bytes(needs);
 }
 
 void require_strip_fits(const StripNeeds& needs) {

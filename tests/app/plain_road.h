@@ -62,10 +62,7 @@ class PlainRoad {
   void compose() {
     strip_.width = placed(image_.width, image_.dpi_x) + 2 * pad_;
     strip_.height = placed(image_.height, image_.dpi_y) + 2 * pad_;
-    strip_.channel_count = kChannelCount;
-    strip_.planes.resize(kChannelCount);
-    for (Plane& plane : strip_.planes) plane.assign(pixels(), 0);
-    strip_.explicit_white.assign(pixels(), 0);
+    for (Plane* plane : strip_.all_planes()) plane->assign(pixels(), 0);
     StripCompositorConfig config;
     config.color_resampling_mode = knobs_.color_hard ? ResamplingMode::hard : ResamplingMode::smooth;
     config.white_resampling_mode = knobs_.white_hard ? ResamplingMode::hard : ResamplingMode::smooth;

@@ -79,8 +79,10 @@ StripBuffer draw_strip(Lottery& lottery) {
   strip.width = 50;
   strip.height = 24;
   strip.y = 10;
-  strip.planes.assign(5, Plane(std::size_t{strip.width} * strip.height));
-  for (auto& plane : strip.planes) std::ranges::generate(plane, [&] { return lottery.byte(); });
+  for (auto& plane : strip.planes) {
+    plane.resize(strip.pixels());
+    std::ranges::generate(plane, [&] { return lottery.byte(); });
+  }
   strip.explicit_white = strip.planes[0];
   return strip;
 }

@@ -166,7 +166,7 @@ TEST_F(StripCompositorTest, ThreadsAndSpentStripsChangeNoByte) {
       StripCompositor compositor(sheet(1200, 1000, threads));
       compositor.set_layout(layout);
       StripBuffer spent;
-      if (!strips.empty()) spent.planes.assign(7, Plane(123, 0xEE));
+      if (!strips.empty()) spent.planes.fill(Plane(123, 0xEE));
       if (!strips.empty()) spent.explicit_white.assign(2000000, 0xEE);
       strips.push_back(compositor.compose_strip(7, 600, std::move(spent)));
       EXPECT_TRUE(same_bytes(strips.back(), strips.front())) << threads;

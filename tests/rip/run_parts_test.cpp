@@ -48,6 +48,8 @@ TEST(StripLimits, RefuseOnlyWhatCannotBeHeld) {
        "StreamRip: the sheet is too wide: the buffers of its rows would take 5331.5 MiB > cap 4096 MiB"}};
   for (const auto& [needs, text] : cases)
     EXPECT_EQ(test::failure_of([&needs = needs] { require_strip_fits(needs); }), text) << needs.dev_rows;
+  const StripNeeds small{10, 65, 60, true, 20, true};
+  EXPECT_EQ(strip_bytes(small), 10u * 20 * 8 + 6 * 16 * 60 + row_buffer_bytes(small));
 }
 
 TEST(RunProfile, LogAndJsonTellTheSameNumbers) {

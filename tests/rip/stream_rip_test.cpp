@@ -9,6 +9,7 @@
 #include <sys/resource.h>
 
 #include "rip/rip_job.h"
+#include "rip/sheet_plan.h"
 #include "support/failure.h"
 
 namespace nvo {
@@ -30,6 +31,34 @@ TEST(StreamRip, SizeFollowsResolutionAndOverrides) {
                                                            {none, infinity, 72, 90}}) {
     const PrintFile file = job.run(width_in, height_in);
     EXPECT_EQ(std::tuple(file.width, file.height), std::tuple(width, height)) << width_in << " " << height_in;
+  }
+}
+
+TEST(StreamRip, PlanTellsWhatTheRunTakes) {
+  Job job;
+  RipJobOptions& options = job.rip.options;
+  options.src_dpi = 600;
+  options.print_head = 2;
+  options.white_choke_enabled = true;
+  options.strip_h_px = 20;
+  test::write_tiff(job.input, picture(90, 150, 600));
+  LayoutItem item;
+  item.path = job.input;
+  item.width_in = 0.15f, item.height_in = 0.25f;
+  for (const auto& [mode, streams, halo, memory] :
+       {std::tuple("xp600_360x720", true, 11u, 91'266u), {"xp600_720x540", false, 0u, 336'928u}}) {
+    options.print_mode = *find_print_mode(options.head(), mode);
+    const SheetPlan plan = plan_sheet(options, {{item}, item.height_in});
+    EXPECT_EQ(plan.strips.halo, halo);
+    EXPECT_EQ(plan.memory_bytes, memory);
+    std::vector<RipProgress> seen;
+    job.rip.progress = [&](const RipProgress& progress) { seen.push_back(progress); };
+    const PrintFile file = job.run();
+    EXPECT_EQ(std::tuple(file.width, file.height, test::read_all(job.output).size()),
+              std::tuple(plan.strips.dev_w, plan.strips.dev_h, plan.print_bytes + 48));
+    EXPECT_EQ(seen.front().stage_count, static_cast<int>(plan.strips.count));
+    EXPECT_EQ(plan.streaming, streams);
+    EXPECT_EQ(seen.back().rows, streams ? plan.strips.dev_h : 0);
   }
 }
 

@@ -20,7 +20,7 @@ constexpr const char* kSwitches[] = {"NVO_RIP_PARALLEL_CHANNELS", "NVO_RIP_PARAL
                                      "NVO_RIP_PARALLEL_WRITER_ROWS", "NVO_RIP_PARALLEL_COMPOSE_ITEMS"};
 constexpr const char* kCounts[] = {"NVO_RIP_ROW_THREADS", "NVO_RIP_WRITER_THREADS",
                                    "NVO_RIP_COMPOSE_THREADS"};
-constexpr std::uint32_t kSheetWidth = 116, kSheetHeight = 90;  // source pixels
+constexpr std::uint32_t kSheetHeight = 90;  // source pixels
 
 /// A job whose sheet has the same picture four times, so that items, rows, channels and the writer all have
 /// work to share.
@@ -61,23 +61,10 @@ class Threads : public testing::Test {
 
   /// Sends the sheet down a path with a pool of the test's own.
   std::string print(void (*path)(SheetRun&), Executor* pool) {
-    const RipJobOptions& options = job.rip.options;
-    SheetChoke choke(plan_choke(options), options.print_mode.y_dpi);
-    StripCompositorConfig config;
-    config.src_dpi = options.src_dpi;
-    config.sheet_width_in = inches(kSheetWidth);
-    config.sheet_height_in = sheet.height_in;
-    StripCompositor compositor(config);
-    compositor.set_layout(sheet);
-    RipEngine engine(job.engine_params());
-    HosonWriter writer({options.head(), options.print_mode, {3, 0, kChannelOff, 2, 4, 4}});
-    const std::uint32_t dev_w = kSheetWidth * options.print_mode.x_dpi / options.src_dpi;
-    const std::uint32_t dev_h = kSheetHeight * options.print_mode.y_dpi / options.src_dpi;
-    const std::uint32_t strips = (kSheetHeight + options.strip_h_px - 1) / options.strip_h_px;
-    SheetRun run{job.rip, options, job.output, options.print_mode, choke,  kSheetWidth, kSheetHeight,
-                 dev_w,   dev_h,   strips,     compositor,         engine, writer,      pool,
-                 {},      {}};
-    if (pool) engine.ensure_column_taps(run.src_w, run.dev_w);
+    const SheetPlan plan = plan_sheet(job.rip.options, sheet);
+    SheetRun run(job.rip, plan, job.settings, job.output);
+    run.pool = pool;
+    if (pool) run.engine.ensure_column_taps(plan.strips.src_w, plan.strips.dev_w);
     path(run);
     return test::read_all(job.output);
   }
@@ -133,7 +120,10 @@ class ShuffledPool final : public Executor {
 // Both paths serve a sheet whose device rows are not coarser than its source rows.
 TEST_F(Threads, PathsAgreeWhateverTheOrderOfTheChannels) {
   for (const std::uint32_t y_dpi : {300u, 1200u}) {
-    prepare(300, {"", "", 720, y_dpi, 6, 2});
+    prepare(300, {});
+    RipJobOptions& options = job.rip.options;
+    options.x_dpi = 720, options.y_dpi = y_dpi, options.passes = 6;
+    options.output_channel_map = {3, 0, kChannelOff, 2, 4, 4};
     const std::string serial = print(run_full_buffer, nullptr);
     ASSERT_TRUE(test::PrintFile(serial).is_whole);
     ASSERT_TRUE(print(run_streaming, nullptr) == serial);

@@ -370,7 +370,7 @@ TEST(SheetChoke, PreparesTheStripAsComposed) {
       options.white_choke_algorithm = adaptive ? WhiteChokeSetting::adaptive : WhiteChokeSetting::production;
       options.white_choke_adaptive_protect_light_enabled = protect;
       options.white_choke_adaptive_lightness_threshold = 70;
-      SheetChoke choke(plan_choke(options), 900);
+      SheetChoke choke(plan_choke(options));
       RipEngineParams params;
       params.y_dpi = 900;
       params.n_channels = 5;
@@ -384,9 +384,7 @@ TEST(SheetChoke, PreparesTheStripAsComposed) {
       const RipEngine engine(params);
       ChokeTimes times;
       choke.prepare(engine,
-                    {art.width,
-                     art.rows,
-                     9,
+                    {9,
                      44,
                      {view(art.coverage), view(none), view(art.coverage), view(black), view(art.white)},
                      view(art.exempt)},

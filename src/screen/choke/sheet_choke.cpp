@@ -12,17 +12,16 @@ namespace nvo {
 namespace {
 
 constexpr std::size_t kLeastRowsOfPart = 16;  ///< source rows that a thread takes at a time
-constexpr std::size_t kColourPlanes = 4;
 
-/// A plane of the strip's size in memory that is used again.
-MutablePlaneView resized(LargeVector<std::uint8_t>& plane, const ComposedStrip& strip) {
-  resize_large(plane, std::size_t{strip.width} * strip.rows);
-  return {plane.data(), strip.width, strip.rows};
+/// A plane of another one's size in memory that is used again.
+MutablePlaneView resized(LargeVector<std::uint8_t>& plane, const PlaneView& like) {
+  resize_large(plane, std::size_t{like.width()} * like.height());
+  return {plane.data(), like.width(), like.height()};
 }
 
 }  // namespace
 
-SheetChoke::SheetChoke(const ChokePlan& plan, std::uint32_t y_dpi) : plan_(plan), y_dpi_(y_dpi) {
+SheetChoke::SheetChoke(const ChokePlan& plan) : plan_(plan) {
   if (plan.device_choke && plan.protect_light) light_protection_.emplace(plan.lightness_threshold);
 }
 
@@ -52,20 +51,14 @@ void SheetChoke::prepare(const RipEngine& engine, const ComposedStrip& strip, Ch
 }
 
 void SheetChoke::derive_planes(const RipEngine& engine, const ComposedStrip& strip) {
-  const MutablePlaneView coverage = resized(coverage_, strip);
-  const MutablePlaneView light = light_protection_ ? resized(light_, strip) : MutablePlaneView();
+  const auto& inks = strip.inks;
+  const MutablePlaneView coverage = resized(coverage_, inks[kChannelC]);
+  const MutablePlaneView light = light_protection_ ? resized(light_, inks[kChannelC]) : MutablePlaneView();
   coverage_view_ = coverage;
   light_view_ = light;
-  const auto& inks = strip.inks;
-  if (std::any_of(inks.begin(), inks.begin() + kColourPlanes,
-                  [](const PlaneView& ink) { return ink.null(); })) {
-    std::ranges::fill(coverage_, std::uint8_t{0});
-    std::ranges::fill(light_, std::uint8_t{0});
-    return;
-  }
   const ColourPlanes colours{inks[kChannelC], inks[kChannelM], inks[kChannelY], inks[kChannelK]};
-  const std::uint32_t threads = engine.params().threads.row_threads(strip.rows, strip.width);
-  const std::vector<WorkRange> parts = guided_ranges(strip.rows, threads, kLeastRowsOfPart);
+  const std::uint32_t threads = engine.params().threads.row_threads(coverage.height(), coverage.width());
+  const std::vector<WorkRange> parts = guided_ranges(coverage.height(), threads, kLeastRowsOfPart);
   parallel_tasks(parts.size(), threads, [&](std::size_t part, std::size_t) {
     for (std::size_t y = parts[part].begin; y < parts[part].end;
          ++y) {  // both planes while the row is in cache

@@ -15,10 +15,8 @@ namespace nvo {
 
 class RipEngine;
 
-/// The composed planes of a strip, halo included, or of the whole sheet. A plane that was not composed is
-/// null.
+/// The composed planes of a strip, halo included, or of the whole sheet; all of one size.
 struct ComposedStrip {
-  std::uint32_t width = 0, rows = 0;  ///< source pixels, of every plane that there is
   std::uint32_t src_y = 0, total_src_rows = 0;
   std::array<PlaneView, kChannelCount> inks;
   PlaneView explicit_white;
@@ -30,23 +28,17 @@ struct ChokeTimes {
   std::uint64_t context = 0;  ///< masks on the device grid
 };
 
-/// The device-domain choke of a sheet: all that a run asks of it. One strip at a time.
+/// The device-domain choke of a sheet whose plan has told its pad and halo. One strip at a time.
 class SheetChoke {
  public:
-  /// `y_dpi` is the device grid's.
-  SheetChoke(const ChokePlan& plan, std::uint32_t y_dpi);
-
-  const ChokePlan& plan() const { return plan_; }
-  /// See `ChokePlan`.
-  float canvas_pad_in() const { return plan_.canvas_pad_in(); }
-  std::uint32_t halo_rows() const { return plan_.halo_rows(y_dpi_); }
+  explicit SheetChoke(const ChokePlan& plan);
 
   /// Makes room for strips up to this size, so that none after the first touches new memory; room that nobody
   /// uses costs nothing.
   void reserve(std::uint32_t src_w, std::uint32_t src_rows, std::uint32_t dev_w, std::uint32_t dev_rows);
 
   /// Works out the choke of a strip with the settings and threads of `engine`, in the memory of the strip
-  /// before. Where not all four inks were composed nothing counts as colour or light.
+  /// before.
   void prepare(const RipEngine& engine, const ComposedStrip& strip, ChokeTimes& times);
 
   /// What screening takes of the strip prepared last: the colour coverage, for the four inks only, and the
@@ -58,7 +50,6 @@ class SheetChoke {
   void derive_planes(const RipEngine& engine, const ComposedStrip& strip);
 
   ChokePlan plan_;
-  std::uint32_t y_dpi_;
   std::optional<LightProtection> light_protection_;
   LargeVector<std::uint8_t> coverage_, light_;
   PlaneView coverage_view_, light_view_;
