@@ -17,8 +17,6 @@ namespace {
 
 constexpr int kMaxReplaceAttempts = 32;
 constexpr auto kReplaceRetryDelay = std::chrono::milliseconds(2);
-/// Below this size a file gains nothing from going past the page cache.
-constexpr std::uint64_t kPastCacheFrom = 1 << 20;
 
 const char* name_of(WriteFailure::Step step) {
   constexpr const char* kNames[] = {"create", "write", "flush", "close", "put in place"};
@@ -83,7 +81,7 @@ std::optional<WriteFailure> AtomicFile::begin(const std::string& target, std::ui
   target_ = target;
   bytes_ = bytes;
   appended_ = 0;
-  file_.prepare(bytes >= kPastCacheFrom);  // what may throw, before the file is there
+  file_.prepare(bytes >= platform::kBulkBlock);  // what may throw, before the file is there
   TempFile temp;
   if (const int error = create_temp(target, names, temp))
     return WriteFailure{WriteFailure::Step::create, std::move(temp.path), bytes, error};

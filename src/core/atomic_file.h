@@ -61,8 +61,8 @@ class AtomicFile {
   AtomicFile(const AtomicFile&) = delete;
   AtomicFile& operator=(const AtomicFile&) = delete;
 
-  /// Begins a write of `bytes` bytes to `target`; 0 where the number isn't known. A large one goes past the
-  /// page cache, see `BulkFile`. A write that is under way is given up.
+  /// Begins a write of `bytes` bytes to `target`; 0 where the number isn't known. One of at least
+  /// a block goes past the page cache, see `BulkFile`. A write that is under way is given up.
   [[nodiscard]] std::optional<WriteFailure> begin(const std::string& target, std::uint64_t bytes,
                                                   const TemporaryNames& names = kUniqueNames);
   [[nodiscard]] std::optional<WriteFailure> append(const void* data, std::size_t size);
