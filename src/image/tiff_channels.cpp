@@ -1,6 +1,7 @@
 #include "image/tiff_channels.h"
 
 #include <algorithm>
+#include <optional>
 #include <string_view>
 #include <utility>
 
@@ -163,6 +164,43 @@ std::vector<ChannelInfo> cmyk_roles(const TiffSampleTags& tags) {
   return list.take();
 }
 
+/// Does a name, in one of a few languages, most likely stand for white ink?
+bool means_white(std::string_view name) {
+  static constexpr std::string_view kWords[] = {"white", "wht",    "underbase", "weiss", "weiß",
+                                                "blanc", "bianco", "branco",    "бел",   "Бел"};
+  const std::string folded = ascii_lower(name);
+  return folded == "w" || std::ranges::any_of(kWords, [&](std::string_view word) {
+           return folded.find(word) != std::string::npos;
+         });
+}
+
+/// What may be wrong with the role of a sample behind the `colours` of its pixel; nothing for other samples
+/// and for roles that the file states.
+std::optional<std::string> doubt_of_role(const TiffSampleTags& tags, const ChannelInfo& channel,
+                                         unsigned colours) {
+  const bool is_white = channel.role == ChannelRole::white;
+  if (!is_white && channel.role != ChannelRole::alpha) return std::nullopt;
+  if (channel.index < tags.ink_names.size()) {
+    if (means_white(channel.name)) return std::nullopt;
+    return "Its ink '" + channel.name +
+           "' is printed as white ink, as the first one behind the four colours always is; a viewer may show "
+           "it as a colour of its own";
+  }
+  const unsigned number = channel.index - colours;
+  const bool stated = number < tags.extra_samples.size();
+  const auto type = stated ? tags.extra_samples[number] : std::uint16_t{EXTRASAMPLE_UNSPECIFIED};
+  const std::string sample = "Sample " + std::to_string(channel.index + 1) + " of a pixel ";
+  if (type == EXTRASAMPLE_ASSOCALPHA)
+    return sample +
+           "is alpha that the colours are already multiplied by (premultiplied), and is taken as straight "
+           "alpha: the colours of soft edges print other than a viewer shows them";
+  if (type != EXTRASAMPLE_UNSPECIFIED) return std::nullopt;
+  const std::string name = number < tags.editor_names.size() ? tags.editor_names[number] : "";
+  if (is_white && means_white(name)) return std::nullopt;
+  return sample + (name.empty() ? "" : "('" + name + "') ") + "has no stated meaning and is taken as " +
+         (is_white ? "white ink" : "alpha") + "; a viewer may show the art without it";
+}
+
 }  // namespace
 
 std::vector<ChannelInfo> detect_channel_roles(const TiffSampleTags& tags) {
@@ -181,22 +219,8 @@ std::vector<std::string> doubtful_channel_roles(const TiffSampleTags& tags) {
   const bool is_gray = tags.photometric != PHOTOMETRIC_SEPARATED && tags.photometric != PHOTOMETRIC_RGB;
   const unsigned colours = is_gray ? 1 : tags.photometric == PHOTOMETRIC_RGB ? kRgbSamples : kProcessInks;
   std::vector<std::string> notes;
-  for (const ChannelInfo& channel : detect_channel_roles(tags)) {
-    const bool is_white = channel.role == ChannelRole::white;
-    if (!is_white && channel.role != ChannelRole::alpha) continue;
-    if (channel.index < tags.ink_names.size()) continue;  // its name is its meaning
-    const unsigned number = channel.index - colours;
-    const bool stated = number < tags.extra_samples.size();
-    const auto type = stated ? tags.extra_samples[number] : std::uint16_t{EXTRASAMPLE_UNSPECIFIED};
-    const std::string sample = "Sample " + std::to_string(channel.index + 1) + " of a pixel ";
-    if (type == EXTRASAMPLE_UNSPECIFIED)
-      notes.push_back(sample + "has no stated meaning and is taken as " + (is_white ? "white ink" : "alpha") +
-                      "; a viewer may show the art without it");
-    else if (type == EXTRASAMPLE_ASSOCALPHA)
-      notes.push_back(sample +
-                      "is alpha that the colours are already multiplied by (premultiplied), and is taken as "
-                      "straight alpha: the colours of soft edges print other than a viewer shows them");
-  }
+  for (const ChannelInfo& channel : detect_channel_roles(tags))
+    if (auto doubt = doubt_of_role(tags, channel, colours)) notes.push_back(std::move(*doubt));
   return notes;
 }
 

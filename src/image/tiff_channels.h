@@ -16,6 +16,8 @@ struct TiffSampleTags {
   /// than the pixel has extra samples.
   std::vector<std::uint16_t> extra_samples;
   std::vector<std::string> ink_names;  ///< at most one a sample; only separated files have them
+  /// What an image editor calls the samples beyond the colour's own. Decides nothing.
+  std::vector<std::string> editor_names;
 };
 
 /// Decides for every sample of a pixel what it is, and logs the decisions on samples beyond the colour's own.
@@ -25,8 +27,9 @@ struct TiffSampleTags {
 /// gray files, which have no white of their own, the first is alpha.
 std::vector<ChannelInfo> detect_channel_roles(const TiffSampleTags& tags);
 
-/// Sentences on those decisions that another program may take otherwise: samples without a stated meaning
-/// that became white or alpha, and alpha that the colours are already multiplied by.
+/// Sentences on those decisions that another program may take otherwise: samples that became white or alpha
+/// though nothing in the file says so, and alpha that the colours are already multiplied by. Nothing of a
+/// white sample that is called white, be it in a few languages, by its ink or by the image editor.
 std::vector<std::string> doubtful_channel_roles(const TiffSampleTags& tags);
 
 }  // namespace nvo

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "core/log.h"
+#include "image/photoshop_channels.h"
 #include "image/tiff_errors.h"
 
 namespace nvo {
@@ -134,6 +135,13 @@ std::vector<std::uint16_t> read_extra_samples(TIFF* tiff) {
   return {types, types + count};
 }
 
+std::vector<std::string> read_editor_names(TIFF* tiff) {
+  std::uint32_t count = 0;
+  const std::uint8_t* resources = nullptr;
+  if (TIFFGetField(tiff, TIFFTAG_PHOTOSHOP, &count, &resources) != 1 || !resources) return {};
+  return photoshop_channel_names({resources, count});
+}
+
 const char* unit_name(std::uint16_t unit) {
   switch (unit) {
     case RESUNIT_NONE:
@@ -161,7 +169,8 @@ void log_meta(const TiffMeta& meta) {
 }  // namespace
 
 TiffSampleTags read_tiff_sample_tags(TIFF* tiff, std::uint16_t samples_per_pixel) {
-  TiffSampleTags tags{read_photometric(tiff), samples_per_pixel, read_extra_samples(tiff), {}};
+  TiffSampleTags tags{
+      read_photometric(tiff), samples_per_pixel, read_extra_samples(tiff), {}, read_editor_names(tiff)};
   if (tags.photometric == PHOTOMETRIC_SEPARATED && samples_per_pixel > 4)
     tags.ink_names = read_ink_names(tiff, samples_per_pixel);
   return tags;

@@ -198,6 +198,18 @@ TEST_F(TiffReaderTest, RemarksOnWhatAViewerShowsOtherwise) {
     change(file);
     return file;
   };
+  const auto called_by_an_editor = [&](const std::string& name) {
+    const auto size = static_cast<char>(1 + name.size());
+    const std::string other("8BIM\x03\xed\x03odd\0\0\0\x01.\0", 4 + 2 + 4 + 4 + 2);
+    const std::string names =
+        std::string("8BIM\x03\xee\0\0\0\0\0", 11) + size + std::string(1, size - 1) + name;
+    return with([&](TiffFile& file) {
+      file.samples = 5, file.photometric = kCmyk, file.extra_samples = {0};
+      file.further_tags = [resources = other + names](TIFF* tiff) {
+        TIFFSetField(tiff, TIFFTAG_PHOTOSHOP, resources.size(), resources.data());
+      };
+    });
+  };
   const struct {
     TiffFile file;
     std::vector<std::uint32_t> further_images;  ///< by their NewSubfileType
@@ -234,6 +246,16 @@ TEST_F(TiffReaderTest, RemarksOnWhatAViewerShowsOtherwise) {
        }),
        {},
        {"Sample 6 of a pixel has no stated meaning and is taken as alpha"}},
+      {with([](TiffFile& file) {
+         file.samples = 5, file.photometric = kCmyk, file.extra_samples = {0};
+         file.ink_names = {"c", "m", "y", "k", "Gold"};
+       }),
+       {},
+       {"Its ink 'Gold' is printed as white ink"}},
+      {called_by_an_editor("RDG_White"), {}, {}},
+      {called_by_an_editor("Alpha 1"),
+       {},
+       {"Sample 5 of a pixel ('Alpha 1') has no stated meaning and is taken as white ink"}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(&c - cases);
