@@ -74,4 +74,8 @@ def main(program, width=6000, *rows):
                 path.unlink()
 
 
+if len(sys.argv) < 2:
+    sys.exit(__doc__)
+if not pathlib.Path(sys.argv[1]).is_file():
+    sys.exit(f"{sys.argv[1]} is missing; build it.")
 main(*sys.argv[1:])
