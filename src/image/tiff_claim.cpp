@@ -16,8 +16,9 @@ struct Ratio {
   std::uint64_t to = kNoBound, from = 1;
 };
 
-/// The greatest that a compression reaches.
+/// The greatest that a compression reaches. Nothing where libtiff doesn't unpack it to samples of 8 bits.
 Ratio greatest_ratio(std::uint16_t compression) {
+  if (TIFFIsCODECConfigured(compression) == 0) return {0, 1};
   switch (compression) {
     case COMPRESSION_NONE:
       return {1, 1};
@@ -35,6 +36,14 @@ Ratio greatest_ratio(std::uint16_t compression) {
       return {8192, 1};  // 273 bytes in 14 decisions of no less than 0.022 bits
     case COMPRESSION_ZSTD:
       return {128 << 10, 4};  // a block of one repeated byte
+    case COMPRESSION_CCITTRLE:
+    case COMPRESSION_CCITTRLEW:
+    case COMPRESSION_CCITTFAX3:
+    case COMPRESSION_CCITTFAX4:
+    case COMPRESSION_JBIG:
+    case COMPRESSION_NEXT:
+    case COMPRESSION_THUNDERSCAN:
+      return {0, 1};  // of 1, 2 or 4 bits
     default:
       return {};  // WebP and LERC have codes that take no bits
   }
