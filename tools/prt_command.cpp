@@ -39,6 +39,20 @@ constexpr const char* kMapHelp =
 constexpr const char* kChannelHelp =
     "Only this ink: C, M, Y or K as black ink on white paper, W as white on the film";
 
+/// A line with the bytes of `text` as `escape_controls` shows them, for which no memory is needed.
+void complain(const char* text, std::ostream& err) {
+  constexpr const char* kDigits = "0123456789ABCDEF";
+  err << "nvo_prt: ";
+  for (; *text != '\0'; ++text) {
+    const auto byte = static_cast<unsigned char>(*text);
+    if (byte >= ' ' && byte != 0x7F)
+      err.put(*text);
+    else
+      err << "\\x" << kDigits[byte >> 4] << kDigits[byte & 15];
+  }
+  err << '\n';
+}
+
 struct Arguments {
   std::string file, picture, slot_map, channel, film;
   bool json = false;
@@ -83,7 +97,7 @@ int show_info(const Arguments& arguments, std::ostream& out) {
 int verify(const Arguments& arguments, std::ostream& out, std::ostream& err) {
   PrtReader reader(arguments.file);
   const std::vector<std::string> damage = find_damage(reader);
-  for (const std::string& reason : damage) err << "nvo_prt: " << arguments.file << ": " << reason << '\n';
+  for (const std::string& reason : damage) complain((arguments.file + ": " + reason).c_str(), err);
   if (!damage.empty()) return kPrtExitFailure;
   out << arguments.file << ": whole\n";
   return kPrtExitWhole;
@@ -133,10 +147,10 @@ int run_prt_command(std::span<char* const> argv, std::ostream& out, std::ostream
   } catch (const CLI::ParseError& e) {
     return app.exit(e, out, err) == 0 ? kPrtExitWhole : kPrtExitUsage;
   } catch (const std::invalid_argument& e) {
-    err << "nvo_prt: " << e.what() << '\n';
+    complain(e.what(), err);
     return kPrtExitUsage;
   } catch (const std::exception& e) {
-    err << "nvo_prt: " << failure_text(e) << '\n';
+    complain(failure_text(e), err);
     return kPrtExitFailure;
   }
 }

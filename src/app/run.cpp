@@ -23,7 +23,7 @@ namespace nvo {
 namespace {
 
 void print_line(std::FILE* stream, const std::string& text) {
-  std::fputs((text + "\n").c_str(), stream);
+  std::fputs((escape_controls(text) + "\n").c_str(), stream);
   std::fflush(stream);
 }
 
