@@ -10,6 +10,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include "core/file_io.h"
@@ -318,14 +319,20 @@ TEST(AbandonedPrints, OnlyThoseOfTheDeadAndForTheTargetGo) {
                       "a.prt.nvo_tmp_007_5_0", "a.prt.nvo_tmp_-2_5_0",
                       "xa.prt" + dead};
   const std::string own = "a.prt.nvo_tmp_" + std::to_string(::getpid()) + "_7_0";  // of an earlier process
-  const Names go = {"a.prt" + dead, own, path_beside(long_name, dead)};
+  const pid_t killed = ::fork();
+  if (killed == 0) ::_exit(0);
+  siginfo_t ended;
+  ::waitid(P_PID, static_cast<id_t>(killed), &ended, WEXITED | WNOWAIT);
+  const std::string unasked = "a.prt.nvo_tmp_" + std::to_string(killed) + "_7_0";
+  const Names go = {"a.prt" + dead, own, path_beside(long_name, dead), unasked};
   for (std::size_t i = 1; i < stay.size(); ++i) test::write_all(dir.file(stay[i]), "");
   for (const std::string& name : go) test::write_all(dir.file(name), "");
   std::filesystem::create_symlink("a.prt", dir.file("a.prt.nvo_tmp_2000000001_5_0"));
   std::filesystem::create_directory(dir.file("a.prt.nvo_tmp_2000000002_5_0"));
 
   EXPECT_THAT(remove_abandoned_prints(dir.file("a.prt")),
-              testing::UnorderedElementsAre(dir.file(go[0]), dir.file(own)));
+              testing::UnorderedElementsAre(dir.file(go[0]), dir.file(own), dir.file(unasked)));
+  ::waitpid(killed, nullptr, 0);
   EXPECT_EQ(remove_abandoned_prints(dir.file(long_name)), Names{dir.file(go[2])});
   EXPECT_EQ(remove_abandoned_prints(dir.file("missing/a.prt")), Names());
   Names left = stay;

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <ctime>
 #include <filesystem>
+#include <string_view>
 #include <system_error>
 #include <utility>
 
@@ -289,8 +290,22 @@ void remove_file(const std::string& path) noexcept {
   unlink_reached(path.c_str());
 }
 
+/// A process that has ended and that its parent hasn't asked for yet.
+static bool has_ended(unsigned long process) {
+  char path[40], status[256];
+  static_cast<void>(std::snprintf(path, sizeof path, "/proc/%lu/stat", process));
+  const int descriptor = ::open(path, O_RDONLY | O_CLOEXEC);
+  if (descriptor < 0) return false;
+  const ssize_t got = ::read(descriptor, status, sizeof status);
+  ::close(descriptor);
+  // The state stands behind the program's name, which may hold brackets itself.
+  const std::string_view text(status, got > 0 ? static_cast<std::size_t>(got) : 0);
+  const std::size_t name_end = text.rfind(") ");
+  return name_end != std::string_view::npos && text.substr(name_end + 2).starts_with('Z');
+}
+
 bool may_be_alive(unsigned long process) {
-  if (process == static_cast<unsigned long>(::getpid())) return false;
+  if (process == static_cast<unsigned long>(::getpid()) || has_ended(process)) return false;
   return process == 0 || process > INT_MAX || ::kill(static_cast<pid_t>(process), 0) == 0 || errno != ESRCH;
 }
 
