@@ -18,6 +18,7 @@
 #include "core/log.h"
 #include "core/machine_failure.h"
 #include "core/platform/child_process.h"
+#include "core/platform/file.h"
 #include "core/platform/paths.h"
 #include "core/text.h"
 #include "image/pdf/page_png.h"
@@ -32,6 +33,7 @@ constexpr std::uint64_t kRastersInMemory = 4;                  // the page and n
 constexpr std::uint32_t kMaxTileSide = 32'000;                 // cairo's surfaces end at 32767 pixels
 constexpr std::size_t kMaxTextBytes = 600;
 constexpr double kPointsPerInch = 72.0;
+constexpr int kNotRunStatus = 126;  // from here on; Poppler's own end with 99
 constexpr int kSignalStatus = 128;  // as shells count a death by signal
 
 using Clock = std::chrono::steady_clock;
@@ -104,7 +106,8 @@ platform::ChildResult run_program(const Task& task, const std::string& program,
   const std::string name = said.empty() ? program : said + "; " + program;
   switch (result.end) {
     case platform::ChildEnd::not_started:
-      task.fail<MachineFailure>(program + " cannot be started", result.code);
+      task.fail<MachineFailure>(program + " cannot be started: " + platform::error_text(result.code),
+                                result.code);
     case platform::ChildEnd::signalled:
       task.fail<MachineFailure>(name + " was ended by signal " + std::to_string(result.code),
                                 kSignalStatus + result.code);
@@ -116,6 +119,9 @@ platform::ChildResult run_program(const Task& task, const std::string& program,
       break;
   }
   if (tells_of_memory(result.diagnostics)) task.fail<MachineFailure>(name + " is out of memory", ENOMEM);
+  // As the loader does for want of a library, and whatever stands in the program's place.
+  if (result.end == platform::ChildEnd::exited && result.code >= kNotRunStatus)
+    task.fail<MachineFailure>(name + " cannot be run", result.code);
   return result;
 }
 

@@ -158,6 +158,7 @@ TEST_F(PopplerPrograms, EveryWayToFailHasItsTextAndItsCulprit) {
       {"kill -SEGV $$", machine_ + "pdfinfo was ended by signal 11 (0x8B)"},
       {"echo Out of memory >&2; exit 1", machine_ + "Out of memory; pdfinfo is out of memory (0xC)"},
       {"echo Syntax Error: Out of memory >&2; exit 1", context_ + "Syntax Error: Out of memory (0x1)"},
+      {"echo no library >&2; exit 127", machine_ + "no library; pdfinfo cannot be run (0x7F)"},
       {"echo Pages: 1", context_ + "the output of pdfinfo was not understood (0x4A)"},
   };
   for (const auto& [script, text] : info_cases) {
@@ -165,7 +166,7 @@ TEST_F(PopplerPrograms, EveryWayToFailHasItsTextAndItsCulprit) {
     EXPECT_EQ(failure(), text);
   }
   write_all(dir_.file("pdfinfo"), "#!/nowhere\n");
-  EXPECT_EQ(failure(), machine_ + "pdfinfo cannot be started (0x2)");
+  EXPECT_EQ(failure(), machine_ + "pdfinfo cannot be started: No such file or directory (0x2)");
   install_info("0 x 5 pts");
   EXPECT_EQ(failure(), "PdfRenderer: invalid PDF page width in DIPs");
 
