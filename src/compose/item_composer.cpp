@@ -15,6 +15,7 @@
 #include "core/text.h"
 #include "core/threads/parallel.h"
 #include "image/image_format.h"
+#include "image/wic_image.h"
 
 namespace nvo {
 namespace {
@@ -210,7 +211,8 @@ std::shared_ptr<const LoadedImage> ItemComposer::load_item(const Job& job) {
   } catch (const std::exception& error) {
     rethrow_machine_failure();
     log_warn("StripCompositor: cannot open: ", job.item.path, ": ", error.what());
-    job.outcome.failure = error.what();
+    const std::string reason = refusal_reason(job.item.path);
+    job.outcome.failure = reason.empty() ? error.what() : reason;
     return nullptr;
   }
 }

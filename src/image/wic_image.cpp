@@ -1,8 +1,11 @@
 #include "image/wic_image.h"
 
 #include <array>
+#include <cmath>
 #include <cstdio>
 #include <exception>
+#include <map>
+#include <mutex>
 #include <stdexcept>
 #include <utility>
 
@@ -18,6 +21,18 @@ namespace {
 constexpr std::uint64_t kMaxWidth = 1'073'741'823;
 constexpr std::uint64_t kMaxPixels = 268'435'456;
 constexpr std::uint64_t kMaxBytes = 1'073'741'824;
+constexpr double kUsualGamma = 1 / 2.2, kGammaTolerance = 0.05;
+
+/// Why files weren't printed, by path. The texts of exceptions name the stage only.
+struct Refusals {
+  std::mutex mutex;
+  std::map<std::string, std::string> reasons;
+};
+
+Refusals& process_refusals() {
+  static Refusals refusals;
+  return refusals;
+}
 
 /// The frame's decoder, or an exception with the stage that failed.
 std::unique_ptr<RasterDecoder> open_decoder(const std::string& path, WicUse use) {
@@ -75,13 +90,32 @@ ImageRemarks wic_remarks(const RasterInfo& raster, const WicImageInfo& info) {
   if (raster.frames > 1)
     remarks.notes.push_back("it is an animation of " + std::to_string(raster.frames) +
                             " frames; the film has the first one");
+  if (raster.gamma > 0.0 && std::abs(raster.gamma / kUsualGamma - 1.0) > kGammaTolerance) {
+    std::array<char, 160> text{};
+    std::snprintf(text.data(), text.size(),
+                  "its gamma (gAMA %g) is not used; a viewer may show it %s than it prints", raster.gamma,
+                  raster.gamma > kUsualGamma ? "lighter" : "darker");
+    remarks.notes.push_back(text.data());
+  }
   return remarks;
 }
 
 }  // namespace
 
 void log_refusal(const std::string& path, const std::string& reason) {
+  {
+    Refusals& refusals = process_refusals();
+    const std::lock_guard lock(refusals.mutex);
+    refusals.reasons[path] = reason;
+  }
   log_warn("Art '", path, "' can't be read: ", reason);
+}
+
+std::string refusal_reason(const std::string& path) {
+  Refusals& refusals = process_refusals();
+  const std::lock_guard lock(refusals.mutex);
+  const auto found = refusals.reasons.find(path);
+  return found == refusals.reasons.end() ? std::string() : found->second;
 }
 
 WicFile open_wic_file(const std::string& path, WicUse use) {

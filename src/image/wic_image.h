@@ -63,8 +63,11 @@ bool png_has_trns(const std::string& path);
 /// Metadata as all consumers see it.
 ImageMeta describe_wic(const std::string& path, const WicImageInfo& info);
 
-/// Says at WARN why a file isn't printed.
+/// Says at WARN why a file isn't printed, and keeps it for `refusal_reason`.
 void log_refusal(const std::string& path, const std::string& reason);
+
+/// What was last said of this path, or empty. Any thread.
+std::string refusal_reason(const std::string& path);
 
 ImageExtent probe_wic(const std::string& path);
 ImageClaim weigh_wic(const std::string& path);

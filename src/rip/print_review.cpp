@@ -39,7 +39,7 @@ std::optional<std::string> blank_reason(const ItemOutcome& outcome, bool any_dro
                : "it is fully transparent";
   }
   if (!outcome.inked) return "it has no ink anywhere";
-  if (!any_drop) return "curves, limits and choke left no dot of its ink";
+  if (!any_drop) return "curves, limits, choke and the map of slots left no dot of its ink";
   return std::nullopt;
 }
 

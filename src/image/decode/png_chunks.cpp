@@ -16,6 +16,12 @@ std::uint32_t big_u32(const char* bytes) {
   return value;
 }
 
+/// 0 where the file ends.
+std::uint32_t read_u32(ByteReader& reader) {
+  std::array<char, 4> bytes{};
+  return reader.read_exactly(bytes.data(), bytes.size()) ? big_u32(bytes.data()) : 0;
+}
+
 }  // namespace
 
 bool skip_png_signature(ByteReader& reader) {
@@ -35,6 +41,9 @@ PngChunks scan_png_chunks(ByteReader& reader) {
     const std::string_view type(head.data() + 4, 4);
     if (type == "IDAT" || type == "IEND") break;
     if (type == "iCCP") chunks.has_profile = true;
+    if (type == "sRGB") chunks.has_srgb = true;
+    if (type == "gAMA") chunks.gamma = read_u32(reader);
+    if (type == "acTL") chunks.frames = read_u32(reader);
     if (type == "tRNS") chunks.has_transparency = true;
     if (type == "eXIf") {
       std::vector<std::uint8_t> block(std::min<std::uint64_t>(length, kMaxExifBytes));

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstdint>
+
 #include "image/decode/byte_reader.h"
 #include "image/decode/exif.h"
 
@@ -9,6 +11,9 @@ namespace nvo {
 struct PngChunks {
   bool has_profile = false;       ///< iCCP
   bool has_transparency = false;  ///< tRNS
+  bool has_srgb = false;          ///< sRGB, above which gAMA says nothing
+  std::uint32_t gamma = 0;        ///< gAMA, times 100,000
+  std::uint32_t frames = 1;       ///< acTL
   ExifFacts exif;                 ///< eXIf
 };
 

@@ -107,6 +107,8 @@ class PngDecoder final : public RasterDecoder {
     info_.has_profile = chunks.has_profile;
     info_.has_transparency_chunk = chunks.has_transparency;
     info_.orientation = chunks.exif.orientation;
+    info_.frames = chunks.frames;
+    if (!chunks.has_srgb && !chunks.has_profile) info_.gamma = chunks.gamma / 100'000.0;
     info_.resolution_is_damaged = state_->resolution_is_damaged && !(info_.dpi_x > 0.0);
     drops_alpha_ = drops_alpha_ && !chunks.has_transparency;
   }

@@ -32,6 +32,7 @@ struct RasterInfo {
   bool has_profile = false;             ///< a colour profile is embedded
   int orientation = ExifFacts::kUpright;
   std::uint32_t frames = 1;  ///< of an animation, which stands for its first
+  double gamma = 0.0;        ///< a PNG's gAMA where nothing else in it says what its colours are
 };
 
 /// Pixels of one PNG, JPEG, BMP or WebP file as 8-bit RGBA, row by row from the top. Alpha is not
