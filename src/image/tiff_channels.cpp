@@ -9,6 +9,7 @@
 
 #include "core/log.h"
 #include "core/text.h"
+#include "core/white_names.h"
 
 namespace nvo {
 namespace {
@@ -164,16 +165,6 @@ std::vector<ChannelInfo> cmyk_roles(const TiffSampleTags& tags) {
   return list.take();
 }
 
-/// Does a name, in one of a few languages, most likely stand for white ink?
-bool means_white(std::string_view name) {
-  static constexpr std::string_view kWords[] = {"white", "wht",    "underbase", "weiss", "weiß",
-                                                "blanc", "bianco", "branco",    "бел",   "Бел"};
-  const std::string folded = ascii_lower(name);
-  return folded == "w" || std::ranges::any_of(kWords, [&](std::string_view word) {
-           return folded.find(word) != std::string::npos;
-         });
-}
-
 /// What may be wrong with the role of a sample behind the `colours` of its pixel; nothing for other samples
 /// and for roles that the file states.
 std::optional<std::string> doubt_of_role(const TiffSampleTags& tags, const ChannelInfo& channel,
@@ -181,7 +172,7 @@ std::optional<std::string> doubt_of_role(const TiffSampleTags& tags, const Chann
   const bool is_white = channel.role == ChannelRole::white;
   if (!is_white && channel.role != ChannelRole::alpha) return std::nullopt;
   if (channel.index < tags.ink_names.size()) {
-    if (means_white(channel.name)) return std::nullopt;
+    if (names_white_ink(channel.name)) return std::nullopt;
     return "Its ink '" + channel.name +
            "' is printed as white ink, as the first one behind the four colours always is; a viewer may show "
            "it as a colour of its own";
@@ -196,7 +187,7 @@ std::optional<std::string> doubt_of_role(const TiffSampleTags& tags, const Chann
            "alpha: the colours of soft edges print other than a viewer shows them";
   if (type != EXTRASAMPLE_UNSPECIFIED) return std::nullopt;
   const std::string name = number < tags.editor_names.size() ? tags.editor_names[number] : "";
-  if (is_white && means_white(name)) return std::nullopt;
+  if (is_white && names_white_ink(name)) return std::nullopt;
   return sample + (name.empty() ? "" : "('" + name + "') ") + "has no stated meaning and is taken as " +
          (is_white ? "white ink" : "alpha") + "; a viewer may show the art without it";
 }

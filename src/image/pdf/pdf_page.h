@@ -26,6 +26,7 @@ struct PdfPageFacts {
   bool is_other_page = false;      ///< the page tree, where it can be read, begins with another one
   bool is_page_of_tree = false;    ///< the page tree begins with this one
   std::uint32_t page_objects = 0;  ///< pages in the order of object numbers
+  bool white_is_guess = false;     ///< white was read from the only spot, whose name doesn't mean it
   bool hides_candidate = false;    ///< a compressed list of objects names a white or spot; those aren't read
   std::uint32_t closed_lists = 0;  ///< compressed lists of objects that can't even be looked into
 };

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
+#include <utility>
 
 namespace nvo {
 namespace {
@@ -25,16 +26,16 @@ bool is_empty(const std::vector<std::uint8_t>& rgba) {
   return true;
 }
 
-/// Is a pixel of the plane within `kFringe` of this one more than 0?
+/// Is a pixel of the plane within `kFringe` of this one more than `weakest`?
 bool has_neighbour(const std::vector<std::uint8_t>& plane, std::uint32_t width, std::uint32_t height,
-                   std::size_t pixel) {
+                   std::size_t pixel, std::uint8_t weakest) {
   constexpr std::size_t kFringe = 3;
   const std::size_t x = pixel % width, y = pixel / width;
   const std::size_t left = x - std::min(x, kFringe), right = std::min<std::size_t>(x + kFringe, width - 1);
   const std::size_t top = y - std::min(y, kFringe), bottom = std::min<std::size_t>(y + kFringe, height - 1);
   for (std::size_t row = top; row <= bottom; ++row) {
     const auto* first = plane.data() + row * width;
-    if (std::any_of(first + left, first + right + 1, [](std::uint8_t value) { return value != 0; }))
+    if (std::any_of(first + left, first + right + 1, [&](std::uint8_t value) { return value > weakest; }))
       return true;
   }
   return false;
@@ -42,8 +43,9 @@ bool has_neighbour(const std::vector<std::uint8_t>& plane, std::uint32_t width, 
 
 struct Erased {
   std::uint64_t pixels = 0;   ///< painted, and transparent by the masks
+  std::uint64_t faded = 0;    ///< painted strongly, and by the masks less than half
   std::uint64_t painted = 0;  ///< all that are painted
-  bool is_art = false;        ///< some of `pixels` are more than the edge of a masked image
+  bool is_art = false;        ///< some of the first two are more than the edge of a masked image
 };
 
 /// What is left of the page where the soft masks take the place of its alpha. A renderer smooths the edges of
@@ -51,15 +53,16 @@ struct Erased {
 /// it is reduced.
 Erased count_erased(const PdfRenderResult& page) {
   constexpr std::uint8_t kStrongestEdge = 191;  // a quarter of the pixel at least is the mask's nothing
+  constexpr std::uint8_t kHalf = 127;           // interpolated between this and 255 an edge is no stronger
   const std::vector<std::uint8_t>& mask = page.process_alpha_coverage;
   Erased erased;
   for (std::size_t i = 0; i < mask.size(); ++i) {
     const std::uint8_t alpha = page.rgba[i * kRgbaBytes + 3];
     erased.painted += alpha > 0;
-    if (alpha == 0 || mask[i] != 0) continue;
-    ++erased.pixels;
-    erased.is_art =
-        erased.is_art || (alpha > kStrongestEdge && !has_neighbour(mask, page.width, page.height, i));
+    const bool is_strong = alpha > kStrongestEdge;
+    if (alpha == 0 || mask[i] > (is_strong ? kHalf : 0)) continue;
+    ++(mask[i] == 0 ? erased.pixels : erased.faded);
+    erased.is_art = erased.is_art || (is_strong && !has_neighbour(mask, page.width, page.height, i, kHalf));
   }
   return erased;
 }
@@ -73,12 +76,24 @@ void tell_of_paint(const PdfRenderResult& page, std::vector<std::string>& remark
   }
   const Erased erased = count_erased(page);
   if (!erased.is_art) return;
-  const double percent = 100.0 * static_cast<double>(erased.pixels) / static_cast<double>(erased.painted);
-  remarks.push_back(
-      "the soft masks of its images stand for the transparency of the whole page, and what is painted "
-      "outside "
-      "of them is not printed: " +
-      std::to_string(erased.pixels) + " pixels, " + number_text(percent, 3) + " % of what a viewer shows");
+  const auto amount = [&](std::uint64_t pixels) {
+    const double percent = 100.0 * static_cast<double>(pixels) / static_cast<double>(erased.painted);
+    return std::to_string(pixels) + " pixels, " + number_text(percent, 3) + " % of what a viewer shows";
+  };
+  std::string text = "the soft masks of its images stand for the transparency of the whole page";
+  if (erased.pixels != 0)
+    text += ", and what is painted outside of them is not printed: " + amount(erased.pixels);
+  if (erased.faded != 0)
+    text += ", and what is painted where they are weak prints fainter: " + amount(erased.faded);
+  remarks.push_back(std::move(text));
+}
+
+void tell_of_guess(const PdfRenderResult& page, std::vector<std::string>& remarks) {
+  if (page.has_spot_white && page.facts.white_is_guess)
+    remarks.push_back(
+        "its only spot colour has another name than White and is taken as white ink: white is "
+        "printed "
+        "where that lies and nowhere else");
 }
 
 /// Does the picture lie on the box on which white and masks are laid?
@@ -138,6 +153,7 @@ std::vector<std::string> remarks_on_page(const PdfRenderResult& page) {
     tell_of_place(page, remarks);
     tell_of_pages(page, remarks);
   }
+  tell_of_guess(page, remarks);
   tell_of_hidden_white(page, remarks);
   return remarks;
 }

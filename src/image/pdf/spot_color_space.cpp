@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "core/white_names.h"
 #include "image/pdf/pdf_stream.h"
 
 namespace nvo {
@@ -33,6 +34,7 @@ ColorSpaceNode parse_separation(PdfTokenSpan tokens, std::size_t name) {
   if (!is_usable_name(folded)) return node;
   node.kind = Kind::separation;
   node.is_white = is_white_name(folded);
+  node.is_called_white = node.is_white || names_white_ink(folded);
   node.component_count = 1;
   return node;
 }
@@ -142,7 +144,7 @@ SpotColorant SpotColorSpaces::resolve_colorant(const ColorSpaceNode& start) {
     node = &object_node(node->object);
   }
   if (node->kind != Kind::separation && node->kind != Kind::device_n) return {};
-  return {true, node->component_index, node->component_count, node->is_white};
+  return {true, node->component_index, node->component_count, node->is_white, node->is_called_white};
 }
 
 SpotColorantMap SpotColorSpaces::colorants() {
@@ -174,6 +176,7 @@ std::optional<ImageColorSpace> SpotColorSpaces::resolve_image_space(const ColorS
     case Kind::separation:
       space.is_separation = true;
       space.is_white = node.is_white;
+      space.is_called_white = node.is_called_white;
       return space;
     case Kind::device_gray:
       space.is_gray = true;
@@ -215,6 +218,12 @@ std::optional<std::string> SpotColorSpaces::lookup_bytes(std::int32_t number, st
   if (!lookup.bytes || lookup.bytes->size() < needed) return std::nullopt;
   if (lookup.is_stream && lookup.bytes->size() > needed) return std::nullopt;  // a stream may not be longer
   return lookup.bytes->substr(0, needed);
+}
+
+bool SpotColorSpaces::holds_stand_in(const SpotColorantMap& colorants) {
+  return std::any_of(colorants.begin(), colorants.end(), [](const auto& entry) {
+    return is_lone_spot(entry.second) && !entry.second.is_called_white;
+  });
 }
 
 bool SpotColorSpaces::sole_spot_allowed() {

@@ -22,6 +22,7 @@ struct SpotColorant {
   std::int32_t component_index = 0;  ///< which colour operand is the white one
   std::int32_t component_count = 0;
   bool is_white = false;
+  bool is_called_white = false;  ///< by any name that means white
 };
 
 /// Colorants by normalised resource name.
@@ -30,7 +31,8 @@ using SpotColorantMap = std::map<std::string, SpotColorant, std::less<>>;
 /// The colour space of an image. An indexed one carries its base's flags.
 struct ImageColorSpace {
   bool is_separation = false, is_gray = false, is_indexed = false, is_white = false;
-  std::string lookup;  ///< coverage of each index
+  bool is_called_white = false;  ///< by any name that means white
+  std::string lookup;            ///< coverage of each index
 };
 
 /// One colour space as it is written, without what it refers to.
@@ -46,7 +48,7 @@ struct ColorSpaceNode {
     reference
   };
   Kind kind = Kind::unsupported;
-  bool is_white = false;
+  bool is_white = false, is_called_white = false;
   std::int32_t component_index = 0, component_count = 0;
   std::string name;                      ///< of a named one: its key in the resources, normalised
   std::int32_t object = 0;               ///< of a reference
@@ -72,6 +74,9 @@ class SpotColorSpaces {
   /// May an image in a Separation that is not white stand for white? Not where the resources hold a white
   /// Separation or several others.
   bool sole_spot_allowed();
+
+  /// Does one of `colorants` stand for white whose name doesn't mean it?
+  static bool holds_stand_in(const SpotColorantMap& colorants);
 
  private:
   struct LookupObject {

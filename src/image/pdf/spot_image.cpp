@@ -73,6 +73,7 @@ CoveragePlane SpotImageReader::decode_white(const PdfObject& object, PdfTokenSpa
   if (!space || !space->is_separation) return {};
   if (!space->is_white && !spaces_.sole_spot_allowed()) return {};
   CoveragePlane plane = decode_plane(object, tokens);
+  took_stand_in_ = took_stand_in_ || (!space->is_called_white && !plane.samples.empty());
   if (space->is_indexed) apply_lookup(plane, space->lookup);
   return plane;
 }

@@ -36,12 +36,16 @@ class SpotImageReader {
   /// The planes of object `number`. Nothing once the work has run out.
   std::optional<SpotImage> read(std::int32_t number, WorkBudget& work);
 
+  /// White has come from an image whose Separation has no name that means it.
+  bool took_stand_in() const { return took_stand_in_; }
+
  private:
   CoveragePlane decode_white(const PdfObject& object, PdfTokenSpan tokens);
   CoveragePlane decode_soft_mask(const PdfObject& mask);
 
   const PdfObjectTable& table_;
   SpotColorSpaces& spaces_;
+  bool took_stand_in_ = false;
 };
 
 }  // namespace nvo

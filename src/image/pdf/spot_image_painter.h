@@ -40,6 +40,7 @@ class SpotImagePainter {
 
   /// A limit was met: the planes are of no use.
   bool aborted() const { return content_.aborted(); }
+  bool took_stand_in() const { return reader_.took_stand_in(); }
   std::vector<std::uint8_t>& white_plane() { return white_plane_; }  ///< empty while nothing was painted
   std::vector<std::uint8_t>& alpha_plane() { return alpha_plane_; }  ///< likewise
 

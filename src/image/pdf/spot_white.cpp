@@ -119,6 +119,7 @@ struct SpotPage {
 struct SpotPaint {
   std::vector<std::uint8_t> coverage, alpha;
   bool vector_found = false, image_found = false, aborted = false;
+  bool is_guess = false;  ///< white was read from the only spot, whose name doesn't mean it
 };
 
 template <class Painter>
@@ -139,6 +140,7 @@ void paint_vectors(const SpotPage& page, SpotColorSpaces& spaces, SpotPaint& pai
   } else if (has_paint(painter.mask())) {
     paint.coverage = std::move(painter.mask());
     paint.vector_found = true;
+    paint.is_guess = SpotColorSpaces::holds_stand_in(colorants);
   }
 }
 
@@ -155,6 +157,7 @@ void paint_images(const SpotPage& page, SpotColorSpaces& spaces, SpotPaint& pain
   if (has_paint(painter.white_plane())) {
     merge_maximum(paint.coverage, std::move(painter.white_plane()));
     paint.image_found = true;
+    paint.is_guess = paint.is_guess || painter.took_stand_in();
   }
   if (has_paint(painter.alpha_plane())) paint.alpha = std::move(painter.alpha_plane());
 }
@@ -172,12 +175,13 @@ std::string status_of(const SpotPaint& paint, bool has_candidate) {
   return status;
 }
 
-SpotWhiteResult paint_page(const SpotPage& page, bool has_candidate, const PdfPageFacts& facts) {
+SpotWhiteResult paint_page(const SpotPage& page, bool has_candidate, PdfPageFacts facts) {
   SpotColorSpaces spaces(page.resources, page.table);
   SpotPaint paint;
   paint_vectors(page, spaces, paint);
   paint_images(page, spaces, paint);
   std::string status = status_of(paint, has_candidate);
+  facts.white_is_guess = paint.is_guess;
   return {std::move(paint.coverage), std::move(paint.alpha), std::move(status), facts};
 }
 

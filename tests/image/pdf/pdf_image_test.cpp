@@ -115,7 +115,11 @@ TEST(PdfImage, WarnsWhereTheFilmIsNotThePage) {
       {[](auto& page) { page.process_alpha_coverage = mask_up_to(20); }, {}},
       {[](auto& page) { page.process_alpha_coverage = mask_up_to(17); }, {}},  // the edge of a smaller image
       {[](auto& page) { page.process_alpha_coverage = mask_up_to(4); }, {"not printed: 160 pixels, 80 % of"}},
-      {[](auto& page) { page.process_alpha_coverage = mask_up_to(4, 1); }, {}},
+      {[](auto& page) { page.process_alpha_coverage = mask_up_to(4, 1); },
+       {"prints fainter: 160 pixels, 80 % of"}},
+      {[](auto& page) { page.process_alpha_coverage = mask_up_to(4, 128); }, {}},
+      {[](auto& page) { page.facts.white_is_guess = true; },
+       {"its only spot colour has another name than White"}},
       {[](auto& page) {
          page.process_alpha_coverage = mask_up_to(4);
          for (std::size_t i = 3; i < page.rgba.size(); i += 4) page.rgba[i] /= 2;

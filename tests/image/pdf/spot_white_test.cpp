@@ -169,6 +169,7 @@ TEST(SpotWhite, FindsTheWhiteColorant) {
       {"/C [/Separation /WHITE-Ink 0] /D [/Separation /Whitest 0]", "/C cs 1 scn", "/D cs 1 scn"},
       {"/C#2g#4a#2 [/Separation /whit#65_ 0] /D" + gold, "/C#232gJ#2 cs 1 scn", "/D cs 1 scn"},
       {"/C" + gold, "/C cs 1 scn", ""},  // the page's only spot
+      {"/C [/Separation /RDG_WHITE 0]", "/C cs 1 scn", ""},
       {"/C" + gold + "/D" + gold, "", "/C cs 1 scn|/D cs 1 scn"},
       {"/C" + gold + "/D" + white, "/D cs 1 scn", "/C cs 1 scn"},
       {"/C [/Separation /All 0] /D [/Separation /None 0] /E [/DeviceN [/Cyan] 0]", "",
@@ -185,7 +186,10 @@ TEST(SpotWhite, FindsTheWhiteColorant) {
     const auto paints = [&](const std::string& content) {
       PdfFile file = one_page("/ColorSpace <<" + c.spaces + ">>", content + " 0 0 10 10 re f");
       file.object(20, "21 0 R").object(21, white).object(80, "80 0 R").object(90, "<</C" + white + ">>");
-      return !extract(file).spot_white_coverage.empty();
+      const SpotWhiteResult page = extract(file);
+      const bool is_found = !page.spot_white_coverage.empty();
+      EXPECT_EQ(page.facts.white_is_guess, is_found && c.spaces == "/C" + gold);
+      return is_found;
     };
     for (const auto& content : split(c.painted)) EXPECT_TRUE(paints(content)) << c.spaces << content;
     for (const auto& content : split(c.unpainted)) EXPECT_FALSE(paints(content)) << c.spaces << content;
@@ -308,7 +312,9 @@ TEST(SpotWhite, UnderstandsTheseImages) {
       PdfFile file = image_page("/ColorSpace " + keys + kTwoByTwo, c.samples, "10 0 0 2 0 8 cm /I Do",
                                 "/ColorSpace <<" + c.spaces + ">>");
       file.object(6, "[/Separation /White 0]").stream(7, "", "\0\xFF\x80\1"s);
-      return art(extract(file.object(8, "(\\000\xFF\\200\\1\\\n1)")).spot_white_coverage);
+      const auto page = extract(file.object(8, "(\\000\xFF\\200\\1\\\n1)"));
+      EXPECT_EQ(page.facts.white_is_guess, keys == gold && !page.spot_white_coverage.empty()) << keys;
+      return art(page.spot_white_coverage);
     };
     for (const auto& keys : split(c.painted))
       EXPECT_EQ(picture(keys), "#####+++++\n+++++.....\n") << keys << c.spaces;
