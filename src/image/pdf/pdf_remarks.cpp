@@ -26,45 +26,61 @@ bool is_empty(const std::vector<std::uint8_t>& rgba) {
   return true;
 }
 
-/// Is a pixel of the plane within `kFringe` of this one more than `weakest`?
-bool has_neighbour(const std::vector<std::uint8_t>& plane, std::uint32_t width, std::uint32_t height,
-                   std::size_t pixel, std::uint8_t weakest) {
+/// Does this hold for every pixel within `kFringe` of one of the page?
+template <class Holds>
+bool holds_around(const PdfRenderResult& page, std::size_t pixel, Holds holds) {
   constexpr std::size_t kFringe = 3;
-  const std::size_t x = pixel % width, y = pixel / width;
-  const std::size_t left = x - std::min(x, kFringe), right = std::min<std::size_t>(x + kFringe, width - 1);
-  const std::size_t top = y - std::min(y, kFringe), bottom = std::min<std::size_t>(y + kFringe, height - 1);
-  for (std::size_t row = top; row <= bottom; ++row) {
-    const auto* first = plane.data() + row * width;
-    if (std::any_of(first + left, first + right + 1, [&](std::uint8_t value) { return value > weakest; }))
-      return true;
-  }
-  return false;
+  const std::size_t x = pixel % page.width, y = pixel / page.width;
+  const std::size_t right = std::min<std::size_t>(x + kFringe, page.width - 1);
+  const std::size_t bottom = std::min<std::size_t>(y + kFringe, page.height - 1);
+  for (std::size_t row = y - std::min(y, kFringe); row <= bottom; ++row)
+    for (std::size_t column = x - std::min(x, kFringe); column <= right; ++column)
+      if (!holds(row * page.width + column)) return false;
+  return true;
 }
 
-struct Erased {
-  std::uint64_t pixels = 0;   ///< painted, and transparent by the masks
-  std::uint64_t faded = 0;    ///< painted strongly, and by the masks less than half
-  std::uint64_t painted = 0;  ///< all that are painted
-  bool is_art = false;        ///< some of the first two are more than the edge of a masked image
+/// Pixels that print otherwise than they are painted in one way.
+struct Change {
+  std::uint64_t pixels = 0;
+  bool is_art = false;  ///< some are more than the edge of a masked image
 };
 
-/// What is left of the page where the soft masks take the place of its alpha. A renderer smooths the edges of
-/// an image, so that some pixels beside its mask are painted: weakly where it is enlarged, and close by where
-/// it is reduced.
-Erased count_erased(const PdfRenderResult& page) {
-  constexpr std::uint8_t kStrongestEdge = 191;  // a quarter of the pixel at least is the mask's nothing
-  constexpr std::uint8_t kHalf = 127;           // interpolated between this and 255 an edge is no stronger
+/// What becomes of the page where the soft masks take the place of its alpha.
+struct MaskedPage {
+  std::uint64_t painted = 0;  ///< pixels that a viewer shows
+  Change erased;              ///< painted, and nothing by the masks
+  Change faded;               ///< painted strongly, and by the masks less than half
+  Change bared;               ///< not painted, as outside of a clipping path, and there by the masks
+  Change stronger;            ///< painted less than half, and strongly by the masks
+};
+
+/// A renderer smooths the edges of an image, so that some pixels beside its mask are painted: weakly where it
+/// is enlarged, and close by where it is reduced. Nor has a reduced mask the same values.
+MaskedPage compare_with_masks(const PdfRenderResult& page) {
+  constexpr std::uint8_t kVisible = 25, kHalf = 127;
+  constexpr std::uint8_t kStrong =
+      191;  // midway between a half and all: no edge to less than a half has more
   const std::vector<std::uint8_t>& mask = page.process_alpha_coverage;
-  Erased erased;
+  const auto alpha = [&](std::size_t i) { return page.rgba[i * kRgbaBytes + 3]; };
+  const auto count = [&](Change& change, std::size_t i, auto is_art) {
+    ++change.pixels;
+    change.is_art = change.is_art || holds_around(page, i, is_art);
+  };
+  const auto is_weak = [&](std::size_t i) { return mask[i] <= kHalf; };
+  MaskedPage found;
   for (std::size_t i = 0; i < mask.size(); ++i) {
-    const std::uint8_t alpha = page.rgba[i * kRgbaBytes + 3];
-    erased.painted += alpha > 0;
-    const bool is_strong = alpha > kStrongestEdge;
-    if (alpha == 0 || mask[i] > (is_strong ? kHalf : 0)) continue;
-    ++(mask[i] == 0 ? erased.pixels : erased.faded);
-    erased.is_art = erased.is_art || (is_strong && !has_neighbour(mask, page.width, page.height, i, kHalf));
+    const std::uint8_t shown = alpha(i);
+    found.painted += shown > 0;
+    if (shown == 0 && mask[i] > kVisible)
+      count(found.bared, i, [&](std::size_t j) { return alpha(j) == 0; });
+    else if (shown != 0 && shown <= kHalf && mask[i] > kStrong)
+      count(found.stronger, i, [&](std::size_t j) { return alpha(j) <= kHalf && mask[j] > kStrong; });
+    else if (shown > kStrong && mask[i] <= kHalf)
+      count(mask[i] == 0 ? found.erased : found.faded, i, is_weak);
+    else if (shown != 0 && mask[i] == 0)
+      ++found.erased.pixels;
   }
-  return erased;
+  return found;
 }
 
 void tell_of_paint(const PdfRenderResult& page, std::vector<std::string>& remarks) {
@@ -74,18 +90,21 @@ void tell_of_paint(const PdfRenderResult& page, std::vector<std::string>& remark
                           : "the renderer found nothing to paint on the page: nothing of it is printed");
     return;
   }
-  const Erased erased = count_erased(page);
-  if (!erased.is_art) return;
-  const auto amount = [&](std::uint64_t pixels) {
-    const double percent = 100.0 * static_cast<double>(pixels) / static_cast<double>(erased.painted);
-    return std::to_string(pixels) + " pixels, " + number_text(percent, 3) + " % of what a viewer shows";
+  const MaskedPage found = compare_with_masks(page);
+  std::string text;
+  const auto tell = [&](const Change& change, const char* what) {
+    if (!change.is_art) return;
+    const double percent = 100.0 * static_cast<double>(change.pixels) / static_cast<double>(found.painted);
+    text += std::string(", and ") + what + ": " + std::to_string(change.pixels) + " pixels, " +
+            number_text(percent < 100 ? percent : std::round(percent), percent < 100 ? 3 : 9) +
+            " % of what a viewer shows";
   };
-  std::string text = "the soft masks of its images stand for the transparency of the whole page";
-  if (erased.pixels != 0)
-    text += ", and what is painted outside of them is not printed: " + amount(erased.pixels);
-  if (erased.faded != 0)
-    text += ", and what is painted where they are weak prints fainter: " + amount(erased.faded);
-  remarks.push_back(std::move(text));
+  tell(found.erased, "what is painted outside of them is not printed");
+  tell(found.faded, "what is painted where they are weak prints fainter");
+  tell(found.stronger, "what is painted faintly prints as strongly as they are");
+  tell(found.bared, "ink prints where nothing is painted (an image may be clipped)");
+  if (!text.empty())
+    remarks.push_back("the soft masks of its images stand for the transparency of the whole page" + text);
 }
 
 void tell_of_guess(const PdfRenderResult& page, std::vector<std::string>& remarks) {

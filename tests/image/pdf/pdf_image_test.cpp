@@ -117,12 +117,21 @@ TEST(PdfImage, WarnsWhereTheFilmIsNotThePage) {
       {[](auto& page) { page.process_alpha_coverage = mask_up_to(4); }, {"not printed: 160 pixels, 80 % of"}},
       {[](auto& page) { page.process_alpha_coverage = mask_up_to(4, 1); },
        {"prints fainter: 160 pixels, 80 % of"}},
-      {[](auto& page) { page.process_alpha_coverage = mask_up_to(4, 128); }, {}},
+      {[](auto& page) { page.process_alpha_coverage = mask_up_to(20, 25); }, {}},
+      {[](auto& page) { page.process_alpha_coverage = mask_up_to(23); }, {}},  // the edge of a larger image
+      {[](auto& page) { page.process_alpha_coverage = mask_up_to(24); },
+       {"where nothing is painted (an image may be clipped): 40 pixels, 20 % of"}},
+      {[](auto& page) {
+         page.process_alpha_coverage = mask_up_to(20);
+         for (std::size_t i = 3; i < page.rgba.size(); i += 4) page.rgba[i] /= 2;
+       },
+       {"prints as strongly as they are: 200 pixels, 100 % of"}},
       {[](auto& page) { page.facts.white_is_guess = true; },
        {"its only spot colour has another name than White"}},
       {[](auto& page) {
          page.process_alpha_coverage = mask_up_to(4);
-         for (std::size_t i = 3; i < page.rgba.size(); i += 4) page.rgba[i] /= 2;
+         for (std::size_t i = 3; i < page.rgba.size(); i += 4)
+           if (i / 4 % 40 > 3) page.rgba[i] /= 2;
        },
        {}},  // soft, as around an enlarged image
       {[](auto& page) { page.rgba.assign(1600, 0); }, {"nothing to paint on the page: only its white"}},
