@@ -58,6 +58,13 @@ void warn_of_slots(const JobSettings& job) {
                " off, which prints ", channel_name(usual[i]), " by default");
 }
 
+void warn_of_curves(const RipSettings& rip_settings) {
+  const auto curves = channel_curves(rip_settings);
+  for (std::uint32_t ink = 0; ink < kChannelCount; ++ink)
+    if (std::ranges::all_of(curves[ink], [](float value) { return value <= 0.0f; }))
+      log_warn("RipSettings: the ink curve of ", channel_name(ink), " gives no ink at all: not printed");
+}
+
 void warn_of_profiles(const IccSettings& icc, const char* prefix) {
   const bool any =
       !icc.input_rgb_profile.empty() || !icc.input_cmyk_profile.empty() || !icc.output_profile.empty();
@@ -73,6 +80,7 @@ void warn_of_unmet_settings(const JobSettings& job, const std::string* job_mode_
                             const RipSettings& rip_settings, const char* icc_prefix) {
   warn_of_modes(job, job_mode_id, rip_settings);
   warn_of_slots(job);
+  warn_of_curves(rip_settings);
   warn_of_profiles(job.icc, icc_prefix);
 }
 

@@ -186,6 +186,12 @@ TEST_F(JobSettingsFile, InstallationGivesTheDefaults) {
             std::tuple(0.0f, 17.0f, "360x3600_6pass"));
   EXPECT_EQ(job_settings_path(), dir.file("NVO_RIP/job_settings.json"));
   EXPECT_TRUE(log.lines().empty());
+  const auto channels = rip.channels;
+  rip.channels[4].limit = 0;
+  load_job_settings(rip, dir.file("none.json"));
+  EXPECT_EQ(log.lines().size(), log.count("[WARN ] RipSettings: the ink curve of W gives no ink at all"));
+  EXPECT_EQ(log.lines().size(), 1u);
+  rip.channels = channels;
 
   test::write_all(dir.file("NVO_RIP/icc_settings.json"), R"({"intent":2})");
   EXPECT_EQ(read("{}").icc.intent, 2);
