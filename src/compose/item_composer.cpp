@@ -293,7 +293,10 @@ RowColor ItemComposer::start_color(const ImageMeta& meta, bool is_rgb, WorkerIcc
   } else if (meta.is_cmyk && !conversion_.settings().input_cmyk_profile.empty()) {
     const CounterBook::Timer timer(counters_, &CompositorCounters::icc_init_ns);
     color.converter_ready = conversion_.init_cmyk_icc(worker, error);
-    if (!color.converter_ready) log_warn("StripCompositor: CMYK->CMYK ICC: ", error);
+    if (!color.converter_ready) {
+      log_warn("StripCompositor: CMYK->CMYK ICC: ", error);
+      log_warn("CMYK art is printed as it stands in the file, since its profiles can't be used");
+    }
   }
   return color;
 }
