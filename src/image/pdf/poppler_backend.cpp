@@ -257,7 +257,8 @@ struct Allowance {
   }
 };
 
-/// The encoded picture of one tile. `said` takes what the program says of it.
+/// The encoded picture of one tile. `said` takes what the program says of it and has not said
+/// before.
 std::string render_tile(const Task& task, const PdfPageInfo& page, const TilePlace& place,
                         const Allowance& allowance, std::string& said) {
   const std::uint64_t memory = kBaseMemory + kRastersInMemory * rgba_bytes(page);
@@ -269,7 +270,7 @@ std::string render_tile(const Task& task, const PdfPageInfo& page, const TilePla
   if (!has_succeeded(result)) fail_with_result(task, "pdftocairo", result);
   if (result.output.empty())
     throw std::runtime_error("PdfRenderer: PDF renderer returned an empty image stream");
-  said = std::move(result.diagnostics);
+  if (said.find(result.diagnostics) == std::string::npos) said += result.diagnostics;
   return std::move(result.output);
 }
 
