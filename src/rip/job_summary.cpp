@@ -16,6 +16,9 @@ constexpr double kMillimetresPerInch = 25.4;
 constexpr double kChokeReferenceDpi = 300.0;
 /// The layout takes a resolution that is so close to its grid, in dots per inch, for that of the grid.
 constexpr float kSnapDpi = 0.51f;
+/// Art of so many pixels should come out larger than this.
+constexpr std::uint32_t kLeastPixels = 16;
+constexpr float kLeastInches = 1.0f / 72.0f;
 
 std::string rounded(double number, int places) {
   const double unit = std::pow(10.0, places);
@@ -65,6 +68,10 @@ void log_art(const LayoutItem& item, const ImageProbeInfo& image) {
            size_text(item.width_in, item.height_in), ", ",
            std::abs(dpi_x - dpi_y) < 0.5f ? rounded(dpi_x, 1) : by(dpi_x, dpi_y, 1), " dpi ",
            source_of(image, dpi_x));
+  const bool has_content = std::max(image.width, image.height) > kLeastPixels;
+  if (has_content && std::max(item.width_in, item.height_in) < kLeastInches)
+    log_warn("Art '", item.path, "': its ", image.width, " x ", image.height, " px at ", rounded(dpi_x, 1),
+             " dpi are no more than a point, and the film is as good as bare");
 }
 
 std::string profiles_text(const std::string& input, const IccSettings& icc) {
