@@ -294,12 +294,9 @@ TEST_F(TiffReaderTest, WeighsWhatAFileClaimsAgainstWhatItCanHold) {
     std::uint32_t pieces, piece_bytes;
     std::uint64_t possible;
   } hostile[] = {
-      {COMPRESSION_NONE, 3, 100, 300},
-      {COMPRESSION_PACKBITS, 1, 100, 6400},
-      {COMPRESSION_LZW, 1, 30, 81920},
-      {COMPRESSION_ADOBE_DEFLATE, 2, 50, 103200},
-      {COMPRESSION_CCITTFAX4, 1, 50, 0},
-      {std::uint16_t{65000}, 1, 50, 0},
+      {COMPRESSION_NONE, 3, 100, 300},   {COMPRESSION_PACKBITS, 1, 100, 6400},
+      {COMPRESSION_LZW, 1, 30, 81920},   {COMPRESSION_ADOBE_DEFLATE, 2, 50, 103200},
+      {COMPRESSION_CCITTFAX4, 1, 50, 0}, {std::uint16_t{65000}, 1, 50, 0},
   };
   for (const auto& c : hostile) {
     const TiffFile file{.width = 8000, .height = 8000, .compression = c.compression, .rows_per_strip = 2000};
