@@ -2,142 +2,15 @@
 
 #include <algorithm>
 #include <array>
-#include <cstdlib>
-#include <cstring>
-#include <filesystem>
 #include <string_view>
-#include <system_error>
-#include <type_traits>
 #include <utility>
 
-#include <lcms2.h>
-#include <lcms2_plugin.h>
-
-#include "core/guarded_call.h"
 #include "core/log.h"
-#include "core/machine_failure.h"
-#include "core/out_of_memory.h"
-#include "core/platform/input_file.h"
-#include "core/platform/paths.h"
 
 namespace nvo {
 namespace {
 
-constexpr std::uint64_t kMaxProfileBytes = 0x2000000;
-constexpr std::size_t kRgbBytes = 3;
 constexpr std::size_t kCmykBytes = 4;
-
-bool fail(std::string* error, std::string text) {
-  if (error) *error = std::move(text);
-  return false;
-}
-
-// Faults come back as null handles and are told in this program's own log.
-void ignore_message(cmsContext, cmsUInt32Number, const char*) {}
-
-/// The memory of a context. Where it gets none lcms goes on: a profile seems damaged, a transform comes
-/// without one of its steps and colours move by a level, or a null pointer is read. So the call that asked
-/// for it is left at once. For the thread that uses the context.
-struct ContextMemory {
-  GuardedCall call;
-  bool ran_out = false;
-
-  /// Larger blocks come from damaged profiles; lcms's own allocator refuses them too.
-  static constexpr cmsUInt32Number kMaxBlockBytes = 512u << 20;
-
-  /// Of a context; null for the handle under which a context itself is asked for.
-  static ContextMemory* of(cmsContext context) {
-    return static_cast<ContextMemory*>(cmsGetContextUserData(context));
-  }
-  static void* allocate(cmsContext context, cmsUInt32Number size) {
-    return size > kMaxBlockBytes ? nullptr : checked(context, size, std::malloc(size));
-  }
-  static void* reallocate(cmsContext context, void* memory, cmsUInt32Number size) {
-    return size > kMaxBlockBytes ? nullptr : checked(context, size, std::realloc(memory, size));
-  }
-  static void release(cmsContext, void* memory) { std::free(memory); }
-
- private:
-  static void* checked(cmsContext context, cmsUInt32Number size, void* memory) {
-    if (memory || size == 0) return memory;
-    if (ContextMemory* owner = of(context)) {
-      owner->ran_out = true;
-      owner->call.leave();
-    }
-    return nullptr;
-  }
-};
-
-/// What a call has left behind is given up; the job ends anyway.
-bool may_be_freed(cmsContext context) {
-  return !ContextMemory::of(context)->call.was_left();
-}
-
-struct CloseProfile {
-  void operator()(void* profile) const {
-    if (may_be_freed(cmsGetProfileContextID(profile))) cmsCloseProfile(profile);
-  }
-};
-struct DeleteTransform {
-  void operator()(void* transform) const {
-    if (may_be_freed(cmsGetTransformContextID(transform))) cmsDeleteTransform(transform);
-  }
-};
-struct DeleteContext {
-  void operator()(cmsContext context) const {
-    if (may_be_freed(context)) cmsDeleteContext(context);
-  }
-};
-using ProfileHandle = std::unique_ptr<void, CloseProfile>;
-using TransformHandle = std::unique_ptr<void, DeleteTransform>;
-using ContextHandle = std::unique_ptr<std::remove_pointer_t<cmsContext>, DeleteContext>;
-
-/// A context of lcms whose calls throw where memory runs out.
-class Context {
- public:
-  cmsContext get() const { return handle_.get(); }
-
-  /// The result of `call()`; no object in it may need a destructor.
-  template <class Call>
-  auto ask(const Call& call) const {
-    const auto answer = memory_->call.run(call);
-    if (memory_->ran_out) throw OutOfMemory("IccConverter: out of memory for a colour conversion");
-    return answer;
-  }
-
-  Context() {
-    cmsPluginMemHandler plugin{};
-    plugin.base = {cmsPluginMagicNumber, LCMS_VERSION, cmsPluginMemHandlerSig, nullptr};
-    plugin.MallocPtr = ContextMemory::allocate;
-    plugin.FreePtr = ContextMemory::release;
-    plugin.ReallocPtr = ContextMemory::reallocate;
-    handle_.reset(ask([&] { return cmsCreateContext(&plugin, memory_.get()); }));
-    if (!handle_) throw OutOfMemory("IccConverter: out of memory for a colour engine");
-    cmsSetLogErrorHandlerTHR(handle_.get(), ignore_message);
-  }
-
- private:
-  std::unique_ptr<ContextMemory> memory_ = std::make_unique<ContextMemory>();
-  ContextHandle handle_;
-};
-
-struct OpenedProfile {
-  std::vector<std::uint8_t> bytes;
-  ProfileHandle handle;
-};
-
-/// `what` names the profile in the text: "input RGB", "output CMYK".
-bool open_profile(const Context& context, const char* what, const std::string& path, OpenedProfile& profile,
-                  std::string* error) {
-  const std::string text = std::string("Cannot open ") + what + " profile: " + path;
-  std::string reason;
-  if (!read_profile_file(path, profile.bytes, &reason)) return fail(error, text + ": " + reason);
-  profile.handle.reset(context.ask([&] {
-    return cmsOpenProfileFromMemTHR(context.get(), profile.bytes.data(),
-                                    static_cast<cmsUInt32Number>(profile.bytes.size()));
-  }));
-  return profile.handle ? true : fail(error, text);
-}
 
 /// The formula for one separation; everything but the level of a channel follows from the pixel's brightest
 /// channel.
@@ -204,11 +77,17 @@ constexpr ConversionKind kCmykToCmyk = {
 
 /// Opens the slot's converter the first time it is asked for. True when there is one.
 bool ensure_converter(WorkerIcc& slot, const ConversionKind& kind, const IccSettings& settings,
-                      std::string& error) {
+                      FirstOpened& first, std::string& error) {
   if (!(slot.*kind.tried)) {
     std::string reason;
     auto converter = std::make_unique<IccConverter>();
-    if ((*converter.*kind.open)(settings, &reason, slot.quiet)) {
+    const std::lock_guard one_opens(first.opening);
+    if (first.converter) {
+      converter->open_as(*first.converter, slot.quiet);
+      slot.*kind.converter = std::move(converter);
+    } else if ((*converter.*kind.open)(settings, &reason, slot.quiet)) {
+      first.converter = std::make_unique<IccConverter>();
+      first.converter->open_as(*converter, /*quiet=*/true);
       slot.*kind.converter = std::move(converter);
       (slot.*kind.error).clear();
     } else {
@@ -241,176 +120,7 @@ bool raise_once(std::atomic<bool>& flag) {
   return flag.compare_exchange_strong(expected, true);
 }
 
-bool is_cmyk(const OpenedProfile& profile) {
-  return cmsGetColorSpace(profile.handle.get()) == cmsSigCmykData;
-}
-
-/// The runs of equal pixels in a block. A pixel's colour depends on nothing but itself, so that one
-/// conversion serves a whole run, and artwork consists of little else.
-class RunBlock {
- public:
-  static constexpr std::size_t kMaxPixels = 1024;
-
-  /// Takes up to `kMaxPixels` pixels of `Bytes` bytes. False when there are too few long runs to gain by
-  /// them.
-  template <std::size_t Bytes>
-  bool collapse(const std::uint8_t* src, std::size_t pixels) {
-    runs_ = 0;
-    for (std::size_t i = 0; i < pixels; ++i, src += Bytes) {
-      std::memcpy(&distinct_[runs_ * Bytes], src, Bytes);
-      end_[runs_] = static_cast<std::uint16_t>(i + 1);
-      runs_ += i + 1 == pixels || std::memcmp(src, src + Bytes, Bytes) != 0;
-    }
-    return runs_ <= pixels / 2;
-  }
-
-  /// Converts one pixel of each run and writes the run.
-  void convert(cmsHTRANSFORM transform, std::uint8_t* dst) {
-    cmsDoTransform(transform, distinct_.data(), converted_.data(), static_cast<cmsUInt32Number>(runs_));
-    std::size_t pixel = 0;
-    for (std::size_t run = 0; run < runs_; ++run)
-      for (; pixel < end_[run]; ++pixel)
-        std::memcpy(dst + pixel * kCmykBytes, &converted_[run * kCmykBytes], kCmykBytes);
-  }
-
- private:
-  std::array<std::uint8_t, kMaxPixels * kCmykBytes> distinct_, converted_;
-  std::array<std::uint16_t, kMaxPixels> end_;
-  std::size_t runs_ = 0;
-};
-
-template <std::size_t Bytes>
-void convert_pixels(cmsHTRANSFORM transform, const std::uint8_t* src, std::uint8_t* dst, std::size_t pixels,
-                    RunBlock& block) {
-  while (pixels != 0) {
-    const std::size_t count = std::min(pixels, RunBlock::kMaxPixels);
-    if (block.collapse<Bytes>(src, count)) {
-      block.convert(transform, dst);
-    } else {
-      cmsDoTransform(transform, src, dst, static_cast<cmsUInt32Number>(count));
-    }
-    src += count * Bytes;
-    dst += count * kCmykBytes;
-    pixels -= count;
-  }
-}
-
 }  // namespace
-
-bool read_profile_file(const std::string& path, std::vector<std::uint8_t>& bytes, std::string* error) {
-  bytes.clear();
-  if (path.empty()) return fail(error, "path is empty");
-  std::error_code code;
-  if (!std::filesystem::is_regular_file(platform::to_path(path), code)) {
-    if (code && !platform::tells_of_path(code.value())) fail_on_file("look at", path, code.value());
-    return fail(error, "file does not exist or is not a regular file");
-  }
-  platform::InputFile file;
-  if (const int failure = file.open(path); failure != 0) {
-    if (!platform::tells_of_path(failure)) fail_on_file("open", path, failure);
-    return fail(error, "cannot open file");
-  }
-  const std::uint64_t size = file.size();
-  if (size == 0) return fail(error, "profile file is empty");
-  if (size > kMaxProfileBytes)
-    return fail(error, "profile file exceeds size cap (" + std::to_string(size) + " bytes > " +
-                           std::to_string(kMaxProfileBytes) + ")");
-
-  bytes.resize(size);
-  std::size_t done = 0;
-  if (const int failure = file.read_at(0, bytes.data(), size, done); failure != 0)
-    fail_on_file("read", path, failure);
-  if (done != size) {
-    bytes.clear();
-    return fail(error, "cannot read complete profile file");
-  }
-  return true;
-}
-
-/// A context of its own for every converter: lcms then shares no state between threads. It stands first and
-/// so dies last.
-struct IccConverter::Impl {
-  Context context;
-  OpenedProfile input;
-  OpenedProfile output;
-  TransformHandle transform;
-  bool input_is_cmyk = false;
-  RunBlock runs;
-
-  /// Takes the opened input profile, opens the output profile and builds the transform. Once both profiles
-  /// are open, what was held before is released, whatever follows.
-  bool open(OpenedProfile new_input, bool from_cmyk, const IccSettings& settings, std::string* error);
-  void close();
-};
-
-bool IccConverter::Impl::open(OpenedProfile new_input, bool from_cmyk, const IccSettings& settings,
-                              std::string* error) {
-  OpenedProfile new_output;
-  if (!open_profile(context, "output CMYK", settings.output_profile, new_output, error)) return false;
-  close();
-  if (!is_cmyk(new_output)) return fail(error, "Output profile is not CMYK");
-  TransformHandle new_transform(context.ask([&] {
-    return cmsCreateTransformTHR(context.get(), new_input.handle.get(), from_cmyk ? TYPE_CMYK_8 : TYPE_RGB_8,
-                                 new_output.handle.get(), TYPE_CMYK_8,
-                                 static_cast<cmsUInt32Number>(settings.intent),
-                                 settings.use_bpc ? cmsFLAGS_BLACKPOINTCOMPENSATION : 0);
-  }));
-  if (!new_transform) return fail(error, "cmsCreateTransform failed");
-  input = std::move(new_input);
-  output = std::move(new_output);
-  transform = std::move(new_transform);
-  input_is_cmyk = from_cmyk;
-  return true;
-}
-
-void IccConverter::Impl::close() {
-  transform.reset();
-  input = {};
-  output = {};
-}
-
-IccConverter::IccConverter() : impl_(std::make_unique<Impl>()) {}
-IccConverter::~IccConverter() = default;
-
-bool IccConverter::open_rgb_to_cmyk(const IccSettings& settings, std::string* error, bool quiet) {
-  OpenedProfile input;
-  if (settings.input_rgb_profile.empty()) {
-    input.handle.reset(impl_->context.ask([&] { return cmsCreate_sRGBProfileTHR(impl_->context.get()); }));
-    if (!input.handle) return fail(error, "Cannot open input RGB profile: ");
-  } else if (!open_profile(impl_->context, "input RGB", settings.input_rgb_profile, input, error)) {
-    return false;
-  }
-  if (!impl_->open(std::move(input), /*from_cmyk=*/false, settings, error)) return false;
-  if (quiet) return true;
-  log_info("IccConverter: RGB->CMYK [",
-           settings.input_rgb_profile.empty() ? std::string_view("sRGB") : settings.input_rgb_profile, " -> ",
-           settings.output_profile, "]");
-  return true;
-}
-
-bool IccConverter::open_cmyk_to_cmyk(const IccSettings& settings, std::string* error, bool quiet) {
-  if (settings.input_cmyk_profile.empty()) return fail(error, "Input CMYK profile not specified");
-  OpenedProfile input;
-  if (!open_profile(impl_->context, "input CMYK", settings.input_cmyk_profile, input, error)) return false;
-  if (!is_cmyk(input)) return fail(error, "Input profile is not CMYK: " + settings.input_cmyk_profile);
-  if (!impl_->open(std::move(input), /*from_cmyk=*/true, settings, error)) return false;
-  if (quiet) return true;
-  log_info("IccConverter: CMYK->CMYK [", settings.input_cmyk_profile, " -> ", settings.output_profile, "]");
-  return true;
-}
-
-bool IccConverter::transform(const std::uint8_t* src, std::uint8_t* dst, std::size_t pixels) {
-  if (!impl_->transform || pixels == 0) return false;
-  const auto convert = impl_->input_is_cmyk ? convert_pixels<kCmykBytes> : convert_pixels<kRgbBytes>;
-  return impl_->context.ask([&] {
-    convert(impl_->transform.get(), src, dst, pixels, impl_->runs);
-    return true;
-  });
-}
-
-void IccConverter::close() {
-  impl_->close();
-}
 
 void rgb_to_cmyk_simple(const std::uint8_t* rgb, std::uint8_t* cmyk, std::size_t pixels) {
   static const FormulaTables tables;
@@ -430,6 +140,8 @@ void ColorConversion::reset(const IccSettings& settings) {
   cmyk_runtime_warned_ = false;
   rgb_fallback_warned_ = false;
   shared_ = {};
+  first_rgb_.converter.reset();
+  first_cmyk_.converter.reset();
 }
 
 bool ColorConversion::init_rgb_icc(WorkerIcc* worker, std::string& error) {
@@ -438,7 +150,7 @@ bool ColorConversion::init_rgb_icc(WorkerIcc* worker, std::string& error) {
     error = kRgbToCmyk.not_wanted;
     return false;
   }
-  return ensure_converter(locked.slot, kRgbToCmyk, settings_, error);
+  return ensure_converter(locked.slot, kRgbToCmyk, settings_, first_rgb_, error);
 }
 
 bool ColorConversion::init_cmyk_icc(WorkerIcc* worker, std::string& error) {
@@ -448,7 +160,7 @@ bool ColorConversion::init_cmyk_icc(WorkerIcc* worker, std::string& error) {
     error = kCmykToCmyk.not_wanted;
     return false;
   }
-  return ensure_converter(locked.slot, kCmykToCmyk, settings_, error);
+  return ensure_converter(locked.slot, kCmykToCmyk, settings_, first_cmyk_, error);
 }
 
 void ColorConversion::convert_rgb_row(WorkerIcc* worker, const std::uint8_t* rgb, std::uint8_t* cmyk,

@@ -8,37 +8,10 @@
 #include <string>
 #include <vector>
 
+#include "compose/icc_converter.h"
 #include "config/icc_settings.h"
 
 namespace nvo {
-
-/// One ICC transform to 8-bit CMYK through lcms2, from 8-bit RGB or CMYK. Rows are interleaved, four bytes a
-/// CMYK pixel (0 no ink, 255 full). Used by one thread at a time. Construction, opening and converting throw
-/// `bad_alloc` where memory runs out, and opening `system_error` where a profile can't be read for another
-/// reason than what stands at its path.
-class IccConverter {
- public:
-  IccConverter();
-  ~IccConverter();
-  IccConverter(const IccConverter&) = delete;
-  IccConverter& operator=(const IccConverter&) = delete;
-
-  /// Opens the profiles that the settings name and builds the transform. On failure returns false with a text
-  /// in `error` (may be null).
-  bool open_rgb_to_cmyk(const IccSettings& settings, std::string* error, bool quiet = false);
-  bool open_cmyk_to_cmyk(const IccSettings& settings, std::string* error, bool quiet = false);
-  /// Converts a row; `src` and `dst` are distinct. False when there is no transform or no pixel.
-  bool transform(const std::uint8_t* src, std::uint8_t* dst, std::size_t pixels);
-  void close();
-
- private:
-  struct Impl;
-  std::unique_ptr<Impl> impl_;
-};
-
-/// A profile file of 1 byte to 32 MiB. False with a reason in `error` (may be null); throws `system_error`
-/// where the machine fails to read it.
-bool read_profile_file(const std::string& path, std::vector<std::uint8_t>& bytes, std::string* error);
 
 /// RGB to CMYK without a profile: full grey replacement, in f32.
 void rgb_to_cmyk_simple(const std::uint8_t* rgb, std::uint8_t* cmyk, std::size_t pixels);
@@ -49,6 +22,13 @@ struct WorkerIcc {
   std::string rgb_error, cmyk_error;
   bool rgb_tried = false, cmyk_tried = false;
   bool quiet = false;  ///< opens its converters without a line in the log
+};
+
+/// The converter that was opened first for a kind of conversion; the others take its transform over. Building
+/// one costs more than many a job converts.
+struct FirstOpened {
+  std::mutex opening;
+  std::unique_ptr<IccConverter> converter;
 };
 
 /// Colour conversion of a job: which converter a thread uses, and what happens when there is none. A null
@@ -81,6 +61,7 @@ class ColorConversion {
   IccSettings settings_;
   std::mutex icc_mutex_;
   WorkerIcc shared_;
+  FirstOpened first_rgb_, first_cmyk_;
   bool force_cmyk_icc_fail_ = false;
   std::atomic<bool> cmyk_runtime_warned_{false};
   std::atomic<bool> rgb_fallback_warned_{false};
