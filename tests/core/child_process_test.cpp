@@ -61,9 +61,14 @@ TEST(ChildProcess, InheritsLittle) {
 
 TEST(ChildProcess, CanDoLittle) {
   const test::TempDir dir;
-  const std::string file = dir.file("file");
+  const std::string file = dir.file("file"), old = dir.file("old");
+  test::write_all(old, "old");
   const std::pair<std::string, std::string> cases[] = {
-      {"echo x >'" + file + "'; echo $?", "1\n"},
+      {"echo x >'" + file + "'; echo $?", "2\n"},
+      {"exec 3<>'" + old + "' && echo opened", ""},
+      {"exec /bin/mv '" + old + "' '" + file + "'", ""},
+      {"exec /bin/rm -f '" + old + "'", ""},
+      {"exec /usr/bin/truncate -s 0 '" + old + "'", ""},
       {"(echo began) 2>&1 | cat", ""},
       {"/bin/true; echo $?", ""},
       {"ulimit -n; ulimit -c", "64\n0\n"},
@@ -71,7 +76,22 @@ TEST(ChildProcess, CanDoLittle) {
        "1\n"},
   };
   for (const auto& [script, output] : cases) EXPECT_EQ(shell(script, kRoomy, true).output, output) << script;
-  EXPECT_EQ(test::read_all(file), "") << "the file may be there, without a byte";
+  EXPECT_FALSE(std::filesystem::exists(file));
+  EXPECT_EQ(test::read_all(old), "old");
+}
+
+TEST(ChildProcess, WritesTheFileThatItIsGivenAndNoByteTooMany) {
+  SpoolFile file;
+  ASSERT_EQ(file.create(temporary_folder()), 0);
+  ChildLimits limits = kRoomy;
+  limits.output_file = &file;
+  limits.standard_output = 10;
+  EXPECT_EQ(shell("printf 12345; printf 678", limits, true).output, "");
+  char bytes[8];
+  EXPECT_EQ(file.read_at(0, bytes, 8), 0);
+  EXPECT_EQ(std::string(bytes, 8), "12345678");
+  EXPECT_NE(shell("printf 90123", limits, true).code, 0);
+  EXPECT_EQ(file.size(), 10u);
 }
 
 TEST(ChildProcess, IsEndedAtALimit) {

@@ -20,7 +20,7 @@
 
 #include "core/platform/child_descendants.h"
 #include "core/platform/child_process.h"
-#include "core/platform/lone_process.h"
+#include "core/platform/harmless_process.h"
 
 extern char** environ;
 
@@ -138,7 +138,7 @@ void set_limit(Resource resource, std::uint64_t value) {
 
 void set_limits(const ChildLimits& limits) {
   set_limit(RLIMIT_CORE, 0);
-  set_limit(RLIMIT_FSIZE, 0);
+  set_limit(RLIMIT_FSIZE, limits.output_file ? limits.standard_output : 0);
   set_limit(RLIMIT_NOFILE, kOpenFiles);
   set_limit(RLIMIT_AS, limits.address_space);
   // Between the two the signal says that it was time which ran out.
@@ -151,7 +151,7 @@ void set_limits(const ChildLimits& limits) {
 #endif
   if (limits.may_start_processes) return;
   set_limit(RLIMIT_NPROC, 0);  // doesn't bind root; the next does
-  stay_alone();
+  stay_harmless();
 }
 
 /// The child's side. Only calls that are safe in the copy of a process with several threads.
@@ -162,7 +162,8 @@ void set_limits(const ChildLimits& limits) {
 #endif
   ::setpgid(0, 0);
   ::dup2(start.empty_input.number(), STDIN_FILENO);
-  ::dup2(start.output.write_end.number(), STDOUT_FILENO);
+  ::dup2(start.limits.output_file ? start.limits.output_file->descriptor() : start.output.write_end.number(),
+         STDOUT_FILENO);
   ::dup2(start.diagnostics.write_end.number(), STDERR_FILENO);
   ::dup2(start.report.write_end.number(), kReportDescriptor);
   ::fcntl(kReportDescriptor, F_SETFD, FD_CLOEXEC);

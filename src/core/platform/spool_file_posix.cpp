@@ -4,6 +4,7 @@
 #include <string>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
 
@@ -55,6 +56,23 @@ std::optional<std::uint64_t> SpoolFile::room() const {
   // A file system without blocks (a network's, a memory's without a limit) doesn't count them.
   if (::fstatvfs(descriptor_, &system) != 0 || system.f_blocks == 0) return std::nullopt;
   return std::uint64_t{system.f_bavail} * system.f_frsize;
+}
+
+int SpoolFile::allocate(std::uint64_t size) {
+#ifdef __linux__
+  // Not the C library's function, which writes every block where the file system has no call for it.
+  int error = 0;
+  do error = ::fallocate(descriptor_, FALLOC_FL_KEEP_SIZE, 0, static_cast<off_t>(size)) == 0 ? 0 : errno;
+  while (error == EINTR);
+  return error == EOPNOTSUPP || error == ENOSYS ? 0 : error;
+#else
+  return 0;
+#endif
+}
+
+std::uint64_t SpoolFile::size() const {
+  struct stat status {};
+  return ::fstat(descriptor_, &status) == 0 ? static_cast<std::uint64_t>(status.st_size) : 0;
 }
 
 int SpoolFile::append(const void* data, std::size_t size) {

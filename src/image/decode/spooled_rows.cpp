@@ -1,10 +1,7 @@
 #include "image/decode/spooled_rows.h"
 
 #include <algorithm>
-#include <system_error>
 #include <utility>
-
-#include "core/machine_failure.h"
 
 namespace nvo {
 namespace {
@@ -30,31 +27,12 @@ void SpooledRows::read(std::uint32_t x, std::uint32_t y, std::uint32_t width, st
     copy(offset + row * std::uint64_t{row_bytes_}, bytes, out + row * bytes);
 }
 
-/// `what` failed on the temporary file.
-void SpooledRows::require(int error, const char* what) const {
-  if (error == 0) return;
-  throw std::system_error(error, std::generic_category(),
-                          std::string("cannot ") + what + " the temporary file in '" + folder_ +
-                              "' (TMPDIR), " + std::to_string(image_bytes()) + " bytes for the pixels of '" +
-                              path_ + "'");
-}
-
-void SpooledRows::make_file() {
-  folder_ = platform::temporary_folder();
-  require(file_.emplace().create(folder_), "make");
-  const auto room = file_->room();
-  if (room && *room < image_bytes())
-    throw MachineFailure("the pixels of '" + path_ + "' need a temporary file of " +
-                         std::to_string(image_bytes()) + " bytes in '" + folder_ +
-                         "' (TMPDIR), which has room for " + std::to_string(*room));
-}
-
 void SpooledRows::decode_to(std::uint32_t end) {
   if (end <= rows_done_) return;
   if (memory_.empty()) {
     const bool small = row_bytes_ <= kMaxInMemory / rows_;
     const std::size_t block_rows = std::max<std::size_t>(1, kBlockBytes / row_bytes_);
-    if (!small) make_file();
+    if (!small) file_.emplace(path_, image_bytes());
     memory_.resize((small ? rows_ : block_rows) * row_bytes_);
   }
   const auto block_rows =
@@ -69,13 +47,13 @@ void SpooledRows::append_rows(std::uint32_t count) {
   std::uint8_t* first = memory_.data() + (is_filed() ? 0 : rows_done_ * row_bytes_);
   for (std::uint32_t row = 0; row < count; ++row, ++rows_decoded_)
     decoder_->read_row(first + row * row_bytes_);
-  if (is_filed()) require(file_->append(first, count * row_bytes_), "write");
+  if (is_filed()) file_->append(first, count * row_bytes_);
   rows_done_ += count;
 }
 
 void SpooledRows::copy(std::uint64_t offset, std::size_t bytes, std::uint8_t* out) const {
   if (is_filed())
-    require(file_->read_at(offset, out, bytes), "read");
+    file_->read_at(offset, out, bytes);
   else
     std::copy_n(memory_.data() + offset, bytes, out);
 }

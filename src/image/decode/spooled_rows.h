@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "core/platform/spool_file.h"
+#include "core/pixel_spool.h"
 #include "image/decode/raster_decoder.h"
 
 namespace nvo {
@@ -30,22 +30,20 @@ class SpooledRows {
   std::uint32_t rows_decoded() const { return rows_decoded_; }
 
  private:
-  void make_file();
-  void require(int error, const char* what) const;
   std::uint64_t image_bytes() const { return std::uint64_t{row_bytes_} * rows_; }
   void decode_to(std::uint32_t end);
   void append_rows(std::uint32_t count);
   void copy(std::uint64_t offset, std::size_t bytes, std::uint8_t* out) const;
   bool is_filed() const { return file_.has_value(); }
 
-  std::string path_, folder_;
+  std::string path_;
   std::unique_ptr<RasterDecoder> decoder_;  // null once it has given all rows
   std::size_t row_bytes_;
   std::uint32_t rows_;
   std::uint32_t rows_decoded_ = 0;
   std::uint32_t rows_done_ = 0;       // of them, where `copy` finds them
   std::vector<std::uint8_t> memory_;  // the image, or a block of rows on their way to the file
-  std::optional<platform::SpoolFile> file_;
+  std::optional<PixelSpool> file_;
 };
 
 }  // namespace nvo

@@ -21,7 +21,7 @@
 #include "core/platform/file.h"
 #include "core/platform/paths.h"
 #include "core/text.h"
-#include "image/pdf/page_png.h"
+#include "image/pdf/page_tiff.h"
 #include "image/pdf/pdf_page_size.h"
 
 namespace nvo {
@@ -235,7 +235,8 @@ struct TilePlace {
 
 std::vector<std::string> tile_command(const PdfRequest& request, const PdfPageInfo& page,
                                       const TilePlace& place) {
-  std::vector<std::string> command = {"-png", "-transp", "-singlefile", "-cropbox"};
+  std::vector<std::string> command = {"-tiff",   "-tiffcompression", "none",
+                                      "-transp", "-singlefile",      "-cropbox"};
   const std::string number = page_number(request);
   command.insert(command.end(), {"-f", number, "-l", number});
   // Without the rectangle the program rounds the page's size up once more, at times to a pixel too many.
@@ -257,21 +258,27 @@ struct Allowance {
   }
 };
 
-/// The encoded picture of one tile. `said` takes what the program says of it and has not said
-/// before.
-std::string render_tile(const Task& task, const PdfPageInfo& page, const TilePlace& place,
-                        const Allowance& allowance, std::string& said) {
+/// Puts one tile into its place. The picture comes uncompressed, through a temporary file: to pack it would
+/// take the renderer many times the time of drawing it. `said` takes what the program says of it and has
+/// not said before.
+void render_tile(const Task& task, const PdfPageInfo& page, const TilePlace& place,
+                 const Allowance& allowance, const RgbaTile& tile, std::string& said) {
   const std::uint64_t memory = kBaseMemory + kRastersInMemory * rgba_bytes(page);
-  auto result =
-      run_program(task, "pdftocairo", tile_command(task.request, page, place),
-                  {allowance.left(), memory, max_png_bytes(place.width, place.height)}, allowance.time);
-  if (result.end == platform::ChildEnd::too_much_output)
+  const std::uint64_t most_bytes = max_page_tiff_bytes(place.width, place.height);
+  PixelSpool spool(task.request.path, most_bytes);
+  spool.allocate();
+  const auto result = run_program(task, "pdftocairo", tile_command(task.request, page, place),
+                                  {allowance.left(), memory, most_bytes, &spool.file()}, allowance.time);
+  if (spool.file().size() >= most_bytes)
     throw std::runtime_error("PdfRenderer: rendered PDF image stream is too large");
   if (!has_succeeded(result)) fail_with_result(task, "pdftocairo", result);
-  if (result.output.empty())
+  if (spool.file().size() == 0)
     throw std::runtime_error("PdfRenderer: PDF renderer returned an empty image stream");
   if (said.find(result.diagnostics) == std::string::npos) said += result.diagnostics;
-  return std::move(result.output);
+  if (read_page_tiff(spool, tile)) return;
+  const std::string line = one_line(said);
+  task.fail<MachineFailure>((line.empty() ? "" : line + "; ") + "the picture of pdftocairo is incomplete",
+                            EIO);
 }
 
 /// Passes on what was said of a page that was rendered all the same.
@@ -334,9 +341,7 @@ PdfRenderResult PopplerBackend::render(const PdfRequest& request) {
       const TilePlace place{x, y, std::min(kMaxTileSide, result.width - x),
                             std::min(kMaxTileSide, result.height - y)};
       std::uint8_t* first = result.rgba.data() + y * stride + std::size_t{x} * 4;
-      const std::string png = render_tile(task, result, place, allowance, said);
-      std::string error;
-      if (!decode_page_png(png, {first, place.width, place.height, stride}, error)) task.fail(error, EBADMSG);
+      render_tile(task, result, place, allowance, {first, place.width, place.height, stride}, said);
     }
   }
   log_diagnostics(request, said);

@@ -1,6 +1,8 @@
 #include "image/pdf_image.h"
 
 #include <algorithm>
+#include <cstdlib>
+#include <set>
 
 #include "core/platform/child_process.h"
 #include "image/image_loader.h"
@@ -203,6 +205,32 @@ TEST(PdfImage, RefusesPagesThatContradictThemselves) {
     EXPECT_EQ(failure_of([&] { image_of_pdf_page("a.pdf", 300, page); }),
               std::string("ImageLoader(PDF): renderer ") + text);
   }
+}
+
+/// The renderer's own PNG has straight colours too.
+TEST(PdfImage, TranslucentPagesHaveTheBytesOfTheRenderersPng) {
+  if (platform::find_program("pdftocairo").empty()) GTEST_SKIP() << "poppler-utils is not installed";
+  const TempDir dir;
+  std::string states, content;
+  for (int i = 1; i < 64; ++i) {  // a ramp of colours below one alpha a line
+    const std::string n = std::to_string(i);
+    states += "/A" + n + " << /ca " + std::to_string(i / 64.0) + " >> ";
+    content += "/A" + n + " gs q 0 " + n + " 144 1 re W n /R sh Q ";
+  }
+  write_all(dir.file("a.pdf"),
+            pdf_bytes({.boxes = "/MediaBox [0 0 144 72]",
+                       .content = content,
+                       .resources = "/ExtGState << " + states +
+                                    ">> /Shading << /R << /ShadingType 2 /ColorSpace /DeviceRGB /Coords [0 0 "
+                                    "144 0] /Function << /FunctionType 2 /Domain [0 1] /C0 [1 0 .3] /C1 [0 "
+                                    "1 .4] /N 1 >> >> >>"}));
+  ASSERT_EQ(std::system(("pdftocairo -png -transp -singlefile -cropbox -r 100 " + dir.file("a.pdf") + " " +
+                         dir.file("a"))
+                            .c_str()),
+            0);
+  const LoadedImage png = load_image(dir.file("a.png"));
+  EXPECT_GT(std::set(png.pixels.begin(), png.pixels.end()).size(), 200u) << "it has all kinds of pixels";
+  EXPECT_EQ(load_pdf(dir.file("a.pdf"), 0, 100).pixels, png.pixels);
 }
 
 TEST(PdfImage, FilesLoadProbeAndServeRowsAlike) {

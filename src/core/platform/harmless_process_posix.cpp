@@ -1,4 +1,4 @@
-#include "core/platform/lone_process.h"
+#include "core/platform/harmless_process.h"
 
 #if defined(__linux__) && (defined(__x86_64__) || defined(__aarch64__))
 #include <array>
@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include <fcntl.h>
 #include <linux/audit.h>
 #include <linux/filter.h>
 #include <linux/sched.h>
@@ -37,6 +38,9 @@ constexpr sock_filter answer(std::uint32_t with) {
   return BPF_STMT(BPF_RET | BPF_K, with);
 }
 
+/// Flags with which a file is opened to be written or made.
+constexpr std::uint32_t kWriting = O_WRONLY | O_RDWR | O_CREAT | O_TRUNC;
+
 #if defined(__x86_64__)
 constexpr std::uint32_t kArchitecture = AUDIT_ARCH_X86_64;
 constexpr std::uint32_t kFirstForeignCall = 0x4000'0000;  // the same calls with short pointers
@@ -47,7 +51,7 @@ constexpr std::uint32_t kFirstForeignCall = 0xFFFF'FFFF;
 
 }  // namespace
 
-void stay_alone() {
+void stay_harmless() {
   const std::array filter = {
     load(offsetof(seccomp_data, arch)),
     sock_filter BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, kArchitecture, 1, 0),
@@ -60,8 +64,34 @@ void stay_alone() {
     answer(refusal(EAGAIN)),
     if_call(__NR_vfork),
     answer(refusal(EAGAIN)),
+    if_call(__NR_creat),
+    answer(refusal(EROFS)),
+    if_call(__NR_unlink),
+    answer(refusal(EROFS)),
+    if_call(__NR_rename),
+    answer(refusal(EROFS)),
+    sock_filter BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, __NR_open, 0, 4),
+    load(offsetof(seccomp_data, args) + sizeof(std::uint64_t)),
+    sock_filter BPF_JUMP(BPF_JMP | BPF_JSET | BPF_K, kWriting, 0, 1),
+    answer(refusal(EROFS)),
+    answer(SECCOMP_RET_ALLOW),
 #endif
-    if_call(__NR_clone3),  // its arguments lie out of a filter's sight; libraries then take the older call
+    if_call(__NR_openat2),  // its arguments lie out of a filter's sight; libraries then take the older call
+    answer(refusal(ENOSYS)),
+    if_call(__NR_truncate),
+    answer(refusal(EROFS)),
+    if_call(__NR_unlinkat),
+    answer(refusal(EROFS)),
+    if_call(__NR_renameat),
+    answer(refusal(EROFS)),
+    if_call(__NR_renameat2),
+    answer(refusal(EROFS)),
+    sock_filter BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, __NR_openat, 0, 4),
+    load(offsetof(seccomp_data, args) + 2 * sizeof(std::uint64_t)),
+    sock_filter BPF_JUMP(BPF_JMP | BPF_JSET | BPF_K, kWriting, 0, 1),
+    answer(refusal(EROFS)),
+    answer(SECCOMP_RET_ALLOW),
+    if_call(__NR_clone3),  // as openat2
     answer(refusal(ENOSYS)),
     sock_filter BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, __NR_clone, 0, 3),
     load(offsetof(seccomp_data, args)),  // the flags, the lower half first on both processors
@@ -76,7 +106,7 @@ void stay_alone() {
 
 #else
 
-void stay_alone() {}
+void stay_harmless() {}
 
 #endif
 
