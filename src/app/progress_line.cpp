@@ -54,7 +54,7 @@ std::string progress_text(const RipProgress& progress, std::uint64_t elapsed_ns)
 
 std::string progress_json(const RipProgress& progress, std::uint64_t elapsed_ns) {
   const auto rounded = [](double value) { return std::round(value * 10.0) / 10.0; };
-  nlohmann::ordered_json record;
+  nlohmann::ordered_json record(nlohmann::ordered_json::value_t::object);
   record["stage"] = progress.stage;
   record["stages"] = progress.stage_count;
   record["percent"] = rounded(progress.percent);

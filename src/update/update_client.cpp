@@ -12,6 +12,7 @@
 #include <nlohmann/json.hpp>
 
 #include "core/log.h"
+#include "core/machine_failure.h"
 #include "core/text.h"
 #include "update/https_transport.h"
 #include "update/signature.h"
@@ -25,7 +26,7 @@ constexpr const char* kIssuer = "nvo-update-api-prod";
 constexpr std::size_t kMaxRequestBytes = 16384;
 
 std::string make_request_body(const UpdateCheckRequest& request, const std::string& nonce) {
-  nlohmann::ordered_json body;
+  nlohmann::ordered_json body(nlohmann::ordered_json::value_t::object);  // as in the trace
   body["current_version"] = request.current_version;
   body["channel"] = request.channel;
   body["platform"] = request.platform;
@@ -152,7 +153,7 @@ class Check {
       adopt_manifest(result_, verify_manifest(body, {kPath, nonce_, kIssuer, seconds_since_1970(),
                                                      service_.public_key, service_.download_hosts}));
     } catch (const std::exception& e) {
-      result_.error = e.what();
+      result_.error = failure_text(e);
     }
   }
 
@@ -180,7 +181,7 @@ UpdateCheckResult UpdateClient::check_for_update(const std::string& origin_overr
         origin_override.empty() ? service_.origins : std::vector<std::string>{origin_override};
     Check(service_, trace_, result).run(origins, request);
   } catch (const std::exception& e) {
-    result.error = e.what();
+    result.error = failure_text(e);
   }
   return result;
 }

@@ -42,7 +42,8 @@ void UpdateTrace::write(std::string_view stage, const Pairs& pairs) noexcept {
 void UpdateTrace::append(std::string_view stage, const Pairs& pairs) {
   const std::lock_guard lock(mutex_);
   if (path_.empty()) path_ = make_trace_path();
-  ordered_json line;
+  // A null that becomes an object on the way is left broken where there is no memory for it.
+  ordered_json line(ordered_json::value_t::object);
   line["ts"] = utc_now();
   line["stage"] = stage;
   for (const auto& [key, value] : pairs) line[std::string(key)] = value;

@@ -10,8 +10,9 @@
 //   NVO_FAULT_PROGRAM=NAME               the program that is meant, "nvo_rip" by default; its children are
 //   not.
 //
-// KIND is `memory` (malloc, calloc, realloc, aligned blocks, anonymous mappings), `open`, `read`, `write`,
-// `flush`, `rename`, `close`, `stat`, `allocate` (truncation and reservation of a file) or `thread`.
+// KIND is `memory` (malloc, calloc, realloc, aligned blocks, anonymous mappings), `object` (C++ objects: the
+// program's own memory without that of C libraries), `open`, `read`, `write`, `flush`, `rename`, `close`,
+// `stat`, `allocate` (truncation and reservation of a file) or `thread`.
 #include <atomic>
 #include <cerrno>
 #include <csignal>
@@ -20,6 +21,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 #include <utility>
 
 #include <dlfcn.h>
@@ -39,9 +41,9 @@ void* __libc_memalign(std::size_t alignment, std::size_t size);
 
 namespace {
 
-enum class Kind { none, memory, open, read, write, flush, rename, close, stat, allocate, thread };
-constexpr const char* kNames[] = {"",       "memory", "open", "read",     "write", "flush",
-                                  "rename", "close",  "stat", "allocate", "thread"};
+enum class Kind { none, memory, object, open, read, write, flush, rename, close, stat, allocate, thread };
+constexpr const char* kNames[] = {"",      "memory", "object", "open", "read",     "write",
+                                  "flush", "rename", "close",  "stat", "allocate", "thread"};
 
 Kind watched = Kind::none;
 long fail_at = 0;
@@ -115,6 +117,12 @@ Function next(Function, const char* name) {
 }
 
 }  // namespace
+
+void* operator new(std::size_t size) {
+  if (is_due(Kind::object)) throw std::bad_alloc();
+  if (void* const memory = std::malloc(size)) return memory;
+  throw std::bad_alloc();
+}
 
 #define NEXT(function) static const auto real = next(&::function, #function)
 

@@ -119,9 +119,14 @@ void remove_temporaries_and_end(int signal_number) {
   ::raise(signal_number);
 }
 
-int sync_directory(const std::string& path) {
-  const auto folder = std::filesystem::path(path).parent_path();
-  const int descriptor = ::open(folder.empty() ? "." : folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+/// Makes a name durable that stands already: so nothing here may fail for memory.
+int sync_directory(const char* path) noexcept {
+  const char* const slash = std::strrchr(path, '/');
+  const std::size_t length = slash ? static_cast<std::size_t>(slash - path) + 1 : 0;
+  char folder[PATH_MAX + 1] = ".";
+  if (length > PATH_MAX) return ENAMETOOLONG;
+  if (slash) std::memcpy(folder, path, length);
+  const int descriptor = ::open(folder, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (descriptor < 0) return errno;
   const int result = ::fsync(descriptor) == 0 ? 0 : errno;
   ::close(descriptor);
@@ -261,7 +266,7 @@ int replace_file(const std::string& from, const std::string& to) {
                           : ::renameat(reached.folder(), reached.name(), AT_FDCWD, to.c_str())) != 0)
     return errno;
   // The new name stands; a file system that cannot sync a folder must not turn that into a failure.
-  sync_directory(to);
+  sync_directory(to.c_str());
   return 0;
 }
 
@@ -278,7 +283,7 @@ int move_to_new_name(const std::string& from, const std::string& to) {
       error = ::linkat(reached.folder(), reached.name(), AT_FDCWD, to.c_str(), 0) == 0 ? 0 : errno;
       if (error == 0) ::unlinkat(reached.folder(), reached.name(), 0);
     }
-    if (error == 0) sync_directory(to);
+    if (error == 0) sync_directory(to.c_str());
     if (!is_unsupported(error)) return error;
   }
   struct stat status {};
