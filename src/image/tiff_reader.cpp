@@ -36,8 +36,8 @@ constexpr std::uint64_t kMaxKeptTileRowBytes = 64 << 20;
 /// Strips that stay decoded for the next band take no more than this together.
 constexpr std::uint64_t kMaxKeptStripBytes = kMaxTiffPieceBytes;
 
-/// A strip above this size goes straight to its place in the image when the whole image is read.
-constexpr std::uint64_t kMaxCopiedStripBytes = 64 << 20;
+/// A strip or tile above this size goes straight to its place in the image when the whole image is read.
+constexpr std::uint64_t kMaxCopiedPieceBytes = 64 << 20;
 
 /// A reader's first band gets so much room if the image has as many bytes.
 constexpr std::uint64_t kBandRoom = 64 << 20;
@@ -85,14 +85,18 @@ class Band {
     if (out_.size() < end) out_.resize(end);
   }
 
-  /// Where row `from` of the image belongs, with room up to row `to` and zeros in it.
-  std::uint8_t* zeroed_rows(std::uint64_t from, std::uint64_t to) {
-    const auto begin = (from - first_) * row_bytes_, end = (to - first_) * row_bytes_;
+  /// Where row `from` of the image belongs, with room for so many zeros there. Room beyond the band is for
+  /// when nothing has come yet, and is given back by `cut`.
+  std::uint8_t* zeroed_room(std::uint64_t from, std::uint64_t bytes) {
+    const auto begin = (from - first_) * row_bytes_, end = begin + bytes;
     const auto old = std::min<std::uint64_t>(out_.size(), end);
-    require(to);
+    if (out_.capacity() < end && begin == 0) std::vector<std::uint8_t>().swap(out_);
+    if (out_.capacity() < end) reserve_large(out_, end);
+    if (out_.size() < end) out_.resize(end);
     if (begin < old) std::memset(out_.data() + begin, 0, old - begin);
     return out_.data() + begin;
   }
+  void cut(std::uint64_t to) { out_.resize((to - first_) * row_bytes_); }
 
   /// Where row `from` of the image belongs, with room up to row `to`. Several threads may ask once there is
   /// room for all.
@@ -246,6 +250,13 @@ struct TileGrid {
   std::uint64_t tile_bytes = 0, tile_row_bytes = 0;
 };
 
+/// Returns how many bytes of the tile at this place the decoder has filled, or none where it has failed.
+std::optional<std::uint64_t> decode_tile(const TiffFile& file, std::uint8_t* samples, std::uint32_t x,
+                                         std::uint32_t y) {
+  const auto decoded = file.ask([&](TIFF* tiff) { return TIFFReadTile(tiff, samples, x, y, 0, 0); });
+  return decoded < 0 ? std::nullopt : std::optional(static_cast<std::uint64_t>(decoded));
+}
+
 void refuse_large_pieces(TIFF* tiff) {
   const bool tiled = TIFFIsTiled(tiff) != 0;
   const auto size = tiled ? TIFFTileSize(tiff) : TIFFStripSize(tiff);
@@ -385,7 +396,9 @@ struct TiffReader::Impl {
                      Band& band);
   void read_tiles(const TiffMeta& meta, Band& band);
   std::uint32_t rows_per_strip(std::uint32_t image_height);
-  bool is_large_and_sound(std::uint32_t strip, std::uint64_t strip_bytes);
+  bool is_large_and_sound(std::uint32_t piece, std::uint64_t piece_bytes);
+  bool goes_to_its_place(const TileGrid& grid, std::uint64_t first_row, std::uint64_t image_height);
+  void decode_tile_in_place(const TileGrid& grid, const RowRange& rows, Band& band);
   template <class RowTarget>
   void decode_tile_row(const TileGrid& grid, std::uint64_t first_row, const RowRange& wanted,
                        std::size_t tiles_in_turn, const RowTarget& target);
@@ -443,7 +456,7 @@ struct TiffReader::Impl::Strip {
 
   /// Fills the strip's rows of the band, which has none of it elsewhere.
   void decode_into(const TiffFile& file, const TiffMeta& meta, Band& band) const {
-    std::uint8_t* const rows = band.zeroed_rows(wanted.from, wanted.to);
+    std::uint8_t* const rows = band.zeroed_room(wanted.from, (wanted.to - wanted.from) * band.row_bytes());
     const auto decoded = read(file, rows, (wanted.to - wanted.from) * band.row_bytes());
     if (decoded < 0) fail_tiff("error reading strip ", index);
     count_rows(decoded, band.row_bytes());
@@ -497,12 +510,12 @@ void TiffReader::Impl::read_strips(const TiffMeta& meta, Band& band) {
   }
 }
 
-/// Whether a strip is worth decoding to its place in the image: large, and not just large by the header's
-/// claim, for which the image would be filled with zeros in vain.
-bool TiffReader::Impl::is_large_and_sound(std::uint32_t strip, std::uint64_t strip_bytes) {
-  if (strip_bytes <= kMaxCopiedStripBytes) return false;
+/// Whether a strip or tile is worth decoding to its place in the image: large, and not just large by the
+/// header's claim, for which the image would be filled with zeros in vain.
+bool TiffReader::Impl::is_large_and_sound(std::uint32_t piece, std::uint64_t piece_bytes) {
+  if (piece_bytes <= kMaxCopiedPieceBytes) return false;
   const TiffFile& file = decoders.first();
-  return most_unpacked_bytes(file, stored_piece_bytes(file, strip)) >= strip_bytes;
+  return most_unpacked_bytes(file, stored_piece_bytes(file, piece)) >= piece_bytes;
 }
 
 /// Decodes strips, of which there are few enough to make room for all at once, and copies their wanted rows.
@@ -542,6 +555,7 @@ void TiffReader::Impl::read_tiles(const TiffMeta& meta, Band& band) {
   log_debug("TiffReader: partial tiled read y=", band.first(), " rows=", band.end() - band.first());
   const TileGrid grid(decoders.tiff(), meta);
 
+  const bool whole_image = band.first() == 0 && band.end() == meta.height;
   kept.deliver(band, grid.tile_length, meta.height);
   const auto first_tile_row = band.first() - band.first() % grid.tile_length;
   for (auto first_row = first_tile_row; first_row < band.end(); first_row += grid.tile_length) {
@@ -562,6 +576,8 @@ void TiffReader::Impl::read_tiles(const TiffMeta& meta, Band& band) {
       piece.first_row = first_row;
       piece.rows = whole.to - whole.from;
       piece.copy(wanted, band);
+    } else if (whole_image && goes_to_its_place(grid, first_row, meta.height)) {
+      decode_tile_in_place(grid, whole, band);
     } else {
       // For longer rows there is room when the file has proved to hold the first tile, and then for all.
       if (may_stay) band.require(wanted.to);
@@ -569,6 +585,37 @@ void TiffReader::Impl::read_tiles(const TiffMeta& meta, Band& band) {
                       [&](std::uint64_t row) { return band.rows(row, row + 1); });
     }
   }
+}
+
+/// Whether a tile is to be decoded where the image has it: a large one that lies in the image with all its
+/// rows and columns, or the image's only one, most of which the image covers.
+bool TiffReader::Impl::goes_to_its_place(const TileGrid& grid, std::uint64_t first_row,
+                                         std::uint64_t image_height) {
+  const bool fits = grid.tile_width == grid.image_width && first_row + grid.tile_length <= image_height;
+  const bool is_only = grid.tile_width >= grid.image_width && grid.tile_length >= image_height &&
+                       image_height * grid.image_width * grid.pixel_bytes >= grid.tile_bytes / 2;
+  if ((!fits && !is_only) || grid.tile_bytes != grid.tile_length * grid.tile_row_bytes) return false;
+  const auto tile = TIFFComputeTile(decoders.tiff(), 0, tile_position(first_row, "row"), 0, 0);
+  return is_large_and_sound(tile, grid.tile_bytes);
+}
+
+/// Decodes the tile whose rows in the image are `rows`; its columns beyond the image are then squeezed out.
+void TiffReader::Impl::decode_tile_in_place(const TileGrid& grid, const RowRange& rows, Band& band) {
+  kept.release();
+  std::uint8_t* const samples = band.zeroed_room(rows.from, grid.tile_bytes);
+  const std::uint64_t pixels = (rows.to - rows.from) * grid.image_width;
+  decoders.decode(1, grid.tile_bytes, pixels, 1, [&](Decoder& decoder, std::size_t) {
+    const auto decoded = decode_tile(decoder.file, samples, 0, tile_position(rows.from, "row"));
+    if (!decoded) fail_tiff("error reading tile at 0,", rows.from);
+    for (auto row = rows.from; row < rows.to; ++row) {
+      const auto offset = (row - rows.from) * grid.tile_row_bytes;  // inside the tile
+      if (offset + band.row_bytes() > *decoded) fail_tiff("truncated tile at 0,", rows.from);
+      std::uint8_t* const from = samples + offset;
+      if (decoder.file.gives_differences()) add_up_row(from, from, grid.image_width, grid.pixel_bytes);
+      std::memmove(samples + (row - rows.from) * band.row_bytes(), from, band.row_bytes());
+    }
+  });
+  band.cut(rows.to);
 }
 
 /// Decodes the tiles that begin at `first_row` and copies each one's wanted rows to `target(row)`, which
@@ -583,19 +630,18 @@ void TiffReader::Impl::decode_tile_row(const TileGrid& grid, std::uint64_t first
     const std::uint64_t column = tile * grid.tile_width;
     const auto tile_x = tile_position(column, "column");
     std::uint8_t* const samples = decoder.buffer.require(grid.tile_bytes, "tile");
-    const auto decoded =
-        decoder.file.ask([&](TIFF* tiff) { return TIFFReadTile(tiff, samples, tile_x, tile_y, 0, 0); });
-    if (decoded < 0) {
+    const auto decoded = decode_tile(decoder.file, samples, tile_x, tile_y);
+    if (!decoded) {
       decoder.buffer.release();
       fail_tiff("error reading tile at ", tile_x, ",", tile_y);
     }
-    decoder.buffer.set_used(static_cast<std::uint64_t>(decoded));
+    decoder.buffer.set_used(*decoded);
 
     const auto columns = std::min(grid.image_width - column, grid.tile_width);
     const auto copy_bytes = tiff_product(columns, grid.pixel_bytes, "TIFF tile copy bytes");
     for (auto row = wanted.from; row < wanted.to; ++row) {
       const auto offset = tiff_product(row - first_row, grid.tile_row_bytes, "TIFF tile row offset");
-      if (tiff_sum(offset, copy_bytes, "TIFF tile row end") > static_cast<std::uint64_t>(decoded))
+      if (tiff_sum(offset, copy_bytes, "TIFF tile row end") > *decoded)
         fail_tiff("truncated tile at ", tile_x, ",", tile_y);
       std::uint8_t* const to = target(row) + column * grid.pixel_bytes;
       if (decoder.file.gives_differences())

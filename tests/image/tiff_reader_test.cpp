@@ -472,18 +472,25 @@ TEST_F(TiffReaderTest, AFileWrittenAnewIsNotDecodedIntoBuffersOfTheOldOne) {
   });
 }
 
-// In a read of the whole image these go straight to their place; the last is shorter than the others.
-TEST_F(TiffReaderTest, StripsAbove64MiBAreThoseOfTheFile) {
+// In a read of the whole image these go straight to their place. The last strip or tile is shorter than the
+// others; the only tile reaches beyond the image.
+TEST_F(TiffReaderTest, PiecesAbove64MiBAreThoseOfTheFile) {
   TiffFile file{.samples = 3, .photometric = kRgb, .width = 8000, .height = 4000};
   file.compression = COMPRESSION_ADOBE_DEFLATE;
   file.predictor = PREDICTOR_HORIZONTAL;
   file.further_tags = [](TIFF* tiff) { TIFFSetField(tiff, TIFFTAG_ZIPQUALITY, 1); };
   file.rows_per_strip = 3000;
-  TiffReader reader = open(file);
-  Bytes image(1000, 0xAA);
-  reader.read_rows(0, file.height, image);
-  EXPECT_TRUE(image == file.pixels());
-  EXPECT_TRUE(reader.read_rows(2900, 200) == rows_of(image, file.row_bytes(), 2900, 200));
+  const Bytes pixels = file.pixels();
+  for (const auto& [tile_width, tile_length] : {std::pair(0u, 0u), {8000u, 3008u}, {8016u, 4016u}}) {
+    file.tile_width = tile_width, file.tile_length = tile_length;
+    TiffReader reader = open(file);
+    Bytes image(1000, 0xAA);
+    reader.read_rows(0, file.height, image);
+    EXPECT_TRUE(image == pixels) << tile_width;
+    for (const std::string& line : log_.lines())
+      EXPECT_THAT(line, ::testing::Not(HasSubstr("buffer of " + std::to_string(8016 * 4016 * 3))));
+    EXPECT_TRUE(reader.read_rows(2900, 200) == rows_of(pixels, file.row_bytes(), 2900, 200)) << tile_width;
+  }
 }
 
 TEST_F(TiffReaderTest, AFileCutShortWhileItIsReadGivesAnError) {
