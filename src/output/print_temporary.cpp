@@ -50,13 +50,10 @@ std::vector<std::string> remove_abandoned_prints(const std::string& target) {
   const std::string name = platform::to_utf8(beginning.filename());
   const fs::path folder = beginning.has_parent_path() ? beginning.parent_path() : fs::path(".");
   std::vector<std::string> removed;
-  std::error_code error;
-  for (fs::directory_iterator entry(folder, error), end; !error && entry != end; entry.increment(error)) {
-    const std::string found = platform::to_utf8(entry->path().filename());
+  for (const std::string& found : platform::names_in_folder(platform::to_utf8(folder), name)) {
     unsigned long process = 0;
-    if (!found.starts_with(name) || !is_ending(std::string_view(found).substr(name.size()), process))
-      continue;
-    const std::string path = platform::to_utf8(entry->path());
+    if (!is_ending(std::string_view(found).substr(name.size()), process)) continue;
+    const std::string path = platform::to_utf8(folder / platform::to_path(found));
     if (!platform::may_be_alive(process) && platform::remove_if_unlocked(path)) removed.push_back(path);
   }
   return removed;

@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace nvo::platform {
 
@@ -14,6 +15,11 @@ std::string to_utf8(const std::filesystem::path& path);
 /// Longest name and path that the system takes, in bytes.
 inline constexpr std::size_t kMaxNameBytes = 255;
 inline constexpr std::size_t kMaxPathBytes = 4095;
+
+/// Names in a folder that begin so, in no order, as far as the system gives them; none where it can't be
+/// read. The standard library's own walk ends the process where there is no memory for a name; this one
+/// throws.
+std::vector<std::string> names_in_folder(const std::string& folder, std::string_view beginning);
 
 /// Folder of the running executable; empty when the system cannot tell.
 std::filesystem::path executable_directory();
