@@ -38,7 +38,7 @@ struct TiffMeta {
 /// failures are those of one thread. An open reader therefore holds up to three strips, of 2 GiB together (or
 /// three tile rows of at most 64 MiB each), and a strip or tile of at most 4 MiB for each further thread;
 /// beyond that and the band itself nothing is allocated from what a header claims. A file with larger strips
-/// or tiles than 2 GiB is refused. A read of the whole image decodes large strips to where they stay.
+/// or tiles than 2 GiB is refused. A read of the whole image decodes large ones to where they stay.
 class TiffReader {
  public:
   explicit TiffReader(const ThreadPlan& threads = ThreadPlan());

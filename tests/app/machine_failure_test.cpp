@@ -5,6 +5,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "image/pdf/pdf_file.h"
 #include "image/raster_files.h"
 #include "support/child_process.h"
 #include "support/temp_dir.h"
@@ -12,7 +13,6 @@
 namespace nvo::test {
 namespace {
 
-using ::testing::AnyOf;
 using ::testing::ContainsRegex;
 
 constexpr int kErrorOfDisk = 5;
@@ -64,6 +64,11 @@ std::vector<Art> all_arts() {
        BmpFile{.bits = 8, .compression = 1, .palette = {0, 0xFF}, .data = "\3\1\0\0\3\0\0\1"s}.bytes()},
       {"lossy.webp", webp_bytes(busy, 60, 50, false)},
       {"animated.webp", animated_webp(80, 60, {{2, 4, 60, 50, webp_bytes(busy, 60, 50, true)}})},
+      {"white.pdf", pdf_bytes({.boxes = "/MediaBox [0 0 20 20]",
+                               .content = "0 0 1 rg 0 6 14 4 re f /S cs 1 scn 2 2 8 8 re f",
+                               .resources = "/ColorSpace << /S [/Separation /White /DeviceCMYK << "
+                                            "/FunctionType 2 /Domain [0 1] /C0 [0 0 0 0] /C1 [0 0 0 0.1] "
+                                            "/N 1 >>] >>"})},
   };
 }
 
@@ -72,17 +77,20 @@ struct Fault {
   std::string kind;
   int error;
   bool of_the_art;  ///< only calls on the art file
-  long last, most;  ///< so many of the last calls, and of them so many positions
+  long last, most;  ///< so many of the last calls, or all for 0, and of them so many positions
   std::string text;
 };
 
 TEST_F(MachineFailureTest, EndsTheJobOrChangesNothing) {
-  // The last allocations are those from the art's first byte on; before them lies the update check.
+  // The last allocations are those from the art's first byte on. Before them lies the update check, of whose
+  // thousands in C libraries a few will do.
   const Fault faults[] = {
-      {"memory", 12, false, 900, 7, "out of memory|bad_alloc|temporarily unavailable"},
-      {"open", kErrorOfDisk, true, 99, 3, "Input/output error"},
-      {"read", kErrorOfDisk, true, 99, 3, "Input/output error"},
-      {"stat", kErrorOfDisk, true, 99, 2, "Input/output error"},
+      {"memory", 12, false, 0, 3, "out of memory"},
+      {"memory", 12, false, 700, 5, "out of memory"},
+      {"object", 12, false, 0, 9, "out of memory"},
+      {"open", kErrorOfDisk, true, 0, 3, "Input/output error"},
+      {"read", kErrorOfDisk, true, 0, 3, "Input/output error"},
+      {"stat", kErrorOfDisk, true, 0, 2, "Input/output error"},
   };
   long shift = 0;
   for (const auto& [name, bytes] : all_arts()) {
@@ -91,7 +99,8 @@ TEST_F(MachineFailureTest, EndsTheJobOrChangesNothing) {
     long failed = 0;
     for (const Fault& fault : faults) {
       const std::string path_part = fault.of_the_art ? name : "";
-      const long count = calls(art, fault.kind, path_part), first = std::max(1L, count - fault.last + 1);
+      const long count = calls(art, fault.kind, path_part),
+                 first = fault.last == 0 ? 1 : std::max(1L, count - fault.last + 1);
       if (whole.empty()) whole = read_all(print_path());
       const long step = std::max(1L, (count - first + 1) / fault.most);
       for (long n = first + shift++ % step; n <= count; n += step) {
@@ -104,7 +113,7 @@ TEST_F(MachineFailureTest, EndsTheJobOrChangesNothing) {
         }
         ++failed;
         EXPECT_EQ(outcome.code, kFailed);
-        EXPECT_TRUE(!std::filesystem::exists(print_path()) || read_all(print_path()) == whole);
+        EXPECT_FALSE(std::filesystem::exists(print_path()));
         EXPECT_THAT(outcome.out + outcome.err, ContainsRegex("Fatal: .*(" + fault.text + ")"));
       }
     }

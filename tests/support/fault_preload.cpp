@@ -87,11 +87,15 @@ bool is_due(Kind kind) {
   return true;
 }
 
-/// The result of a call that was let through, and the signal that was to follow it.
+/// The result of a call that was let through, and the signal that was to follow it. A thread that takes the
+/// signal gets ahead of this one.
 template <class Result>
 Result done(Result result) {
   const int error = errno;
-  if (std::exchange(signal_is_due, false)) ::kill(::getpid(), error_code);
+  if (std::exchange(signal_is_due, false)) {
+    ::kill(::getpid(), error_code);
+    ::usleep(20'000);
+  }
   errno = error;
   return result;
 }
