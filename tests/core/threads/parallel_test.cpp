@@ -105,22 +105,26 @@ TEST(ParallelTasks, MakeNoMoreThreadsThanWereWantedAtATime) {
   EXPECT_EQ(threads_of_process(), threads);
 }
 
-// All stand at the gate at once, though the pool's threads have other work.
+// All stand at the gate at once.
 TEST(StartedWork, BeginsAtOnceAndEndsBeforeItIsDropped) {
-  std::atomic<int> arrived{0}, ended{0};
+  constexpr int kWorks = 40;
+  std::atomic<int> arrived{0};
+  std::vector<std::atomic<bool>> ended(kWorks);
   std::vector<StartedWork<int>> works;
-  for (int i = 0; i < 5; ++i)
+  for (int i = 0; i < kWorks; ++i)
     works.push_back(start_work([&arrived, &ended, i] {
-      for (++arrived; arrived < 5;) std::this_thread::yield();
-      ++ended;
-      return i < 4 ? i : throw std::runtime_error("work 4");
+      for (++arrived; arrived <= kWorks;) std::this_thread::yield();
+      ended[i] = true;
+      return i != 4 ? i : throw std::runtime_error("work 4");
     }));
+  while (arrived < kWorks) std::this_thread::yield();
+  ++arrived;
+  works[0] = StartedWork<int>();
+  EXPECT_TRUE(ended[0] && !works[0].valid());
   EXPECT_EQ(works[3].get(), 3);
   EXPECT_EQ(failure_of([&] { works[4].get(); }), "work 4");
-  works[0] = StartedWork<int>();
-  EXPECT_FALSE(works[0].valid());
   works.clear();
-  EXPECT_EQ(ended, 5);
+  for (const auto& done : ended) EXPECT_TRUE(done);
 }
 
 TEST(ThreadPool, ShutdownDrainsOrDiscardsTheQueue) {
