@@ -35,11 +35,14 @@ void fill_where(const std::uint8_t* mask, std::uint8_t value, std::size_t count,
 
 }  // namespace
 
-PixelTarget PixelTarget::moved_down(std::size_t rows) const {
-  PixelTarget moved = *this;
-  for (std::uint8_t*& ink : moved.inks) ink += rows * pitch;
-  moved.mark += rows * pitch;
-  return moved;
+PixelTarget PixelTarget::below(std::uint32_t rows) const {
+  const auto rest = [rows](const MutablePlaneView& plane) {
+    return plane.part(0, rows, plane.width(), plane.height() - rows);
+  };
+  PixelTarget target = *this;
+  for (MutablePlaneView& ink : target.inks) ink = rest(ink);
+  target.mark = rest(mark);
+  return target;
 }
 
 std::uint32_t find_runs(const std::uint8_t* mask, std::uint32_t count, std::vector<PixelRun>& runs) {
@@ -59,20 +62,22 @@ std::uint32_t find_runs(const std::uint8_t* mask, std::uint32_t count, std::vect
   return nonzero;
 }
 
-void copy_run(const PixelRun& run, const std::uint8_t* mask, const InkRows& rows, const PixelTarget& target) {
+void copy_run(const PixelRun& run, const std::uint8_t* mask, const InkRows& rows, const PixelTarget& target,
+              std::uint32_t y) {
   for (std::size_t ink = 0; ink < rows.inks.size(); ++ink) {
     const std::uint8_t* from = rows.inks[ink] + run.begin;
-    std::uint8_t* to = target.inks[ink] + run.begin;
+    std::uint8_t* to = target.inks[ink].row(y) + run.begin;
     if (run.holes) {
       copy_where(mask + run.begin, from, run.size(), to);
     } else {
       std::memcpy(to, from, run.size());
     }
   }
+  std::uint8_t* marks = target.mark.row(y) + run.begin;
   if (run.holes) {
-    fill_where(mask + run.begin, target.mark_value, run.size(), target.mark + run.begin);
+    fill_where(mask + run.begin, target.mark_value, run.size(), marks);
   } else {
-    std::memset(target.mark + run.begin, target.mark_value, run.size());
+    std::memset(marks, target.mark_value, run.size());
   }
 }
 

@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <vector>
 
+#include "core/plane_view.h"
+
 namespace nvo {
 
 /// Rows of the five inks C, M, Y, K, W and of a mark that tells what was written. Pointers to one row's first
@@ -13,15 +15,15 @@ struct InkRows {
   std::array<const std::uint8_t*, 5> inks{};
 };
 
-/// Where the pixels of an item go: pointers to the item's first column in one row of each plane, rows `pitch`
-/// bytes apart. `mark` receives `mark_value` for every pixel written.
+/// Where the pixels of an item go: the part of each plane that it covers. `mark` receives `mark_value` for
+/// every pixel written.
 struct PixelTarget {
-  std::array<std::uint8_t*, 5> inks{};
-  std::uint8_t* mark = nullptr;
+  std::array<MutablePlaneView, 5> inks{};
+  MutablePlaneView mark;
   std::uint8_t mark_value = 0;
-  std::size_t pitch = 0;
 
-  PixelTarget moved_down(std::size_t rows) const;
+  /// Without its first `rows` rows.
+  PixelTarget below(std::uint32_t rows) const;
 };
 
 /// Columns [begin, end) that are written in one go. With `holes` some of them, few at a time, are not to be
@@ -36,8 +38,10 @@ struct PixelRun {
 /// Replaces `runs` by those of the nonzero bytes of `mask` and returns how many bytes are nonzero.
 std::uint32_t find_runs(const std::uint8_t* mask, std::uint32_t count, std::vector<PixelRun>& runs);
 
-/// Copies the columns of `run` whose `mask` byte is not 0; without holes the mask isn't looked at.
-void copy_run(const PixelRun& run, const std::uint8_t* mask, const InkRows& rows, const PixelTarget& target);
+/// Copies the columns of `run` whose `mask` byte is not 0 to row `y` of `target`; without holes the mask
+/// isn't looked at.
+void copy_run(const PixelRun& run, const std::uint8_t* mask, const InkRows& rows, const PixelTarget& target,
+              std::uint32_t y);
 
 /// Whether any of these columns has ink.
 bool any_ink(const PixelRun& run, const std::uint8_t* mask, const InkRows& rows);

@@ -359,7 +359,7 @@ ItemComposer::Painted ItemComposer::raster_rows(const Plan& plan, const SourceVi
     RowRasterizer rasterizer(view, plan.traits, plan.grid, columns, color);
     const IndexRange part{rows.begin + static_cast<std::uint32_t>(begin),
                           rows.begin + static_cast<std::uint32_t>(end)};
-    rasterizer.raster_rows(part, target.moved_down(begin));
+    rasterizer.raster_rows(part, target.below(static_cast<std::uint32_t>(begin)));
     written += rasterizer.pixels_written();
     if (rasterizer.has_ink()) has_ink = true;
     counters_.add_when_profiling(&CompositorCounters::color_convert_ns, rasterizer.conversion_nanoseconds());

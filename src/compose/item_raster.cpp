@@ -185,18 +185,17 @@ RowRasterizer::RowRasterizer(const SourceView& source, const ItemTraits& traits,
 
 void RowRasterizer::raster_rows(const IndexRange& rows, const PixelTarget& target) {
   if (columns_.size() == 0) return;
-  for (std::uint32_t row = rows.begin; row < rows.end; ++row)
-    raster_row(row, target.moved_down(row - rows.begin));
+  for (std::uint32_t row = rows.begin; row < rows.end; ++row) raster_row(row, target, row - rows.begin);
 }
 
-void RowRasterizer::raster_row(std::uint32_t row, const PixelTarget& target) {
+void RowRasterizer::raster_row(std::uint32_t row, const PixelTarget& target, std::uint32_t y) {
   const AxisSample source_row = map_axis_bilinear(row, grid_.dest_height, grid_.source_height);
   sample_white(row, source_row);
   const std::uint8_t* alpha = sample_alpha(source_row);
   find_runs_of(alpha);
   if (runs_.empty()) return;
   const std::size_t pixels = sample_color(source_row);
-  write_runs(convert_to_cmyk(pixels), alpha, target);
+  write_runs(convert_to_cmyk(pixels), alpha, target, y);
 }
 
 void RowRasterizer::sample_white(std::uint32_t row, const AxisSample& source_row) {
@@ -257,8 +256,8 @@ const std::uint8_t* RowRasterizer::convert_to_cmyk(std::size_t pixels) {
   return cmyk_.data();
 }
 
-void RowRasterizer::write_runs(const std::uint8_t* cmyk, const std::uint8_t* alpha,
-                               const PixelTarget& target) {
+void RowRasterizer::write_runs(const std::uint8_t* cmyk, const std::uint8_t* alpha, const PixelTarget& target,
+                               std::uint32_t y) {
   const InkRows rows{{inks_[0].data(), inks_[1].data(), inks_[2].data(), inks_[3].data(), white_.data()}};
   for (const PixelRun& run : runs_) {
     const std::size_t size = run.size();
@@ -271,7 +270,7 @@ void RowRasterizer::write_runs(const std::uint8_t* cmyk, const std::uint8_t* alp
         premultiply(alpha + run.begin, size, white_.data() + run.begin);
     }
     has_ink_ = has_ink_ || any_ink(run, alpha, rows);
-    copy_run(run, alpha, rows, target);
+    copy_run(run, alpha, rows, target, y);
   }
 }
 
@@ -279,13 +278,14 @@ PixelTarget strip_target(StripBuffer& strip, const ItemPlacement& placement, con
                          const IndexRange& rows, bool explicit_white) {
   const std::size_t column = static_cast<std::size_t>(placement.x + columns.begin);
   const std::size_t row = static_cast<std::size_t>(placement.y + rows.begin - strip.y);
-  const std::size_t first = row * strip.width + column;
+  const auto part = [&](Plane& plane) {
+    return MutablePlaneView(plane.data(), strip.width, strip.height)
+        .part(column, row, columns.size(), rows.size());
+  };
   PixelTarget target;
-  for (std::size_t ink = 0; ink < target.inks.size(); ++ink)
-    target.inks[ink] = strip.planes[ink].data() + first;
-  target.mark = strip.explicit_white.data() + first;
+  for (std::size_t ink = 0; ink < target.inks.size(); ++ink) target.inks[ink] = part(strip.planes[ink]);
+  target.mark = part(strip.explicit_white);
   target.mark_value = explicit_white ? 255 : 0;
-  target.pitch = strip.width;
   return target;
 }
 
@@ -296,7 +296,8 @@ PreparedItemRaster::PreparedItemRaster(std::uint32_t width_px, std::uint32_t hei
 }
 
 PixelTarget PreparedItemRaster::target() {
-  return {{c.data(), m.data(), y.data(), k.data(), w.data()}, valid.data(), 1, width};
+  const auto view = [this](Plane& plane) { return MutablePlaneView(plane.data(), width, height); };
+  return {{view(c), view(m), view(y), view(k), view(w)}, view(valid), 1};
 }
 
 bool blit_prepared_raster(const PreparedItemRaster& raster, const ItemPlacement& placement,
@@ -319,7 +320,7 @@ bool blit_prepared_raster(const PreparedItemRaster& raster, const ItemPlacement&
     const InkRows inks{{raster.c.data() + first, raster.m.data() + first, raster.y.data() + first,
                         raster.k.data() + first, raster.w.data() + first}};
     written += find_runs(valid, columns.size(), runs);
-    for (const PixelRun& run : runs) copy_run(run, valid, inks, target.moved_down(row - copied.begin));
+    for (const PixelRun& run : runs) copy_run(run, valid, inks, target, row - copied.begin);
   }
   return true;
 }

@@ -89,7 +89,8 @@ class RowRasterizer {
   RowRasterizer(const SourceView& source, const ItemTraits& traits, const ItemGrid& grid,
                 const ColumnMap& columns, const RowColor& color);
 
-  /// Rows of the item into `target`, which points at the first of them and the first mapped column.
+  /// Rows of the item into `target`, whose first row and column are the first of them and the first mapped
+  /// column.
   void raster_rows(const IndexRange& rows, const PixelTarget& target);
 
   std::uint64_t pixels_written() const { return pixels_written_; }
@@ -99,13 +100,14 @@ class RowRasterizer {
  private:
   enum class AlphaSource { opaque, channel, coverage };
 
-  void raster_row(std::uint32_t row, const PixelTarget& target);
+  void raster_row(std::uint32_t row, const PixelTarget& target, std::uint32_t y);
   void sample_white(std::uint32_t row, const AxisSample& source_row);
   const std::uint8_t* sample_alpha(const AxisSample& source_row);
   void find_runs_of(const std::uint8_t* alpha);
   std::size_t sample_color(const AxisSample& source_row);
   const std::uint8_t* convert_to_cmyk(std::size_t pixels);
-  void write_runs(const std::uint8_t* cmyk, const std::uint8_t* alpha, const PixelTarget& target);
+  void write_runs(const std::uint8_t* cmyk, const std::uint8_t* alpha, const PixelTarget& target,
+                  std::uint32_t y);
 
   const ItemTraits traits_;
   const ItemGrid grid_;
@@ -123,7 +125,7 @@ class RowRasterizer {
   bool has_ink_ = false;
 };
 
-/// Pixels of a strip at the place of an item: the item's column `columns.begin` and row `rows.begin`.
+/// The pixels of a strip that columns `columns` and rows `rows` of an item cover.
 PixelTarget strip_target(StripBuffer& strip, const ItemPlacement& placement, const IndexRange& columns,
                          const IndexRange& rows, bool explicit_white);
 

@@ -39,6 +39,12 @@ class BasicPlaneView {
     assert(x < width_);
     return row(y)[x];
   }
+  /// `height` rows from row `y` on, of each `width` bytes from column `x` on; null of a null view.
+  BasicPlaneView part(std::size_t x, std::size_t y, std::uint32_t width, std::uint32_t height) const {
+    if (null()) return {};
+    assert(x + width <= width_ && y + height <= height_);
+    return {data_ + y * pitch_ + x, width, height, pitch_};
+  }
   bool same_size(const auto& other) const { return width_ == other.width() && height_ == other.height(); }
 
  private:
