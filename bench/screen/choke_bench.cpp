@@ -79,8 +79,8 @@ void prepare_choke(benchmark::State& state, bool adaptive, bool grain, float amo
   input.coverage = view(art.coverage);
   input.total_src_rows = kRows;
   DeviceChokeParams params;
-  params.amount_px_at_300dpi = amount;
-  params.adaptive = adaptive;
+  params.choke.white_choke_amount_px_at_300dpi = amount;
+  if (adaptive) params.choke.white_choke_algorithm = DeviceChokeAlgorithm::adaptive;
   if (adaptive) {
     input.support_plane = view(art.white);
     input.light_mask = view(art.light);

@@ -106,7 +106,7 @@ void kernel_row(benchmark::State& state, Stage stage, const InstructionSet* set)
   state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations()) * kDeviceWidth);
 }
 
-std::unique_ptr<RipEngine> make_engine(std::uint32_t y_dpi, SamplingMode mode) {
+std::unique_ptr<RipEngine> make_engine(std::uint32_t y_dpi, ResamplingMode mode) {
   Logger::instance().set_level(LogLevel::error);
   RipEngineParams params;
   params.y_dpi = y_dpi;
@@ -121,7 +121,7 @@ std::unique_ptr<RipEngine> make_engine(std::uint32_t y_dpi, SamplingMode mode) {
   return engine;
 }
 
-void strip(benchmark::State& state, std::uint32_t y_dpi, SamplingMode mode, const InstructionSet* set,
+void strip(benchmark::State& state, std::uint32_t y_dpi, ResamplingMode mode, const InstructionSet* set,
            bool reuse) {
   const ForcedInstructionSet forced(*set);
   const auto engine = make_engine(y_dpi, mode);
@@ -144,7 +144,7 @@ void strip(benchmark::State& state, std::uint32_t y_dpi, SamplingMode mode, cons
 
 /// The same strip cut into discs, with the choke's ring around each: several times the outline of usual art.
 void ring_strip(benchmark::State& state) {
-  RipEngineParams params = make_engine(1800, SamplingMode::smooth)->params();
+  RipEngineParams params = make_engine(1800, ResamplingMode::smooth)->params();
   params.white_choke_enabled = true;
   params.white_choke_amount_px_at_300dpi = 1.5f;
   params.white_choke_strategy = WhiteChokeStrategy::production;
@@ -180,7 +180,7 @@ void ring_strip(benchmark::State& state) {
 }
 
 void plain_strip(benchmark::State& state) {
-  const auto engine = make_engine(1800, SamplingMode::smooth);
+  const auto engine = make_engine(1800, ResamplingMode::smooth);
   const test::PlainRipEngine plain(*engine);
   const auto plane = grainy_photo(kPlainRows);
   std::size_t dots = 0;
@@ -205,11 +205,11 @@ const bool registered = [] {
     const std::string name = std::string("/") + set->name;
     for (const std::uint32_t y_dpi : {720u, 900u, 1800u})
       benchmark::RegisterBenchmark(("strip_smooth_" + std::to_string(y_dpi) + name).c_str(), strip, y_dpi,
-                                   SamplingMode::smooth, set, true);
-    benchmark::RegisterBenchmark(("strip_hard_1800" + name).c_str(), strip, 1800u, SamplingMode::hard, set,
+                                   ResamplingMode::smooth, set, true);
+    benchmark::RegisterBenchmark(("strip_hard_1800" + name).c_str(), strip, 1800u, ResamplingMode::hard, set,
                                  true);
   }
-  benchmark::RegisterBenchmark("strip_smooth_1800_fresh_memory", strip, 1800u, SamplingMode::smooth,
+  benchmark::RegisterBenchmark("strip_smooth_1800_fresh_memory", strip, 1800u, ResamplingMode::smooth,
                                sets.back(), false);
   benchmark::RegisterBenchmark("strip_rings_1800", ring_strip);
   benchmark::RegisterBenchmark("strip_plain_1800", plain_strip);

@@ -32,43 +32,12 @@ class LogSink {
 
 RipJobOptions job_options(const JobSettings& job, const RipPerformance& performance) {
   RipJobOptions options;
-  options.x_dpi = job.print_mode.x_dpi;
-  options.y_dpi = job.print_mode.y_dpi;
-  options.passes = job.print_mode.passes;
-  options.adaptive_white_choke = job.white_choke_algorithm == WhiteChokeSetting::adaptive;
-  options.adaptive_white_choke_min_width_dots = std::clamp(job.white_choke_adaptive_min_width_dots, 1, 16);
-  options.adaptive_white_choke_protect_light = job.white_choke_adaptive_protect_light_enabled;
-  options.adaptive_white_choke_lightness_threshold =
-      std::clamp(job.white_choke_adaptive_lightness_threshold, 0.0f, 100.0f);
+  hand_over<PrintSettings>(job, options);
+  hand_over<HeadConfig>(job.head(), options);
   options.performance = performance;
-  options.icc = job.icc;
-  options.device_board = job.head().device_board;
-  options.print_head = job.head().print_head;
-  options.print_mode = job.print_mode;
-  options.job_icc = job.icc;
-  options.output_channel_map = job.output_channel_map;
   options.nesting_gap_in = job.repeated_file_gap_in;
   options.sheet_width_setting_in = job.sheet_width_in;
   options.max_length_in = job.max_length_in;
-  options.sheet_margin_left_in = job.sheet_margin_left_in;
-  options.sheet_margin_right_in = job.sheet_margin_right_in;
-  options.sheet_margin_top_in = job.sheet_margin_top_in;
-  options.sheet_margin_bottom_in = job.sheet_margin_bottom_in;
-  options.sheet_placement_mode = job.sheet_placement_mode;
-  options.white_generation_mode = job.white_generation_mode;
-  options.white_choke_enabled = job.white_choke_enabled;
-  options.white_choke_amount_px_at_300dpi = job.white_choke_amount_px_at_300dpi;
-  options.white_choke_algorithm = job.white_choke_algorithm;
-  options.white_choke_adaptive_min_width_dots = job.white_choke_adaptive_min_width_dots;
-  options.white_choke_adaptive_protect_light_enabled = job.white_choke_adaptive_protect_light_enabled;
-  options.white_choke_adaptive_lightness_threshold = job.white_choke_adaptive_lightness_threshold;
-  options.color_resampling_mode = job.color_resampling_mode;
-  options.color_resampling_linear_light = job.color_resampling_linear_light;
-  options.white_resampling_mode = job.white_resampling_mode;
-  options.white_ink_limit_enabled = job.white_ink_limit_enabled;
-  options.total_ink_budget_pct = job.total_ink_budget_pct;
-  options.max_white_pct = job.max_white_pct;
-  options.min_white_pct = job.min_white_pct;
   return options;
 }
 

@@ -32,6 +32,7 @@ std::uint32_t source_layout_dpi(const std::vector<std::string>& inputs);
 /// Rips one image into a print file and returns the file's path. Sizes are inches; a value that is not
 /// positive counts as absent. `job_settings` may be null: the defaults then apply. With `keep_existing` the
 /// job fails rather than replace a file at `output_path`, whenever that came. Failures leave as exceptions.
+/// So many parameters, since this is how front ends call it.
 std::string run_job(const std::string& input_path, const std::string& output_path,
                     const RipSettings& rip_settings, const IccSettings& icc_settings, float width_in,
                     float height_in, const JobCallbacks& callbacks, const JobSettings* job_settings,

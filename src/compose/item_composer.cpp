@@ -304,7 +304,7 @@ RowColor ItemComposer::start_color(const ImageMeta& meta, bool is_rgb, WorkerIcc
 /// Whether the item's coverage is binary, so that it may be scaled hard. Exactly one of `image` and `source`
 /// is given.
 bool ItemComposer::classify_white_coverage(const Job& job, const LoadedImage* image, RasterSource* source) {
-  if (config_.white_resampling_mode == ResamplingMode::smooth) {
+  if (!config_.white_hard()) {
     counters_.add_when_profiling(&CompositorCounters::white_classify_hits, 1);
     return false;
   }

@@ -112,7 +112,7 @@ ItemGrid make_item_grid(const ImageMeta& meta, bool rotated, const ItemPlacement
           placement.height};
 }
 
-ItemTraits make_item_traits(const ImageMeta& meta, const ItemGrid& grid, const StripCompositorConfig& config,
+ItemTraits make_item_traits(const ImageMeta& meta, const ItemGrid& grid, const Resampling& resampling,
                             bool binary_coverage) {
   const bool shrinks = grid.dest_width < grid.source_width || grid.dest_height < grid.source_height;
   const bool grows = grid.dest_width > grid.source_width || grid.dest_height > grid.source_height;
@@ -121,11 +121,10 @@ ItemTraits make_item_traits(const ImageMeta& meta, const ItemGrid& grid, const S
   traits.has_white = meta.role_index(ChannelRole::white) >= 0;
   traits.alpha_active = meta.has_alpha && is_channel_of(meta, meta.role_index(ChannelRole::alpha));
   traits.white_is_alpha = traits.is_rgb && !meta.has_alpha && traits.has_white;
-  traits.color_hard = config.color_resampling_mode == ResamplingMode::hard;
-  traits.linear_light = traits.is_rgb && config.color_resampling_linear_light &&
-                        config.color_resampling_mode == ResamplingMode::smooth;
+  traits.color_hard = resampling.color_hard();
+  traits.linear_light = traits.is_rgb && resampling.color_resampling_linear_light && !resampling.color_hard();
   traits.box = traits.has_white && shrinks;
-  traits.hard = grows && config.white_resampling_mode != ResamplingMode::smooth && binary_coverage;
+  traits.hard = grows && resampling.white_hard() && binary_coverage;
   return traits;
 }
 

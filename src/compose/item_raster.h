@@ -7,10 +7,10 @@
 #include <vector>
 
 #include "compose/color_conversion.h"
-#include "compose/compositor_config.h"
 #include "compose/ink_rows.h"
 #include "compose/row_sampler.h"
 #include "compose/strip_buffer.h"
+#include "config/print_settings.h"
 #include "image/image_types.h"
 #include "plan/rip_job_options.h"
 
@@ -56,7 +56,7 @@ struct ItemTraits {
   bool hard = false;            ///< white, and transparency that follows it, from the nearest sample
 };
 /// `binary_coverage` tells whether the coverage may be scaled hard.
-ItemTraits make_item_traits(const ImageMeta& meta, const ItemGrid& grid, const StripCompositorConfig& config,
+ItemTraits make_item_traits(const ImageMeta& meta, const ItemGrid& grid, const Resampling& resampling,
                             bool binary_coverage);
 
 /// Source rows that destination rows `rows` are made from; empty where there are none.

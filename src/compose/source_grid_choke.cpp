@@ -21,7 +21,6 @@ namespace {
 constexpr std::size_t kInkPlanes = 4;
 constexpr std::uint8_t kInkThreshold = 2;
 constexpr std::uint32_t kNone = 0xFFFFFFFF;  // no distance, no origin
-constexpr float kReferenceDpi = 300.0f;
 
 struct TokenRule {
   std::string_view token;
@@ -214,7 +213,7 @@ void give(const std::vector<std::uint8_t>& mask, std::vector<std::uint8_t>* out)
 
 float choke_radius_runtime(std::uint32_t dpi, float amount_px_at_300dpi) {
   if (!(amount_px_at_300dpi > 0.0f) || dpi == 0) return 0.0f;
-  return static_cast<float>(dpi) / kReferenceDpi * amount_px_at_300dpi;
+  return static_cast<float>(dpi) / WhiteChoke::kReferenceDpi * amount_px_at_300dpi;
 }
 
 std::uint32_t choke_radius_px(float radius) {

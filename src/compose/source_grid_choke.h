@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "compose/strip_buffer.h"
-#include "config/job_settings.h"
+#include "config/print_settings.h"
 
 // The older way to choke white: colour spreads into bare pixels of a strip on the source grid. No job comes
 // here: jobs choke on the device grid (screen/choke), and StreamRip leaves the compositor's switch

@@ -181,14 +181,10 @@ std::vector<ItemReport> StripCompositor::item_reports() const {
 void StripCompositor::finish_white(StripBuffer& strip) {
   const CounterBook::Timer timer(composer_.counters(), &CompositorCounters::white_underbase_ns);
   WhiteUnderbaseParams params;
-  params.white_generation_mode = config_.white_generation_mode;
+  hand_over<StripWhite>(config_, params);
   params.choke_enabled = config_.source_grid_choke_enabled;
   params.choke_amount_px_at_300dpi = config_.white_choke_amount_px_at_300dpi;
   params.choke_strategy = config_.white_choke_strategy;
-  params.white_ink_limit_enabled = config_.white_ink_limit_enabled;
-  params.total_ink_budget_pct = config_.total_ink_budget_pct;
-  params.max_white_pct = config_.max_white_pct;
-  params.min_white_pct = config_.min_white_pct;
   apply_white_underbase(strip, config_.src_dpi, params);
 }
 

@@ -20,25 +20,21 @@ constexpr std::uint8_t kMostGraded = 250;
 constexpr std::uint32_t kRowsPerRead = 256;
 constexpr std::size_t kScanBlock = 4096;
 
-struct WhiteLimit {
-  float total_budget;
-  float max_white;
-  float min_white;
-
+struct WhiteLimit : WhiteInkLimit {
   /// White byte of a pixel with the given inks and coverage. The additions are in f32 and in this order.
   std::uint8_t operator()(std::uint8_t c, std::uint8_t m, std::uint8_t y, std::uint8_t k,
                           std::uint8_t white) const {
     const float coverage = static_cast<float>(white) / 255.0f;
     const float used = ((percent(m) + percent(c)) + percent(y)) + percent(k);
-    const float room = total_budget - used;
-    float allowed = max_white > room ? room : max_white;
+    const float room = total_ink_budget_pct - used;
+    float allowed = max_white_pct > room ? room : max_white_pct;
     allowed = allowed > 0.0f ? allowed : 0.0f;
-    const float wanted = max_white * coverage;
+    const float wanted = max_white_pct * coverage;
     float value = allowed < wanted ? allowed : wanted;
-    const float floor = min_white * coverage;
+    const float floor = min_white_pct * coverage;
     value = floor > value ? floor : value;
-    if (!(max_white > 0.0f && value > 0.0f)) return 0;
-    return to_byte((value / max_white) * 255.0f + 0.5f);
+    if (!(max_white_pct > 0.0f && value > 0.0f)) return 0;
+    return to_byte((value / max_white_pct) * 255.0f + 0.5f);
   }
 
  private:
@@ -99,8 +95,7 @@ bool has_graded_sample(const std::uint8_t* sample, std::uint64_t pixels, std::si
 void apply_white_underbase(StripBuffer& strip, std::uint32_t dpi, const WhiteUnderbaseParams& params) {
   const bool choke_wanted = params.choke_enabled && params.choke_amount_px_at_300dpi > 0.0f &&
                             params.choke_strategy != WhiteChokeStrategy::production;
-  if (params.white_ink_limit_enabled)
-    limit_white(strip, {params.total_ink_budget_pct, params.max_white_pct, params.min_white_pct});
+  if (params.white_ink_limit_enabled) limit_white(strip, {params});
   if (choke_wanted) {
     apply_source_grid_choke(strip, dpi, params.choke_amount_px_at_300dpi, params.choke_strategy, nullptr,
                             nullptr);

@@ -3,23 +3,17 @@
 #include <cstdint>
 #include <string>
 
+#include "compose/compositor_config.h"
 #include "compose/strip_buffer.h"
-#include "config/job_settings.h"
 #include "image/image_types.h"
 #include "image/raster_source.h"
 
 namespace nvo {
 
-/// Percentages count one full ink as 100.
-struct WhiteUnderbaseParams {
-  std::uint32_t white_generation_mode = 0;
-  bool choke_enabled = false;
+struct WhiteUnderbaseParams : StripWhite {
+  bool choke_enabled = false;  ///< on the source grid
   float choke_amount_px_at_300dpi = 0.0f;
   WhiteChokeStrategy choke_strategy = WhiteChokeStrategy::production;
-  bool white_ink_limit_enabled = false;
-  float total_ink_budget_pct = 300.0f;
-  float max_white_pct = 400.0f;  ///< percent of white at a white byte of 255
-  float min_white_pct = 10.0f;   ///< percent that a pixel keeps in any case, scaled by its coverage
 };
 
 /// Limits the white of a finished strip by the total ink of each pixel and spreads colour on the source grid

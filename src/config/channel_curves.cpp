@@ -17,9 +17,9 @@ std::vector<float> channel_curve(const ChannelSettings& channel) {
     });
     return curve;
   }
-  const float limit = std::isfinite(channel.limit) ? std::clamp(channel.limit, 0.0f, kMaxInk) : 0.0f;
+  const float limit = std::isfinite(channel.limit) ? ChannelSettings::kInk.cut(channel.limit) : 0.0f;
   const bool usable = std::isfinite(channel.gamma) && channel.gamma > 0.0f;
-  const float gamma = std::clamp(usable ? channel.gamma : 1.0f, 0.1f, 5.0f);
+  const float gamma = ChannelSettings::kGamma.cut(usable ? channel.gamma : 1.0f);
   for (std::size_t i = 0; i < kCurveSize; ++i) {
     const float t = static_cast<float>(i) / kMaxInk;
     curve[i] = std::clamp(std::pow(t, gamma) * limit, 0.0f, kMaxInk);

@@ -1,7 +1,5 @@
 #include "config/job_settings.h"
 
-#include <algorithm>
-
 namespace nvo {
 
 JobSettings default_job_settings(const RipSettings& rip_settings, const IccSettings& icc_settings) {
@@ -14,9 +12,9 @@ JobSettings default_job_settings(const RipSettings& rip_settings, const IccSetti
     job.print_mode = resolve_print_mode(job.head(), *legacy);
   }
   job.output_channel_map = default_channel_map(job.head());
-  job.repeated_file_gap_in = std::max(rip_settings.nesting_gap_in, 0.0f);
-  job.sheet_width_in = std::max(rip_settings.sheet_width_in, 0.01f);
-  job.max_length_in = std::max(rip_settings.max_length_in, 0.01f);
+  job.repeated_file_gap_in = JobSettings::kGapIn.cut(rip_settings.nesting_gap_in);
+  job.sheet_width_in = JobSettings::kSheetLengthIn.cut(rip_settings.sheet_width_in);
+  job.max_length_in = JobSettings::kSheetLengthIn.cut(rip_settings.max_length_in);
   return job;
 }
 

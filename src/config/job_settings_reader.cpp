@@ -27,12 +27,6 @@ namespace {
 using nlohmann::json;
 
 constexpr std::uint64_t kMaxFileBytes = 1048576;
-constexpr float kNoLimit = std::numeric_limits<float>::max();
-constexpr float kLeastLengthIn = 0.01f;
-constexpr float kMaxChokeAmount = 2.5f;
-constexpr std::int32_t kMinWidthDots = 1, kMaxWidthDots = 16;
-constexpr float kMaxLightness = 100.0f;
-constexpr float kDefaultLightness = 85.0f;
 
 // ---- Tokens ----
 
@@ -143,11 +137,10 @@ struct Flag {
 struct Amount {
   static constexpr ValueType type = ValueType::number;
   float JobSettings::*field;
-  float low;
-  float high = kNoLimit;
+  Limits limits;
 };
 
-struct Resampling {
+struct ResamplingChoice {
   static constexpr ValueType type = ValueType::text;
   ResamplingMode JobSettings::*field;
   Fallback<ResamplingMode> fallback;
@@ -161,7 +154,7 @@ struct Special {
 
 struct KeyRow {
   const char* key;
-  std::variant<Flag, Amount, Resampling, Special> rule;
+  std::variant<Flag, Amount, ResamplingChoice, Special> rule;
 };
 
 void apply_device_board(const json& value, const char* key, JobSettings& job) {
@@ -230,8 +223,8 @@ void apply_choke_algorithm(const json& value, const char* key, JobSettings& job)
 }
 
 /// The number within the range; says so where it had to be cut.
-double cut(double number, double low, double high, const char* key) {
-  const double within = std::clamp(number, low, high);
+double cut(double number, const Limits& limits, const char* key) {
+  const double within = limits.cut(number);
   if (within != number) log_warn("JobSettings: ", key, " ", number, " is out of range; using ", within);
   return within;
 }
@@ -240,7 +233,7 @@ void apply_min_width(const json& value, const char* key, JobSettings& job) {
   const double width = value.get<double>();
   if (!std::isfinite(width)) return;
   job.white_choke_adaptive_min_width_dots =
-      static_cast<std::int32_t>(cut(std::round(width), kMinWidthDots, kMaxWidthDots, key));
+      static_cast<std::int32_t>(cut(std::round(width), WhiteChoke::kMinWidthDots, key));
 }
 
 constexpr Fallback<ResamplingMode> kSmooth{ResamplingMode::smooth, "smooth"};
@@ -252,23 +245,23 @@ constexpr KeyRow kKeys[] = {
     {"print_head", Special{ValueType::text, apply_print_head}},
     {"print_mode_id", Special{ValueType::text, apply_print_mode_id}},
     {"output_channel_map", Special{ValueType::list, apply_channel_map}},
-    {"nesting_gap_in", Amount{&JobSettings::repeated_file_gap_in, 0.0f}},
-    {"repeated_file_gap_in", Amount{&JobSettings::repeated_file_gap_in, 0.0f}},
-    {"sheet_width_in", Amount{&JobSettings::sheet_width_in, kLeastLengthIn}},
-    {"max_length_in", Amount{&JobSettings::max_length_in, kLeastLengthIn}},
-    {"sheet_margin_left_in", Amount{&JobSettings::sheet_margin_left_in, 0.0f}},
-    {"sheet_margin_right_in", Amount{&JobSettings::sheet_margin_right_in, 0.0f}},
-    {"sheet_margin_top_in", Amount{&JobSettings::sheet_margin_top_in, 0.0f}},
-    {"sheet_margin_bottom_in", Amount{&JobSettings::sheet_margin_bottom_in, 0.0f}},
+    {"nesting_gap_in", Amount{&JobSettings::repeated_file_gap_in, JobSettings::kGapIn}},
+    {"repeated_file_gap_in", Amount{&JobSettings::repeated_file_gap_in, JobSettings::kGapIn}},
+    {"sheet_width_in", Amount{&JobSettings::sheet_width_in, JobSettings::kSheetLengthIn}},
+    {"max_length_in", Amount{&JobSettings::max_length_in, JobSettings::kSheetLengthIn}},
+    {"sheet_margin_left_in", Amount{&JobSettings::sheet_margin_left_in, SheetMargins::kMarginIn}},
+    {"sheet_margin_right_in", Amount{&JobSettings::sheet_margin_right_in, SheetMargins::kMarginIn}},
+    {"sheet_margin_top_in", Amount{&JobSettings::sheet_margin_top_in, SheetMargins::kMarginIn}},
+    {"sheet_margin_bottom_in", Amount{&JobSettings::sheet_margin_bottom_in, SheetMargins::kMarginIn}},
     {"sheet_placement_mode", Special{ValueType::text, apply_placement}},
     {"icc", Special{ValueType::object, apply_icc}},
     {"white_generation_mode", Special{ValueType::text, apply_legacy_white_mode}},
     {"white_choke_enabled", Flag{&JobSettings::white_choke_enabled}},
     {"use_color_expansion_over_white", Flag{&JobSettings::white_choke_enabled}},
     {"white_choke_amount_px_at_300dpi",
-     Amount{&JobSettings::white_choke_amount_px_at_300dpi, 0.0f, kMaxChokeAmount}},
+     Amount{&JobSettings::white_choke_amount_px_at_300dpi, WhiteChoke::kAmountPx}},
     {"expansion_amount_px_at_300dpi",
-     Amount{&JobSettings::white_choke_amount_px_at_300dpi, 0.0f, kMaxChokeAmount}},
+     Amount{&JobSettings::white_choke_amount_px_at_300dpi, WhiteChoke::kAmountPx}},
     {"white_choke_algorithm", Special{ValueType::text, apply_choke_algorithm}},
     {"white_choke_strategy", Special{ValueType::text, apply_choke_algorithm}},
     {"white_choke_adaptive_min_width_dots", Special{ValueType::number, apply_min_width}},
@@ -278,18 +271,18 @@ constexpr KeyRow kKeys[] = {
     {"adaptive_white_choke_protect_light_enabled",
      Flag{&JobSettings::white_choke_adaptive_protect_light_enabled}},
     {"white_choke_adaptive_lightness_threshold",
-     Amount{&JobSettings::white_choke_adaptive_lightness_threshold, 0.0f, kMaxLightness}},
+     Amount{&JobSettings::white_choke_adaptive_lightness_threshold, WhiteChoke::kLightness}},
     {"adaptive_white_choke_lightness_threshold",
-     Amount{&JobSettings::white_choke_adaptive_lightness_threshold, 0.0f, kMaxLightness}},
-    {"color_resampling_mode", Resampling{&JobSettings::color_resampling_mode, kSmooth}},
-    {"color_resampling", Resampling{&JobSettings::color_resampling_mode, kSmooth}},
+     Amount{&JobSettings::white_choke_adaptive_lightness_threshold, WhiteChoke::kLightness}},
+    {"color_resampling_mode", ResamplingChoice{&JobSettings::color_resampling_mode, kSmooth}},
+    {"color_resampling", ResamplingChoice{&JobSettings::color_resampling_mode, kSmooth}},
     {"color_resampling_linear_light", Flag{&JobSettings::color_resampling_linear_light}},
-    {"white_resampling_mode", Resampling{&JobSettings::white_resampling_mode, kHard}},
-    {"white_resampling", Resampling{&JobSettings::white_resampling_mode, kHard}},
+    {"white_resampling_mode", ResamplingChoice{&JobSettings::white_resampling_mode, kHard}},
+    {"white_resampling", ResamplingChoice{&JobSettings::white_resampling_mode, kHard}},
     {"white_ink_limit_enabled", Flag{&JobSettings::white_ink_limit_enabled}},
-    {"total_ink_budget_pct", Amount{&JobSettings::total_ink_budget_pct, 0.0f}},
-    {"max_white_pct", Amount{&JobSettings::max_white_pct, 0.0f}},
-    {"min_white_pct", Amount{&JobSettings::min_white_pct, 0.0f}},
+    {"total_ink_budget_pct", Amount{&JobSettings::total_ink_budget_pct, WhiteInkLimit::kPercent}},
+    {"max_white_pct", Amount{&JobSettings::max_white_pct, WhiteInkLimit::kPercent}},
+    {"min_white_pct", Amount{&JobSettings::min_white_pct, WhiteInkLimit::kPercent}},
 };
 
 void apply(const Flag& rule, const json& value, const char*, JobSettings& job) {
@@ -299,10 +292,10 @@ void apply(const Flag& rule, const json& value, const char*, JobSettings& job) {
 void apply(const Amount& rule, const json& value, const char* key, JobSettings& job) {
   const double number = value.get<double>();
   if (!std::isfinite(number)) return;
-  job.*rule.field = static_cast<float>(cut(number, rule.low, rule.high, key));
+  job.*rule.field = static_cast<float>(cut(number, rule.limits, key));
 }
 
-void apply(const Resampling& rule, const json& value, const char* key, JobSettings& job) {
+void apply(const ResamplingChoice& rule, const json& value, const char* key, JobSettings& job) {
   job.*rule.field =
       parse_token<ResamplingMode>(kResamplingTokens, key, value.get<std::string>(), rule.fallback);
 }
@@ -339,10 +332,10 @@ void normalize(JobSettings& job) {
   job.white_generation_mode = WhiteGenerationMode::source_coverage;
   if (job.white_choke_algorithm != WhiteChokeSetting::adaptive)
     job.white_choke_algorithm = WhiteChokeSetting::production;
-  job.white_choke_adaptive_min_width_dots =
-      std::clamp(job.white_choke_adaptive_min_width_dots, kMinWidthDots, kMaxWidthDots);
+  std::int32_t& min_width = job.white_choke_adaptive_min_width_dots;
+  min_width = WhiteChoke::kMinWidthDots.cut(min_width);
   float& threshold = job.white_choke_adaptive_lightness_threshold;
-  threshold = std::isnan(threshold) ? kDefaultLightness : std::clamp(threshold, 0.0f, kMaxLightness);
+  threshold = std::isnan(threshold) ? WhiteChoke::kDefaultLightness : WhiteChoke::kLightness.cut(threshold);
 }
 
 /// The value of a key where it has the type, or null.

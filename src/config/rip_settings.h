@@ -6,11 +6,16 @@
 #include <string_view>
 #include <vector>
 
+#include "config/limits.h"
+
 namespace nvo {
 
 /// Ink curve of one channel. `limit` is the ink value (0..255) of a full source byte, `gamma` the exponent. A
 /// `lut` of exactly 256 values (0..255) replaces both.
 struct ChannelSettings {
+  static constexpr Limits kInk{0.0, 255.0};  ///< of `limit` and of a `lut`
+  static constexpr Limits kGamma{0.1, 5.0};
+
   float limit = 255.0f;
   float gamma = 1.0f;
   std::vector<float> lut;
@@ -50,13 +55,20 @@ struct FilenameCopies {
 
 /// What belongs to the installation and not to one job. Lengths are inches.
 struct RipSettings {
+  static constexpr float kDefaultNestingGapIn = 0.5f;
+  static constexpr float kDefaultSheetWidthIn = 23.0f;
+  static constexpr float kDefaultMaxLengthIn = 120.0f;
+  static constexpr Limits kNestingGapIn{0.0, 100.0};
+  static constexpr Limits kSheetWidthIn{0.01, 500.0};
+  static constexpr Limits kMaxLengthIn{0.01, 10000.0};
+
   std::array<ChannelSettings, 5> channels = {
       {{220.0f, 1.2f, {}}, {220.0f, 1.2f, {}}, {190.0f, 1.4f, {}}, {150.0f, 1.5f, {}}, {255.0f, 1.0f, {}}}};
   std::string last_tiff_path;
   std::string print_mode_id = "720x1800_6pass";
-  float nesting_gap_in = 0.5f;
-  float sheet_width_in = 23.0f;
-  float max_length_in = 120.0f;
+  float nesting_gap_in = kDefaultNestingGapIn;
+  float sheet_width_in = kDefaultSheetWidthIn;
+  float max_length_in = kDefaultMaxLengthIn;
   std::string width_policy = "content_bounds";
   bool custom_output_folder_enabled = false;
   std::string custom_output_folder_path;

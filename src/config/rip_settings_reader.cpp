@@ -40,10 +40,6 @@ class InvalidSettings : public std::exception {
   std::string text_;
 };
 
-struct Range {
-  double low, high;
-};
-
 std::string text_of(double number) {
   std::ostringstream text;
   text << number;
@@ -91,8 +87,8 @@ class Section {
     field = value->get<bool>();
   }
 
-  void take(const char* key, float& field, Range range) const {
-    if (const json* value = find(key)) field = number(*value, label(key), range);
+  void take(const char* key, float& field, const Limits& limits) const {
+    if (const json* value = find(key)) field = number(*value, label(key), limits);
   }
 
   void take(const char* key, std::uint32_t& field, std::uint64_t maximum) const {
@@ -122,17 +118,17 @@ class Section {
       throw InvalidSettings(label(key) + " must be null or an array of exactly 256 numbers.");
     std::vector<float> lut;
     for (std::size_t i = 0; i < kLutSize; ++i)
-      lut.push_back(number((*value)[i], label(key) + "[" + std::to_string(i) + "]", {0.0, 255.0}));
+      lut.push_back(number((*value)[i], label(key) + "[" + std::to_string(i) + "]", ChannelSettings::kInk));
     field = std::move(lut);
   }
 
  private:
-  static float number(const json& value, const std::string& label, Range range) {
+  static float number(const json& value, const std::string& label, const Limits& limits) {
     const double number = value.is_number() ? value.get<double>() : std::nan("");
     if (!std::isfinite(number)) throw InvalidSettings(label + " must be a finite number.");
-    if (number < range.low || number > range.high)
-      throw InvalidSettings(label + " must be finite and in range " + text_of(range.low) + ".." +
-                            text_of(range.high) + ".");
+    if (!limits.hold(number))
+      throw InvalidSettings(label + " must be finite and in range " + text_of(limits.least) + ".." +
+                            text_of(limits.most) + ".");
     return static_cast<float>(number);
   }
 
@@ -163,8 +159,8 @@ void take_channels(const Section& top, RipSettings& settings) {
   for (std::size_t i = 0; i < settings.channels.size(); ++i) {
     const auto channel = channels->section(kKeys[i]);
     if (!channel) continue;
-    channel->take("limit", settings.channels[i].limit, {0.0, 255.0});
-    channel->take("gamma", settings.channels[i].gamma, {0.1, 5.0});
+    channel->take("limit", settings.channels[i].limit, ChannelSettings::kInk);
+    channel->take("gamma", settings.channels[i].gamma, ChannelSettings::kGamma);
     channel->take_lut("lut", settings.channels[i].lut);
   }
 }
@@ -244,9 +240,9 @@ RipSettings parse_rip_settings(const json& document, std::vector<std::string>* k
   take_channels(top, settings);
   top.take("last_tiff_path", settings.last_tiff_path);
   top.take("print_mode_id", settings.print_mode_id);
-  top.take("nesting_gap_in", settings.nesting_gap_in, {0.0, 100.0});
-  top.take("sheet_width_in", settings.sheet_width_in, {0.01, 500.0});
-  top.take("max_length_in", settings.max_length_in, {0.01, 10000.0});
+  top.take("nesting_gap_in", settings.nesting_gap_in, RipSettings::kNestingGapIn);
+  top.take("sheet_width_in", settings.sheet_width_in, RipSettings::kSheetWidthIn);
+  top.take("max_length_in", settings.max_length_in, RipSettings::kMaxLengthIn);
   top.take("width_policy", settings.width_policy);
   top.take("custom_output_folder_enabled", settings.custom_output_folder_enabled);
   top.take("custom_output_folder_path", settings.custom_output_folder_path);

@@ -13,7 +13,6 @@ namespace nvo {
 namespace {
 
 constexpr double kMillimetresPerInch = 25.4;
-constexpr double kChokeReferenceDpi = 300.0;
 /// The layout takes a resolution that is so close to its grid, in dots per inch, for that of the grid.
 constexpr float kSnapDpi = 0.51f;
 /// Art of so many pixels should come out larger than this.
@@ -111,30 +110,33 @@ std::string white_text(const ImageMeta& art, const RipJobOptions& options) {
 }
 
 std::string choke_text(const SheetPlan& plan) {
-  if (!plan.choke.device_choke) return "off";
-  const double amount = plan.options.white_choke_amount_px_at_300dpi;
-  const std::string text = std::string(plan.choke.adaptive ? "adaptive" : "production") + ", " +
+  const ChokePlan& choke = plan.choke;
+  if (!choke.is_active()) return "off";
+  const double amount = choke.white_choke_amount_px_at_300dpi;
+  const std::string text = std::string(choke.is_adaptive() ? "adaptive" : "production") + ", " +
                            rounded(amount, 3) + " px at 300 dpi (" +
-                           rounded(amount / kChokeReferenceDpi * kMillimetresPerInch, 3) + " mm)";
-  if (!plan.choke.adaptive) return text;
-  return text + ", features up to " + std::to_string(plan.choke.min_width_dots) + " dots keep their white, " +
-         (plan.choke.protect_light
-              ? "light areas from L* " + rounded(plan.choke.lightness_threshold, 1) + " keep theirs"
+                           rounded(amount / double{WhiteChoke::kReferenceDpi} * kMillimetresPerInch, 3) +
+                           " mm)";
+  if (!choke.is_adaptive()) return text;
+  return text + ", features up to " + std::to_string(choke.white_choke_adaptive_min_width_dots) +
+         " dots keep their white, " +
+         (choke.protects_light()
+              ? "light areas from L* " + rounded(choke.white_choke_adaptive_lightness_threshold, 1) +
+                    " keep theirs"
               : "light areas don't");
 }
 
-std::string ink_limit_text(const RipJobOptions& options) {
-  if (!options.white_ink_limit_enabled) return "off";
-  return rounded(options.total_ink_budget_pct, 1) + " % for all inks of a pixel, full white counts " +
-         rounded(options.max_white_pct, 1) + " %, " + rounded(options.min_white_pct, 1) + " % stay";
+std::string ink_limit_text(const WhiteInkLimit& limit) {
+  if (!limit.white_ink_limit_enabled) return "off";
+  return rounded(limit.total_ink_budget_pct, 1) + " % for all inks of a pixel, full white counts " +
+         rounded(limit.max_white_pct, 1) + " %, " + rounded(limit.min_white_pct, 1) + " % stay";
 }
 
-std::string resampling_text(const RipJobOptions& options, const std::optional<ImageMeta>& art) {
-  const bool colour_hard = options.color_resampling_mode == ResamplingMode::hard;
+std::string resampling_text(const Resampling& resampling, const std::optional<ImageMeta>& art) {
   const bool is_rgb = art && (art->is_rgb || !art->is_cmyk);
-  const bool linear = !colour_hard && options.color_resampling_linear_light && is_rgb;
-  return std::string("colour ") + (colour_hard ? "hard" : "smooth") + (linear ? " in linear light" : "") +
-         ", white " + (options.white_resampling_mode == ResamplingMode::hard ? "hard" : "smooth");
+  const bool linear = !resampling.color_hard() && resampling.color_resampling_linear_light && is_rgb;
+  return std::string("colour ") + (resampling.color_hard() ? "hard" : "smooth") +
+         (linear ? " in linear light" : "") + ", white " + (resampling.white_hard() ? "hard" : "smooth");
 }
 
 }  // namespace

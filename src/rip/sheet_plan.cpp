@@ -15,8 +15,7 @@ namespace nvo {
 namespace {
 
 PrintMode checked_print_mode(const RipJobOptions& options) {
-  const PrintMode mode = effective_print_mode(options.head(), options.print_mode,
-                                              {options.x_dpi, options.y_dpi, options.passes});
+  const PrintMode mode = effective_print_mode(options.head(), options.print_mode, options);
   if (options.src_dpi == 0 || mode.x_dpi == 0 || mode.y_dpi == 0)
     throw std::invalid_argument("StreamRip: src_dpi/x_dpi/y_dpi must be > 0");
   if (options.strip_h_px == 0) throw std::invalid_argument("StreamRip: strip_h_px must be > 0");
@@ -28,11 +27,6 @@ const IccSettings& effective_icc(const RipJobOptions& options) {
   const bool job_sets_any = job.enabled || !job.input_rgb_profile.empty() ||
                             !job.input_cmyk_profile.empty() || !job.output_profile.empty();
   return job_sets_any ? job : options.icc;
-}
-
-bool all_hard(const RipJobOptions& options) {
-  return options.color_resampling_mode == ResamplingMode::hard &&
-         options.white_resampling_mode == ResamplingMode::hard;
 }
 
 /// Places the items on their canvas.
@@ -108,7 +102,8 @@ std::uint32_t rows_of_band(std::uint32_t strip_rows, std::size_t row_bytes) {
 StripNeeds plan_streaming(SheetPlan& plan) {
   StripPlan& strips = plan.strips;
   require_exact_grid(strips);
-  strips.halo = std::max(resampling_halo_rows(strips.src_dpi, strips.y_dpi, all_hard(plan.options)),
+  strips.halo = std::max(resampling_halo_rows(strips.src_dpi, strips.y_dpi,
+                                              plan.options.color_hard() && plan.options.white_hard()),
                          plan.choke.halo_rows(strips.y_dpi));
   StripNeeds needs;
   needs.src_w = strips.src_w;
@@ -116,8 +111,8 @@ StripNeeds plan_streaming(SheetPlan& plan) {
       std::min<std::uint64_t>(strips.strip_rows + 2 * std::uint64_t{strips.halo}, strips.src_h));
   needs.dev_w = strips.dev_w;
   needs.dev_rows = device_row(needs.src_rows, strips.src_h, strips.src_dpi, strips.y_dpi);
-  needs.device_choke = plan.choke.device_choke;
-  needs.light_protection = plan.choke.protect_light;
+  needs.device_choke = plan.choke.is_active();
+  needs.light_protection = plan.choke.protects_light();
   require_strip_fits(needs);
   return needs;
 }
@@ -128,11 +123,11 @@ std::uint64_t plan_full_buffer(const SheetPlan& plan) {
                               .src_h = plan.strips.src_h,
                               .dev_w = plan.strips.dev_w,
                               .dev_h = plan.strips.dev_h,
-                              .device_choke = plan.choke.device_choke,
-                              .light_protection = plan.choke.protect_light,
+                              .device_choke = plan.choke.is_active(),
+                              .light_protection = plan.choke.protects_light(),
                               .parallel_channels = plan.parallel_channels,
-                              .color_hard = options.color_resampling_mode == ResamplingMode::hard,
-                              .white_hard = options.white_resampling_mode == ResamplingMode::hard};
+                              .color_hard = options.color_hard(),
+                              .white_hard = options.white_hard()};
   require_full_buffer_fits(needs);
   return full_buffer_bytes(needs);
 }

@@ -11,54 +11,30 @@
 namespace nvo {
 namespace {
 
-SamplingMode sampling_of(ResamplingMode mode) {
-  return mode == ResamplingMode::hard ? SamplingMode::hard : SamplingMode::smooth;
-}
-
 RipEngineParams engine_params(const SheetPlan& plan, const RipSettings& rip_settings) {
-  const RipJobOptions& options = plan.options;
-  const ChokePlan& choke = plan.choke;
   RipEngineParams params;
   params.src_dpi = plan.strips.src_dpi;
   params.x_dpi = plan.strips.x_dpi;
   params.y_dpi = plan.strips.y_dpi;
   params.n_channels = static_cast<std::int32_t>(kChannelCount);
-  params.white_choke_enabled = options.white_choke_enabled;
-  params.white_choke_amount_px_at_300dpi = options.white_choke_amount_px_at_300dpi;
-  params.white_choke_strategy = WhiteChokeStrategy::production;
-  params.white_choke_algorithm =
-      choke.adaptive ? DeviceChokeAlgorithm::adaptive : DeviceChokeAlgorithm::production;
-  params.white_choke_adaptive_min_width_dots = static_cast<std::uint32_t>(choke.min_width_dots);
-  params.white_choke_adaptive_protect_light_enabled = choke.protect_light;
-  params.white_choke_adaptive_lightness_threshold = choke.lightness_threshold;
-  params.color_resampling = sampling_of(options.color_resampling_mode);
-  params.white_resampling = sampling_of(options.white_resampling_mode);
-  params.cache_dir = options.cache_dir;
+  hand_over<DeviceChoke>(plan.choke, params);
+  params.color_resampling = plan.options.color_resampling_mode;
+  params.white_resampling = plan.options.white_resampling_mode;
+  params.cache_dir = plan.options.cache_dir;
   params.linear_lut = channel_curves(rip_settings);
   params.threads = plan.threads;
   return params;
 }
 
 StripCompositorConfig compositor_config(const SheetPlan& plan) {
-  const RipJobOptions& options = plan.options;
   StripCompositorConfig config;
+  hand_over<Resampling>(plan.options, config);
+  hand_over<WhiteInkLimit>(plan.options, config);
   config.threads = plan.threads;
   config.sheet_width_in = plan.size.width_in;
   config.sheet_height_in = plan.size.height_in;
-  config.src_dpi = options.src_dpi;
-  config.strip_h_px = options.strip_h_px;
-  config.channel_count = kChannelCount;
-  config.white_generation_mode = static_cast<std::uint32_t>(options.white_generation_mode);
-  config.source_grid_choke_enabled = false;  // white is choked on the device grid
-  config.white_choke_amount_px_at_300dpi = options.white_choke_amount_px_at_300dpi;
-  config.white_choke_strategy = WhiteChokeStrategy::production;
-  config.color_resampling_mode = options.color_resampling_mode;
-  config.color_resampling_linear_light = options.color_resampling_linear_light;
-  config.white_resampling_mode = options.white_resampling_mode;
-  config.white_ink_limit_enabled = options.white_ink_limit_enabled;
-  config.total_ink_budget_pct = options.total_ink_budget_pct;
-  config.max_white_pct = options.max_white_pct;
-  config.min_white_pct = options.min_white_pct;
+  config.src_dpi = plan.strips.src_dpi;
+  config.strip_h_px = plan.strips.strip_rows;
   return config;
 }
 

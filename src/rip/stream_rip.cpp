@@ -31,12 +31,14 @@ void log_choke(const SheetPlan& plan) {
   const RipJobOptions& options = plan.options;
   const ChokePlan& choke = plan.choke;
   if (is_environment_true(kStrategyOverride)) warn_ignored_override(kStrategyOverride);
-  log_info("White choke: enabled=", name_of(options.white_choke_enabled), ", strategy=production",
-           ", rip_algorithm=", choke.adaptive ? "adaptive" : "production", ", requested_strategy=production",
-           ", debug_env_override=false", ", amount_px@300=", options.white_choke_amount_px_at_300dpi,
-           ", runtime_radius_px=", choke.runtime_radius_px, ", min_width_dots=", choke.min_width_dots,
-           ", light_protection=", name_of(choke.protect_light),
-           ", lightness_threshold=", choke.lightness_threshold,
+  log_info("White choke: enabled=", name_of(choke.white_choke_enabled), ", strategy=production",
+           ", rip_algorithm=", choke.is_adaptive() ? "adaptive" : "production",
+           ", requested_strategy=production", ", debug_env_override=false",
+           ", amount_px@300=", choke.white_choke_amount_px_at_300dpi,
+           ", runtime_radius_px=", choke.runtime_radius_px,
+           ", min_width_dots=", choke.white_choke_adaptive_min_width_dots,
+           ", light_protection=", name_of(choke.protects_light()),
+           ", lightness_threshold=", choke.white_choke_adaptive_lightness_threshold,
            ", insertion_stage=rip_pre_threshold_device_domain");
   log_info("Resampling: color=", name_of(options.color_resampling_mode),
            ", color_linear_light=", name_of(options.color_resampling_linear_light),

@@ -166,11 +166,7 @@ ChokeContext RipEngine::prepare_device_white(const DeviceChokeInput& strip, Chok
   const DeviceChokeParams params{.src_dpi = params_.src_dpi,
                                  .x_dpi = params_.x_dpi,
                                  .y_dpi = params_.y_dpi,
-                                 .amount_px_at_300dpi = params_.white_choke_amount_px_at_300dpi,
-                                 .adaptive = params_.white_choke_algorithm == DeviceChokeAlgorithm::adaptive,
-                                 .min_width_dots = params_.white_choke_adaptive_min_width_dots,
-                                 .protect_light = params_.white_choke_adaptive_protect_light_enabled,
-                                 .lightness_threshold = params_.white_choke_adaptive_lightness_threshold,
+                                 .choke = params_,
                                  .threads = params_.threads.row_threads(
                                      rows.end - rows.first, device_extent(coverage.width(), scale_.x))};
   return prepare_device_choke(strip, params, std::move(spent));
@@ -179,26 +175,20 @@ ChokeContext RipEngine::prepare_device_white(const DeviceChokeInput& strip, Chok
 /// Fills in what follows from the engine's parameters: the kind of sampling and the size of the device grid.
 void RipEngine::place(PlaneJob& job) const {
   job.white = params_.n_channels > kFirstWhiteChannel && job.channel >= kFirstWhiteChannel;
-  job.hard = (job.white ? params_.white_resampling : params_.color_resampling) == SamplingMode::hard;
+  job.hard = (job.white ? params_.white_resampling : params_.color_resampling) == ResamplingMode::hard;
   job.dev_w = device_extent(job.src.width(), scale_.x);
   job.dev_h = device_extent(job.total_src_rows, scale_.y);
 }
 
 bool RipEngine::colour_choke_active(const PlaneJob& job) const {
-  return !job.white && choke_amount_given() &&
-         (params_.white_choke_algorithm == DeviceChokeAlgorithm::adaptive ||
-          params_.white_choke_strategy == WhiteChokeStrategy::production) &&
+  return !job.white && params_.is_active() &&
+         (params_.is_adaptive() || params_.white_choke_strategy == WhiteChokeStrategy::production) &&
          !job.coverage_plane.null();
 }
 
 bool RipEngine::white_choke_active(const PlaneJob& job) const {
-  return job.white && choke_amount_given() &&
-         params_.white_choke_algorithm == DeviceChokeAlgorithm::adaptive && job.choke != nullptr &&
+  return job.white && params_.is_active() && params_.is_adaptive() && job.choke != nullptr &&
          job.choke->adaptive && covers(job.choke->keep, job.choke->width, job.choke->height);
-}
-
-bool RipEngine::choke_amount_given() const {
-  return params_.white_choke_enabled && params_.white_choke_amount_px_at_300dpi > 0.0f;
 }
 
 /// A context of another size than the result belongs to another strip and is left aside without a word.

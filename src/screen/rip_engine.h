@@ -5,9 +5,10 @@
 #include <string>
 #include <vector>
 
-#include "config/job_settings.h"
+#include "config/print_settings.h"
 #include "core/plane_view.h"
 #include "core/threads/thread_plan.h"
+#include "plan/choke_plan.h"
 #include "screen/choke/choke_context.h"
 #include "screen/choke/device_choke.h"
 #include "screen/column_taps.h"
@@ -21,10 +22,7 @@ namespace nvo {
 
 struct StripScreening;
 
-enum class DeviceChokeAlgorithm : std::uint8_t { production = 0, adaptive = 1 };
-enum class SamplingMode : std::int32_t { smooth = 0, hard = 1 };
-
-struct RipEngineParams {
+struct RipEngineParams : DeviceChoke {
   std::uint32_t src_dpi = 300;  ///< source grid, both axes
   std::uint32_t x_dpi = 720;    ///< device grid across the head
   std::uint32_t y_dpi = 1800;   ///< device grid along the feed
@@ -36,15 +34,8 @@ struct RipEngineParams {
   float sigma = 1.5f;
   std::uint32_t version = 5;
   std::string cache_dir;
-  bool white_choke_enabled = false;
-  float white_choke_amount_px_at_300dpi = 0.0f;
-  WhiteChokeStrategy white_choke_strategy = WhiteChokeStrategy::baseline;
-  DeviceChokeAlgorithm white_choke_algorithm = DeviceChokeAlgorithm::production;
-  std::uint32_t white_choke_adaptive_min_width_dots = 3;
-  bool white_choke_adaptive_protect_light_enabled = true;
-  float white_choke_adaptive_lightness_threshold = 85.0f;
-  SamplingMode color_resampling = SamplingMode::smooth;
-  SamplingMode white_resampling = SamplingMode::hard;
+  ResamplingMode color_resampling = ResamplingMode::smooth;
+  ResamplingMode white_resampling = ResamplingMode::hard;
   ThreadPlan threads;
 };
 
@@ -137,7 +128,6 @@ class RipEngine {
   template <class Sink>
   void screen_rows(const PlaneJob& job, const Sink& sink);
   void screen(const PlaneJob& job, DropMap& out);
-  bool choke_amount_given() const;
   bool colour_choke_active(const PlaneJob& job) const;
   bool white_choke_active(const PlaneJob& job) const;
   AppliedChoke select_choke(const PlaneJob& job) const;

@@ -1,5 +1,7 @@
 #include "app/job_driver.h"
 
+#include <tuple>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -23,6 +25,22 @@ TEST(JobDriver, SourceResolutionChoosesTheGrid) {
     EXPECT_EQ(source_layout_dpi({dir.file("a.tif")}), grid) << x_dpi << " x " << y_dpi;
   }
   EXPECT_EQ(source_layout_dpi({}), 300u);
+}
+
+/// What a print doesn't show: these values are for front ends.
+TEST(JobDriver, OptionsCarryWhatFrontEndsPlaceImagesBy) {
+  JobSettings job;
+  job.repeated_file_gap_in = 1, job.sheet_width_in = 2, job.max_length_in = 3;
+  job.sheet_margin_top_in = 4;
+  job.sheet_placement_mode = SheetPlacementMode::align_left;
+  RipPerformance performance;
+  performance.sheet_threads = 5;
+  const RipJobOptions options = job_options(job, performance);
+  EXPECT_EQ(std::tuple(options.nesting_gap_in, options.sheet_width_setting_in, options.max_length_in,
+                       options.sheet_margin_top_in, options.sheet_width_in),
+            std::tuple(1, 2, 3, 4, 0));
+  EXPECT_EQ(options.sheet_placement_mode, job.sheet_placement_mode);
+  EXPECT_EQ(options.performance.sheet_threads, 5u);
 }
 
 TEST(JobDriver, RunsWithoutSettingsAndTellsItsCallbacks) {

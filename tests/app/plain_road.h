@@ -63,7 +63,7 @@ class PlainRoad {
     strip_.width = placed(image_.width, image_.dpi_x) + 2 * pad_;
     strip_.height = placed(image_.height, image_.dpi_y) + 2 * pad_;
     for (Plane* plane : strip_.all_planes()) plane->assign(pixels(), 0);
-    StripCompositorConfig config;
+    Resampling config;
     config.color_resampling_mode = knobs_.color_hard ? ResamplingMode::hard : ResamplingMode::smooth;
     config.white_resampling_mode = knobs_.white_hard ? ResamplingMode::hard : ResamplingMode::smooth;
     config.color_resampling_linear_light = knobs_.linear_light;
@@ -140,11 +140,14 @@ class PlainRoad {
     }
     const bool protects = knobs_.adaptive && knobs_.protect_light;
     const auto view = [&](const auto& plane) { return PlaneView(plane.data(), strip_.width, strip_.height); };
-    return prepare_device_choke({view(coverage), view(strip_.explicit_white),
-                                 knobs_.adaptive ? view(strip_.planes[kChannelW]) : PlaneView(),
-                                 protects ? view(light) : PlaneView(), 0, strip_.height},
-                                {kDpi, knobs_.x_dpi, knobs_.y_dpi, knobs_.amount, knobs_.adaptive,
-                                 knobs_.min_width, protects, knobs_.lightness, 1});
+    return prepare_device_choke(
+        {view(coverage), view(strip_.explicit_white),
+         knobs_.adaptive ? view(strip_.planes[kChannelW]) : PlaneView(), protects ? view(light) : PlaneView(),
+         0, strip_.height},
+        {kDpi, knobs_.x_dpi, knobs_.y_dpi,
+         DeviceChoke{true, knobs_.amount, WhiteChokeStrategy::production,
+                     knobs_.adaptive ? DeviceChokeAlgorithm::adaptive : DeviceChokeAlgorithm::production,
+                     knobs_.min_width, protects, knobs_.lightness}});
   }
 
   void screen() {
@@ -152,8 +155,8 @@ class PlainRoad {
     params.src_dpi = kDpi, params.x_dpi = knobs_.x_dpi, params.y_dpi = knobs_.y_dpi;
     params.n_channels = kChannelCount;
     params.cache_dir = NVO_TEST_MASK_DIR;
-    params.color_resampling = knobs_.color_hard ? SamplingMode::hard : SamplingMode::smooth;
-    params.white_resampling = knobs_.white_hard ? SamplingMode::hard : SamplingMode::smooth;
+    params.color_resampling = knobs_.color_hard ? ResamplingMode::hard : ResamplingMode::smooth;
+    params.white_resampling = knobs_.white_hard ? ResamplingMode::hard : ResamplingMode::smooth;
     for (const Knobs::Curve& curve : knobs_.curves) {
       std::vector<float> table = curve.lut;
       for (std::size_t i = table.size(); i < 256; ++i)

@@ -96,7 +96,7 @@ struct Composed {
 struct Scene {
   LoadedImage image;
   bool rotated = false;
-  StripCompositorConfig config;
+  Resampling config;
   ItemPlacement place;
   StripBuffer background;
   IndexRange rows;

@@ -20,8 +20,8 @@ class PlainItem {
   /// Samples of a pixel, red, green and blue or four inks, to the inks that are printed.
   using Conversion = std::function<std::array<std::uint8_t, 4>(const std::array<std::uint8_t, 4>&)>;
 
-  PlainItem(const LoadedImage& image, bool rotated, const StripCompositorConfig& config,
-            const ItemPlacement& place, bool banded)
+  PlainItem(const LoadedImage& image, bool rotated, const Resampling& config, const ItemPlacement& place,
+            bool banded)
       : image_(image), rotated_(rotated), config_(config), place_(place), banded_(banded) {}
 
   /// Takes the place of the formula, or of inks that stay as they are.
@@ -135,7 +135,7 @@ class PlainItem {
 
   const LoadedImage& image_;
   const bool rotated_;
-  const StripCompositorConfig config_;
+  const Resampling config_;
   const ItemPlacement place_;
   const bool banded_;
   IndexRange held_;

@@ -160,13 +160,13 @@ TEST(WhiteUnderbase, LimitsWhiteByTheInkOfThePixel) {
                {{{9, 0, 0, 0, 255}, {9, 0, 0, 0, 0}}, {0, 0}, INFINITY, INFINITY}};
   for (const auto& c : cases) {
     StripBuffer strip = strip_of(c.pixels);
-    apply_white_underbase(strip, 300, {0, false, 0, {}, true, c.budget, c.max_white, c.min_white});
+    apply_white_underbase(strip, 300, {{{true, c.budget, c.max_white, c.min_white}}});
     EXPECT_THAT(strip.planes[4], ElementsAreArray(c.white));
   }
 }
 
 TEST(WhiteUnderbase, LimitsBeforeColourSpreads) {
-  WhiteUnderbaseParams params{0, true, 1.0f, WhiteChokeStrategy::baseline, true};
+  WhiteUnderbaseParams params{{{.white_ink_limit_enabled = true}}, true, 1.0f, WhiteChokeStrategy::baseline};
   const StripBuffer before = strip_of({{9, 0, 0, 0, 255}, {0, 0, 0, 0, 255}});
   StripBuffer strip = before;
   apply_white_underbase(strip, 300, params);

@@ -54,16 +54,37 @@ TEST(Halo, ResamplingAndChokeTerms) {
   EXPECT_EQ(resampling_halo_rows(600, 900, true), 1u);
   EXPECT_EQ(resampling_halo_rows(300, 1800, false), 0u);
   ChokePlan choke = plan_choke({});
-  choke.min_width_dots = -7;
+  choke.white_choke_adaptive_min_width_dots = 0;
   EXPECT_EQ(choke.halo_rows(1800), 4u) << "15 device rows are 2.5 source rows";
-  choke.device_choke = false;
+  choke.white_choke_enabled = false;
   EXPECT_EQ(choke.halo_rows(1800), 0u);
+}
+
+TEST(Choke, IsSettledOnceAndWithinItsLimits) {
+  RipJobOptions options;
+  options.white_choke_adaptive_min_width_dots = 99;
+  options.white_choke_adaptive_lightness_threshold = -3;
+  options.adaptive_white_choke_min_width_dots = -5;
+  options.adaptive_white_choke_protect_light = false;
+  options.adaptive_white_choke_lightness_threshold = 200;
+  const auto settled = [&](WhiteChokeSetting algorithm, bool asked_beside) {
+    options.white_choke_algorithm = algorithm;
+    options.adaptive_white_choke = asked_beside;
+    const ChokePlan plan = plan_choke(options);
+    return std::tuple(plan.is_adaptive(), plan.white_choke_adaptive_min_width_dots, plan.protects_light(),
+                      plan.white_choke_adaptive_lightness_threshold);
+  };
+  const auto of_job = std::tuple(true, 16u, true, 0.0f);
+  EXPECT_EQ(settled(WhiteChokeSetting::adaptive, false), of_job);
+  EXPECT_EQ(settled(WhiteChokeSetting::adaptive, true), of_job);
+  EXPECT_EQ(settled(WhiteChokeSetting::production, true), std::tuple(true, 1u, false, 100.0f));
+  EXPECT_EQ(settled(WhiteChokeSetting::production, false), std::tuple(false, 16u, false, 0.0f));
 }
 
 TEST(Geometry, RefusesWhatDoesNotFit) {
   const SheetLayout good{{item_at(0, 0, 1, 1)}, 1};
   ChokePlan far = plan_choke({});
-  far.amount_px_at_300dpi = 1e30f;
+  far.white_choke_amount_px_at_300dpi = 1e30f;
   const std::pair<const char*, std::function<void()>> cases[] = {
       {"sheet width source pixels exceed uint32 limit", [] { source_pixels(1e8f, 300, "sheet width"); }},
       {"height device pixels exceed uint32 limit", [] { device_pixels(4294967295u, 300, 720, "height"); }},

@@ -37,17 +37,14 @@ struct Job {
 
   /// An engine for the mode, curves, sampling and choke of the job, on its own.
   RipEngineParams engine_params() const {
-    const auto sampling = [](ResamplingMode mode) {
-      return mode == ResamplingMode::hard ? SamplingMode::hard : SamplingMode::smooth;
-    };
     RipEngineParams params;
     params.src_dpi = rip.options.src_dpi;
     params.x_dpi = rip.options.print_mode.x_dpi, params.y_dpi = rip.options.print_mode.y_dpi;
     params.n_channels = kChannelCount;
     params.cache_dir = rip.options.cache_dir;
     params.linear_lut = channel_curves(settings);
-    params.color_resampling = sampling(rip.options.color_resampling_mode);
-    params.white_resampling = sampling(rip.options.white_resampling_mode);
+    params.color_resampling = rip.options.color_resampling_mode;
+    params.white_resampling = rip.options.white_resampling_mode;
     params.white_choke_enabled = rip.options.white_choke_enabled;
     params.white_choke_amount_px_at_300dpi = rip.options.white_choke_amount_px_at_300dpi;
     params.white_choke_strategy = WhiteChokeStrategy::production;

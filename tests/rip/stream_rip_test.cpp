@@ -62,6 +62,27 @@ TEST(StreamRip, PlanTellsWhatTheRunTakes) {
   }
 }
 
+TEST(StreamRip, PlanSettlesWhatIsGivenTwice) {
+  RipJobOptions options;
+  options.icc.output_profile = "a";
+  options.x_dpi = 540, options.y_dpi = 900, options.passes = 5;
+  const auto settled = [&] {
+    const SheetPlan plan = plan_sheet(options, {{{"", "", "", 0, 0, 1, 1}}, 1});
+    return std::tuple(plan.icc.output_profile, plan.strips.x_dpi, plan.mode.y_dpi, plan.mode.passes);
+  };
+  EXPECT_EQ(settled(), std::tuple("a", 540u, 900u, 5u));
+  options.print_mode.id = "720x1200_4pass";
+  for (const auto member :
+       {&IccSettings::input_rgb_profile, &IccSettings::input_cmyk_profile, &IccSettings::output_profile}) {
+    options.job_icc = {};
+    options.job_icc.*member = "b";
+    EXPECT_EQ(settled(), std::tuple(options.job_icc.output_profile, 720u, 1200u, 4u));
+  }
+  options.job_icc = {};
+  options.job_icc.enabled = true;
+  EXPECT_EQ(settled(), std::tuple("", 720u, 1200u, 4u));
+}
+
 TEST(StreamRip, LogTellsThePlan) {
   Job job;
   RipJobOptions& options = job.rip.options;

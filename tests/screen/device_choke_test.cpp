@@ -77,7 +77,7 @@ struct PlainChoke {
   static constexpr std::uint32_t kNoSource = 0xFFFFFFFF;
 
   std::uint32_t width = 0, height = 0, min_width_dots = 0;
-  float radius_in = 0.0f;
+  float radius_in = 0.0f, lightness = 0.0f;
   bool adaptive = false, protect_light = false;
   Mask colour_core, exempt, grown, support, keep, light;
   std::vector<std::uint32_t> source_index;  ///< of the dot whose colour a dot takes
@@ -89,10 +89,11 @@ struct PlainChoke {
     width = device_extent(in.coverage.width(), scale.x);
     height = rows.end - rows.first;
     if (height == 0) return;
-    radius_in = std::max(params.amount_px_at_300dpi, 0.0f) / 300.0f;
-    adaptive = params.adaptive && !in.support_plane.null();
-    min_width_dots = adaptive ? std::max(params.min_width_dots, 1u) : 0;
-    protect_light = adaptive && params.protect_light;
+    radius_in = std::max(params.choke.white_choke_amount_px_at_300dpi, 0.0f) / 300.0f;
+    adaptive = params.choke.is_adaptive() && !in.support_plane.null();
+    min_width_dots = adaptive ? std::max(params.choke.white_choke_adaptive_min_width_dots, 1u) : 0;
+    protect_light = adaptive && params.choke.white_choke_adaptive_protect_light_enabled;
+    if (protect_light) lightness = params.choke.white_choke_adaptive_lightness_threshold;
     sample(in, rows.first, dev_h);
     keep = support;
     if (radius_in == 0.0f) return;
@@ -106,6 +107,7 @@ struct PlainChoke {
         height(context.height),
         min_width_dots(context.min_width_dots),
         radius_in(context.radius_in),
+        lightness(context.lightness_threshold),
         adaptive(context.adaptive),
         protect_light(context.protect_light),
         exempt(std::size_t{width} * height),
@@ -277,6 +279,11 @@ Source make_art(std::uint32_t width, std::uint32_t rows, std::uint32_t seed) {
   return art;
 }
 
+DeviceChoke choke_of(float amount, bool adaptive = false, std::uint32_t min_width = 3) {
+  return {true, amount, WhiteChokeStrategy::production,
+          adaptive ? DeviceChokeAlgorithm::adaptive : DeviceChokeAlgorithm::production, min_width};
+}
+
 TEST(DeviceChoke, EqualsTheReference) {
   constexpr DeviceChokeParams kModes[] = {
       {300, 720, 1800}, {300, 360, 3600}, {300, 720, 900},  {300, 360, 540}, {300, 720, 720},
@@ -294,11 +301,10 @@ TEST(DeviceChoke, EqualsTheReference) {
     input.strip_src_y = variant % 3 * ((total - rows) / 2);  // top, middle or bottom of the plane
     input.total_src_rows = total;
     DeviceChokeParams params = kModes[round / 48];
-    params.amount_px_at_300dpi = amounts[round % 6];
-    params.min_width_dots = min_widths[round % 5];
+    params.choke = choke_of(amounts[round % 6], variant % 8 < 6, min_widths[round % 5]);
+    params.choke.white_choke_adaptive_protect_light_enabled = variant % 5 != 0;
+    params.choke.white_choke_adaptive_lightness_threshold = static_cast<float>(variant);
     params.threads = thread_counts[round % 4];
-    params.adaptive = variant % 8 < 6;
-    params.protect_light = variant % 5 != 0;
     context = prepare_device_choke(input, params, std::move(context));  // in the last one's memory
     EXPECT_TRUE(PlainChoke(context) == PlainChoke(input, params)) << "round " << round;
   }
@@ -310,23 +316,24 @@ TEST(DeviceChoke, HoldsAtOddSizesAndSettings) {
   const struct {
     std::uint32_t width, rows;
     DeviceChokeParams params;
-  } cases[] = {{1, 1, {300, 720, 1800, 1.5f}},
-               {64, 5, {300, 300, 300, 1.0f}},
-               {63, 9, {300, 300, 600, 1.0f, false, 1}},
-               {65, 9, {300, 300, 600, 2.0f, false, 1}},
-               {128, 2, {300, 300, 300, 70.0f}},
-               {70, 12, {72, 300, 360, 36.0f}},
-               {200, 30, {600, 300, 150, 1.5f}},
-               {20, 20, {300, 300, 600, 1.5f, false, 0xFFFFFFFF}},
-               {90, 20, {300, 720, 1800, 2.5f, false, 40}},
-               {150, 40, {720, 300, 300, 0.0f}}};
+  } cases[] = {{1, 1, {300, 720, 1800, choke_of(1.5f)}},
+               {64, 5, {300, 300, 300, choke_of(1.0f)}},
+               {63, 9, {300, 300, 600, choke_of(1.0f, false, 1)}},
+               {65, 9, {300, 300, 600, choke_of(2.0f, false, 1)}},
+               {128, 2, {300, 300, 300, choke_of(70.0f)}},
+               {70, 12, {72, 300, 360, choke_of(36.0f)}},
+               {200, 30, {600, 300, 150, choke_of(1.5f)}},
+               {20, 20, {300, 300, 600, choke_of(1.5f, false, 0xFFFFFFFF)}},
+               {90, 20, {300, 720, 1800, choke_of(2.5f, false, 40)}},
+               {150, 40, {720, 300, 300, choke_of(0.0f)}}};
   for (auto [width, rows, params] : cases) {
     const Source art = make_art(width, rows, width);
     DeviceChokeInput input = art.input();
     input.light_mask = {};
     params.threads = 2;
     for (const bool adaptive : {false, true}) {
-      params.adaptive = adaptive;
+      params.choke = choke_of(params.choke.white_choke_amount_px_at_300dpi, adaptive,
+                              params.choke.white_choke_adaptive_min_width_dots);
       EXPECT_TRUE(PlainChoke(prepare_device_choke(input, params)) == PlainChoke(input, params))
           << width << " x " << rows << (adaptive ? " adaptive" : "");
     }
@@ -336,7 +343,7 @@ TEST(DeviceChoke, HoldsAtOddSizesAndSettings) {
 TEST(DeviceChoke, HasNothingToGrowWithoutRowsOutlineOrCoverage) {
   Source art(9, 6);
   DeviceChokeInput input = art.input();
-  const DeviceChokeParams usual{300, 720, 300, 2.0f};
+  const DeviceChokeParams usual{300, 720, 300, choke_of(2.0f)};
   for (const std::uint8_t coverage : {std::uint8_t{0}, std::uint8_t{3}}) {
     std::ranges::fill(art.coverage, coverage);
     EXPECT_TRUE(PlainChoke(prepare_device_choke(input, usual)) == PlainChoke(input, usual));
@@ -344,7 +351,7 @@ TEST(DeviceChoke, HasNothingToGrowWithoutRowsOutlineOrCoverage) {
   input.total_src_rows = 40;
   input.strip_src_y = 1;  // no device row belongs to this one of ten
   input.coverage = PlaneView(art.coverage.data(), 9, 1);
-  const ChokeContext between = prepare_device_choke(input, {3000, 720, 300, 2.0f});
+  const ChokeContext between = prepare_device_choke(input, {3000, 720, 300, choke_of(2.0f)});
   EXPECT_TRUE(between.width > 0 && between.height == 0 && between.colour_core.empty());
   input.coverage = {};
   EXPECT_EQ(prepare_device_choke(input, usual).width, 0u);
@@ -370,17 +377,15 @@ TEST(SheetChoke, PreparesTheStripAsComposed) {
       options.white_choke_algorithm = adaptive ? WhiteChokeSetting::adaptive : WhiteChokeSetting::production;
       options.white_choke_adaptive_protect_light_enabled = protect;
       options.white_choke_adaptive_lightness_threshold = 70;
-      SheetChoke choke(plan_choke(options));
+      const ChokePlan plan = plan_choke(options);
+      SheetChoke choke(plan);
       RipEngineParams params;
       params.y_dpi = 900;
       params.n_channels = 5;
       params.tile_w = params.tile_h = 16;
       params.n_masks = 5;
       params.cache_dir = masks.path().string();
-      params.white_choke_amount_px_at_300dpi = 1.5f;
-      params.white_choke_algorithm =
-          adaptive ? DeviceChokeAlgorithm::adaptive : DeviceChokeAlgorithm::production;
-      params.white_choke_adaptive_protect_light_enabled = protect;
+      hand_over<DeviceChoke>(plan, params);
       const RipEngine engine(params);
       ChokeTimes times;
       choke.prepare(engine,
@@ -395,8 +400,10 @@ TEST(SheetChoke, PreparesTheStripAsComposed) {
                                    adaptive && protect ? view(light) : PlaneView(),
                                    9,
                                    44};
-      EXPECT_TRUE(PlainChoke(*choke.context()) ==
-                  PlainChoke(input, {300, 720, 900, 1.5f, adaptive, 3, protect}));
+      DeviceChoke settings = choke_of(1.5f, adaptive);
+      settings.white_choke_adaptive_protect_light_enabled = protect;
+      settings.white_choke_adaptive_lightness_threshold = 70;
+      EXPECT_TRUE(PlainChoke(*choke.context()) == PlainChoke(input, {300, 720, 900, settings}));
     }
   }
 }

@@ -37,7 +37,7 @@ class PlainRipEngine {
     DropMap out = {static_cast<std::uint32_t>(dev_w), static_cast<std::uint32_t>(end - first), {}};
 
     const bool white = p_.n_channels >= 5 && strip.channel >= 4;
-    const bool hard = (white ? p_.white_resampling : p_.color_resampling) == SamplingMode::hard;
+    const bool hard = (white ? p_.white_resampling : p_.color_resampling) == ResamplingMode::hard;
     const std::vector<float> plane = hard ? nearest_plane(strip, dev_w, dev_h, first, end)
                                           : area_plane(strip, scale_x, scale_y, dev_w, first, end);
     for (long y = 0; y < end - first; ++y) {

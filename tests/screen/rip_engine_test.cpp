@@ -98,8 +98,8 @@ constexpr Resolution kResolutions[] = {{300, 720, 1800}, {300, 360, 3600}, {300,
 RipEngineParams random_params(Random& random, const Resolution& dpi) {
   RipEngineParams params = base_params(dpi.x, dpi.y, random() % 2 == 0);
   params.src_dpi = dpi.src;
-  params.color_resampling = random() % 3 == 0 ? SamplingMode::hard : SamplingMode::smooth;
-  params.white_resampling = random() % 2 == 0 ? SamplingMode::hard : SamplingMode::smooth;
+  params.color_resampling = random() % 3 == 0 ? ResamplingMode::hard : ResamplingMode::smooth;
+  params.white_resampling = random() % 2 == 0 ? ResamplingMode::hard : ResamplingMode::smooth;
   params.white_choke_enabled = true;
   params.white_choke_amount_px_at_300dpi = 1.5f;
   params.white_choke_algorithm = DeviceChokeAlgorithm::adaptive;
@@ -243,7 +243,7 @@ TEST(RipEngine, EqualSourceRowsEqualThePlainScreenInEveryValue) {
   const LogCapture quiet(LogLevel::error);
   for (const std::uint32_t y_dpi : {540u, 720u, 1000u, 1800u}) {
     RipEngineParams params = base_params(720, y_dpi);
-    params.white_resampling = SamplingMode::smooth;
+    params.white_resampling = ResamplingMode::smooth;
     RipEngine engine(params);
     for (int ink = 0; ink < 256; ++ink) {
       const std::vector<std::uint8_t> plane(27 * 30, static_cast<std::uint8_t>(ink));
@@ -286,14 +286,14 @@ TEST(RipEngine, ChokesOnlyWhereTheSettingsAskAsTheCaptureShows) {
     float amount;
     DeviceChokeAlgorithm algorithm;
     WhiteChokeStrategy strategy;
-    SamplingMode white_sampling;
+    ResamplingMode white_sampling;
     bool colour, white;
-  } cases[] = {{true, 1.0f, adaptive, WhiteChokeStrategy::baseline, SamplingMode::smooth, true, true},
-               {true, 1.0f, adaptive, WhiteChokeStrategy::baseline, SamplingMode::hard, true, true},
-               {true, 1.0f, production, WhiteChokeStrategy::production, SamplingMode::hard, true, false},
-               {true, 1.0f, production, WhiteChokeStrategy::baseline, SamplingMode::hard, false, false},
-               {true, 0.0f, adaptive, WhiteChokeStrategy::production, SamplingMode::hard, false, false},
-               {false, 1.0f, adaptive, WhiteChokeStrategy::production, SamplingMode::hard, false, false}};
+  } cases[] = {{true, 1.0f, adaptive, WhiteChokeStrategy::baseline, ResamplingMode::smooth, true, true},
+               {true, 1.0f, adaptive, WhiteChokeStrategy::baseline, ResamplingMode::hard, true, true},
+               {true, 1.0f, production, WhiteChokeStrategy::production, ResamplingMode::hard, true, false},
+               {true, 1.0f, production, WhiteChokeStrategy::baseline, ResamplingMode::hard, false, false},
+               {true, 0.0f, adaptive, WhiteChokeStrategy::production, ResamplingMode::hard, false, false},
+               {false, 1.0f, adaptive, WhiteChokeStrategy::production, ResamplingMode::hard, false, false}};
   PreThresholdCapture seen;
   for (const auto& c : cases) {
     RipEngineParams params = choking_params(c.amount);
@@ -367,7 +367,7 @@ TEST(RipEngine, LogsItsCallsAndChokes) {
   LogCapture log;
   RipEngineParams params = choking_params(1.5f);
   RipEngine special(params);
-  params.white_resampling = SamplingMode::smooth;
+  params.white_resampling = ResamplingMode::smooth;
   RipEngine smooth(params);
   Random random(1);
   const std::vector<std::uint8_t> plane(700, 9);

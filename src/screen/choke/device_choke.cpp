@@ -18,22 +18,22 @@
 namespace nvo {
 namespace {
 
-constexpr float kAmountDpi = 300.0f;  ///< amounts are in pixels at this resolution
 /// A part costs some rows above and below it as well.
 constexpr std::size_t kLeastRowsOfPart = 192;
 
 /// Radius and settings of a context.
 void describe(const DeviceChokeParams& params, bool adaptive, ChokeContext& context) {
-  const float amount = params.amount_px_at_300dpi;
-  context.radius_in = amount > 0.0f ? amount / kAmountDpi : 0.0f;
+  const DeviceChoke& choke = params.choke;
+  const float amount = choke.white_choke_amount_px_at_300dpi;
+  context.radius_in = amount > 0.0f ? amount / WhiteChoke::kReferenceDpi : 0.0f;
   context.radius_px_x = static_cast<float>(params.x_dpi) * context.radius_in;
   context.radius_px_y = static_cast<float>(params.y_dpi) * context.radius_in;
   context.adaptive = adaptive;
   if (!adaptive) return;
-  context.min_width_dots = std::max(params.min_width_dots, 1u);
-  context.protect_light = params.protect_light;
+  context.min_width_dots = std::max(choke.white_choke_adaptive_min_width_dots, 1u);
+  context.protect_light = choke.white_choke_adaptive_protect_light_enabled;
   if (context.protect_light)
-    context.lightness_threshold = std::clamp(params.lightness_threshold, 0.0f, 100.0f);
+    context.lightness_threshold = WhiteChoke::kLightness.cut(choke.white_choke_adaptive_lightness_threshold);
 }
 
 /// The outline of a set of offsets. Its rows are unbroken, as distance grows with the columns.
@@ -133,7 +133,7 @@ ChokeContext prepare_device_choke(const DeviceChokeInput& input, const DeviceCho
   context.height = rows.end - rows.first;
   if (context.height == 0) return context;
 
-  describe(params, params.adaptive && !input.support_plane.null(), context);
+  describe(params, params.choke.is_adaptive() && !input.support_plane.null(), context);
   const ChokeRowMap row_map(input, dev_h, rows);
   sample_choke_masks(input, row_map, params.threads, context);
   if (context.radius_in > 0.0f) {

@@ -3,6 +3,7 @@
 #include <cstdint>
 
 #include "core/plane_view.h"
+#include "plan/choke_plan.h"
 #include "screen/choke/choke_context.h"
 
 namespace nvo {
@@ -19,11 +20,7 @@ struct DeviceChokeInput {
 
 struct DeviceChokeParams {
   std::uint32_t src_dpi = 300, x_dpi = 720, y_dpi = 1800;
-  float amount_px_at_300dpi = 0.0f;
-  bool adaptive = false;  ///< algorithm is adaptive
-  std::uint32_t min_width_dots = 3;
-  bool protect_light = true;
-  float lightness_threshold = 85.0f;
+  DeviceChoke choke{};
   std::uint32_t threads = 1;  ///< the result does not depend on it
 };
 

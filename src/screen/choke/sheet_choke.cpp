@@ -22,19 +22,20 @@ MutablePlaneView resized(LargeVector<std::uint8_t>& plane, const PlaneView& like
 }  // namespace
 
 SheetChoke::SheetChoke(const ChokePlan& plan) : plan_(plan) {
-  if (plan.device_choke && plan.protect_light) light_protection_.emplace(plan.lightness_threshold);
+  if (plan.is_active() && plan.protects_light())
+    light_protection_.emplace(plan.white_choke_adaptive_lightness_threshold);
 }
 
 void SheetChoke::reserve(std::uint32_t src_w, std::uint32_t src_rows, std::uint32_t dev_w,
                          std::uint32_t dev_rows) {
-  if (!plan_.device_choke) return;
+  if (!plan_.is_active()) return;
   reserve_large(coverage_, std::size_t{src_w} * src_rows);
   if (light_protection_) reserve_large(light_, std::size_t{src_w} * src_rows);
   for (BitPlane* plane : {&context_.grown, &context_.keep}) plane->reshape(dev_w, dev_rows);
 }
 
 void SheetChoke::prepare(const RipEngine& engine, const ComposedStrip& strip, ChokeTimes& times) {
-  if (!plan_.device_choke) return;
+  if (!plan_.is_active()) return;
   {
     const ScopedTimer timer(times.planes);
     derive_planes(engine, strip);
@@ -43,7 +44,7 @@ void SheetChoke::prepare(const RipEngine& engine, const ComposedStrip& strip, Ch
   context_ =
       engine.prepare_device_white({.coverage = coverage_view_,
                                    .exempt_mask = strip.explicit_white,
-                                   .support_plane = plan_.adaptive ? strip.inks[kChannelW] : PlaneView(),
+                                   .support_plane = plan_.is_adaptive() ? strip.inks[kChannelW] : PlaneView(),
                                    .light_mask = light_view_,
                                    .strip_src_y = strip.src_y,
                                    .total_src_rows = strip.total_src_rows},
