@@ -302,7 +302,7 @@ TEST_F(StripCompositorTest, UnreadableItemsAreLoggedAndLeftOut) {
   }
 }
 
-TEST_F(StripCompositorTest, EmptyStripsStayBlankAndOthersGetTheInkLimit) {
+TEST_F(StripCompositorTest, EmptyStripsStayBlankAndOthersGetTheInkLimitOrTheChoke) {
   StripCompositorConfig config = sheet(8, 100);
   config.white_ink_limit_enabled = true;
   StripCompositor compositor(config);
@@ -313,6 +313,15 @@ TEST_F(StripCompositorTest, EmptyStripsStayBlankAndOthersGetTheInkLimit) {
   const StripBuffer strip = compositor.compose_strip(0, 16);
   EXPECT_EQ(strip.planes[4][0], 126) << "room of 300 - 102.4 percent of 400";
   EXPECT_EQ(strip.planes[4][100], 0);
+
+  config = sheet(12, 100);
+  config.source_grid_choke_enabled = true;
+  config.white_choke_amount_px_at_300dpi = 3;  // one pixel
+  config.white_choke_strategy = WhiteChokeStrategy::baseline;
+  StripCompositor choking(config);
+  choking.set_layout({{item_at(flat_cmyk("a.tif", 255), 0, 0, 8, 8)}, 1.0f});
+  const StripBuffer spread = choking.compose_strip(0, 1);
+  EXPECT_THAT(spread.planes[0], ElementsAre(255, 255, 255, 255, 255, 255, 255, 255, 255, 0, 0, 0));
 }
 
 TEST_F(StripCompositorTest, InertSwitchesOnlyWarnOnce) {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <csignal>
+#include <filesystem>
 #include <limits>
 
 #include <gmock/gmock.h>
@@ -90,13 +91,16 @@ TEST(StreamRip, LogTellsThePlan) {
   options.performance.mode = PerformanceMode::manual;
   options.performance.parallel_channels = TriState::on;
   options.performance.channel_threads = 3;
+  options.cache_dir = job.dir.file("masks");
+  std::filesystem::create_directory_symlink(NVO_TEST_MASK_DIR, options.cache_dir);
   test::write_tiff(job.input, picture(30, 30));
   job.run();
   const std::string lines[] = {"Resampling: color=smooth, color_linear_light=true, white=smooth",
                                "StreamRip: white choke canvas pad applied: 0.00666667 in",
                                "StreamRip: 34x34 px @ 300 dpi   " + job.output,
                                "StreamRip: physical 0.113333x0.113333 in -> dev 82x204 @ 720x1800 dpi, 6pass",
-                               "StreamRip: parallel channel RIP enabled, threads=3"};
+                               "StreamRip: parallel channel RIP enabled, threads=3",
+                               "MaskCache: loaded from " + options.cache_dir};
   for (const std::string& line : lines) EXPECT_EQ(job.log.count("[INFO ] " + line), 1u) << line;
   EXPECT_TRUE(
       job.log.contains("White choke: enabled=true, strategy=production, rip_algorithm=adaptive, "
