@@ -79,17 +79,17 @@ bool standard_outputs_are_one() noexcept {
 
 void write_error_line(const char* prefix, const char* text) noexcept {
   constexpr char kDigits[] = "0123456789ABCDEF";
-  ErrorBytes line;
-  for (; *prefix; ++prefix) line.put(*prefix);
+  ErrorBytes bytes;
+  for (; *prefix; ++prefix) bytes.put(*prefix);
   for (; *text; ++text) {
     const auto byte = static_cast<unsigned char>(*text);
     if (byte >= 32 && byte != 127) {
-      line.put(*text);
+      bytes.put(*text);
       continue;
     }
-    for (const char c : {'\\', 'x', kDigits[byte >> 4], kDigits[byte & 15]}) line.put(c);
+    for (const char c : {'\\', 'x', kDigits[byte >> 4], kDigits[byte & 15]}) bytes.put(c);
   }
-  line.put('\n');
+  bytes.put('\n');
 }
 
 bool standard_error_is_terminal() {
