@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "core/large_vector.h"
+
 namespace nvo {
 
 inline constexpr float kMaxMaskSigma = 64.0f;
@@ -60,7 +62,7 @@ class MaskCache {
 
  private:
   MaskParams params_;
-  std::vector<std::uint8_t> bytes_;  ///< masks in index order, each row-major
+  LargeVector<std::uint8_t> bytes_;  ///< masks in index order, each row-major
   bool valid_ = false;
 };
 
