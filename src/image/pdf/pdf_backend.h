@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 
 #include "core/machine_failure.h"
@@ -24,13 +25,16 @@ class PdfTimeout : public MachineFailure {
   using MachineFailure::MachineFailure;
 };
 
+/// Is told of a page before its pixels are made, on the calling thread.
+using PageWatcher = std::function<void(const PdfPageInfo&)>;
+
 /// Something that turns pages into pixels. It knows nothing of spot colours: of the results it fills the
 /// page's numbers and `rgba`, on a transparent background. Failures are exceptions.
 class PdfBackend {
  public:
   virtual ~PdfBackend() = default;
   virtual PdfPageInfo probe(const PdfRequest& request) = 0;
-  virtual PdfRenderResult render(const PdfRequest& request) = 0;
+  virtual PdfRenderResult render(const PdfRequest& request, const PageWatcher& described = {}) = 0;
 };
 
 }  // namespace nvo

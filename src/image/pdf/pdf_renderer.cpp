@@ -13,6 +13,7 @@
 #include "core/platform/input_file.h"
 #include "core/platform/paths.h"
 #include "core/text.h"
+#include "core/threads/started_work.h"
 #include "image/pdf/pdfium_backend.h"
 #include "image/pdf/poppler_backend.h"
 #include "image/pdf/spot_candidate_scan.h"
@@ -73,13 +74,24 @@ bool has_translucent_pixel(const std::vector<std::uint8_t>& rgba) {
   return false;
 }
 
-void add_spot_white(const PdfRequest& request, PdfRenderResult& result) {
-  SpotWhiteResult spot = extract_spot_white(request.path, request.page_index, result.width, result.height);
-  result.has_spot_white = !spot.spot_white_coverage.empty();
-  result.spot_white_coverage = std::move(spot.spot_white_coverage);
-  result.process_alpha_coverage = std::move(spot.process_alpha_coverage);
-  result.spot_status = std::move(spot.status);
-  result.facts = spot.facts;
+/// What the file's own text tells of a page; the renderer has no part in it.
+struct PageWhite {
+  bool has_candidate = false;
+  SpotWhiteResult spot;
+};
+
+PageWhite find_white(const PdfRequest& request, std::uint32_t width, std::uint32_t height) {
+  return {file_has_spot_candidate(request.path),
+          extract_spot_white(request.path, request.page_index, width, height)};
+}
+
+void add_white(PageWhite white, PdfRenderResult& result) {
+  result.has_spot_candidate = white.has_candidate;
+  result.has_spot_white = !white.spot.spot_white_coverage.empty();
+  result.spot_white_coverage = std::move(white.spot.spot_white_coverage);
+  result.process_alpha_coverage = std::move(white.spot.process_alpha_coverage);
+  result.spot_status = std::move(white.spot.status);
+  result.facts = white.spot.facts;
 }
 
 }  // namespace
@@ -96,23 +108,28 @@ PdfRenderer& PdfRenderer::instance() {
 
 PdfPageInfo PdfRenderer::probe(const std::string& path, std::uint32_t page_index, float dpi) {
   const PdfRequest request = checked_request(path, page_index, dpi);
-  PdfPageInfo page = run("probe", &PdfBackend::probe, request);
+  PdfPageInfo page =
+      run<PdfPageInfo>("probe", request, [&](PdfBackend& backend) { return backend.probe(request); });
   page.has_spot_candidate = file_has_spot_candidate(path);
   return page;
 }
 
 PdfRenderResult PdfRenderer::render(const std::string& path, std::uint32_t page_index, float dpi) {
   const PdfRequest request = checked_request(path, page_index, dpi);
-  PdfRenderResult result = run("render", &PdfBackend::render, request);
+  StartedWork<PageWhite> white;  // is looked for while the page is drawn
+  const auto described = [&](const PdfPageInfo& page) {
+    white = start_work(
+        [request, width = page.width, height = page.height] { return find_white(request, width, height); });
+  };
+  PdfRenderResult result = run<PdfRenderResult>(
+      "render", request, [&](PdfBackend& backend) { return backend.render(request, described); });
   result.has_alpha = has_translucent_pixel(result.rgba);
-  result.has_spot_candidate = file_has_spot_candidate(path);
-  add_spot_white(request, result);
+  add_white(white.valid() ? white.get() : find_white(request, result.width, result.height), result);
   return result;
 }
 
-template <class Result>
-Result PdfRenderer::run(const char* operation, Result (PdfBackend::*run_backend)(const PdfRequest&),
-                        const PdfRequest& request) {
+template <class Result, class Run>
+Result PdfRenderer::run(const char* operation, const PdfRequest& request, const Run& run_backend) {
   const std::string key = memo_key(request.path);
   const std::string what = std::string(operation) + " '" + request.path + "'";
   if (!pdfium_) {
@@ -122,7 +139,7 @@ Result PdfRenderer::run(const char* operation, Result (PdfBackend::*run_backend)
   } else if (!memo_.has_failed(key)) {
     log_once(operation, "PDFium", key, "PdfRenderer: selected PDFium backend for " + what);
     try {
-      return (pdfium_.get()->*run_backend)(request);
+      return run_backend(*pdfium_);
     } catch (const std::exception& failure) {
       rethrow_machine_failure();
       if (memo_.record_failure(key))
@@ -136,7 +153,7 @@ Result PdfRenderer::run(const char* operation, Result (PdfBackend::*run_backend)
   if (const auto known = memo_.timeout(page_key)) throw PdfTimeout(*known);
   log_once(operation, "Poppler", key, "PdfRenderer: selected Poppler backend for " + what);
   try {
-    return (fallback_.get()->*run_backend)(request);
+    return run_backend(*fallback_);
   } catch (const PdfTimeout& failure) {
     memo_.record_timeout(page_key, failure.what());
     throw;

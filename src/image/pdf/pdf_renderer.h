@@ -30,9 +30,8 @@ class PdfRenderer {
   PdfRenderResult render(const std::string& path, std::uint32_t page_index, float dpi);
 
  private:
-  template <class Result>
-  Result run(const char* operation, Result (PdfBackend::*run_backend)(const PdfRequest&),
-             const PdfRequest& request);
+  template <class Result, class Run>
+  Result run(const char* operation, const PdfRequest& request, const Run& run_backend);
   void log_once(const char* operation, const char* backend, const std::string& key, const std::string& line);
 
   PdfiumLibrary& library_;

@@ -115,11 +115,12 @@ PdfPageInfo PdfiumBackend::probe(const PdfRequest& request) {
   return OpenPage(library_.entries(), request).info();
 }
 
-PdfRenderResult PdfiumBackend::render(const PdfRequest& request) {
+PdfRenderResult PdfiumBackend::render(const PdfRequest& request, const PageWatcher& described) {
   const std::lock_guard lock(library_.calls());
   const OpenPage page(library_.entries(), request);
   PdfRenderResult result;
   static_cast<PdfPageInfo&>(result) = page.info();
+  if (described) described(result);
   result.rgba = page.render();
   return result;
 }

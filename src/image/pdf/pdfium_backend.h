@@ -14,7 +14,7 @@ class PdfiumBackend final : public PdfBackend {
   explicit PdfiumBackend(PdfiumLibrary& library) : library_(library) {}
 
   PdfPageInfo probe(const PdfRequest& request) override;
-  PdfRenderResult render(const PdfRequest& request) override;
+  PdfRenderResult render(const PdfRequest& request, const PageWatcher& described = {}) override;
 
  private:
   PdfiumLibrary& library_;

@@ -326,11 +326,12 @@ PdfPageInfo PopplerBackend::probe(const PdfRequest& request) {
   return describe({"probe", request}, std::min(poppler_info_time(file_bytes(request)), longest_));
 }
 
-PdfRenderResult PopplerBackend::render(const PdfRequest& request) {
+PdfRenderResult PopplerBackend::render(const PdfRequest& request, const PageWatcher& described) {
   const Task task{"render", request};
   const std::uint64_t bytes = file_bytes(request);
   PdfRenderResult result;
   static_cast<PdfPageInfo&>(result) = describe(task, std::min(poppler_info_time(bytes), longest_));
+  if (described) described(result);
   result.rgba.resize(rgba_bytes(result));
   const std::size_t stride = rgba_stride(result);
   const Allowance allowance{

@@ -26,7 +26,7 @@ class PopplerBackend final : public PdfBackend {
   explicit PopplerBackend(std::chrono::milliseconds longest = std::chrono::hours(24)) : longest_(longest) {}
 
   PdfPageInfo probe(const PdfRequest& request) override;
-  PdfRenderResult render(const PdfRequest& request) override;
+  PdfRenderResult render(const PdfRequest& request, const PageWatcher& described = {}) override;
 
  private:
   std::chrono::milliseconds longest_;

@@ -18,8 +18,8 @@ struct SecondBackend final : PdfBackend {
   bool fails;
 
   explicit SecondBackend(bool does_fail) : fails(does_fail) {}
-  PdfPageInfo probe(const PdfRequest& request) override { return render(request); }
-  PdfRenderResult render(const PdfRequest& request) override {
+  PdfPageInfo probe(const PdfRequest& request) override { return render(request, {}); }
+  PdfRenderResult render(const PdfRequest& request, const PageWatcher&) override {
     if (fails) throw std::runtime_error("second back-end failed");
     PdfRenderResult page;
     page.page_index = request.page_index;
@@ -135,8 +135,8 @@ struct ExhaustedBackend final : PdfBackend {
   int calls = 0;
 
   explicit ExhaustedBackend(std::function<void()> how) : fail(std::move(how)) {}
-  PdfPageInfo probe(const PdfRequest& request) override { return render(request); }
-  PdfRenderResult render(const PdfRequest&) override {
+  PdfPageInfo probe(const PdfRequest& request) override { return render(request, {}); }
+  PdfRenderResult render(const PdfRequest&, const PageWatcher&) override {
     ++calls;
     fail();
     return {};
