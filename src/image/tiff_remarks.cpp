@@ -1,10 +1,14 @@
 #include "image/tiff_remarks.h"
 
+#include <array>
 #include <cstdio>
 #include <string>
+#include <string_view>
 #include <utility>
+#include <vector>
 
 #include "core/log.h"
+#include "core/text.h"
 #include "image/tiff_channels.h"
 #include "image/tiff_tags.h"
 
@@ -79,6 +83,21 @@ bool has_profile(TIFF* tiff) {
   return TIFFGetField(tiff, TIFFTAG_ICCPROFILE, &size, &profile) == 1 && size != 0;
 }
 
+/// Inks of other names than the process's own are printed as these all the same.
+void remark_inks(TIFF* tiff, const TiffSampleTags& tags, ImageRemarks& remarks) {
+  constexpr std::array<std::string_view, 4> process = {"cyan", "magenta", "yellow", "black"};
+  const HeldLog unheard;
+  const std::vector<std::string> names = read_ink_names(tiff, tags.samples_per_pixel);
+  if (tags.photometric != PHOTOMETRIC_SEPARATED || names.size() < process.size()) return;
+  for (std::size_t ink = 0; ink < process.size(); ++ink) {
+    const std::string name = ascii_lower(names[ink]);
+    if (name.empty() || name == process[ink] || name == process[ink].substr(0, 1)) continue;
+    if (name == "k" && process[ink] == "black") continue;
+    remarks.notes.push_back("Its ink '" + names[ink] + "' is printed as " + std::string(process[ink]) +
+                            ": the first four inks always are C, M, Y and K");
+  }
+}
+
 TiffSampleTags sample_tags(TIFF* tiff, const TiffMeta& meta) {
   const HeldLog unheard;  // reading the tags has said it all
   return read_tiff_sample_tags(tiff, meta.samples_per_pixel);
@@ -91,8 +110,9 @@ ImageRemarks remark_tiff(const TiffFile& file, const TiffMeta& meta) {
   TIFF* const tiff = file.get();
   remark_resolution(tiff, meta, remarks);
   remarks.has_profile = has_profile(tiff);
-  for (std::string& note : doubtful_channel_roles(sample_tags(tiff, meta)))
-    remarks.notes.push_back(std::move(note));
+  const TiffSampleTags tags = sample_tags(tiff, meta);
+  for (std::string& note : doubtful_channel_roles(tags)) remarks.notes.push_back(std::move(note));
+  remark_inks(tiff, tags, remarks);
   remark_orientation(tiff, remarks);
   remark_images(file, remarks);
   return remarks;

@@ -101,33 +101,6 @@ void read_colour(TIFF* tiff, TiffMeta& meta) {
   }
 }
 
-std::vector<std::string> read_ink_names(TIFF* tiff, std::uint16_t samples_per_pixel) {
-  const auto ink_count = tiff_tag_or<std::uint16_t>(tiff, TIFFTAG_NUMBEROFINKS, 0);
-  const char* stored = tiff_tag_or<const char*>(tiff, TIFFTAG_INKNAMES, nullptr);
-  if (ink_count == 0 || !stored) return {};
-
-  const auto wanted = std::min(samples_per_pixel, ink_count);
-  const auto bound = tiff_product(wanted, kMaxInkNameBytes, "TIFF InkNames scan bound");
-  std::vector<std::string> names;
-  // libtiff hands out InkNames without its length, but only after it has counted the NULs in it and made
-  // NumberOfInks that count. So `wanted` names end inside its storage, and the scan never reads past the
-  // last.
-  for (std::uint64_t position = 0; names.size() < wanted;) {
-    const auto length = ::strnlen(stored + position, bound - position);
-    if (length == bound - position) {
-      log_warn("TiffReader: TIFF InkNames is not NUL-terminated within ", bound,
-               " bytes; ignoring remaining names");
-      break;
-    }
-    names.emplace_back(stored + position, length);
-    position += length + 1;
-  }
-  if (ink_count > samples_per_pixel)
-    log_warn("TiffReader: TIFF NumberOfInks=", ink_count, " exceeds samples-per-pixel=", samples_per_pixel,
-             "; ignoring extra ink names");
-  return names;
-}
-
 std::vector<std::uint16_t> read_extra_samples(TIFF* tiff) {
   std::uint16_t count = 0;
   const std::uint16_t* types = nullptr;
@@ -167,6 +140,33 @@ void log_meta(const TiffMeta& meta) {
 }
 
 }  // namespace
+
+std::vector<std::string> read_ink_names(TIFF* tiff, std::uint16_t samples_per_pixel) {
+  const auto ink_count = tiff_tag_or<std::uint16_t>(tiff, TIFFTAG_NUMBEROFINKS, 0);
+  const char* stored = tiff_tag_or<const char*>(tiff, TIFFTAG_INKNAMES, nullptr);
+  if (ink_count == 0 || !stored) return {};
+
+  const auto wanted = std::min(samples_per_pixel, ink_count);
+  const auto bound = tiff_product(wanted, kMaxInkNameBytes, "TIFF InkNames scan bound");
+  std::vector<std::string> names;
+  // libtiff hands out InkNames without its length, but only after it has counted the NULs in it and made
+  // NumberOfInks that count. So `wanted` names end inside its storage, and the scan never reads past the
+  // last.
+  for (std::uint64_t position = 0; names.size() < wanted;) {
+    const auto length = ::strnlen(stored + position, bound - position);
+    if (length == bound - position) {
+      log_warn("TiffReader: TIFF InkNames is not NUL-terminated within ", bound,
+               " bytes; ignoring remaining names");
+      break;
+    }
+    names.emplace_back(stored + position, length);
+    position += length + 1;
+  }
+  if (ink_count > samples_per_pixel)
+    log_warn("TiffReader: TIFF NumberOfInks=", ink_count, " exceeds samples-per-pixel=", samples_per_pixel,
+             "; ignoring extra ink names");
+  return names;
+}
 
 TiffSampleTags read_tiff_sample_tags(TIFF* tiff, std::uint16_t samples_per_pixel) {
   TiffSampleTags tags{

@@ -247,6 +247,12 @@ TEST_F(TiffReaderTest, RemarksOnWhatAViewerShowsOtherwise) {
        {},
        {"Sample 6 of a pixel has no stated meaning and is taken as alpha"}},
       {with([](TiffFile& file) {
+         file.samples = 4, file.photometric = kCmyk, file.extra_samples = {};
+         file.ink_names = {"Cyan", "Orange", "YELLOW", "Green"};
+       }),
+       {},
+       {"Its ink 'Orange' is printed as magenta", "Its ink 'Green' is printed as black"}},
+      {with([](TiffFile& file) {
          file.samples = 5, file.photometric = kCmyk, file.extra_samples = {0};
          file.ink_names = {"c", "m", "y", "k", "Gold"};
        }),
