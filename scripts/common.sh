@@ -17,7 +17,10 @@ quietly() {
 
 # configure PRESET [CMAKE_OPTION...]: into build/PRESET, through ccache where it is installed.
 configure() {
-  quietly cmake --preset "$1" -DCMAKE_CXX_COMPILER_LAUNCHER="$(command -v ccache || true)" "${@:2}"
+  local fresh=()
+  # In a folder where another compiler was at work CMake would begin anew without the rest of the preset.
+  if [[ "$1" == asan ]] && ! grep -qs '^CMAKE_CXX_COMPILER:.*clang' build/asan/CMakeCache.txt; then fresh=(--fresh); fi
+  quietly cmake --preset "$1" "${fresh[@]}" -DCMAKE_CXX_COMPILER_LAUNCHER="$(command -v ccache || true)" "${@:2}"
 }
 
 # Debian ships PDFium as a part of LibreOffice.
