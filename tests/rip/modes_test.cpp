@@ -120,7 +120,7 @@ TEST_P(PrintModes, FromEndToEndInFewAndInManyStrips) {
         SCOPED_TRACE(mode.id + " in strips of " + std::to_string(strip_h));
         options.strip_h_px = strip_h;
         const PrintFile file = job.run();
-        const auto dots = [&](std::uint32_t pixels, std::uint32_t dpi) {
+        const auto dots = [src_dpi = src_dpi](std::uint32_t pixels, std::uint32_t dpi) {
           return static_cast<std::uint32_t>(std::lround(1.0 * pixels * dpi / src_dpi));
         };
         EXPECT_EQ(std::tuple(file.x_dpi, file.y_dpi), std::tuple(mode.x_dpi, mode.y_dpi));

@@ -347,7 +347,8 @@ TEST(MaskCache, RejectsBadParameters) {
       {{16, 16, 1, 64.01f}, sigma},   {{16, 16, 1, 1e-30f}, "invalid V&C generation parameters"},
   };
   for (const auto& [params, message] : cases)
-    EXPECT_EQ(failure_of([&] { MaskCache(params, std::vector<fs::path>{}); }), "MaskCache: " + message);
+    EXPECT_EQ(failure_of([&params = params] { MaskCache(params, std::vector<fs::path>{}); }),
+              "MaskCache: " + message);
 
   // The generator has limits of its own.
   std::uint8_t mask[2];
