@@ -9,7 +9,7 @@ namespace nvo {
 // NVO_INSTRUCTION_SET(name, whether the machine runs it), slowest first.
 #define NVO_INSTRUCTION_SET(name, runs) extern const InstructionSet name;
 namespace instruction_sets {
-#include "instruction_set_table.inc"
+#include "screen/kernels/instruction_set_table.inc"
 }
 #undef NVO_INSTRUCTION_SET
 
@@ -19,7 +19,7 @@ std::vector<const InstructionSet*> find_runnable() {
   std::vector<const InstructionSet*> sets;
 #define NVO_INSTRUCTION_SET(name, runs) \
   if (runs) sets.push_back(&instruction_sets::name);
-#include "instruction_set_table.inc"
+#include "screen/kernels/instruction_set_table.inc"
 #undef NVO_INSTRUCTION_SET
   return sets;
 }
