@@ -277,13 +277,12 @@ PixelTarget strip_target(StripBuffer& strip, const ItemPlacement& placement, con
                          const IndexRange& rows, bool explicit_white) {
   const std::size_t column = static_cast<std::size_t>(placement.x + columns.begin);
   const std::size_t row = static_cast<std::size_t>(placement.y + rows.begin - strip.y);
-  const auto part = [&](Plane& plane) {
-    return MutablePlaneView(plane.data(), strip.width, strip.height)
-        .part(column, row, columns.size(), rows.size());
+  const auto part = [&](const MutablePlaneView& plane) {
+    return plane.part(column, row, columns.size(), rows.size());
   };
   PixelTarget target;
-  for (std::size_t ink = 0; ink < target.inks.size(); ++ink) target.inks[ink] = part(strip.planes[ink]);
-  target.mark = part(strip.explicit_white);
+  for (std::size_t ink = 0; ink < target.inks.size(); ++ink) target.inks[ink] = part(strip.ink(ink));
+  target.mark = part(strip.explicit_view());
   target.mark_value = explicit_white ? 255 : 0;
   return target;
 }
@@ -312,14 +311,18 @@ bool blit_prepared_raster(const PreparedItemRaster& raster, const ItemPlacement&
   if (copied.empty() || columns.empty()) return true;
 
   const PixelTarget target = strip_target(strip, placement, columns, copied, raster.has_white);
+  const auto part = [&](const Plane& plane) {
+    return PlaneView(plane.data(), raster.width, raster.height)
+        .part(columns.begin, copied.begin, columns.size(), copied.size());
+  };
+  const PlaneView valid = part(raster.valid);
+  const PlaneView c = part(raster.c), m = part(raster.m), y = part(raster.y), k = part(raster.k),
+                  w = part(raster.w);
   std::vector<PixelRun> runs;
-  for (std::uint32_t row = copied.begin; row < copied.end; ++row) {
-    const std::size_t first = std::size_t{row} * raster.width + columns.begin;
-    const std::uint8_t* valid = raster.valid.data() + first;
-    const InkRows inks{{raster.c.data() + first, raster.m.data() + first, raster.y.data() + first,
-                        raster.k.data() + first, raster.w.data() + first}};
-    written += find_runs(valid, columns.size(), runs);
-    for (const PixelRun& run : runs) copy_run(run, valid, inks, target, row - copied.begin);
+  for (std::uint32_t row = 0; row < copied.size(); ++row) {
+    const InkRows inks{{c.row(row), m.row(row), y.row(row), k.row(row), w.row(row)}};
+    written += find_runs(valid.row(row), columns.size(), runs);
+    for (const PixelRun& run : runs) copy_run(run, valid.row(row), inks, target, row);
   }
   return true;
 }

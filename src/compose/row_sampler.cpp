@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <limits>
+#include <span>
 
 namespace nvo {
 namespace {
@@ -97,8 +98,8 @@ void pack_pixels(const std::uint8_t* __restrict pixels, std::ptrdiff_t pixel_byt
 }
 
 template <std::size_t kChannels>
-void decode_interleaved(const std::uint8_t* source, std::ptrdiff_t pixel_bytes, const float* values,
-                        std::vector<Float4>& pixels) {
+void decode_interleaved(const std::uint8_t* source, std::ptrdiff_t pixel_bytes,
+                        const std::array<float, 256>& values, std::vector<Float4>& pixels) {
   for (Float4& pixel : pixels) {
     pixel = Float4::of(values[source[0]], values[source[1]], values[source[2]],
                        kChannels == 4 ? values[source[3]] : 0.0f);
@@ -129,18 +130,19 @@ inline void store_srgb(const LinearLight& curve, const Float4& value, std::uint8
 
 /// Mixes columns of two decoded rows, whose first element is source column `first_source`.
 template <int kChannels, bool kLinearLight>
-void mix_columns(const Float4* top, const Float4* bottom, float fy, const AxisSample* columns,
-                 std::size_t count, std::uint32_t first_source, std::uint8_t* out) {
+void mix_columns(const Float4* top, const Float4* bottom, float fy, std::span<const AxisSample> columns,
+                 std::uint32_t first_source, std::uint8_t* out) {
   const LinearLight& curve = LinearLight::instance();
-  for (std::size_t i = 0; i < count; ++i, out += kChannels) {
-    const std::size_t lo = columns[i].lo - first_source;
-    const std::size_t hi = columns[i].hi - first_source;
-    const Float4 mixed = mix(columns[i].frac, fy, top[lo], top[hi], bottom[lo], bottom[hi]);
+  for (const AxisSample& column : columns) {
+    const std::size_t lo = column.lo - first_source;
+    const std::size_t hi = column.hi - first_source;
+    const Float4 mixed = mix(column.frac, fy, top[lo], top[hi], bottom[lo], bottom[hi]);
     if constexpr (kLinearLight) {
       store_srgb<kChannels>(curve, mixed, out);
     } else {
       store_bytes(min(mixed + Float4::all(0.5f), Float4::all(255.0f)).truncated(), out);
     }
+    out += kChannels;
   }
 }
 
@@ -241,7 +243,7 @@ void ColorSampler::nearest(std::uint32_t source_row, std::uint32_t begin, std::u
 
 void ColorSampler::decode(std::uint32_t source_row, std::vector<Float4>& pixels) const {
   pixels.resize(columns_.source_count());
-  const float* values = linear_light_ ? LinearLight::instance().decode_table() : kByteFloats.data();
+  const std::array<float, 256>& values = linear_light_ ? LinearLight::instance().decode_table() : kByteFloats;
   if (const std::uint8_t* source = interleaved_row(source_row)) {
     const std::ptrdiff_t pixel_bytes = channels_[0].column_step;
     source += static_cast<std::ptrdiff_t>(columns_.first_source()) * pixel_bytes;
@@ -270,7 +272,7 @@ void ColorSampler::bilinear(const AxisSample& row, std::uint32_t begin, std::uin
                     [this](std::uint32_t y, std::vector<Float4>& values) { decode(y, values); });
   const auto kernel = channels_.size() == 3 ? (linear_light_ ? mix_columns<3, true> : mix_columns<3, false>)
                                             : (linear_light_ ? mix_columns<4, true> : mix_columns<4, false>);
-  kernel(top, bottom, row.frac, columns_.samples() + begin, end - begin, columns_.first_source(), out);
+  kernel(top, bottom, row.frac, {columns_.samples() + begin, end - begin}, columns_.first_source(), out);
 }
 
 }  // namespace nvo

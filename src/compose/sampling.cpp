@@ -51,7 +51,7 @@ AxisSpan map_axis_box(std::uint32_t i, std::uint32_t n, std::uint32_t s) {
 
 std::uint8_t bilinear_linear_light(std::uint8_t p00, std::uint8_t p10, std::uint8_t p01, std::uint8_t p11,
                                    float fx, float fy) {
-  const float* light = LinearLight::instance().decode_table();
+  const std::array<float, 256>& light = LinearLight::instance().decode_table();
   return srgb_from_linear(BilinearWeights(fx, fy).mix(light[p00], light[p10], light[p01], light[p11]));
 }
 

@@ -63,8 +63,8 @@ class LinearLight {
  public:
   static const LinearLight& instance();
 
-  /// 256 amounts of light, 0 to 1.
-  const float* decode_table() const { return decode_.data(); }
+  /// Amounts of light, 0 to 1.
+  const std::array<float, 256>& decode_table() const { return decode_; }
 
   /// `srgb_from_linear` without its power: the formula rises with the light, so that the least light of each
   /// byte decides. `light` lies in [0, 1].

@@ -52,14 +52,14 @@ constexpr TokenRule kTokenRules[] = {
     {"ripdomainexperimental", WhiteChokeStrategy::production},
 };
 
-/// Pixels that carry a white of their own: nothing spreads into or across them.
+/// Pixels with explicit white: nothing spreads into or across them.
 class Barriers {
  public:
-  explicit Barriers(const StripBuffer& strip) : marks_(strip.explicit_white.data()) {}
+  explicit Barriers(const StripBuffer& strip) : marks_(strip.explicit_white) {}
   bool operator[](std::size_t pixel) const { return marks_[pixel] != 0; }
 
  private:
-  const std::uint8_t* marks_;
+  const Plane& marks_;
 };
 
 struct Position {

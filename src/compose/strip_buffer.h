@@ -26,15 +26,18 @@ struct StripBuffer {
   Plane explicit_white;
 
   std::size_t pixels() const { return std::size_t{width} * height; }
-  PlaneView ink(std::size_t channel) const { return view(planes[channel]); }
-  PlaneView explicit_view() const { return view(explicit_white); }
+  PlaneView ink(std::size_t channel) const { return view<PlaneView>(planes[channel]); }
+  MutablePlaneView ink(std::size_t channel) { return view<MutablePlaneView>(planes[channel]); }
+  PlaneView explicit_view() const { return view<PlaneView>(explicit_white); }
+  MutablePlaneView explicit_view() { return view<MutablePlaneView>(explicit_white); }
   /// The six planes, the mark of explicit white last.
   std::array<Plane*, kChannelCount + 1> all_planes() {
     return {&planes[0], &planes[1], &planes[2], &planes[3], &planes[4], &explicit_white};
   }
 
  private:
-  PlaneView view(const Plane& plane) const {
+  template <class View>
+  View view(auto& plane) const {
     assert(plane.size() == pixels());
     return {plane.data(), width, height};
   }

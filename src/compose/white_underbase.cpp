@@ -48,23 +48,24 @@ struct WhiteLimit : WhiteInkLimit {
 };
 
 void limit_white(StripBuffer& strip, const WhiteLimit& limit) {
-  const std::size_t pixels = strip.pixels();
-  const std::uint8_t* c = strip.planes[kChannelC].data();
-  const std::uint8_t* m = strip.planes[kChannelM].data();
-  const std::uint8_t* y = strip.planes[kChannelY].data();
-  const std::uint8_t* k = strip.planes[kChannelK].data();
-  const std::uint8_t* explicit_white = strip.explicit_white.data();
-  std::uint8_t* white = strip.planes[kChannelW].data();
-
   // Where nothing is transparent coverage tells nothing about the motif, so colour alone decides what is
   // printed.
-  const bool any_partial = std::any_of(white, white + pixels, [](std::uint8_t w) { return w < 255; });
+  const bool any_partial =
+      std::ranges::any_of(strip.planes[kChannelW], [](std::uint8_t w) { return w < 255; });
 
-  for (std::size_t i = 0; i < pixels; ++i) {
-    if (explicit_white[i]) continue;
-    const bool inked = std::max({c[i], m[i], y[i], k[i]}) >= kLeastPrintedInk;
-    const bool printed = inked || (any_partial && white[i] != 0);
-    white[i] = printed ? limit(c[i], m[i], y[i], k[i], white[i]) : std::uint8_t{0};
+  for (std::uint32_t row = 0; row < strip.height; ++row) {
+    const std::uint8_t* c = strip.ink(kChannelC).row(row);
+    const std::uint8_t* m = strip.ink(kChannelM).row(row);
+    const std::uint8_t* y = strip.ink(kChannelY).row(row);
+    const std::uint8_t* k = strip.ink(kChannelK).row(row);
+    const std::uint8_t* explicit_white = strip.explicit_view().row(row);
+    std::uint8_t* white = strip.ink(kChannelW).row(row);
+    for (std::size_t x = 0; x < strip.width; ++x) {
+      if (explicit_white[x]) continue;
+      const bool inked = std::max({c[x], m[x], y[x], k[x]}) >= kLeastPrintedInk;
+      const bool printed = inked || (any_partial && white[x] != 0);
+      white[x] = printed ? limit(c[x], m[x], y[x], k[x], white[x]) : std::uint8_t{0};
+    }
   }
 }
 

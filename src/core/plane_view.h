@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <cassert>
 #include <cstddef>
 #include <cstdint>
@@ -55,5 +56,11 @@ class BasicPlaneView {
 
 using PlaneView = BasicPlaneView<const std::uint8_t>;
 using MutablePlaneView = BasicPlaneView<std::uint8_t>;
+
+/// Copies a plane to one of its size.
+inline void copy_plane(const PlaneView& from, const MutablePlaneView& to) {
+  assert(from.same_size(to));
+  for (std::size_t y = 0; y < from.height(); ++y) std::copy_n(from.row(y), from.width(), to.row(y));
+}
 
 }  // namespace nvo

@@ -33,9 +33,12 @@ StripBuffer compose_sheet(SheetRun& run) {
     run.profile.source_strip_pixels += band.pixels();
 
     const ScopedTimer timer(run.profile.full_buffer_copy);
-    const auto from = band.all_planes(), to = sheet.all_planes();
-    for (std::size_t i = 0; i < from.size(); ++i)
-      std::ranges::copy(*from[i], to[i]->begin() + static_cast<std::ptrdiff_t>(std::size_t{sheet.width} * y));
+    const auto copy = [&](const PlaneView& from, const MutablePlaneView& to) {
+      copy_plane(from, to.part(0, y, sheet.width, rows));
+    };
+    for (std::size_t channel = 0; channel < kChannelCount; ++channel)
+      copy(band.ink(channel), sheet.ink(channel));
+    copy(band.explicit_view(), sheet.explicit_view());
   }
   return sheet;
 }
