@@ -44,10 +44,13 @@ bool environment_says_yes(const char* name) {
   return !word.empty() && word != "0" && word != "false" && word != "off" && word != "no";
 }
 
-/// The switches that once steered this choice are known by name only: a job's output never depends on them.
-void warn_of_inert_switches() {
+/// The switches that once steered how a source is read are known by name only: a job's output never depends
+/// on them. These are the ones that are set.
+std::vector<const char*> find_inert_switches() {
+  std::vector<const char*> set;
   for (const char* name : {"NVO_RIP_FORCE_FULL_LOAD_IMAGES", "NVO_RIP_FORCE_LOW_MEMORY_IMAGES"})
-    if (environment_says_yes(name)) warn_ignored_override(name);
+    if (environment_says_yes(name)) set.push_back(name);
+  return set;
 }
 
 /// Says why an item isn't read by rows.
@@ -88,6 +91,9 @@ std::string key_part(const char* name, ResamplingMode mode) {
 
 }  // namespace
 
+ItemComposer::ItemComposer(const StripCompositorConfig& config)
+    : config_(config), inert_switches_(find_inert_switches()), caches_(config.threads) {}
+
 void ItemComposer::set_icc_settings(const IccSettings& settings) {
   conversion_.reset(settings);
   worker_icc_.clear();
@@ -108,7 +114,7 @@ ItemOutcome ItemComposer::compose_item(const LayoutItem& item, StripBuffer& stri
 
   const Job job{item, strip, worker, placement, rows, make_content_signature(item.path), outcome};
   if (auto source = open_source(job)) {
-    warn_of_inert_switches();
+    for (const char* name : inert_switches_) warn_ignored_override(name);
     if (compose_from_source(job, *source)) return outcome;
     // A whole image and a row source are never both kept for one file.
     caches_.forget_source(job.signature, source);

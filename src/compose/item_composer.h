@@ -24,7 +24,7 @@ namespace nvo {
 /// in one strip.
 class ItemComposer {
  public:
-  explicit ItemComposer(const StripCompositorConfig& config) : config_(config), caches_(config.threads) {}
+  explicit ItemComposer(const StripCompositorConfig& config);
 
   /// Not during composition.
   void set_icc_settings(const IccSettings& settings);
@@ -89,6 +89,7 @@ class ItemComposer {
                       const IndexRange& rows, const PixelTarget& target);
 
   const StripCompositorConfig config_;
+  const std::vector<const char*> inert_switches_;  ///< of the environment, that are set
   ColorConversion conversion_;
   ItemCaches caches_;
   CounterBook counters_;
