@@ -143,16 +143,20 @@ void draw_row(const std::vector<InkLayer>& layers, const InkModel& model, bool a
   }
 }
 
+struct DotSpan {
+  std::uint32_t begin, count;
+};
+
 /// A span of inches on a device axis, in whole dots, at least one.
-void cut_axis(double begin_in, double size_in, std::uint32_t dpi, std::uint32_t dots, const char* axis,
-              std::uint32_t& begin, std::uint32_t& count) {
+DotSpan cut_axis(double begin_in, double size_in, std::uint32_t dpi, std::uint32_t dots, const char* axis) {
   const double first = std::round(begin_in * dpi), last = std::round((begin_in + size_in) * dpi);
   if (!(size_in > 0) || !(begin_in >= 0) || !(first < dots))
     throw std::invalid_argument(std::string("the crop's ") + axis +
                                 " lies outside of the image, which ends at " +
                                 std::to_string(static_cast<double>(dots) / dpi) + " in");
-  begin = static_cast<std::uint32_t>(first);
-  count = static_cast<std::uint32_t>(std::clamp(last - first, 1.0, static_cast<double>(dots - begin)));
+  const auto begin = static_cast<std::uint32_t>(first);
+  return {begin,
+          static_cast<std::uint32_t>(std::clamp(last - first, 1.0, static_cast<double>(dots - begin)))};
 }
 
 std::uint32_t pixels_of(double size_in, double dpi) {
@@ -193,8 +197,10 @@ PreviewPlan plan_preview(const PrtReader& reader, const PreviewOptions& options)
   plan.rows = header.height;
   if (options.crop) {
     const InchRect& crop = *options.crop;
-    cut_axis(crop.x, crop.width, header.x_dpi, header.width, "width", plan.left, plan.columns);
-    cut_axis(crop.y, crop.height, header.y_dpi, header.height, "height", plan.top, plan.rows);
+    const DotSpan columns = cut_axis(crop.x, crop.width, header.x_dpi, header.width, "width");
+    const DotSpan rows = cut_axis(crop.y, crop.height, header.y_dpi, header.height, "height");
+    plan.left = columns.begin, plan.columns = columns.count;
+    plan.top = rows.begin, plan.rows = rows.count;
   }
   const double width_in = static_cast<double>(plan.columns) / header.x_dpi;
   const double height_in = static_cast<double>(plan.rows) / header.y_dpi;

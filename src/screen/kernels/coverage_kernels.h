@@ -5,7 +5,8 @@
 
 namespace nvo {
 
-/// The loops of coverage_planes.h for one instruction set. All give the same bytes.
+/// The loops of coverage_planes.h for one instruction set. All give the same bytes. They take rows by bare
+/// pointers for the reason given in screening_kernels.h.
 struct CoverageKernels {
   /// The largest of four bytes.
   void (*largest)(const std::uint8_t* c, const std::uint8_t* m, const std::uint8_t* y, const std::uint8_t* k,

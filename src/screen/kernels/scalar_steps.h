@@ -8,8 +8,9 @@
 #include "screen/kernels/drop_code.h"
 #include "screen/kernels/screening_kernels.h"
 
-// The kernels of screening and packing one element at a time, from element `x` on: the whole of the scalar
-// set and the ragged ends of the others. Internal linkage for the reason given in drop_code.h; no standard
+// The kernels of screening and packing one element at a time: the whole of the scalar set and, from element
+// `x` on, the ragged ends of the others. Parameters are those of the kernels, one to seven of them as
+// screening_kernels.h has it, and `x`. Internal linkage for the reason given in drop_code.h; no standard
 // library templates either.
 namespace nvo::scalar_steps {
 
