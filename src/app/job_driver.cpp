@@ -10,7 +10,6 @@ namespace {
 
 constexpr float kFineSourceDpi = 350.0f;
 constexpr std::uint32_t kFineLayoutDpi = 600;
-constexpr std::uint32_t kNormalLayoutDpi = 300;
 
 /// Registers a callback with the log for the span of a job.
 class LogSink {
@@ -45,7 +44,7 @@ std::uint32_t source_layout_dpi(const std::vector<std::string>& inputs) {
   const bool any_fine = std::any_of(inputs.begin(), inputs.end(), [](const std::string& path) {
     return probe_image(path).effective_dpi > kFineSourceDpi;
   });
-  return any_fine ? kFineLayoutDpi : kNormalLayoutDpi;
+  return any_fine ? kFineLayoutDpi : kDefaultSourceDpi;
 }
 
 std::string run_job(const std::string& input_path, const std::string& output_path,

@@ -17,8 +17,8 @@ struct StripWhite : WhiteInkLimit {
 struct StripCompositorConfig : Resampling, StripWhite {
   float sheet_width_in = 0.0f;  ///< after placement and canvas pad
   float sheet_height_in = 0.0f;
-  std::uint32_t src_dpi = 300;      ///< pixels per inch of the strips
-  std::uint32_t strip_h_px = 1024;  ///< height of a strip where none is named
+  std::uint32_t src_dpi = kDefaultSourceDpi;  ///< pixels per inch of the strips
+  std::uint32_t strip_h_px = 1024;            ///< height of a strip where none is named
   std::uint32_t channel_count = kChannelCount;
   bool source_grid_choke_enabled = false;  ///< no job sets it: white is choked on the device grid
   float white_choke_amount_px_at_300dpi = 0.0f;

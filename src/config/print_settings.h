@@ -12,6 +12,9 @@
 // behind. Lengths are inches, ink amounts percent (100 is one full ink).
 namespace nvo {
 
+/// Pixels to the inch of the source grid, unless the art is finer or a caller says otherwise.
+inline constexpr std::uint32_t kDefaultSourceDpi = 300;
+
 enum class SheetPlacementMode : std::uint32_t { align_left = 0, align_center = 1, align_right = 2 };
 enum class WhiteGenerationMode : std::uint32_t { source_coverage = 0 };
 enum class ResamplingMode : std::uint32_t { smooth = 0, hard = 1 };

@@ -11,9 +11,6 @@
 
 namespace nvo {
 
-/// Taken for a TIFF that states no resolution.
-inline constexpr float kTiffDefaultDpi = 300.0f;
-
 /// A TIFF as its consumers see it: gray files present themselves as RGB or RGBA.
 ImageMeta describe_tiff(const std::string& path, const TiffMeta& tiff);
 

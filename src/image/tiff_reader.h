@@ -11,6 +11,9 @@
 
 namespace nvo {
 
+/// Taken for a TIFF that states no resolution.
+inline constexpr float kTiffDefaultDpi = 300.0f;
+
 /// The tags of a TIFF (TIFF 6.0, BigTIFF) that this program works with.
 struct TiffMeta {
   std::uint32_t width = 0, height = 0;
@@ -34,11 +37,12 @@ struct TiffMeta {
 /// A band is read by decoding the strips or tile rows that it touches. The first two of them and the last
 /// stay decoded, so a walk upwards through the image in bands that overlap a little decodes each strip once,
 /// however many bands it spans. Small strips, and the tiles of a row, are decoded side by side on as many
-/// threads as the plan gives composition, where the compression lets each stand alone (JPEG doesn't); samples, log and
-/// failures are those of one thread. An open reader therefore holds up to three strips, of 2 GiB together (or
-/// three tile rows of at most 64 MiB each), and a strip or tile of at most 4 MiB for each further thread;
-/// beyond that and the band itself nothing is allocated from what a header claims. A file with larger strips
-/// or tiles than 2 GiB is refused. A read of the whole image decodes large ones to where they stay.
+/// threads as the plan gives composition, where the compression lets each stand alone (JPEG doesn't);
+/// samples, log and failures are those of one thread. An open reader therefore holds up to three strips, of 2
+/// GiB together (or three tile rows of at most 64 MiB each), and a strip or tile of at most 4 MiB for each
+/// further thread; beyond that and the band itself nothing is allocated from what a header claims. A file
+/// with larger strips or tiles than 2 GiB is refused. A read of the whole image decodes large ones to where
+/// they stay.
 class TiffReader {
  public:
   explicit TiffReader(const ThreadPlan& threads = ThreadPlan());

@@ -14,7 +14,6 @@ namespace nvo {
 namespace {
 
 constexpr std::uint16_t kMaxSamplesPerPixel = 64;
-constexpr float kDefaultDpi = 300.0f;
 constexpr float kCentimetresPerInch = 2.54f;
 constexpr std::uint64_t kMaxInkNameBytes = 256;
 
@@ -66,7 +65,7 @@ void read_resolution(TIFF* tiff, TiffMeta& meta) {
   meta.resolution_unit = tiff_tag_or<std::uint16_t>(tiff, TIFFTAG_RESOLUTIONUNIT, RESUNIT_NONE);
   const float x = dots_per_inch(meta.x_resolution, meta.resolution_unit);
   const float y = dots_per_inch(meta.y_resolution, meta.resolution_unit);
-  meta.dpi_x = x > 0.0f ? x : y > 0.0f ? y : kDefaultDpi;
+  meta.dpi_x = x > 0.0f ? x : y > 0.0f ? y : kTiffDefaultDpi;
   meta.dpi_y = y > 0.0f ? y : meta.dpi_x;
 }
 

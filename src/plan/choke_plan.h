@@ -26,7 +26,7 @@ struct DeviceChoke {
 /// minimum width and threshold are within their limits, and light areas are protected only where it is
 /// adaptive.
 struct ChokePlan : DeviceChoke {
-  std::uint32_t src_dpi = 300;
+  std::uint32_t src_dpi = kDefaultSourceDpi;
   float runtime_radius_px = 0.0f;  ///< source pixels; 0 where no choke is active
 
   bool protects_light() const { return white_choke_adaptive_protect_light_enabled; }

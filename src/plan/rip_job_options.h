@@ -26,8 +26,8 @@ struct AdaptiveChokeRequest {
 struct RipJobOptions : PrintSettings, HeadConfig, ExplicitResolution, AdaptiveChokeRequest {
   std::uint32_t strip_h_px = 1024;  ///< strip height in source rows
   std::uint32_t reserved_count = 3;
-  std::uint32_t src_dpi = 300;  ///< source grid, both axes
-  float sheet_width_in = 0.0f;  ///< 0 lets the content decide
+  std::uint32_t src_dpi = kDefaultSourceDpi;  ///< source grid, both axes
+  float sheet_width_in = 0.0f;                ///< 0 lets the content decide
   bool parallel_channels_auto = true;
   std::uint64_t parallel_channels_min_pixels = 1'000'000;  ///< device pixels of the sheet
   RipPerformance performance;

@@ -23,9 +23,9 @@ namespace nvo {
 struct StripScreening;
 
 struct RipEngineParams : DeviceChoke {
-  std::uint32_t src_dpi = 300;  ///< source grid, both axes
-  std::uint32_t x_dpi = 720;    ///< device grid across the head
-  std::uint32_t y_dpi = 1800;   ///< device grid along the feed
+  std::uint32_t src_dpi = kDefaultSourceDpi;  ///< source grid, both axes
+  std::uint32_t x_dpi = 720;                  ///< device grid across the head
+  std::uint32_t y_dpi = 1800;                 ///< device grid along the feed
   std::int32_t n_channels = 6;
   /// Per channel 256 ink values (0..255); empty selects the built-in curves.
   std::vector<std::vector<float>> linear_lut;

@@ -19,7 +19,7 @@ struct DeviceChokeInput {
 };
 
 struct DeviceChokeParams {
-  std::uint32_t src_dpi = 300, x_dpi = 720, y_dpi = 1800;
+  std::uint32_t src_dpi = kDefaultSourceDpi, x_dpi = 720, y_dpi = 1800;
   DeviceChoke choke{};
   std::uint32_t threads = 1;  ///< the result does not depend on it
 };
