@@ -316,10 +316,4 @@ HosonWriterCounters HosonWriter::counters() const {
   return totals;
 }
 
-void HosonWriter::reset_counters() {
-  const std::lock_guard lock(counters_mutex_);
-  counters_ = {};
-  packed_by_callers_ns_ = 0;
-}
-
 }  // namespace nvo

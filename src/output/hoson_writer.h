@@ -28,7 +28,7 @@ struct HosonWriterOptions {
   ThreadPlan threads{};
 };
 
-/// Totals of all strips since the last reset. The durations grow only while timing is on.
+/// Totals of all strips. The durations grow only while timing is on.
 struct HosonWriterCounters {
   std::uint64_t rows = 0, bytes = 0;
   std::uint64_t pack_ns = 0;  ///< summed over the packing threads, this writer's and those of packed strips
@@ -86,7 +86,6 @@ class HosonWriter {
 
   void set_timing(bool enabled) { timing_ = enabled; }
   HosonWriterCounters counters() const;
-  void reset_counters();
 
  private:
   static constexpr std::uint64_t kAllRowsWritten =

@@ -13,11 +13,6 @@ std::uint64_t checked_drop_map_bytes(std::uint64_t width, std::uint64_t height) 
   return *bytes;
 }
 
-DropMap make_drop_map(std::uint32_t width, std::uint32_t height) {
-  const std::uint64_t bytes = checked_drop_map_bytes(width, height);
-  return {width, height, std::vector<std::uint8_t>(bytes)};
-}
-
 DropMapContents resize_drop_map(DropMap& map, std::uint32_t width, std::uint32_t height) {
   const std::uint64_t bytes = checked_drop_map_bytes(width, height);
   const bool reuse = bytes <= map.data.capacity();

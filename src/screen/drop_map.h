@@ -20,9 +20,6 @@ inline constexpr std::uint64_t kMaxDropMapBytes = 0x80000000;
 /// Bytes of a map of this size. Throws `length_error` above 64 bits or above 2 GiB.
 std::uint64_t checked_drop_map_bytes(std::uint64_t width, std::uint64_t height);
 
-/// A zero-filled map. Throws as `checked_drop_map_bytes`.
-DropMap make_drop_map(std::uint32_t width, std::uint32_t height);
-
 enum class DropMapContents { zero, stale };
 
 /// Gives a map another size for a writer that sets every dot: memory it already holds is kept with its old

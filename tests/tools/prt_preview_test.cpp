@@ -101,7 +101,7 @@ TEST(PrtPreview, EveryPixelIsTheMeanOfTheDotsBelowIt) {
 
 TEST(PrtPreview, ShowsOneInkOnItsOwnAndReadsTheSlotsAsTold) {
   const test::TempDir dir;
-  std::vector<DropMap> maps(5, make_drop_map(8, 8));
+  std::vector<DropMap> maps(5, {8, 8, std::vector<std::uint8_t>(64)});
   for (std::size_t i = 0; i < 64; ++i) maps[i % 8 < 4 ? kChannelC : kChannelW].data[i] = 3;
   test::write_print_file(dir.file("a.prt"), 1, maps);  // the sixth slot is empty
   const Rgb8 black_ink{0, 0, 0}, cyan_ink{0x00, 0x9F, 0xE3};

@@ -13,8 +13,8 @@ std::string library_file_name(std::string_view name);
 class DynamicLibrary {
  public:
   DynamicLibrary() = default;
-  DynamicLibrary(DynamicLibrary&& other) noexcept;
-  DynamicLibrary& operator=(DynamicLibrary&& other) noexcept;
+  DynamicLibrary(const DynamicLibrary&) = delete;
+  DynamicLibrary& operator=(const DynamicLibrary&) = delete;
   ~DynamicLibrary();
 
   /// Loads exactly this file, with all that it depends on; `path` is absolute. Returns 0, or the system's
