@@ -31,7 +31,7 @@ class ItemComposer {
   void clear_caches() { caches_.clear(); }
 
   /// An item that cannot be read is logged and left out. A null worker uses the shared converters, and may
-  /// spread rows over threads. Returns what became of the item on this strip.
+  /// divide rows among threads. Returns what became of the item on this strip.
   ItemOutcome compose_item(const LayoutItem& item, StripBuffer& strip, WorkerIcc* worker);
 
   /// What an item's file says of itself, from the source that its composition will use. Nothing where it

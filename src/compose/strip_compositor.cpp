@@ -13,7 +13,7 @@
 namespace nvo {
 namespace {
 
-/// An item of this size spreads its rows over threads and gains nothing from company.
+/// An item of this size divides its rows among threads and gains nothing from company.
 constexpr std::uint64_t kMaxParallelItemPixels = 0x400000;
 
 std::uint32_t strip_width(const StripCompositorConfig& config) {

@@ -65,7 +65,7 @@ class StripCompositor {
   ItemComposer composer_;
   std::vector<ItemOutcome> outcomes_;  ///< by position in the layout
   std::mutex outcomes_mutex_;
-  std::mutex compose_mutex_;  ///< one strip at a time spreads its items over threads
+  std::mutex compose_mutex_;  ///< one strip at a time divides its items among threads
 };
 
 }  // namespace nvo
