@@ -8,6 +8,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "config/limits.h"
 #include "config/settings_keys.h"
 #include "config/settings_paths.h"
 #include "core/file_io.h"
@@ -19,8 +20,6 @@ namespace {
 
 using nlohmann::json;
 
-constexpr std::uint64_t kMaxFileBytes = 0x100000;
-constexpr std::size_t kMaxStringBytes = 0x8000;
 constexpr std::int32_t kMaxIntent = 3;
 
 struct KeyRule {
@@ -50,7 +49,7 @@ const char* take(const json& value, bool& field) {
 const char* take(const json& value, std::string& field) {
   if (!value.is_string()) return " must be a string.";
   const auto& text = value.get_ref<const std::string&>();
-  if (text.size() > kMaxStringBytes) return " is too large.";
+  if (text.size() > kMaxSettingsTextBytes) return " is too large.";
   field = text;
   return nullptr;
 }
@@ -74,7 +73,7 @@ IccSettings read_settings(const std::string& path) {
   json document;
   std::string error;
   bool missing = false;
-  if (!read_json_bounded(path, kMaxFileBytes, document, &error, &missing)) {
+  if (!read_json_bounded(path, kMaxSettingsFileBytes, document, &error, &missing)) {
     if (missing)
       warn_if_out_of_sight(path);
     else

@@ -14,6 +14,7 @@
 
 #include "config/job_settings.h"
 #include "config/job_settings_check.h"
+#include "config/limits.h"
 #include "config/settings_keys.h"
 #include "config/settings_paths.h"
 #include "core/file_io.h"
@@ -25,8 +26,6 @@ namespace nvo {
 namespace {
 
 using nlohmann::json;
-
-constexpr std::uint64_t kMaxFileBytes = 1048576;
 
 // ---- Tokens ----
 
@@ -349,7 +348,7 @@ json read_document(const std::string& path) {
   json document;
   std::string error;
   bool missing = false;
-  if (read_json_bounded(path, kMaxFileBytes, document, &error, &missing)) {
+  if (read_json_bounded(path, kMaxSettingsFileBytes, document, &error, &missing)) {
     if (!document.is_object()) {
       log_warn("JobSettings: '", path, "' holds no JSON object; the defaults hold");
       document = json::object();

@@ -1,9 +1,15 @@
 #pragma once
 
 #include <algorithm>
+#include <cstddef>
+#include <cstdint>
 #include <limits>
 
 namespace nvo {
+
+/// Of a settings file, and of a text in one.
+inline constexpr std::uint64_t kMaxSettingsFileBytes = std::uint64_t{1} << 20;
+inline constexpr std::size_t kMaxSettingsTextBytes = 32768;
 
 /// The least and the most that a number in settings may be.
 struct Limits {

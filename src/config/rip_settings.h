@@ -24,7 +24,8 @@ struct ChannelSettings {
 enum class PerformanceMode : std::uint8_t { automatic = 0, manual = 1 };
 enum class TriState : std::uint8_t { automatic = 0, off = 1, on = 2 };
 
-/// What is asked of the thread plan. A count of 0 leaves the choice to the rules of `core/threads/thread_plan.h`.
+/// What is asked of the thread plan. A count of 0 leaves the choice to the rules of
+/// `core/threads/thread_plan.h`.
 struct RipPerformance {
   PerformanceMode mode = PerformanceMode::automatic;
   TriState parallel_sheets = TriState::automatic;
@@ -38,6 +39,8 @@ struct RipPerformance {
     std::string generated_at, machine, workload, run_case;
   } autotune;
   struct AutotuneInputs {
+    static constexpr std::uint32_t kMaxQty = 1000;
+
     std::string workload = "synthetic_mix";
     std::string folder_path;
     std::string preset = "smoke";

@@ -11,6 +11,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "config/limits.h"
 #include "config/rip_settings.h"
 #include "config/settings_keys.h"
 #include "config/settings_paths.h"
@@ -24,11 +25,8 @@ namespace {
 
 using nlohmann::json;
 
-constexpr std::uint64_t kMaxFileBytes = 1048576;
-constexpr std::size_t kMaxTextBytes = 32768;
 constexpr std::size_t kLutSize = 256;
 constexpr std::uint64_t kMaxThreadCount = 1024;
-constexpr std::uint64_t kMaxCopies = 1000;
 
 /// One invalid value; its text goes to the log and the whole file is refused.
 class InvalidSettings : public std::exception {
@@ -76,7 +74,7 @@ class Section {
     if (!value) return;
     if (!value->is_string()) throw InvalidSettings(label(key) + " must be a string.");
     const auto& text = value->get_ref<const std::string&>();
-    if (text.size() > kMaxTextBytes) throw InvalidSettings(label(key) + " is too large.");
+    if (text.size() > kMaxSettingsTextBytes) throw InvalidSettings(label(key) + " is too large.");
     field = text;
   }
 
@@ -186,7 +184,7 @@ void take_performance(const Section& top, RipPerformance& block) {
     inputs->take("workload", block.autotune_inputs.workload);
     inputs->take("folder_path", block.autotune_inputs.folder_path);
     inputs->take("preset", block.autotune_inputs.preset);
-    inputs->take("qty", block.autotune_inputs.qty, kMaxCopies);
+    inputs->take("qty", block.autotune_inputs.qty, RipPerformance::AutotuneInputs::kMaxQty);
   }
 }
 
@@ -208,14 +206,14 @@ void take_markers(const Section& copies, std::vector<std::string>& field) {
   std::vector<std::string> markers;
   if (value->is_string()) {
     const auto& text = value->get_ref<const std::string&>();
-    if (text.size() > kMaxTextBytes) throw InvalidSettings(label + " is too large.");
+    if (text.size() > kMaxSettingsTextBytes) throw InvalidSettings(label + " is too large.");
     markers = split_markers(text);
   } else if (value->is_array()) {
     for (std::size_t i = 0; i < value->size(); ++i) {
       const std::string element = label + "[" + std::to_string(i) + "]";
       if (!(*value)[i].is_string()) throw InvalidSettings(element + " must be a string.");
       const auto& text = (*value)[i].get_ref<const std::string&>();
-      if (text.size() > kMaxTextBytes) throw InvalidSettings(element + " is too large.");
+      if (text.size() > kMaxSettingsTextBytes) throw InvalidSettings(element + " is too large.");
       markers.push_back(text);
     }
   } else {
@@ -258,7 +256,7 @@ RipSettings read_rip_settings(const std::string& path) {
   json document;
   std::string error;
   bool missing = false;
-  if (!read_json_bounded(path, kMaxFileBytes, document, &error, &missing)) {
+  if (!read_json_bounded(path, kMaxSettingsFileBytes, document, &error, &missing)) {
     if (missing)
       warn_if_out_of_sight(path);
     else

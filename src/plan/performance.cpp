@@ -13,7 +13,6 @@ namespace {
 
 constexpr std::uint32_t kMaxSheetThreads = 8;
 constexpr std::uint32_t kMaxConcurrentJobs = 8;
-constexpr std::uint32_t kMaxAutotuneCopies = 1000;
 
 bool is_one_of(std::string_view text, std::initializer_list<std::string_view> words) {
   return std::find(words.begin(), words.end(), text) != words.end();
@@ -106,7 +105,8 @@ RipPerformance normalize_performance(RipPerformance block, std::uint32_t hw) {
   block.max_concurrent_jobs = std::min(block.max_concurrent_jobs, jobs);
   block.autotune_inputs.workload = canonical_workload(block.autotune_inputs.workload);
   if (!is_one_of(block.autotune_inputs.preset, {"quick", "full"})) block.autotune_inputs.preset = "smoke";
-  block.autotune_inputs.qty = std::clamp(block.autotune_inputs.qty, 1u, kMaxAutotuneCopies);
+  block.autotune_inputs.qty =
+      std::clamp(block.autotune_inputs.qty, 1u, RipPerformance::AutotuneInputs::kMaxQty);
   return block;
 }
 
