@@ -64,9 +64,9 @@ RipEngineParams checked(RipEngineParams params) {
 
 /// Every channel gets a mask of its own.
 MaskParams mask_params(const RipEngineParams& params) {
-  return {params.tile_w, params.tile_h,
-          std::max(params.n_masks, static_cast<std::uint32_t>(params.n_channels)), params.sigma,
-          params.version};
+  MaskParams masks = params;
+  masks.n_masks = std::max(masks.n_masks, static_cast<std::uint32_t>(params.n_channels));
+  return masks;
 }
 
 bool covers(const BitPlane& plane, std::uint32_t width, std::uint32_t height) {

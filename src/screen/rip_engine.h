@@ -22,17 +22,13 @@ namespace nvo {
 
 struct StripScreening;
 
-struct RipEngineParams : DeviceChoke {
+struct RipEngineParams : DeviceChoke, MaskParams {
   std::uint32_t src_dpi = kDefaultSourceDpi;  ///< source grid, both axes
   std::uint32_t x_dpi = 720;                  ///< device grid across the head
   std::uint32_t y_dpi = 1800;                 ///< device grid along the feed
   std::int32_t n_channels = 6;
   /// Per channel 256 ink values (0..255); empty selects the built-in curves.
   std::vector<std::vector<float>> linear_lut;
-  std::uint32_t tile_w = 1024, tile_h = 1024;
-  std::uint32_t n_masks = 6;
-  float sigma = 1.5f;
-  std::uint32_t version = 5;
   std::string cache_dir;
   ResamplingMode color_resampling = ResamplingMode::smooth;
   ResamplingMode white_resampling = ResamplingMode::hard;
