@@ -14,6 +14,7 @@
 
 #include "core/checked.h"
 #include "image/decode/png_chunks.h"
+#include "image/decode/png_rows.h"
 #include "image/decode/raster_decoder.h"
 
 namespace nvo {
@@ -22,6 +23,7 @@ namespace {
 constexpr std::uint64_t kMaxDeflateRatio = 1032;  // 258 bytes from two codes of one bit each
 constexpr png_uint_32 kAnySide = 0x7FFFFFFF;
 constexpr double kInchesPerMetre = 0.0254;
+constexpr std::uint64_t kChunkHeadBytes = 8;  // length and type
 
 /// What libpng's callbacks see. They must not throw.
 struct PngState {
@@ -92,9 +94,29 @@ void transform_to_rgba(png_structp png, int color_type) {
   png_set_add_alpha(png, kOpaque, PNG_FILLER_AFTER);
 }
 
+/// 0 where a plain PNG can't be of this colour type.
+std::size_t plain_samples(int color_type) {
+  switch (color_type) {
+    case PNG_COLOR_TYPE_GRAY:
+      return 1;
+    case PNG_COLOR_TYPE_GRAY_ALPHA:
+      return 2;
+    case PNG_COLOR_TYPE_RGB:
+      return 3;
+    case PNG_COLOR_TYPE_RGB_ALPHA:
+      return 4;
+    default:
+      return 0;
+  }
+}
+
+/// Rows of plain files come from `PngRows` as long as nothing is the matter with the file. Then libpng, which
+/// has been left where the pixels begin, catches up and goes on; it alone knows what damage is and what it is
+/// called. All other files are libpng's from the start.
 class PngDecoder final : public RasterDecoder {
  public:
-  explicit PngDecoder(ByteReader reader) : state_(std::make_unique<PngState>(std::move(reader))) {
+  PngDecoder(ByteReader reader, bool by_libpng_alone)
+      : state_(std::make_unique<PngState>(std::move(reader))) {
     const PngChunks chunks = scan_png_chunks(state_->reader);
     state_->reader.seek(0);
     png_ = png_create_read_struct_2(PNG_LIBPNG_VER_STRING, state_.get(), on_error, on_warning, state_.get(),
@@ -111,6 +133,8 @@ class PngDecoder final : public RasterDecoder {
     if (!chunks.has_srgb && !chunks.has_profile) info_.gamma = chunks.gamma / 100'000.0;
     info_.resolution_is_damaged = state_->resolution_is_damaged && !(info_.dpi_x > 0.0);
     drops_alpha_ = drops_alpha_ && !chunks.has_transparency;
+    pixels_at_ = state_->reader.position();
+    is_plain_ = !by_libpng_alone && !chunks.has_transparency && plain_.samples != 0;
   }
 
   ImageClaim claim() const override {
@@ -126,7 +150,8 @@ class PngDecoder final : public RasterDecoder {
         decode_passes(frame_.get());
       }
       std::copy_n(frame_.get() + next_row_++ * row_bytes(), row_bytes(), rgba);
-    } else {
+    } else if (!rows_ || !rows_->read_row(rgba)) {
+      if (rows_) catch_up();
       require(guarded(png_, [&] { png_read_row(png_, rgba, nullptr); }));
       look_at_alpha(rgba, 1);
     }
@@ -154,6 +179,7 @@ class PngDecoder final : public RasterDecoder {
       info_.has_alpha = with_alpha && depth == 8;
       drops_alpha_ = with_alpha && depth == 16;
       info_.needs_whole_frame = interlace != PNG_INTERLACE_NONE;
+      if (depth == 8 && !info_.needs_whole_frame) plain_.samples = plain_samples(color_type);
 
       png_uint_32 x = 0, y = 0;
       int unit = PNG_RESOLUTION_UNKNOWN;
@@ -172,6 +198,20 @@ class PngDecoder final : public RasterDecoder {
       passes_ = png_set_interlace_handling(png_);
       png_read_update_info(png_, png_info_);
       if (png_get_rowbytes(png_, png_info_) != row_bytes()) png_error(png_, "unexpected pixel format");
+    }));
+    plain_.first_idat = pixels_at_ - kChunkHeadBytes;
+    plain_.width = info_.width;
+    plain_.height = info_.height;
+    if (is_plain_ && PngRows::can_read(plain_)) rows_ = std::make_unique<PngRows>(state_->reader, plain_);
+  }
+
+  /// Hands the rest of the rows over to libpng.
+  void catch_up() {
+    const std::size_t given = rows_->rows_given();
+    rows_.reset();
+    state_->reader.seek(pixels_at_);
+    require(guarded(png_, [&] {
+      for (std::size_t y = 0; y < given; ++y) png_read_row(png_, nullptr, nullptr);
     }));
   }
 
@@ -206,6 +246,10 @@ class PngDecoder final : public RasterDecoder {
   png_infop png_info_ = nullptr;
   std::size_t stored_row_bytes_ = 0;
   int passes_ = 1;
+  std::uint64_t pixels_at_ = 0;  // where libpng stands in the file, behind the head of the first IDAT chunk
+  PlainPng plain_;
+  bool is_plain_ = false;
+  std::unique_ptr<PngRows> rows_;          // null once libpng reads them
   std::unique_ptr<std::uint8_t[]> frame_;  // of an interlaced file
   std::size_t next_row_ = 0;               // of the frame
   bool drops_alpha_ = false;               // it is there and nobody has been told
@@ -214,7 +258,11 @@ class PngDecoder final : public RasterDecoder {
 }  // namespace
 
 std::unique_ptr<RasterDecoder> open_png_decoder(ByteReader reader) {
-  return std::make_unique<PngDecoder>(std::move(reader));
+  return std::make_unique<PngDecoder>(std::move(reader), false);
+}
+
+std::unique_ptr<RasterDecoder> open_libpng_decoder(ByteReader reader) {
+  return std::make_unique<PngDecoder>(std::move(reader), true);
 }
 
 }  // namespace nvo

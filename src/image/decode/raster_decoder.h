@@ -83,4 +83,8 @@ std::unique_ptr<RasterDecoder> open_jpeg_decoder(ByteReader reader);
 std::unique_ptr<RasterDecoder> open_bmp_decoder(ByteReader reader);
 std::unique_ptr<RasterDecoder> open_webp_decoder(ByteReader reader);
 
+/// A PNG by libpng alone, which `open_png_decoder` asks only where a file is unusual or damaged. The same
+/// rows, failures and warnings; for tests and benchmarks.
+std::unique_ptr<RasterDecoder> open_libpng_decoder(ByteReader reader);
+
 }  // namespace nvo
