@@ -269,8 +269,7 @@ void HosonWriter::end_stream_write() {
   if (!open_) return;
   try {
     if (next_row_ != kAllRowsWritten)
-      throw std::runtime_error(
-          "HosonWriter::end_stream_write: stream finished before all rows were written");
+      throw std::runtime_error("HosonWriter::end_stream_write: stream finished before all rows were written");
     if (const auto failure = file_.commit(options_.keep_existing ? Existing::keep : Existing::replace))
       fail(*failure, "HosonWriter::end_stream_write: " + std::string(end_text(failure->step)) + path_);
   } catch (...) {
