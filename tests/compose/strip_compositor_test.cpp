@@ -325,12 +325,16 @@ TEST_F(StripCompositorTest, EmptyStripsStayBlankAndOthersGetTheInkLimitOrTheChok
 }
 
 TEST_F(StripCompositorTest, InertSwitchesOnlyWarnOnce) {
-  StripCompositor compositor(sheet(8, 8));
-  compositor.set_layout({{item_at(flat_cmyk("a.tif", 10), 0, 0, 8, 8)}, 0.08f});
-  const StripBuffer plain = compositor.compose_strip(0, 8);
+  const SheetLayout layout{{item_at(flat_cmyk("a.tif", 10), 0, 0, 8, 8)}, 0.08f};
+  const auto compose = [&] {
+    StripCompositor compositor(sheet(8, 8));
+    compositor.set_layout(layout);
+    return compositor.compose_strip(0, 8);
+  };
+  const StripBuffer plain = compose();
   for (const char* word : {"", "0", "False", "off", "NO", "maybe", "1"}) {
     const ScopedVariable inert("NVO_RIP_FORCE_LOW_MEMORY_IMAGES", word);
-    EXPECT_TRUE(same_bytes(compositor.compose_strip(0, 8), plain));
+    EXPECT_TRUE(same_bytes(compose(), plain));
     EXPECT_EQ(log.count("ignored in production/release: NVO_RIP_FORCE_LOW_MEMORY_IMAGES ("),
               *word == 'm' || *word == '1')
         << word;
