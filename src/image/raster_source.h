@@ -31,7 +31,7 @@ class RasterSource {
   /// How rows are obtained, for the log.
   virtual std::string read_strategy() const = 0;
   /// Fills `out`, whose memory is reused, with rows `y` .. `y + rows - 1`. False with a text in `error` (may
-  /// be null) on failure; never throws for a bad file, but what a failure of the machine is.
+  /// be null) on failure; a bad file never throws, only a failure of the machine does.
   virtual bool read_rows(std::uint32_t y, std::uint32_t rows, std::vector<std::uint8_t>& out,
                          std::string* error) = 0;
   /// The same for a rectangle.

@@ -655,7 +655,6 @@ void TiffReader::Impl::decode_tile_row(const TileGrid& grid, std::uint64_t first
 TiffReader::TiffReader(const ThreadPlan& threads) : impl_(std::make_unique<Impl>(Impl{.threads = threads})) {}
 TiffReader::~TiffReader() = default;
 TiffReader::TiffReader(TiffReader&&) noexcept = default;
-TiffReader& TiffReader::operator=(TiffReader&&) noexcept = default;
 
 void TiffReader::open(const std::string& path) {
   close();

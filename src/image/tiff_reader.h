@@ -48,7 +48,6 @@ class TiffReader {
   explicit TiffReader(const ThreadPlan& threads = ThreadPlan());
   ~TiffReader();
   TiffReader(TiffReader&&) noexcept;
-  TiffReader& operator=(TiffReader&&) noexcept;
 
   void open(const std::string& path);
   /// Validates the file's tags and logs them. The reads below repeat this, with all its logging.

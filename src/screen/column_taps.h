@@ -8,9 +8,9 @@
 
 namespace nvo {
 
-/// The same filter where every device column lies in one source pixel, or on two neighbours of which no other
-/// column's mean is taken. A column inside one pixel has the weight 1 exactly, so its code is that of the
-/// pixel; the others are as many as there are pixels at most, and are worked out side by side.
+/// The filter of `ColumnTaps` where every device column lies in one source pixel, or on two neighbours of
+/// which no other column's mean is taken. A column inside one pixel has the weight 1 exactly, so its code is
+/// that of the pixel; the others are as many as there are pixels at most, and are worked out side by side.
 struct ColumnPairs {
   std::vector<float> left, right;  ///< see `PairWeights`; one a source pixel and padding
   CodeGather gather;               ///< from the codes of pixels and pairs to device columns

@@ -12,7 +12,6 @@ class InputFile {
  public:
   InputFile() = default;
   InputFile(InputFile&& other) noexcept;
-  InputFile& operator=(InputFile&& other) noexcept;
   ~InputFile();
 
   /// Returns 0 or the system's error, which `tells_of_path` judges.

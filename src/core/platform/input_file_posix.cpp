@@ -14,15 +14,6 @@ namespace nvo::platform {
 InputFile::InputFile(InputFile&& other) noexcept
     : descriptor_(std::exchange(other.descriptor_, -1)), size_(std::exchange(other.size_, 0)) {}
 
-InputFile& InputFile::operator=(InputFile&& other) noexcept {
-  if (this != &other) {
-    close();
-    descriptor_ = std::exchange(other.descriptor_, -1);
-    size_ = std::exchange(other.size_, 0);
-  }
-  return *this;
-}
-
 InputFile::~InputFile() {
   close();
 }
