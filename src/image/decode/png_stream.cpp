@@ -8,6 +8,8 @@
 #include <isa-l/crc.h>
 #include <isa-l/igzip_lib.h>
 
+#include "core/platform/vector_registers.h"
+
 namespace nvo {
 namespace {
 
@@ -44,6 +46,7 @@ std::size_t PngStream::read(std::span<std::uint8_t> out) {
   inflate_->avail_out = static_cast<std::uint32_t>(wanted);
   while (inflate_->avail_out != 0 && state_ == State::sound) {
     const std::uint32_t in_before = inflate_->avail_in, out_before = inflate_->avail_out;
+    platform::clear_upper_registers();
     if (isal_inflate(inflate_.get()) != ISAL_DECOMP_OK)
       state_ = State::broken;
     else if (inflate_->block_state == ISAL_BLOCK_FINISH)
@@ -51,6 +54,7 @@ std::size_t PngStream::read(std::span<std::uint8_t> out) {
     else if (inflate_->avail_in == in_before && inflate_->avail_out == out_before && !load())
       state_ = State::broken;
   }
+  platform::clear_upper_registers();
   return wanted - inflate_->avail_out;
 }
 

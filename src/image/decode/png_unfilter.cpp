@@ -1,12 +1,14 @@
 #include "image/decode/png_unfilter.h"
 
-#include <cstdlib>
+#include <algorithm>
 #include <cstring>
 
 namespace nvo {
 namespace {
 
 constexpr std::size_t kPixelBytes = 4;
+
+constexpr std::size_t kRows = 4;  // that are unfiltered together
 
 enum Filter : std::uint8_t { kNone, kSub, kUp, kAverage, kPaeth, kFilters };
 
@@ -136,32 +138,64 @@ void unfilter_paeth(const std::uint8_t* from, std::size_t pixels, const std::uin
   }
 }
 
-/// Two rows, one below the other, both of Paeth's filter. Each pixel waits for its left neighbour, so the
-/// lower row is worked on along with the upper one, a pixel behind it. The element halves are one row each.
+/// Four rows, one below the other, all of Paeth's filter. Each pixel waits for its left neighbour, so the
+/// rows are worked on together, each a pixel behind the one above it. A half of a vector is one row's.
 template <std::size_t samples>
-void unfilter_paeth_pair(const std::uint8_t* from, const std::uint8_t* from_lower, std::size_t pixels,
-                         const std::uint8_t* above, std::uint8_t* to) {
-  std::uint8_t* lower = to + pixels * kPixelBytes;
-  Samples left{}, corner{}, up = widen(load(above));
-  const auto step = [&](std::uint64_t upper_stored, std::uint64_t lower_stored) {
-    left = wrap(paeth(left, up, corner) + widen(upper_stored | lower_stored << 32));
-    corner = up;
-    return narrow(left);
-  };
-  const auto next_above = [&](std::uint32_t pixel) {
-    up = __builtin_shufflevector(widen(pixel), left, 0, 1, 2, 3, 8, 9, 10, 11);
-  };
-  store(to, static_cast<std::uint32_t>(step(stored_pixel<samples>(from), 0)) | alpha_of<samples>());
-  for (std::size_t x = 1; x < pixels; ++x) {
-    next_above(load(above + x * kPixelBytes));
-    const std::uint64_t done = step(stored_pixel<samples>(from + x * samples),
-                                    stored_pixel<samples>(from_lower + (x - 1) * samples));
-    store(to + x * kPixelBytes, static_cast<std::uint32_t>(done) | alpha_of<samples>());
-    store(lower + (x - 1) * kPixelBytes, static_cast<std::uint32_t>(done >> 32) | alpha_of<samples>());
+class PaethRows {
+ public:
+  PaethRows(const FilteredRows& rows, std::size_t y, const std::uint8_t* above, std::uint8_t* to)
+      : pixels_(rows.pixels), above_(above), to_(to) {
+    for (std::size_t i = 0; i < kRows; ++i) from_[i] = rows.row(y + i) + 1;
   }
-  next_above(0);
-  const std::uint64_t last = step(0, stored_pixel<samples>(from_lower + (pixels - 1) * samples));
-  store(lower + (pixels - 1) * kPixelBytes, static_cast<std::uint32_t>(last >> 32) | alpha_of<samples>());
+
+  void unfilter() {
+    const std::size_t lag = kRows - 1;
+    std::size_t x = 0;
+    for (; x < std::min(lag, pixels_); ++x) step<true>(x);
+    for (; x < pixels_; ++x) step<false>(x);
+    for (; x < pixels_ + lag; ++x) step<true>(x);
+  }
+
+ private:
+  /// Pixel `x` of the first row, the one before it of the second, and so on; at the ends only where there is
+  /// one.
+  template <bool at_ends>
+  void step(std::size_t x) {
+    const auto has_pixel = [&](std::size_t row) { return !at_ends || x - row < pixels_; };
+    const auto stored = [&](std::size_t row) {
+      return has_pixel(row) ? std::uint64_t{stored_pixel<samples>(from_[row] + (x - row) * samples)} : 0;
+    };
+    const auto put = [&](std::size_t row, std::uint64_t pixel) {
+      if (has_pixel(row))
+        store(to_ + (row * pixels_ + x - row) * kPixelBytes,
+              static_cast<std::uint32_t>(pixel) | alpha_of<samples>());
+    };
+    const Samples above = widen(has_pixel(0) ? load(above_ + x * kPixelBytes) : 0);
+    const Samples up = __builtin_shufflevector(above, left_, 0, 1, 2, 3, 8, 9, 10, 11);
+    const Samples lower_up = __builtin_shufflevector(left_, lower_left_, 4, 5, 6, 7, 8, 9, 10, 11);
+    left_ = wrap(paeth(left_, up, corner_) + widen(stored(0) | stored(1) << 32));
+    lower_left_ = wrap(paeth(lower_left_, lower_up, lower_corner_) + widen(stored(2) | stored(3) << 32));
+    corner_ = up;
+    lower_corner_ = lower_up;
+    const std::uint64_t done = narrow(left_), lower_done = narrow(lower_left_);
+    put(0, done);
+    put(1, done >> 32);
+    put(2, lower_done);
+    put(3, lower_done >> 32);
+  }
+
+  std::size_t pixels_;
+  const std::uint8_t* above_;
+  std::uint8_t* to_;
+  const std::uint8_t* from_[kRows];
+  Samples left_{}, corner_{}, lower_left_{}, lower_corner_{};
+};
+
+bool has_paeth_rows(const FilteredRows& rows, std::size_t y, std::size_t end) {
+  if (end - y < kRows) return false;
+  for (std::size_t i = 0; i < kRows; ++i)
+    if (*rows.row(y + i) != kPaeth) return false;
+  return true;
 }
 
 template <std::size_t samples>
@@ -184,10 +218,10 @@ std::size_t unfilter(const FilteredRows& rows, std::size_t count, std::uint8_t* 
         unfilter_average<samples>(from, pixels, above, to);
         break;
       case kPaeth:
-        if (y + 1 < count && *rows.row(y + 1) == kPaeth) {
-          unfilter_paeth_pair<samples>(from, rows.row(y + 1) + 1, pixels, above, to);
-          ++y;
-          above += rgba_bytes;
+        if (has_paeth_rows(rows, y, count)) {
+          PaethRows<samples>(rows, y, above, to).unfilter();
+          y += kRows - 1;
+          above += (kRows - 1) * rgba_bytes;
         } else {
           unfilter_paeth<samples>(from, pixels, above, to);
         }
