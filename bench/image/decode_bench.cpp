@@ -1,12 +1,14 @@
 // From an image file to its rows, in one thread; items are pixels. Files are cached by the system after the
 // first read.
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include <benchmark/benchmark.h>
 
 #include "core/log.h"
+#include "image/decode/raster_decoder.h"
 #include "image/image_loader.h"
 #include "image/raster_files.h"
 #include "image/raster_source.h"
@@ -85,6 +87,19 @@ void rows(benchmark::State& state, const std::string& name) {
   count_pixels(state);
 }
 
+/// Of a PNG, by either of its two ways.
+void decoder_rows(benchmark::State& state, std::unique_ptr<RasterDecoder> (*open)(ByteReader)) {
+  const std::string path = file("rgba.png");
+  for (auto _ : state) {
+    const auto decoder = open(ByteReader(path));
+    std::vector<std::uint8_t> row(decoder->row_bytes());
+    decoder->start();
+    for (std::uint32_t y = 0; y < kHeight; ++y) decoder->read_row(row.data());
+    benchmark::DoNotOptimize(row.data());
+  }
+  count_pixels(state);
+}
+
 void whole_image(benchmark::State& state, const std::string& name) {
   const std::string path = file(name);
   for (auto _ : state) benchmark::DoNotOptimize(load_image(path).pixels.data());
@@ -101,6 +116,8 @@ BENCHMARK_CAPTURE(rows, tiff_lzw, "lzw.tif")->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(rows, tiff_zip, "zip.tif")->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(rows, tiff_lzw_tiles, "tiles.tif")->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(rows, png, "rgba.png")->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(decoder_rows, png_plain, open_png_decoder)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(decoder_rows, png_by_libpng, open_libpng_decoder)->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(rows, jpeg, "rgb.jpg")->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(rows, webp, "rgba.webp")->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(whole_image, tiff_lzw, "lzw.tif")->Unit(benchmark::kMillisecond);
