@@ -188,6 +188,11 @@ TEST_F(RasterDecoderTest, DamagedPngsEndAsByLibpng) {
       files.push_back(sound);
       files.back()[at] ^= '\x10';
     }
+  // Only the last checksum is wrong.
+  for (const std::string& sound : sounds) {
+    files.push_back(sound);
+    files.back()[sound.size() - 14] ^= '\x01';
+  }
   // More rows than the header says, and fewer.
   for (const char height : {'\x02', '\xFF'})
     for (const std::string& sound : sounds) {
