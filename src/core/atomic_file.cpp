@@ -80,7 +80,7 @@ std::optional<WriteFailure> AtomicFile::begin(const std::string& target, std::ui
   give_up();
   target_ = target;
   bytes_ = bytes;
-  appended_ = 0;
+  written_ = 0;
   file_.prepare(bytes >= platform::kBulkBlock);  // what may throw, before the file is there
   TempFile temp;
   if (const int error = create_temp(target, names, temp))
@@ -91,9 +91,17 @@ std::optional<WriteFailure> AtomicFile::begin(const std::string& target, std::ui
 }
 
 std::optional<WriteFailure> AtomicFile::append(const void* data, std::size_t size) {
-  if (const int error = file_.append(data, size)) return fail(WriteFailure::Step::write, size, error);
-  appended_ += size;
-  bytes_ = std::max(bytes_, appended_);
+  return after_write(size, file_.append(data, size));
+}
+
+std::optional<WriteFailure> AtomicFile::write_at(std::uint64_t offset, const void* data, std::size_t size) {
+  return after_write(size, file_.write_at(offset, data, size));
+}
+
+std::optional<WriteFailure> AtomicFile::after_write(std::size_t size, int error) {
+  if (error) return fail(WriteFailure::Step::write, size, error);
+  written_ += size;
+  bytes_ = std::max(bytes_, written_);
   return std::nullopt;
 }
 

@@ -66,6 +66,9 @@ class AtomicFile {
   [[nodiscard]] std::optional<WriteFailure> begin(const std::string& target, std::uint64_t bytes,
                                                   const TemporaryNames& names = kUniqueNames);
   [[nodiscard]] std::optional<WriteFailure> append(const void* data, std::size_t size);
+  /// Writes bytes to their place, in any order; see `BulkFile`.
+  [[nodiscard]] std::optional<WriteFailure> write_at(std::uint64_t offset, const void* data,
+                                                     std::size_t size);
   /// From here on the target is the new file.
   [[nodiscard]] std::optional<WriteFailure> commit(Existing existing = Existing::replace);
   void give_up() noexcept;
@@ -73,13 +76,14 @@ class AtomicFile {
   bool is_open() const { return file_.is_open(); }
 
  private:
+  std::optional<WriteFailure> after_write(std::size_t size, int error);
   WriteFailure fail(WriteFailure::Step step, std::uint64_t bytes, int error);
 
   TempFile temp_;  ///< its handle is in `file_`
   platform::BulkFile file_;
   std::string target_;
   std::uint64_t bytes_ = 0;  ///< as announced, or as many as came if those are more
-  std::uint64_t appended_ = 0;
+  std::uint64_t written_ = 0;
 };
 
 /// A new file beside `target` under the first of the names that is free. The code is 0 or the last error; a

@@ -84,7 +84,8 @@ void pack_row_cycle(const std::vector<SlotSource>& slots, std::uint32_t row, std
 
 }  // namespace
 
-void HosonWriter::begin_stream_write(const std::string& path, std::uint32_t width, std::uint32_t height) {
+void HosonWriter::begin_stream_write(const std::string& path, std::uint32_t width, std::uint32_t height,
+                                     StripOrder order) {
   if (open_) throw std::runtime_error("HosonWriter::begin_stream_write: stream is already open");
   if (width == 0 || height == 0)
     throw std::invalid_argument("HosonWriter::begin_stream_write: invalid device size");
@@ -96,13 +97,14 @@ void HosonWriter::begin_stream_write(const std::string& path, std::uint32_t widt
   begin_file(path);
   try {
     const auto header = encode_prt_header(fields);
-    write_bytes(header.data(), header.size(), "header field");
+    write_bytes(0, header.data(), header.size(), "header field");
     path_ = path;
   } catch (...) {
-    abort();
+    give_up();
     throw;
   }
-  next_row_ = height - 1;
+  order_ = order;
+  rows_left_ = height;
   open_ = true;
 }
 
@@ -116,9 +118,9 @@ void HosonWriter::write_dropmaps_strip(const std::vector<DropMap>& dropmaps, std
   if (!open_) throw std::runtime_error("HosonWriter::write_dropmaps_strip: stream is not open");
   try {
     check_strip(dropmaps, y);
-    if (dropmaps.front().height != 0) write_strip(dropmaps);
+    if (dropmaps.front().height != 0) write_strip(dropmaps, y);
   } catch (...) {
-    abort();
+    give_up();
     throw;
   }
 }
@@ -148,9 +150,14 @@ void HosonWriter::require_in_bounds(std::uint32_t rows, std::uint32_t y) const {
 }
 
 void HosonWriter::require_next(std::uint32_t rows, std::uint32_t y) const {
-  if (std::uint64_t{y} + rows - 1 != next_row_)
-    throw std::runtime_error(
-        "HosonWriter::write_dropmaps_strip: strips must be written in descending image-row order");
+  const bool top_down = order_ == StripOrder::top_down;
+  if (top_down ? y == height_ - rows_left_ : y + rows == rows_left_) return;
+  throw std::runtime_error(std::string("HosonWriter::write_dropmaps_strip: strips must be written in ") +
+                           (top_down ? "ascending" : "descending") + " image-row order");
+}
+
+std::uint64_t HosonWriter::place_of(std::uint32_t y, std::uint32_t rows) const {
+  return kPrtHeaderSize + std::uint64_t{height_ - y - rows} * layout_.cycle_len;
 }
 
 StripCycles HosonWriter::make_strip_cycles(std::uint32_t rows, std::uint32_t y, StripCycles spent) {
@@ -164,8 +171,7 @@ StripCycles HosonWriter::make_strip_cycles(std::uint32_t rows, std::uint32_t y, 
   if (!strip.memory || strip.memory.get_deleter().size < strip.size + platform::kBulkBlock)
     strip.memory = platform::allocate_bulk(strip.size + platform::kBulkBlock);
   // The cycles lie in their blocks of memory as they will lie in the file's, so that they need no copy.
-  const std::uint64_t offset = kPrtHeaderSize + std::uint64_t{height_ - y - rows} * layout_.cycle_len;
-  strip.bytes = strip.memory.get() + offset % platform::kBulkBlock;
+  strip.bytes = strip.memory.get() + place_of(y, rows) % platform::kBulkBlock;
 
   // A row of an ink stands in the first slot that names it, and once more in each further one.
   std::uint8_t* const top_cycle = strip.bytes + std::size_t{rows - 1} * layout_.cycle_len;
@@ -200,29 +206,30 @@ void HosonWriter::write_cycles_strip(const StripCycles& strip, std::uint32_t y) 
     HosonWriterCounters counters;
     counters.rows = strip.rows;
     counters.bytes = strip.size;
-    write_cycles(strip.bytes, counters);
+    write_cycles(strip.bytes, y, counters);
   } catch (...) {
-    abort();
+    give_up();
     throw;
   }
 }
 
-void HosonWriter::write_strip(const std::vector<DropMap>& dropmaps) {
+void HosonWriter::write_strip(const std::vector<DropMap>& dropmaps, std::uint32_t y) {
   HosonWriterCounters strip;
   strip.rows = dropmaps.front().height;
   strip.bytes = strip.rows * layout_.cycle_len;
   reserve_strip_buffer(strip.bytes);
   strip.pack_ns = pack_strip(dropmaps);
-  write_cycles(strip_buffer_.get(), strip);
+  write_cycles(strip_buffer_.get(), y, strip);
 }
 
-void HosonWriter::write_cycles(const std::uint8_t* cycles, HosonWriterCounters strip) {
+void HosonWriter::write_cycles(const std::uint8_t* cycles, std::uint32_t y, HosonWriterCounters strip) {
+  const auto rows = static_cast<std::uint32_t>(strip.rows);
   {
     std::optional<ScopedTimer> timer;
     if (timing_) timer.emplace(strip.file_ns);
-    write_bytes(cycles, strip.bytes, "strip row cycles");
+    write_bytes(place_of(y, rows), cycles, strip.bytes, "strip row cycles");
   }
-  next_row_ -= strip.rows;
+  rows_left_ -= rows;
 
   const std::lock_guard lock(counters_mutex_);
   counters_.rows += strip.rows;
@@ -258,31 +265,31 @@ void HosonWriter::reserve_strip_buffer(std::size_t size) {
   strip_buffer_size_ = size;
 }
 
-void HosonWriter::write_bytes(const void* data, std::size_t size, const char* label) {
+void HosonWriter::write_bytes(std::uint64_t offset, const void* data, std::size_t size, const char* label) {
   if (!file_.is_open() || !data)
     throw std::runtime_error(std::string("write_dropmaps: invalid write for ") + label);
-  if (const auto failure = file_.append(data, size))
+  if (const auto failure = file_.write_at(offset, data, size))
     fail(*failure, std::string("write_dropmaps: failed to write ") + label);
 }
 
 void HosonWriter::end_stream_write() {
   if (!open_) return;
   try {
-    if (next_row_ != kAllRowsWritten)
+    if (rows_left_ != 0)
       throw std::runtime_error("HosonWriter::end_stream_write: stream finished before all rows were written");
     if (const auto failure = file_.commit(options_.keep_existing ? Existing::keep : Existing::replace))
       fail(*failure, "HosonWriter::end_stream_write: " + std::string(end_text(failure->step)) + path_);
   } catch (...) {
-    abort();
+    give_up();
     throw;
   }
-  abort();  // of a file that has its name nothing is left to give up
+  give_up();  // of a file that has its name nothing is left to give up
 }
 
-void HosonWriter::abort() noexcept {
+void HosonWriter::give_up() noexcept {
   file_.give_up();
   path_.clear();
-  next_row_ = kAllRowsWritten;
+  rows_left_ = 0;
   open_ = false;
 }
 
@@ -299,7 +306,7 @@ void HosonWriter::write_dropmaps(const std::vector<DropMap>& dropmaps, const std
     write_dropmaps_strip(dropmaps, 0);
     end_stream_write();
   } catch (...) {
-    abort();
+    give_up();
     throw;
   }
   try {

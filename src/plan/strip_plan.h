@@ -15,6 +15,13 @@ struct StripPlace {
   bool has_halo() const { return first != src_y || rows != src_rows; }
 };
 
+/// The order in which strips are worked on. The print file begins with the sheet's last row, but the place of
+/// each row is known from its number.
+enum class StripOrder : std::uint8_t {
+  bottom_up,  ///< as the file has them
+  top_down,   ///< as most compressed formats have their rows
+};
+
 /// A sheet on its two grids, and how it is cut into strips of source rows. Strip 0 is at the sheet's top.
 struct StripPlan {
   std::uint32_t src_dpi = 0, x_dpi = 0, y_dpi = 0;
@@ -24,6 +31,10 @@ struct StripPlan {
   std::uint32_t count = 0;             ///< strips
   std::uint32_t halo = 0;              ///< source rows that a strip needs above and below its own
 
+  /// The strip that is the `stage`-th to be worked on, counted from 0.
+  std::uint32_t at_stage(std::uint32_t stage, StripOrder order) const {
+    return order == StripOrder::top_down ? stage : count - 1 - stage;
+  }
   /// Throws as `device_row`.
   StripPlace place(std::uint32_t strip) const;
   /// The most rows of each kind that any strip has.

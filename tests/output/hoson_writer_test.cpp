@@ -1,5 +1,6 @@
 #include "output/hoson_writer.h"
 
+#include <algorithm>
 #include <filesystem>
 #include <functional>
 #include <numeric>
@@ -101,12 +102,15 @@ std::string expected_file(std::uint32_t head, const Maps& maps,
   return file;
 }
 
-void write_in_strips(HosonWriter& writer, const std::string& path, const Maps& maps, std::uint32_t rows) {
-  writer.begin_stream_write(path, maps[0].width, maps[0].height);
-  for (std::uint32_t end = maps[0].height; end > 0;) {
-    const std::uint32_t begin = end > rows ? end - rows : 0;
-    writer.write_dropmaps_strip(cut_rows(maps, begin, end), begin);
-    end = begin;
+void write_in_strips(HosonWriter& writer, const std::string& path, const Maps& maps, std::uint32_t rows,
+                     StripOrder order = StripOrder::bottom_up) {
+  const std::uint32_t height = maps[0].height;
+  writer.begin_stream_write(path, maps[0].width, height, order);
+  for (std::uint32_t done = 0; done < height;) {
+    const std::uint32_t count = std::min(rows, height - done);
+    const std::uint32_t begin = order == StripOrder::top_down ? done : height - done - count;
+    writer.write_dropmaps_strip(cut_rows(maps, begin, begin + count), begin);
+    done += count;
   }
   writer.end_stream_write();
 }
@@ -136,8 +140,10 @@ TEST(HosonWriter, PutsEachChannelIntoItsSlots) {
     const std::string expected = expected_file(c.head, maps, c.slots);
     HosonWriter writer(options_for(c.head, c.map));
     for (const std::uint32_t rows : {5u, 2u, 1u}) {
-      write_in_strips(writer, path, maps, rows);
-      EXPECT_EQ(test::read_all(path), expected) << rows << " rows a strip";
+      for (const StripOrder order : {StripOrder::bottom_up, StripOrder::top_down}) {
+        write_in_strips(writer, path, maps, rows, order);
+        EXPECT_EQ(test::read_all(path), expected) << rows << " rows a strip";
+      }
     }
   }
 

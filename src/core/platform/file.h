@@ -40,12 +40,14 @@ class File {
 
   bool is_open() const { return descriptor_ >= 0; }
 
+  /// Sets where the next write begins, also behind the file's end.
+  int seek(std::uint64_t offset);
   /// Writes up to `size` bytes; `written` tells how many.
   int write_some(const void* data, std::size_t size, std::size_t& written);
   /// Writes all bytes, in as many calls as the system wants.
   int write_all(const void* data, std::size_t size);
   /// Turns writing past the page cache on or off; false where the file system has no such mode. While it is
-  /// on, addresses, sizes and the file's end must be whole blocks.
+  /// on, addresses, sizes and places in the file must be whole blocks.
   bool set_direct(bool enabled);
   /// Sends what was written on to the disk. May run beside writes, which it need not include.
   int flush();

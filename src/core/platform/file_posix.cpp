@@ -204,6 +204,10 @@ void File::take_mode_of(const std::string& path) {
     ::fchmod(descriptor_, status.st_mode & kAccess);
 }
 
+int File::seek(std::uint64_t offset) {
+  return ::lseek(descriptor_, static_cast<off_t>(offset), SEEK_SET) >= 0 ? 0 : errno;
+}
+
 int File::write_some(const void* data, std::size_t size, std::size_t& written) {
   written = 0;
   for (;;) {
