@@ -53,6 +53,15 @@ std::vector<const char*> find_inert_switches() {
   return set;
 }
 
+void log_small_source(const LayoutItem& item, const ImageMeta& meta) {
+  log_debug("StripCompositor: ", format_traits(meta.kind).name, " source ", meta.width, "x", meta.height,
+            " below large-source threshold; using full-load path for '", item.path, "'");
+}
+void log_row_path(const LayoutItem& item, const ImageMeta& meta, const IndexRange& rows) {
+  log_debug("StripCompositor: ", format_traits(meta.kind).name, " low-memory row path active for '",
+            item.path, "' y=", rows.begin, "..", rows.end - 1);
+}
+
 /// Says why an item isn't read by rows.
 void log_full_load_reason(const LayoutItem& item, const RasterSource& source) {
   const ImageMeta& meta = source.metadata();
@@ -64,8 +73,7 @@ void log_full_load_reason(const LayoutItem& item, const RasterSource& source) {
     log_debug("StripCompositor: ", type, " low-memory fallback for rotated item '", item.path,
               "': rotated mapping currently uses full-load path");
   } else {
-    log_debug("StripCompositor: ", type, " source ", meta.width, "x", meta.height,
-              " below large-source threshold; using full-load path for '", item.path, "'");
+    log_small_source(item, meta);
   }
 }
 
@@ -104,7 +112,8 @@ void ItemComposer::require_workers(std::size_t count) {
   while (worker_icc_.size() < count) worker_icc_.push_back(std::make_unique<WorkerIcc>());
 }
 
-ItemOutcome ItemComposer::compose_item(const LayoutItem& item, StripBuffer& strip, WorkerIcc* worker) {
+ItemOutcome ItemComposer::compose_item(const LayoutItem& item, StripBuffer& strip, WorkerIcc* worker,
+                                       const IndexRange& next) {
   ItemOutcome outcome;
   const ItemPlacement placement = place_item(item, config_.src_dpi);
   const IndexRange rows = rows_on_strip(placement, strip);
@@ -113,6 +122,10 @@ ItemOutcome ItemComposer::compose_item(const LayoutItem& item, StripBuffer& stri
   counters_.add(&CompositorCounters::items_blitted, 1);
 
   const Job job{item, strip, worker, placement, rows, make_content_signature(item.path), outcome};
+  if (in_order_) {
+    compose_in_order(job, rows_in_range(placement, next));
+    return outcome;
+  }
   if (auto source = open_source(job)) {
     for (const char* name : inert_switches_) warn_ignored_override(name);
     if (compose_from_source(job, *source)) return outcome;
@@ -133,6 +146,64 @@ std::optional<ImageMeta> ItemComposer::item_meta(const LayoutItem& item) {
     rethrow_machine_failure();
     return std::nullopt;
   }
+}
+
+void ItemComposer::take_in_order(bool in_order) {
+  caches_.clear();
+  in_order_.reset();
+  if (in_order) in_order_.emplace();
+}
+
+void ItemComposer::finish_in_order() {
+  // Rows below those that a large image is read for never tell of damage.
+  if (in_order_ && in_order_->stream && !in_order_->is_large) in_order_->stream->finish();
+}
+
+/// Writes what the other ways write, with their counts and lines. Where one of those would have something to
+/// warn of, `RowStreamBroken` is thrown instead.
+void ItemComposer::compose_in_order(const Job& job, const IndexRange& next_rows) {
+  if (!in_order_->stream) open_in_order(job);
+  InOrder& art = *in_order_;
+  if (!job.signature.valid || job.signature.key != art.key) throw RowStreamBroken("the file has changed");
+  const ImageMeta& meta = art.stream->metadata();
+  const ItemGrid grid = make_item_grid(meta, false, job.placement);
+  const bool box = make_item_traits(meta, grid, config_, false).box;
+  const IndexRange rows = source_rows_needed(grid, box, job.rows);
+  const IndexRange next = source_rows_needed(grid, box, next_rows);
+  if (art.is_large)
+    log_row_path(job.item, meta, rows);
+  else
+    log_small_source(job.item, meta);
+  const auto buffer = row_buffers_.take();
+  {
+    const CounterBook::Timer timer(
+        counters_, art.is_large ? &CompositorCounters::source_read_ns : &CompositorCounters::image_load_ns);
+    art.stream->read({rows.begin, rows.end}, {next.begin, next.end}, *buffer);
+  }
+  counters_.add(art.is_large ? &CompositorCounters::lowmem_items : &CompositorCounters::full_load_items, 1);
+
+  const Plan plan = make_plan(job, meta);
+  const bool once = !art.is_large && !raster_key(job).empty();
+  if (!once || !art.classified) classify_white_coverage(job, nullptr, nullptr);
+  art.classified = true;
+  const SourceView view = view_rows(meta, *buffer, rows, plan.traits);
+  look_at_white(meta, view, plan.traits, rows, grid.source_width, job.outcome);
+  raster_onto_strip(job, plan, view);
+}
+
+void ItemComposer::open_in_order(const Job& job) try {
+  const CounterBook::Timer timer(counters_, &CompositorCounters::source_open_ns);
+  caches_.clear();  // of the source that has told the metadata
+  warn_of_inert_switches();
+  const HeldLog unheard;
+  const ImageFormat* format = find_image_format(lower_extension(job.item.path));
+  if (format && format->open_stream) in_order_->stream = format->open_stream(job.item.path);
+  if (!in_order_->stream) throw RowStreamBroken("its rows don't come in order");
+  in_order_->key = job.signature.key;
+  in_order_->is_large = is_large(in_order_->stream->metadata());
+} catch (const std::exception& failure) {
+  rethrow_machine_failure();
+  throw RowStreamBroken(failure.what());
 }
 
 /// Null when the file cannot be opened.
@@ -177,8 +248,7 @@ bool ItemComposer::compose_from_source(const Job& job, SharedSource& source) {
 bool ItemComposer::read_source_rows(const Job& job, RasterSource& source, const IndexRange& rows,
                                     std::vector<std::uint8_t>& buffer) {
   const char* type = format_traits(source.metadata().kind).name;
-  log_debug("StripCompositor: ", type, " low-memory row path active for '", job.item.path, "' y=", rows.begin,
-            "..", rows.end - 1);
+  log_row_path(job.item, source.metadata(), rows);
   const CounterBook::Timer timer(counters_, &CompositorCounters::source_read_ns);
   std::string error;
   if (source.read_rows(rows.begin, rows.size(), buffer, &error)) return true;
@@ -295,10 +365,12 @@ RowColor ItemComposer::start_color(const ImageMeta& meta, bool is_rgb, WorkerIcc
   if (is_rgb) {
     const CounterBook::Timer timer(counters_, &CompositorCounters::icc_init_ns);
     color.converter_ready = conversion_.init_rgb_icc(worker, error);
+    if (!color.converter_ready && in_order_) throw RowStreamBroken(error);
     if (!color.converter_ready) conversion_.warn_rgb_fallback(error);
   } else if (meta.is_cmyk && !conversion_.settings().input_cmyk_profile.empty()) {
     const CounterBook::Timer timer(counters_, &CompositorCounters::icc_init_ns);
     color.converter_ready = conversion_.init_cmyk_icc(worker, error);
+    if (!color.converter_ready && in_order_) throw RowStreamBroken(error);
     if (!color.converter_ready) {
       log_warn("StripCompositor: CMYK->CMYK ICC: ", error);
       log_warn("CMYK art is printed as it stands in the file, since its profiles can't be used");

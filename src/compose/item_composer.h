@@ -14,6 +14,7 @@
 #include "compose/item_raster.h"
 #include "compose/lease_pool.h"
 #include "compose/strip_buffer.h"
+#include "image/row_stream.h"
 #include "plan/rip_job_options.h"
 
 namespace nvo {
@@ -32,7 +33,15 @@ class ItemComposer {
 
   /// An item that cannot be read is logged and left out. A null worker uses the shared converters, and may
   /// divide rows among threads. Returns what became of the item on this strip.
-  ItemOutcome compose_item(const LayoutItem& item, StripBuffer& strip, WorkerIcc* worker);
+  /// `next` are the sheet rows of the strip that follows; only art that is taken in its order asks for them.
+  ItemOutcome compose_item(const LayoutItem& item, StripBuffer& strip, WorkerIcc* worker,
+                           const IndexRange& next = {});
+
+  /// Strips come from the sheet's top to its bottom from here on, or no longer: then the image of the only
+  /// item is composed while it is decoded. Forgets what is cached. Not during composition.
+  void take_in_order(bool in_order);
+  /// After the last strip: makes sure that an image taken in order is sound to its end.
+  void finish_in_order();
 
   /// What an item's file says of itself, from the source that its composition will use. Nothing where it
   /// can't be opened; composing it then tells why.
@@ -56,6 +65,13 @@ class ItemComposer {
     ContentSignature signature;
     ItemOutcome& outcome;
   };
+  /// An image that is composed while it is decoded.
+  struct InOrder {
+    std::unique_ptr<RowStream> stream;
+    std::string key;          ///< of the file's signature
+    bool is_large = false;    ///< so that bottom-up its rows would be read, not the whole of it
+    bool classified = false;  ///< its coverage was
+  };
   /// What all three ways compute from an item's metadata before the first pixel.
   struct Plan {
     ItemGrid grid;
@@ -69,6 +85,8 @@ class ItemComposer {
     bool has_ink = false;
   };
 
+  void compose_in_order(const Job& job, const IndexRange& next_rows);
+  void open_in_order(const Job& job);
   std::shared_ptr<SharedSource> open_source(const Job& job);
   bool compose_from_source(const Job& job, SharedSource& source);
   bool read_source_rows(const Job& job, RasterSource& source, const IndexRange& rows,
@@ -90,6 +108,7 @@ class ItemComposer {
 
   const StripCompositorConfig config_;
   const std::vector<const char*> inert_switches_;  ///< of the environment, that are set
+  std::optional<InOrder> in_order_;
   ColorConversion conversion_;
   ItemCaches caches_;
   CounterBook counters_;

@@ -107,6 +107,10 @@ IndexRange rows_on_strip(const ItemPlacement& placement, const StripBuffer& stri
   return clip(placement.y - strip.y, placement.height, strip.height);
 }
 
+IndexRange rows_in_range(const ItemPlacement& placement, const IndexRange& sheet_rows) {
+  return clip(placement.y - sheet_rows.begin, placement.height, sheet_rows.size());
+}
+
 ItemGrid make_item_grid(const ImageMeta& meta, bool rotated, const ItemPlacement& placement) {
   return {rotated ? meta.height : meta.width, rotated ? meta.width : meta.height, placement.width,
           placement.height};

@@ -35,6 +35,8 @@ struct IndexRange {
 /// The columns of a placed item that fall on a strip, and the rows.
 IndexRange columns_on_strip(const ItemPlacement& placement, const StripBuffer& strip);
 IndexRange rows_on_strip(const ItemPlacement& placement, const StripBuffer& strip);
+/// The same for rows of the sheet.
+IndexRange rows_in_range(const ItemPlacement& placement, const IndexRange& sheet_rows);
 
 /// Sizes that resampling maps between. The source's are those of the image as placed: swapped for a turned
 /// item.

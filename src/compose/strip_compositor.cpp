@@ -96,7 +96,14 @@ void StripCompositor::set_icc_settings(const IccSettings& settings) {
   composer_.set_icc_settings(settings);
 }
 
-StripBuffer StripCompositor::compose_strip(std::uint32_t y, std::uint32_t height, StripBuffer spent) {
+void StripCompositor::begin_sheet(bool in_order) {
+  composer_.take_in_order(in_order);
+  composer_.counters().reset();
+  outcomes_.assign(layout_.items.size(), {});
+}
+
+StripBuffer StripCompositor::compose_strip(std::uint32_t y, std::uint32_t height, StripBuffer spent,
+                                           const IndexRange& next) {
   if (height == 0) height = config_.strip_h_px;
   CounterBook& counters = composer_.counters();
   counters.add_when_profiling(&CompositorCounters::strips, 1);
@@ -109,7 +116,7 @@ StripBuffer StripCompositor::compose_strip(std::uint32_t y, std::uint32_t height
 
   const ParallelPlan plan = plan_parallel(items, strip, config_);
   if (plan.threads < 2) {
-    compose_sequentially(items, strip);
+    compose_sequentially(items, strip, next);
   } else {
     compose_in_parallel(plan.items, plan.threads, strip);
   }
@@ -149,8 +156,9 @@ std::vector<const LayoutItem*> StripCompositor::select_items(std::uint32_t y, st
   return items;
 }
 
-void StripCompositor::compose_sequentially(const std::vector<const LayoutItem*>& items, StripBuffer& strip) {
-  for (const LayoutItem* item : items) compose_item(*item, strip, nullptr);
+void StripCompositor::compose_sequentially(const std::vector<const LayoutItem*>& items, StripBuffer& strip,
+                                           const IndexRange& next) {
+  for (const LayoutItem* item : items) compose_item(*item, strip, nullptr, next);
 }
 
 void StripCompositor::compose_in_parallel(const std::vector<const LayoutItem*>& items, std::uint32_t threads,
@@ -162,9 +170,10 @@ void StripCompositor::compose_in_parallel(const std::vector<const LayoutItem*>& 
   });
 }
 
-void StripCompositor::compose_item(const LayoutItem& item, StripBuffer& strip, WorkerIcc* worker) {
+void StripCompositor::compose_item(const LayoutItem& item, StripBuffer& strip, WorkerIcc* worker,
+                                   const IndexRange& next) {
   const CounterBook::Timer timer(composer_.counters(), &CompositorCounters::blit_ns);
-  const ItemOutcome outcome = composer_.compose_item(item, strip, worker);
+  const ItemOutcome outcome = composer_.compose_item(item, strip, worker, next);
   const std::lock_guard lock(outcomes_mutex_);
   outcomes_[static_cast<std::size_t>(&item - layout_.items.data())].add(outcome);
 }

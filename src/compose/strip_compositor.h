@@ -39,8 +39,18 @@ class StripCompositor {
 
   /// Rows `y` .. `y + height - 1` of the sheet; height 0 stands for the configured one. Later items cover
   /// earlier ones without blending. An item that cannot be read is logged and left out; running out of memory
-  /// throws. The memory of `spent`, a strip that nobody needs any longer, is used again.
-  StripBuffer compose_strip(std::uint32_t y, std::uint32_t height, StripBuffer spent = {});
+  /// throws. The memory of `spent`, a strip that nobody needs any longer, is used again. `next` are the sheet
+  /// rows that will be composed next, of which art that is taken in order is decoded ahead.
+  StripBuffer compose_strip(std::uint32_t y, std::uint32_t height, StripBuffer spent = {},
+                            const IndexRange& next = {});
+
+  /// Begins the sheet, anew if strips of it were composed. In order, strips come from the sheet's top to its
+  /// bottom, one at a time, and its only item is composed while it is decoded, see
+  /// `ImageFormat::open_stream`. `compose_strip` and `finish` then throw `RowStreamBroken` where the sheet
+  /// has to be made the other way.
+  void begin_sheet(bool in_order);
+  /// After the last strip.
+  void finish() { composer_.finish_in_order(); }
 
   /// One report an item, in the layout's order, of all strips composed so far; none may be in work.
   std::vector<ItemReport> item_reports() const;
@@ -53,10 +63,12 @@ class StripCompositor {
 
   StripBuffer blank_strip(std::uint32_t y, std::uint32_t height, StripBuffer spent) const;
   std::vector<const LayoutItem*> select_items(std::uint32_t y, std::uint32_t height) const;
-  void compose_sequentially(const std::vector<const LayoutItem*>& items, StripBuffer& strip);
+  void compose_sequentially(const std::vector<const LayoutItem*>& items, StripBuffer& strip,
+                            const IndexRange& next);
   void compose_in_parallel(const std::vector<const LayoutItem*>& items, std::uint32_t threads,
                            StripBuffer& strip);
-  void compose_item(const LayoutItem& item, StripBuffer& strip, WorkerIcc* worker);
+  void compose_item(const LayoutItem& item, StripBuffer& strip, WorkerIcc* worker,
+                    const IndexRange& next = {});
   void finish_white(StripBuffer& strip);
 
   const StripCompositorConfig config_;

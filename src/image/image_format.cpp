@@ -38,6 +38,7 @@ constexpr ImageFormat kFormats[] = {
      .probe = probe_tiff,
      .load = load_tiff,
      .open_source = open_tiff_source,
+     .open_stream = nullptr,
      .weigh = weigh_tiff},
     {.kind = ImageSourceKind::wic,
      .traits = {.name = "WIC", .decodes_in_order = true, .allows_bare_names = true},
@@ -46,6 +47,7 @@ constexpr ImageFormat kFormats[] = {
      .probe = probe_wic,
      .load = load_alone<load_wic>,
      .open_source = open_alone<open_wic_source>,
+     .open_stream = open_wic_stream,
      .weigh = weigh_wic},
     {.kind = ImageSourceKind::pdf,
      .traits = {.name = "PDF", .is_page = true, .keeps_rows = true},
@@ -54,6 +56,7 @@ constexpr ImageFormat kFormats[] = {
      .probe = probe_pdf,
      .load = load_alone<load_first_pdf_page>,
      .open_source = open_alone<open_pdf_source>,
+     .open_stream = nullptr,
      .weigh = nullptr},
 };
 

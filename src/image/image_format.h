@@ -9,6 +9,7 @@
 #include "image/image_claim.h"
 #include "image/image_types.h"
 #include "image/raster_source.h"
+#include "image/row_stream.h"
 
 namespace nvo {
 
@@ -37,6 +38,9 @@ struct ImageFormat {
   LoadedImage (*load)(const std::string& path, const ThreadPlan& threads);
   std::shared_ptr<RasterSource> (*open_source)(const std::string& path, SharedFailures failures,
                                                const ThreadPlan& threads);
+  /// The image's rows from the top, without the whole of it in memory; null, or a function that gives null or
+  /// throws, where they can't be had so.
+  std::unique_ptr<RowStream> (*open_stream)(const std::string& path);
   ImageClaim (*weigh)(const std::string& path);  ///< by the header; null where a format has no such bound
 };
 

@@ -93,10 +93,30 @@ class WicRasterSource final : public BandedRasterSource {
   std::string native_error_;
 };
 
+class WicTopDownDecoder final : public TopDownDecoder {
+ public:
+  explicit WicTopDownDecoder(std::unique_ptr<RasterDecoder> decoder) : decoder_(std::move(decoder)) {
+    decoder_->start();
+  }
+  void read_rows(std::uint32_t rows, std::uint8_t* out) override {
+    for (std::uint32_t row = 0; row < rows; ++row) decoder_->read_row(out + row * decoder_->row_bytes());
+  }
+
+ private:
+  std::unique_ptr<RasterDecoder> decoder_;
+};
+
 }  // namespace
 
 std::shared_ptr<RasterSource> open_wic_source(const std::string& path, SharedFailures failures) {
   return std::make_shared<WicRasterSource>(path, open_wic_file(path, WicUse::pixels), std::move(failures));
+}
+
+std::unique_ptr<RowStream> open_wic_stream(const std::string& path) {
+  WicFile file = open_wic_file(path, WicUse::pixels);
+  if (file.decoder->info().needs_whole_frame) return nullptr;
+  auto decoder = std::make_unique<WicTopDownDecoder>(std::move(file.decoder));
+  return std::make_unique<RowStream>(describe_wic(path, file.info), std::move(decoder));
 }
 
 }  // namespace nvo

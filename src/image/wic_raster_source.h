@@ -4,6 +4,7 @@
 #include <string>
 
 #include "image/raster_source.h"
+#include "image/row_stream.h"
 
 namespace nvo {
 
@@ -12,5 +13,9 @@ namespace nvo {
 /// file turns out to be damaged the source decodes the whole image into memory and serves rows from there,
 /// for the rest of its life. Throws when the file cannot be opened.
 std::shared_ptr<RasterSource> open_wic_source(const std::string& path, SharedFailures failures);
+
+/// The same rows from the top to the bottom, decoded while they are used. Null where the decoder has to hold
+/// the whole image: WebP, an interlaced PNG, a progressive JPEG. Throws when the file cannot be opened.
+std::unique_ptr<RowStream> open_wic_stream(const std::string& path);
 
 }  // namespace nvo

@@ -38,6 +38,7 @@ struct RipJobOptions : PrintSettings, HeadConfig, ExplicitResolution, AdaptiveCh
   float sheet_width_setting_in = RipSettings::kDefaultSheetWidthIn;
   float max_length_in = RipSettings::kDefaultMaxLengthIn;
 
+  bool always_bottom_up = false;  ///< strips are worked on from the bottom, also where art decodes top-down
   bool keep_existing_output = false;  ///< the job fails where its target stands or appears meanwhile
 
   const HeadConfig& head() const { return *this; }

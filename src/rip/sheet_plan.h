@@ -29,6 +29,9 @@ struct SheetPlan {
   ThreadPlan threads;
   bool parallel_channels = false;  ///< the inks are screened side by side
   bool streaming = false;          ///< strip by strip; else the whole sheet at once
+  /// Streaming: the order in which strips are worked on. It follows from the art, see `choose_strip_order`;
+  /// until somebody asks that, it is that of the file.
+  StripOrder order = StripOrder::bottom_up;
   /// Streaming: rows of the bands in which a strip is screened and written.
   std::uint32_t band_rows = 0;
   /// Bytes of the sheet's planes and buffers, at most, with one row worker an ink. Masks, which all jobs

@@ -101,7 +101,7 @@ void SheetRun::complete_profile(std::uint64_t start) {
 }
 
 /// What is told once the print file stands. It stands whether or not there is memory to tell of it.
-void SheetRun::report_after_print() const try {
+void SheetRun::report_after_print() try {
   const auto strips = static_cast<int>(plan.strips.count);
   report(strips, strips, 100.0f, "Done", plan.streaming ? plan.strips.dev_h : 0);
   if (profiling_) report_profile(profile, output_path);
@@ -109,8 +109,9 @@ void SheetRun::report_after_print() const try {
 } catch (const std::bad_alloc&) {
 }
 
-void SheetRun::report(int stage, int stage_count, float percent, std::string message,
-                      std::uint64_t rows) const {
+void SheetRun::report(int stage, int stage_count, float percent, std::string message, std::uint64_t rows) {
+  if (percent < most_percent_) return;
+  most_percent_ = percent;
   if (job.progress) job.progress({stage, stage_count, percent, std::move(message), rows});
 }
 
@@ -120,7 +121,15 @@ void SheetRun::throw_if_cancelled() const {
   throw RipCancelledError("RIP cancelled");
 }
 
+void SheetRun::begin_sheet(StripOrder order) {
+  writer.give_up();
+  writer.reset_counters();
+  compositor.begin_sheet(order == StripOrder::top_down);
+  profile = {};
+}
+
 void SheetRun::announce() {
+  if (std::exchange(announced_, true)) return;
   const auto& items = plan.layout.items;
   log_job_summary(plan, items.size() == 1 ? compositor.item_meta(items.front()) : std::nullopt);
 }

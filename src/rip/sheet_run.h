@@ -39,9 +39,12 @@ struct SheetRun {
   /// monotonic clock.
   void print(std::uint64_t start);
 
-  void report(int stage, int stage_count, float percent, std::string message, std::uint64_t rows = 0) const;
+  /// Tells the caller, unless it was told of more before.
+  void report(int stage, int stage_count, float percent, std::string message, std::uint64_t rows = 0);
   void throw_if_cancelled() const;
-  /// Tells what the job is; for when the file is open and no pixel made yet.
+  /// Forgets what was made of the sheet, to make it in this order.
+  void begin_sheet(StripOrder order);
+  /// Tells what the job is, once; for when the file is open and no pixel made yet.
   void announce();
   /// Before the print file takes its name: says which images, or parts of them, are missing from a print with
   /// or without any dot. Throws where `NVO_RIP_STRICT` forbids such a print.
@@ -51,12 +54,14 @@ struct SheetRun {
 
  private:
   void complete_profile(std::uint64_t start);
-  void report_after_print() const;
+  void report_after_print();
 
   const bool profiling_;
+  bool announced_ = false;
+  float most_percent_ = 0.0f;  ///< that was told
 };
 
-/// Strip by strip from the bottom of the sheet to its top.
+/// Strip by strip in the order of the plan.
 void run_streaming(SheetRun& run);
 /// The whole sheet at once.
 void run_full_buffer(SheetRun& run);

@@ -14,6 +14,7 @@
 #include "rip/print_review.h"
 #include "rip/sheet_plan.h"
 #include "rip/sheet_run.h"
+#include "rip/strip_order.h"
 
 namespace nvo {
 namespace {
@@ -144,12 +145,13 @@ void StreamRip::rip_single(const std::string& input_path, const std::string& out
 void StreamRip::run(SheetLayout sheet, const std::string& output_path,
                     const RipSettings& rip_settings) const {
   const std::uint64_t start = platform::monotonic_nanoseconds();
-  const SheetPlan plan =
+  SheetPlan plan =
       plan_sheet(options, std::move(sheet), [&](PlanStage stage, const SheetPlan& planned_so_far) {
         log_stage(stage, planned_so_far, output_path);
       });
   if (plan.missing != SheetSide::none) return warn_of_empty_sheet(plan);
   require_possible_claims(plan);
+  plan.order = choose_strip_order(plan);
   SheetRun(*this, plan, rip_settings, output_path).print(start);
 }
 

@@ -11,6 +11,7 @@
 #include "core/log.h"
 #include "core/scoped_timer.h"
 #include "core/threads/started_work.h"
+#include "image/row_stream.h"
 #include "rip/band_queue.h"
 #include "rip/sheet_run.h"
 
@@ -47,18 +48,19 @@ struct BandInWork {
 class StripTask {
  public:
   /// `band_is_there` is called after each band.
-  StripTask(SheetRun& run, BandQueue& bands, std::function<void()> band_is_there)
-      : run_(run), bands_(bands), band_is_there_(std::move(band_is_there)) {
+  StripTask(SheetRun& run, StripOrder order, BandQueue& bands, std::function<void()> band_is_there)
+      : run_(run), order_(order), bands_(bands), band_is_there_(std::move(band_is_there)) {
     reserve(run.plan.strips.largest());
   }
 
-  /// Composes and screens a strip and puts its bands into the queue, from the strip's bottom to its top.
-  StreamingStripResult rip_strip(const StripPlace& place) {
+  /// Composes and screens a strip and puts its bands into the queue, in the order of the strips. `next` are
+  /// the composed rows of the strip that follows.
+  StreamingStripResult rip_strip(const StripPlace& place, const IndexRange& next) {
     StreamingStripResult result;
     result.dev_rows = place.dev_rows;
     {
       const ScopedTimer timer(result.compose);
-      strip_buffer_ = run_.compositor.compose_strip(place.first, place.rows, std::move(strip_buffer_));
+      strip_buffer_ = run_.compositor.compose_strip(place.first, place.rows, std::move(strip_buffer_), next);
     }
     result.source_strip_pixels = strip_buffer_.pixels();
     const ComposedStrip strip = run_.view(strip_buffer_);
@@ -68,7 +70,7 @@ class StripTask {
   }
 
  private:
-  /// The first strip, at the sheet's bottom, may be a small one. With room for the largest from the start no
+  /// The first strip may be a small one. With room for the largest from the start no
   /// later one touches new memory; room that nobody uses costs nothing.
   void reserve(const StripPlace& largest) {
     const StripPlan& strips = run_.plan.strips;
@@ -81,11 +83,12 @@ class StripTask {
   void rip_bands(const StripPlace& place, const ComposedStrip& strip, StreamingStripResult& result) {
     std::unique_ptr<BandInWork> before;
     std::size_t scratch_set = 0;
-    for (std::uint32_t end = place.dev_rows; end > 0; scratch_set = 1 - scratch_set) {
-      const std::uint32_t rows = std::min(run_.plan.band_rows, end);
-      end -= rows;
+    for (std::uint32_t left = place.dev_rows; left > 0; scratch_set = 1 - scratch_set) {
+      const std::uint32_t rows = std::min(run_.plan.band_rows, left);
+      const std::uint32_t top = order_ == StripOrder::top_down ? place.dev_rows - left : left - rows;
+      left -= rows;
       auto band = std::make_unique<BandInWork>();
-      start_band(*band, place, strip, {end, rows}, scratch_set);
+      start_band(*band, place, strip, {top, rows}, scratch_set);
       if (before) finish_band(*before, result);
       before = std::move(band);
     }
@@ -137,6 +140,7 @@ class StripTask {
   }
 
   SheetRun& run_;
+  const StripOrder order_;
   BandQueue& bands_;
   const std::function<void()> band_is_there_;
   StripBuffer strip_buffer_;  ///< of the strip before; its memory serves the next
@@ -218,20 +222,21 @@ constexpr float kStreamingPercent = 95.0f;
 /// Streams the strips of a run through composition, screening and the writer.
 class StripStream {
  public:
-  explicit StripStream(SheetRun& run)
+  StripStream(SheetRun& run, StripOrder order)
       : run_(run),
+        order_(order),
         strips_(run.plan.strips.count),
         bands_(kBandsInFlight),
         writer_(run, bands_),
-        task_(run, bands_, [this] { writer_.band_is_there(); }) {}
+        task_(run, order, bands_, [this] { writer_.band_is_there(); }) {}
 
   void run_all() try {
-    RunningStrip strip = start(strips_ - 1, 0);
-    for (std::uint32_t remaining = strips_; remaining > 0; --remaining) {
+    RunningStrip strip = start(0, 0);
+    for (std::uint32_t done = 1; done <= strips_; ++done) {
       report_bands(strip);
       const StreamingStripResult result = strip.result.get();
       bands_.wait_for_rows(strip.rows_before);  // however small strips are, two at the most are in flight
-      if (remaining > 1) strip = start(remaining - 2, strip.rows_before + result.dev_rows);
+      if (done < strips_) strip = start(done, strip.rows_before + result.dev_rows);
       add_to_profile(result, run_.plan.strips.dev_w, run_.profile);
     }
   } catch (...) {
@@ -241,20 +246,28 @@ class StripStream {
   BandWriter& writer() { return writer_; }
 
  private:
-  RunningStrip start(std::uint32_t number, std::uint64_t rows_before) {
+  RunningStrip start(std::uint32_t stage, std::uint64_t rows_before) {
     run_.throw_if_cancelled();
-    RunningStrip strip{strips_ - 1 - number, run_.plan.strips.place(number), rows_before, {}, {}};
-    strip.message = "Streaming strip " + std::to_string(strips_ - number) + "/" + std::to_string(strips_);
+    RunningStrip strip{stage, place(stage), rows_before, {}, {}};
+    strip.message = "Streaming strip " + std::to_string(stage + 1) + "/" + std::to_string(strips_);
     report(strip, 0);
-    log_debug("StreamRip: strip ", strips_ - number, "/", strips_, " src_y=", strip.place.src_y,
+    log_debug("StreamRip: strip ", stage + 1, "/", strips_, " src_y=", strip.place.src_y,
               " h=", strip.place.src_rows, strip.place.has_halo() ? " with halo" : "");
     if (strip.stage == 0) run_.announce();
     bands_.begin_strip();
-    strip.result = start_work([this, place = strip.place] {
+    IndexRange next;
+    if (stage + 1 < strips_) {
+      const StripPlace following = place(stage + 1);
+      next = {following.first, following.first + following.rows};
+    }
+    strip.result = start_work([this, place = strip.place, next] {
       const EndOfStrip end{bands_};
-      return task_.rip_strip(place);
+      return task_.rip_strip(place, next);
     });
     return strip;
+  }
+  StripPlace place(std::uint32_t stage) const {
+    return run_.plan.strips.place(run_.plan.strips.at_stage(stage, order_));
   }
 
   /// Reports what a strip's bands have come to. The strip as a whole is told by the record that follows.
@@ -281,23 +294,43 @@ class StripStream {
   };
 
   SheetRun& run_;
+  const StripOrder order_;
   const std::uint32_t strips_;
   BandQueue bands_;
   BandWriter writer_;
   StripTask task_;
 };
 
+/// Writes all rows of the print file; true if any of them has a drop.
+bool stream_strips(SheetRun& run, StripOrder order) {
+  const StripPlan& strips = run.plan.strips;
+  run.begin_sheet(order);
+  run.writer.begin_stream_write(run.output_path, strips.dev_w, strips.dev_h, order);
+  StripStream stream(run, order);
+  stream.run_all();
+  stream.writer().finish();
+  run.compositor.finish();
+  if (stream.writer().rows() != strips.dev_h)
+    throw std::runtime_error("StreamRip: streamed row count mismatch");
+  return stream.writer().any_drop();
+}
+
+bool stream_in_best_order(SheetRun& run) {
+  if (run.plan.order == StripOrder::bottom_up) return stream_strips(run, StripOrder::bottom_up);
+  log_debug("StreamRip: strips are worked on from the top, while the art is decoded");
+  try {
+    return stream_strips(run, StripOrder::top_down);
+  } catch (const RowStreamBroken& broken) {
+    log_debug("StreamRip: the sheet is begun anew from its bottom: ", broken.what());
+  }
+  return stream_strips(run, StripOrder::bottom_up);
+}
+
 }  // namespace
 
 void run_streaming(SheetRun& run) {
   const StripPlan& strips = run.plan.strips;
-  run.writer.begin_stream_write(run.output_path, strips.dev_w, strips.dev_h);
-  StripStream stream(run);
-  stream.run_all();
-  stream.writer().finish();
-  if (stream.writer().rows() != strips.dev_h)
-    throw std::runtime_error("StreamRip: streamed row count mismatch");
-  run.require_printed(stream.writer().any_drop());
+  run.require_printed(stream_in_best_order(run));
 
   const auto stages = static_cast<int>(strips.count);
   run.report(stages, stages, 97.0f, "Finalizing " + std::string(print_extension(run.plan.options.head())),
