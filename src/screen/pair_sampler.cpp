@@ -23,7 +23,8 @@ PairSampler::PairSampler(const StripSampling& sampling, RowBuffers& buffers)
   const std::size_t pixels = sampling.src_w();
   buffers.source_base.resize(2 * (pixels + kPixelPadding));
   buffers.source_threshold.resize(2 * (pixels + kPixelPadding));
-  size_code_buffers(sampling, buffers);
+  size_codes(sampling, buffers.base);
+  size_codes(sampling, buffers.threshold);
 }
 
 CodeRow PairSampler::codes(std::size_t y) {

@@ -10,8 +10,7 @@ namespace nvo {
 
 /// The codes of device rows by area sampling where the column table has usable pairs: the fast form of
 /// `RowSampler`, with the same codes. A source row is looked up, mixed and encoded once at the width of the
-/// source, a block of pixels at a time, and only its codes are taken to device columns. Rows are asked for
-/// in ascending order.
+/// source, a block of pixels at a time, and only its codes are taken to device columns.
 class PairSampler {
  public:
   PairSampler(const StripSampling& sampling, RowBuffers& buffers);

@@ -1,6 +1,7 @@
 #include "screen/plain_screening.h"
 
 #include <algorithm>
+#include <span>
 
 #include "screen/drop_map.h"
 #include "screen/plane_job.h"
@@ -21,7 +22,8 @@ void clear_outside(const BitPlane& kept, std::vector<float>& plane) {
 void choke_colour_plane(const ChokeContext& choke, std::vector<float>& plane) {
   const std::size_t width = choke.width;
   for (std::size_t y = 0; y < choke.height; ++y) {
-    auto ring = choke.ring_of_row(y);
+    const std::vector<RingDot> dots = choke.ring_of_row(y);
+    std::span<const RingDot> ring = dots;
     for (std::size_t x = 0; x < width; ++x) {
       while (!ring.empty() && ring.front().x < x) ring = ring.subspan(1);
       if (choke.grown.test(x, y) && choke.colour_core.test(x, y)) continue;

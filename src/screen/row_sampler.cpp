@@ -55,12 +55,9 @@ bool is_blank_row(const StripSampling& sampling, const std::uint8_t* row) {
   return sampling.curve[0] == 0.0f && row[0] == 0 && std::memcmp(row, row + 1, sampling.src_w() - 1) == 0;
 }
 
-void size_code_buffers(const StripSampling& sampling, RowBuffers& buffers) {
-  const std::size_t blocks = (sampling.dev_w + kScreenBlock - 1) / kScreenBlock * kScreenBlock;
-  for (auto* codes : {&buffers.base, &buffers.threshold}) {
-    codes->resize(blocks);
-    std::fill(codes->begin() + sampling.dev_w, codes->end(), std::uint8_t{0});
-  }
+void size_codes(const StripSampling& sampling, std::vector<std::uint8_t>& codes) {
+  codes.resize((sampling.dev_w + kScreenBlock - 1) / kScreenBlock * kScreenBlock);
+  std::fill(codes.begin() + sampling.dev_w, codes.end(), std::uint8_t{0});
 }
 
 RowSampler::RowSampler(const StripSampling& sampling, RowBuffers& buffers)
@@ -73,7 +70,8 @@ RowSampler::RowSampler(const StripSampling& sampling, RowBuffers& buffers)
     buffers.source_base.resize(std::size_t{sampling.src_w()} + kPixelPadding);
     buffers.source_threshold.resize(std::size_t{sampling.src_w()} + kPixelPadding);
   }
-  size_code_buffers(sampling, buffers);
+  size_codes(sampling, buffers.base);
+  size_codes(sampling, buffers.threshold);
 }
 
 CodeRow RowSampler::codes(std::size_t y) {
@@ -133,9 +131,9 @@ void RowSampler::filter_loaded_row() {
   kernels_.filter_columns(inks, sampling_.taps->view(), buffers_.filtered.data());
 }
 
-/// Sums the source rows of a device row, ascending. Device rows ascend and the next one starts no higher than
-/// at the last row of this one, so a single filtered row is enough to filter each source row once. Blank rows
-/// would only add zeros. Returns whether any row has ink.
+/// Sums the source rows of a device row, ascending. Where device rows ascend the next one starts no higher
+/// than at the last row of this one, so a single filtered row is enough to filter each source row once. Blank
+/// rows would only add zeros. Returns whether any row has ink.
 bool RowSampler::blend(const RowSpan& span) {
   bool any = false;
   for (std::uint32_t row = span.first; row < span.first + span.count; ++row) {
@@ -177,50 +175,6 @@ void RowSampler::gather_nearest(std::uint8_t* base, std::uint8_t* threshold) con
     base[x] = source_base[column];
     threshold[x] = source_threshold[column];
   }
-}
-
-namespace {
-
-float filtered_ink(const StripSampling& sampling, const std::uint8_t* row, std::size_t x) {
-  const ColumnTaps& taps = *sampling.taps;
-  float sum = 0.0f;
-  for (std::uint32_t k = 0; k < taps.taps; ++k) {
-    // Behind the column's own taps the weight is 0, which changes no sum; the pixel only has to exist.
-    const std::uint32_t column =
-        std::min(static_cast<std::uint32_t>(taps.start[x]) + k, sampling.src_w() - 1);
-    sum += sampling.curve[row[column]] * taps.weights[std::size_t{k} * taps.dev_w + x];
-  }
-  return std::clamp(sum, 0.0f, kMaxMaskByte);
-}
-
-}  // namespace
-
-DotSampler::DotSampler(const StripSampling& sampling, std::vector<DotMemo>& memo)
-    : sampling_(sampling), memo_(memo) {
-  memo_.assign(sampling.dev_w, {});
-}
-
-DropCode DotSampler::code(std::size_t x, std::size_t y) {
-  if (x >= sampling_.dev_w || y >= sampling_.rows->size()) return {};
-  const RowSpan& span = (*sampling_.rows)[y];
-  if (span.count == 0) return {};
-  if (!sampling_.area())
-    return sampling_
-        .code_of_byte[sampling_.source.at(static_cast<std::size_t>(sampling_.nearest_column[x]), span.first)];
-  // Odd numbers are source rows, even ones device rows of several source rows.
-  const std::uint64_t row = span.count == 1 ? 2 * std::uint64_t{span.first} + 1 : 2 * (std::uint64_t{y} + 1);
-  DotMemo& memo = memo_[x];
-  if (memo.row != row) memo = {row, area_code(span, x)};
-  return memo.code;
-}
-
-DropCode DotSampler::area_code(const RowSpan& span, std::size_t x) const {
-  const auto ink = [&](std::uint32_t row) { return filtered_ink(sampling_, sampling_.source.row(row), x); };
-  if (span.count == 1) return drop_code(ink(span.first));
-  float sum = 0.0f;
-  for (std::uint32_t row = span.first; row < span.first + span.count; ++row)
-    sum += ink(row) * area_weight(span.begin, span.end, row);
-  return drop_code(sum);
 }
 
 }  // namespace nvo

@@ -50,10 +50,9 @@ void set_nearest_columns(StripSampling& sampling);
 /// Whether a source row gives no ink anywhere. Weights and curves are never negative, so zeros stay zeros.
 bool is_blank_row(const StripSampling& sampling, const std::uint8_t* row);
 
-/// The code last worked out for a column of single dots, and the row it was for.
-struct DotMemo {
-  std::uint64_t row = 0;  ///< 0: none
-  DropCode code;
+/// Codes of device rows.
+struct HeldCodes {
+  std::vector<std::uint8_t> base, threshold;  ///< as in `RowBuffers`
 };
 
 /// Row buffers of one worker, kept from call to call for their memory alone.
@@ -66,11 +65,13 @@ struct RowBuffers {
   std::vector<std::uint8_t> base, threshold;  ///< in whole blocks of `kScreenBlock`
   std::vector<std::uint64_t> kept;
   std::vector<std::uint8_t> dots;  ///< a row of drop levels on its way to packed form
-  std::vector<DotMemo> memo;
+  std::vector<std::uint8_t> ring_dots;
+  HeldCodes held;  ///< see `RingScreener`
+  HeldCodes ring;  ///< the same
 };
 
 /// Room for the codes of a device row; those behind its last dot are 0.
-void size_code_buffers(const StripSampling& sampling, RowBuffers& buffers);
+void size_codes(const StripSampling& sampling, std::vector<std::uint8_t>& codes);
 
 /// The drop codes of one device row; all zero when `blank`, and then without arrays.
 struct CodeRow {
@@ -79,8 +80,8 @@ struct CodeRow {
   const std::uint8_t* threshold = nullptr;
 };
 
-/// Samples the device rows of a strip for one worker. Rows are asked for in ascending order; what
-/// neighbouring rows share is computed once.
+/// Samples the device rows of a strip for one worker, in any order; what rows share that are asked for one
+/// after the other is computed once.
 class RowSampler {
  public:
   RowSampler(const StripSampling& sampling, RowBuffers& buffers);
@@ -104,22 +105,6 @@ class RowSampler {
   const std::uint8_t* loaded_ = nullptr;  ///< the source row that the buffers stand for
   bool blank_ = false;                    ///< it gives no ink
   bool encoded_ = false;                  ///< the code buffers hold it
-};
-
-/// The codes of single dots anywhere in the strip, for one worker. Ring dots above one another mostly take
-/// the colour of one dot, and device rows inside one source row are equal, so a column's last answer is kept.
-class DotSampler {
- public:
-  DotSampler(const StripSampling& sampling, std::vector<DotMemo>& memo);
-
-  /// Column `x` of device row `y`, counted from the strip's first; a dot outside the strip has no ink.
-  DropCode code(std::size_t x, std::size_t y);
-
- private:
-  DropCode area_code(const RowSpan& span, std::size_t x) const;
-
-  const StripSampling& sampling_;
-  std::vector<DotMemo>& memo_;
 };
 
 }  // namespace nvo

@@ -14,14 +14,15 @@ RowScreener::RowScreener(const StripScreening& strip, RowBuffers& buffers)
   else
     rows_.emplace(strip.sampling, buffers);
   if (strip.colour_choke != nullptr && !strip.colour_choke->ring.empty())
-    ring_.emplace(strip.sampling, buffers.memo);
+    ring_.emplace(strip.colour_choke->ring, strip.sampling, buffers);
 }
 
 /// The choke acts on the dots: a value that it sets to 0 gives level 0, and only the dots of the ring need
 /// the value of another dot.
 bool RowScreener::screen(std::size_t y, std::uint8_t* dots) {
+  const CodeRow ring = ring_codes(y);
   const CodeRow row = codes(y);
-  if (row.blank && !has_ring(y)) return false;
+  if (row.blank && ring.blank) return false;
   const std::uint8_t* mask = mask_row(strip_, y);
   if (row.blank) {
     std::memset(dots, 0, strip_.sampling.dev_w);
@@ -29,7 +30,7 @@ bool RowScreener::screen(std::size_t y, std::uint8_t* dots) {
     screen_codes(strip_, row, mask, dots);
     keep_dots(kept(y), dots);
   }
-  add_ring(y, mask, [dots](std::uint32_t x, std::uint8_t level) { dots[x] = level; });
+  if (!ring.blank) add_ring(y, ring, mask, dots);
   return true;
 }
 
@@ -40,16 +41,13 @@ bool RowScreener::screen_packed(std::size_t y, std::uint8_t* out) {
     pack_row(buffers_.dots.data(), strip_.sampling.dev_w, out);
     return true;
   }
+  const CodeRow ring = ring_codes(y);
   const CodeRow row = codes(y);
-  if (row.blank && !has_ring(y)) return false;
+  if (row.blank && ring.blank) return false;
   const std::uint8_t* mask = mask_row(strip_, y);
   if (row.blank) std::memset(out, 0, packed_dots_bytes(strip_.sampling.dev_w));
   if (!row.blank) screen_codes_packed(row, mask, kept(y), out);
-  add_ring(y, mask, [out](std::uint32_t x, std::uint8_t level) {
-    const unsigned shift = 2 * (kDotsPerByte - 1 - x % kDotsPerByte);
-    std::uint8_t& four = out[x / kDotsPerByte];
-    four = static_cast<std::uint8_t>((four & ~(3u << shift)) | unsigned{level} << shift);
-  });
+  if (!ring.blank) add_ring_packed(y, ring, mask, out);
   return true;
 }
 
@@ -64,7 +62,17 @@ void RowScreener::screen_codes_packed(const CodeRow& codes, const std::uint8_t* 
 }
 
 CodeRow RowScreener::codes(std::size_t y) {
+  if (!ring_) return sampled(y);
+  return ring_->hold(y, [this](std::size_t row) { return sampled(row); });
+}
+
+CodeRow RowScreener::sampled(std::size_t y) {
   return pairs_ ? pairs_->codes(y) : rows_->codes(y);
+}
+
+CodeRow RowScreener::ring_codes(std::size_t y) {
+  if (!ring_) return {};
+  return ring_->codes(y, [this](std::size_t row) { return sampled(row); });
 }
 
 RowScreener::Kept RowScreener::kept(std::size_t y) const {
@@ -76,10 +84,6 @@ RowScreener::Kept RowScreener::kept(std::size_t y) const {
   return {strip_.colour_choke->grown.row(y), strip_.colour_choke->colour_core.row(y)};
 }
 
-bool RowScreener::has_ring(std::size_t y) const {
-  return ring_ && !strip_.colour_choke->ring_of_row(y).empty();
-}
-
 void RowScreener::keep_dots(const Kept& kept, std::uint8_t* dots) {
   if (kept.row == nullptr) return;
   const std::size_t width = strip_.sampling.dev_w;
@@ -88,18 +92,24 @@ void RowScreener::keep_dots(const Kept& kept, std::uint8_t* dots) {
   strip_.sampling.kernels->keep_dots(buffers_.kept.data(), width, dots);
 }
 
-/// Calls `put(x, level)` for each dot of the ring.
-template <class PutDot>
-void RowScreener::add_ring(std::size_t y, const std::uint8_t* mask, const PutDot& put) {
-  if (!has_ring(y)) return;
-  const ChokeContext& choke = *strip_.colour_choke;
-  const auto tile = static_cast<std::uint32_t>(strip_.no_mask.size());
-  std::uint32_t tile_x = 0;
-  for (const RingDot& dot : choke.ring_of_row(y)) {
-    if (!choke.grown.test(dot.x, y) || choke.colour_core.test(dot.x, y)) continue;
-    if (dot.x - tile_x >= tile) tile_x = dot.x - dot.x % tile;
-    put(dot.x, drop_level(ring_->code(dot.source_x, dot.source_y), mask[dot.x - tile_x]));
-  }
+void RowScreener::add_ring(std::size_t y, const CodeRow& ring, const std::uint8_t* mask, std::uint8_t* dots) {
+  const std::size_t width = strip_.sampling.dev_w;
+  const std::uint64_t* grown = strip_.colour_choke->grown.row(y);
+  const std::uint64_t* core = strip_.colour_choke->colour_core.row(y);
+  buffers_.ring_dots.resize(width);
+  screen_codes(strip_, ring, mask, buffers_.ring_dots.data());
+  for (std::size_t x = 0; x < width; ++x)
+    if ((grown[x / 64] & ~core[x / 64]) >> (x % 64) & 1u) dots[x] = buffers_.ring_dots[x];
+}
+
+void RowScreener::add_ring_packed(std::size_t y, const CodeRow& ring, const std::uint8_t* mask,
+                                  std::uint8_t* out) const {
+  const std::size_t width = strip_.sampling.dev_w, tile = strip_.no_mask.size();
+  const std::uint64_t* grown = strip_.colour_choke->grown.row(y);
+  const std::uint64_t* core = strip_.colour_choke->colour_core.row(y);
+  for (std::size_t x = 0; x < width; x += tile)
+    strip_.sampling.kernels->add_packed(ring.base + x, ring.threshold + x, mask, grown + x / 64,
+                                        core + x / 64, std::min(tile, width - x), out + x / kDotsPerByte);
 }
 
 const std::uint8_t* mask_row(const StripScreening& strip, std::size_t y) {

@@ -9,6 +9,7 @@
 #include "screen/choke/choke_context.h"
 #include "screen/mask_cache.h"
 #include "screen/pair_sampler.h"
+#include "screen/ring_screener.h"
 #include "screen/row_sampler.h"
 
 namespace nvo {
@@ -47,17 +48,18 @@ class RowScreener {
   void screen_codes_packed(const CodeRow& codes, const std::uint8_t* mask, const Kept& kept,
                            std::uint8_t* out) const;
   CodeRow codes(std::size_t y);
+  CodeRow sampled(std::size_t y);
+  CodeRow ring_codes(std::size_t y);
   Kept kept(std::size_t y) const;
-  bool has_ring(std::size_t y) const;
   void keep_dots(const Kept& kept, std::uint8_t* dots);
-  template <class PutDot>
-  void add_ring(std::size_t y, const std::uint8_t* mask, const PutDot& put);
+  void add_ring(std::size_t y, const CodeRow& ring, const std::uint8_t* mask, std::uint8_t* dots);
+  void add_ring_packed(std::size_t y, const CodeRow& ring, const std::uint8_t* mask, std::uint8_t* out) const;
 
   const StripScreening& strip_;
   RowBuffers& buffers_;
   std::optional<PairSampler> pairs_;  ///< one of the two
   std::optional<RowSampler> rows_;
-  std::optional<DotSampler> ring_;  ///< where a colour choke has ring dots
+  std::optional<RingScreener> ring_;  ///< where a colour choke has ring dots
 };
 
 /// The mask tile row of device row `y` of the strip. It repeats from the top of the plane, not of the strip,

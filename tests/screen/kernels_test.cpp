@@ -151,6 +151,10 @@ std::vector<std::uint8_t> run_all(const InstructionSet& set, KernelInput in) {
     result.insert(result.end(), raw, raw + words.size() * sizeof words[0]);
   }
   std::vector<std::uint64_t> also(in.kept.rbegin(), in.kept.rend());
+  output(byte_guard, [&](auto* a, auto*) {  // onto levels that are 0 where dots are added
+    kernels.screen_packed(base, threshold, mask, in.kept.data(), also.data(), n, a);
+    kernels.add_packed(base, threshold, mask, in.kept.data(), also.data(), n, a);
+  });
   for (const bool all : {false, true})
     output(byte_guard, [&](auto* a, auto* dots) {
       std::vector<std::uint8_t> expected(a, a + n);

@@ -41,9 +41,11 @@ class PlainRipEngine {
     const std::vector<float> plane = hard ? nearest_plane(strip, dev_w, dev_h, first, end)
                                           : area_plane(strip, scale_x, scale_y, dev_w, first, end);
     for (long y = 0; y < end - first; ++y) {
+      std::vector<RingDot> ring;
+      if (choke != nullptr && !white) ring = choke->ring_of_row(static_cast<std::size_t>(y));
       for (long x = 0; x < dev_w; ++x) {
         float v = plane[static_cast<std::size_t>(y * dev_w + x)];
-        if (choke != nullptr) v = choked(plane, *choke, white, v, x, y);
+        if (choke != nullptr) v = choked(plane, *choke, white, ring, v, x, y);
         out.data.push_back(level(v, masks_.at(strip.channel, x, first + y)));
       }
     }
@@ -122,18 +124,14 @@ class PlainRipEngine {
            (b - a);
   }
 
-  static float choked(const std::vector<float>& plane, const ChokeContext& choke, bool white, float v,
-                      long at_x, long at_y) {
+  static float choked(const std::vector<float>& plane, const ChokeContext& choke, bool white,
+                      const std::vector<RingDot>& ring, float v, long at_x, long at_y) {
     const auto x = static_cast<std::size_t>(at_x), y = static_cast<std::size_t>(at_y);
     if (white) return choke.keep.test(x, y) ? v : 0.0f;
     if (!choke.grown.test(x, y)) return 0.0f;
     if (choke.colour_core.test(x, y)) return v;
-    for (const RingDot& dot : choke.ring_of_row(y)) {
-      if (dot.x != x) continue;
-      const std::size_t index = std::size_t{dot.source_y} * choke.width + dot.source_x;
-      return index < plane.size() && dot.source_x < choke.width ? plane[index] : 0.0f;
-    }
-    return 0.0f;
+    const RingDot& dot = *std::ranges::find(ring, x, &RingDot::x);
+    return plane[std::size_t{dot.source_y} * choke.width + dot.source_x];
   }
 
   const RipEngineParams& p_;

@@ -64,25 +64,44 @@ std::vector<std::uint8_t> random_plane(Random& random, std::uint32_t width, std:
   return plane;
 }
 
-/// A context that no choke would compute: cores outside the grown area, ring dots without a source and
-/// sources that are no seeds or lie outside the grid.
-ChokeContext random_choke(Random& random, std::uint32_t width, std::uint32_t height) {
+/// A context that no choke would compute: cores outside the grown area and sources that are no seeds, all
+/// over the grid or, with `seeds_only`, above and below dots of the core. Half of the ring dots that have one
+/// right above keep its source.
+ChokeContext random_choke(Random& random, std::uint32_t width, std::uint32_t height,
+                          bool seeds_only = false) {
   ChokeContext choke;
   choke.width = width;
   choke.height = height;
   choke.adaptive = true;
-  choke.colour_core = choke.grown = choke.keep = BitPlane(width, height);
-  choke.ring_rows.push_back(0);
+  ColourRingRows& ring = choke.ring;
+  choke.colour_core = choke.grown = choke.keep = ring.changed = BitPlane(width, height);
+  for (std::uint32_t y = 0; y < height; ++y) ring.code_row.push_back(y);
+  ring.lay_out(width, random() % 2 == 0 ? height : 5);
+  ring.panels.resize((height + ColourRingRows::kPanelRows - 1) / ColourRingRows::kPanelRows);
+  std::vector<std::uint32_t> row_of_source(width);
   for (std::uint32_t y = 0; y < height; ++y) {
     const std::uint32_t density = random() % 4;  // of a row: nothing, everything, mixed
     const auto chance = [&] { return density == 0 ? false : density == 1 ? true : random() % 3 != 0; };
+    auto& places = ring.panels[y / ColourRingRows::kPanelRows];
     for (std::uint32_t x = 0; x < width; ++x) {
       if (chance()) choke.colour_core.set(x, y);
       if (chance()) choke.grown.set(x, y);
       if (chance()) choke.keep.set(x, y);
-      if (random() % 2 == 0) choke.ring.push_back({x, random() % (width + 1), random() % (height + 1)});
+      if (seeds_only && x % 3 == 0) {
+        choke.colour_core.set(x, y);
+        choke.grown.set(x, y);
+      }
+      if (!choke.grown.test(x, y) || choke.colour_core.test(x, y)) continue;
+      const bool ring_above = y > 0 && choke.grown.test(x, y - 1) && !choke.colour_core.test(x, y - 1);
+      if (y % ColourRingRows::kPanelRows != 0 && ring_above && row_of_source[x] + ring.reach >= y &&
+          random() % 2 == 0)
+        continue;
+      const std::uint32_t top = y - std::min(y, ring.reach), end = std::min(y + ring.reach + 1, height);
+      row_of_source[x] = top + random() % (end - top);
+      ring.changed.set(x, y);
+      places.push_back(ring.place(row_of_source[x]) + (seeds_only ? x - x % 3 : random() % width));
     }
-    choke.ring_rows.push_back(choke.ring.size());
+    ring.row_ends.push_back(static_cast<std::uint32_t>(places.size()));
   }
   return choke;
 }
@@ -272,14 +291,8 @@ TEST(RipEngine, ChokesOnlyWhereTheSettingsAskAsTheCaptureShows) {
   Random random(11);
   const auto plane = random_plane(random, 30, 12);
   ChokeContext other = random_choke(random, 72, 71);  // of another size, hence left aside
-  ChokeContext torn = other, choke = random_choke(random, 72, 72);
-  torn.height = 72;                  // the right size, but its masks lack a row
-  for (RingDot& dot : choke.ring) {  // as in a real choke sources are seeds, which stay as they are
-    dot.source_x = dot.x;
-    dot.source_y = random() % 72;
-    choke.colour_core.set(dot.source_x, dot.source_y);
-    choke.grown.set(dot.source_x, dot.source_y);
-  }
+  ChokeContext torn = other, choke = random_choke(random, 72, 72, true);
+  torn.height = 72;  // the right size, but its masks lack a row
   const auto production = DeviceChokeAlgorithm::production, adaptive = DeviceChokeAlgorithm::adaptive;
   const struct {
     bool enabled;

@@ -1,12 +1,12 @@
 #include "screen/choke/device_choke.h"
 
 #include <algorithm>
-#include <numeric>
 #include <optional>
 #include <span>
 #include <utility>
 #include <vector>
 
+#include "core/large_vector.h"
 #include "core/threads/parallel.h"
 #include "screen/choke/bit_morphology.h"
 #include "screen/choke/choke_offsets.h"
@@ -14,12 +14,13 @@
 #include "screen/choke/colour_ring.h"
 #include "screen/choke/white_erosion.h"
 #include "screen/device_grid.h"
+#include "screen/row_sampler.h"
 
 namespace nvo {
 namespace {
 
 /// A part costs some rows above and below it as well.
-constexpr std::size_t kLeastRowsOfPart = 192;
+constexpr std::size_t kLeastPanelsOfPart = 6;
 
 /// Radius and settings of a context.
 void describe(const DeviceChokeParams& params, bool adaptive, ChokeContext& context) {
@@ -56,9 +57,23 @@ ChokeContext with_memory_of(ChokeContext spent) {
        {&ChokeContext::colour_core, &ChokeContext::exempt, &ChokeContext::grown, &ChokeContext::support,
         &ChokeContext::keep, &ChokeContext::light})
     context.*plane = std::move(spent.*plane);
-  context.ring = std::move(spent.ring);
-  context.ring.clear();
+  context.ring.panels = std::move(spent.ring.panels);
+  for (auto& panel : context.ring.panels) panel.clear();
+  context.ring.changed = std::move(spent.ring.changed);
   return context;
+}
+
+/// Finds the rows that have the same codes: those that lie inside one source row and whose centre does.
+void number_code_rows(const DeviceChokeInput& input, const ChokeRowMap& row_map, std::uint32_t first_row,
+                      float scale_y, ColourRingRows& ring) {
+  std::vector<RowSpan> spans(row_map.source.size());
+  area_row_spans(spans, first_row, scale_y, input.strip_src_y, input.coverage.height());
+  ring.code_row.assign(spans.size(), 0);
+  for (std::size_t y = 1; y < spans.size(); ++y) {
+    const bool same = spans[y].count == 1 && spans[y - 1].count == 1 &&
+                      spans[y].first == spans[y - 1].first && row_map.source[y] == row_map.source[y - 1];
+    ring.code_row[y] = ring.code_row[y - 1] + (same ? 0 : 1);
+  }
 }
 
 /// Fills `keep`, `grown` and the ring of a context whose other masks are there.
@@ -74,42 +89,40 @@ class StripChoke {
     else
       context_.keep.reshape(0, 0);
     context_.grown.reshape(context_.width, context_.height);
-    context_.ring_rows.assign(rows + 1, 0);
+    const std::size_t panels = (rows + ColourRingRows::kPanelRows - 1) / ColourRingRows::kPanelRows;
+    context_.ring.lay_out(context_.width, static_cast<std::uint32_t>(disc_.reach()));
+    context_.ring.changed.reshape(context_.width, context_.height);
+    context_.ring.row_ends.resize(rows);
+    context_.ring.panels.resize(panels);
     // Art is dense in one place and absent in another.
-    const std::vector<WorkRange> parts = guided_ranges(rows, threads, kLeastRowsOfPart);
-    std::vector<std::vector<RingDot>> rings(parts.size());
-    parallel_tasks(parts.size(), threads, [&](std::size_t part, std::size_t) {
-      rings[part] = choke_rows(parts[part].begin, parts[part].end);
-    });
-    join(rings);
+    const std::vector<WorkRange> parts = guided_ranges(panels, threads, kLeastPanelsOfPart);
+    parallel_tasks(parts.size(), threads, [&](std::size_t part, std::size_t) { choke_panels(parts[part]); });
   }
 
  private:
-  /// Returns the ring dots of rows `begin` up to `end` and writes the count of each row behind its place.
-  std::vector<RingDot> choke_rows(std::size_t begin, std::size_t end) {
+  void choke_panels(const WorkRange& panels) {
+    const auto first_row = [&](std::size_t panel) {
+      return std::min<std::size_t>(panel * ColourRingRows::kPanelRows, context_.height);
+    };
     std::optional<WhiteErosion> white;
-    if (context_.adaptive) white.emplace(context_, row_map_.first_equal, disc_, begin, end, context_.keep);
+    if (context_.adaptive)
+      white.emplace(context_, row_map_.first_equal, disc_, first_row(panels.begin), first_row(panels.end),
+                    context_.keep);
     ColourRing colour(context_, offsets_, disc_);
-    std::vector<RingDot> ring;
-    for (std::size_t y = begin; y < end; ++y) {
-      const std::size_t before = ring.size();
-      std::copy_n(context_.colour_core.row(y), context_.colour_core.words_per_row, context_.grown.row(y));
-      const std::uint64_t* halo = white ? white->halo_row(y) : nullptr;
-      if (!white || halo != nullptr) colour.grow_row(y, halo, context_.grown.row(y), ring);
-      context_.ring_rows[y + 1] = ring.size() - before;
+    LargeVector<std::uint32_t> places(ColourRingRows::kPanelRows * context_.width);
+    for (std::size_t panel = panels.begin; panel < panels.end; ++panel) {
+      std::uint32_t* places_end = places.data();
+      for (std::size_t y = first_row(panel); y < first_row(panel + 1); ++y) {
+        const ColourRing::Row row{context_.grown.row(y), context_.ring.changed.row(y), places_end};
+        std::copy_n(context_.colour_core.row(y), context_.colour_core.words_per_row, row.grown);
+        const std::uint64_t* halo = white ? white->halo_row(y) : nullptr;
+        const bool may_grow = !white || halo != nullptr;
+        if (!may_grow || !colour.grow_row(y, halo, y == first_row(panel), row))
+          std::fill_n(row.changed, context_.colour_core.words_per_row, std::uint64_t{0});
+        context_.ring.row_ends[y] = static_cast<std::uint32_t>(places_end - places.data());
+      }
+      context_.ring.panels[panel].assign(places.data(), places_end);  // in no more memory than it takes
     }
-    return ring;
-  }
-
-  void join(std::vector<std::vector<RingDot>>& rings) {
-    std::partial_sum(context_.ring_rows.begin(), context_.ring_rows.end(), context_.ring_rows.begin());
-    context_.ring = std::move(rings.front());
-    context_.ring.reserve(context_.ring_rows.back());
-    for (std::size_t part = 1; part < rings.size(); ++part) {
-      context_.ring.insert(context_.ring.end(), rings[part].begin(), rings[part].end());
-      rings[part] = {};
-    }
-    if (context_.ring.empty()) context_.ring_rows.clear();
   }
 
   ChokeContext& context_;
@@ -135,6 +148,7 @@ ChokeContext prepare_device_choke(const DeviceChokeInput& input, const DeviceCho
 
   describe(params, params.choke.is_adaptive() && !input.support_plane.null(), context);
   const ChokeRowMap row_map(input, dev_h, rows);
+  number_code_rows(input, row_map, rows.first, scale.y, context.ring);
   sample_choke_masks(input, row_map, params.threads, context);
   if (context.radius_in > 0.0f) {
     StripChoke(context, row_map, choke_offsets(params.x_dpi, params.y_dpi, context.radius_in))

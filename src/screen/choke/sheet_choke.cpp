@@ -31,7 +31,8 @@ void SheetChoke::reserve(std::uint32_t src_w, std::uint32_t src_rows, std::uint3
   if (!plan_.is_active()) return;
   reserve_large(coverage_, std::size_t{src_w} * src_rows);
   if (light_protection_) reserve_large(light_, std::size_t{src_w} * src_rows);
-  for (BitPlane* plane : {&context_.grown, &context_.keep}) plane->reshape(dev_w, dev_rows);
+  for (BitPlane* plane : {&context_.grown, &context_.keep, &context_.ring.changed})
+    plane->reshape(dev_w, dev_rows);
 }
 
 void SheetChoke::prepare(const RipEngine& engine, const ComposedStrip& strip, ChokeTimes& times) {

@@ -5,6 +5,7 @@
 #include "screen/kernels/bit_row_kernels.h"
 #include "screen/kernels/coverage_kernels.h"
 #include "screen/kernels/pack_kernels.h"
+#include "screen/kernels/ring_kernels.h"
 #include "screen/kernels/screening_kernels.h"
 
 namespace nvo {
@@ -14,6 +15,7 @@ struct InstructionSet {
   const char* name;  ///< "scalar", "sse41", "avx2"
   ScreeningKernels screening;
   BitRowKernels bit_rows;
+  RingKernels ring;
   CoverageKernels coverage;
   PackKernels packing;
 };

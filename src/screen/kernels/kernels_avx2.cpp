@@ -22,7 +22,17 @@ struct Avx2 {
   static Bytes all_32(int value) { return _mm256_set1_epi32(value); }
   static Bytes both(Bytes a, Bytes b) { return _mm256_and_si256(a, b); }
   static Bytes either(Bytes a, Bytes b) { return _mm256_or_si256(a, b); }
+  static Bytes exclusive(Bytes a, Bytes b) { return _mm256_xor_si256(a, b); }
+  static Bytes without(Bytes a, Bytes b) { return _mm256_andnot_si256(b, a); }
+  /// b where the bytes of `mask` are 0xff, a where they are 0.
+  static Bytes select(Bytes a, Bytes b, Bytes mask) { return _mm256_blendv_epi8(a, b, mask); }
+  static Bytes equal_8(Bytes a, Bytes b) { return _mm256_cmpeq_epi8(a, b); }
+  static Bytes shuffle(Bytes table, Bytes index) { return _mm256_shuffle_epi8(table, index); }
+  static Bytes load_sixteen_repeated(const void* from) {
+    return _mm256_broadcastsi128_si256(_mm_loadu_si128(static_cast<const __m128i*>(from)));
+  }
   static Bytes add_8(Bytes a, Bytes b) { return _mm256_add_epi8(a, b); }
+  static Bytes add_saturated(Bytes a, Bytes b) { return _mm256_adds_epu8(a, b); }
   static Bytes subtract_saturated(Bytes a, Bytes b) { return _mm256_subs_epu8(a, b); }
   static Bytes least_8(Bytes a, Bytes b) { return _mm256_min_epu8(a, b); }
   static Bytes greatest_8(Bytes a, Bytes b) { return _mm256_max_epu8(a, b); }

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "screen/kernels/drop_code.h"
+#include "screen/kernels/ring_kernels.h"
 #include "screen/kernels/screening_kernels.h"
 
 // The kernels of screening and packing one element at a time: the whole of the scalar set and, from element
@@ -101,6 +102,74 @@ static inline void screen_packed(const std::uint8_t* base, const std::uint8_t* t
       four = four << 2 | level;
     }
     out[x / 4] = static_cast<std::uint8_t>(four);
+  }
+}
+
+static inline void add_packed(const std::uint8_t* base, const std::uint8_t* threshold,
+                              const std::uint8_t* mask, const std::uint64_t* kept,
+                              const std::uint64_t* not_kept, std::size_t count, std::uint8_t* out) {
+  for (std::size_t x = 0; x < count; ++x) {
+    if (!((kept[x / 64] & ~not_kept[x / 64]) >> (x % 64) & 1u)) continue;
+    const unsigned level = drop_level({base[x], threshold[x]}, mask[x]);
+    out[x / 4] = static_cast<std::uint8_t>(out[x / 4] | level << (6 - 2 * (x % 4)));
+  }
+}
+
+static inline void count_rows(const std::uint64_t* outline, const OutlineDistances& from,
+                              const OutlineDistances& to, std::uint8_t reach, std::size_t words) {
+  for (std::size_t i = 0; i < words; ++i) {
+    const bool is_far = from.life[i] == 0;
+    to.life[i] = static_cast<std::uint8_t>(outline[i] != 0 ? reach + 1 : is_far ? 0 : from.life[i] - 1);
+    if (to.life[i] == 0) continue;
+    for (std::size_t x = i * 64; x < i * 64 + 64; ++x) {
+      const unsigned next = is_far || from.rows[x] == 255 ? 255u : from.rows[x] + 1u;
+      to.rows[x] = static_cast<std::uint8_t>(outline[i] >> (x % 64) & 1u ? 0u : next);
+    }
+  }
+}
+
+static inline void nearest_keys(const OutlineDistances& above, const OutlineDistances& below,
+                                std::size_t words, std::uint8_t* keys, std::uint8_t* live) {
+  for (std::size_t i = 0; i < words; ++i) {
+    const bool has_above = above.life[i] != 0, has_below = below.life[i] != 0;
+    const bool stays_far = !has_above && !has_below && live[i] == 0;
+    live[i] = has_above || has_below;
+    for (std::size_t x = i * 64; !stays_far && x < i * 64 + 64; ++x) {
+      const unsigned up = has_above ? 2u * above.rows[x] : 255u;
+      const unsigned down = has_below ? 2u * below.rows[x] + 1u : 255u;
+      const unsigned key = up < down ? up : down;
+      keys[x] = static_cast<std::uint8_t>(key < 255u ? key : 255u);
+    }
+  }
+}
+
+static inline void find_nearest(const RingMetric& metric, const RingRow& row, std::size_t words) {
+  for (std::size_t i = 0; i < words; ++i) {
+    row.found[i] = row.changed[i] = 0;
+    for (std::size_t bit = 0; bit < 64; ++bit) {
+      if (!(row.wanted[i] >> bit & 1u)) continue;
+      const std::size_t x = i * 64 + bit;
+      std::uint8_t best = 0, best_key = 0;
+      int best_column = 0;
+      for (std::uint32_t k = 0; k <= metric.columns; ++k) {
+        const std::uint8_t left = (row.keys + x)[-static_cast<std::ptrdiff_t>(k)], right = row.keys[x + k];
+        const std::uint8_t key = left < right ? left : right;
+        const std::uint8_t nearness = key < RingMetric::kKeys ? metric.nearness[k][key] : std::uint8_t{0};
+        if (nearness <= best) continue;
+        best = nearness;
+        best_key = key;
+        best_column = key == left ? -static_cast<int>(k) : static_cast<int>(k);
+      }
+      if (best == 0) continue;
+      const std::uint8_t code_row = row.code_row_of_key[best_key];
+      const bool same =
+          (row.held[i] >> bit & 1u) && row.column[x] == best_column && row.code_row[x] == code_row;
+      row.found[i] |= std::uint64_t{1} << bit;
+      row.changed[i] |= std::uint64_t{!same} << bit;
+      row.column[x] = static_cast<std::int8_t>(best_column);
+      row.key[x] = best_key;
+      row.code_row[x] = code_row;
+    }
   }
 }
 

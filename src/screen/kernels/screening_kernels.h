@@ -86,6 +86,11 @@ struct ScreeningKernels {
                         const std::uint64_t* kept, const std::uint64_t* also_kept, std::size_t count,
                         std::uint8_t* out);
 
+  /// The same for the dots that `kept` keeps and `not_kept` doesn't, added to rows whose levels there are 0.
+  void (*add_packed)(const std::uint8_t* base, const std::uint8_t* threshold, const std::uint8_t* mask,
+                     const std::uint64_t* kept, const std::uint64_t* not_kept, std::size_t count,
+                     std::uint8_t* out);
+
   /// Bit x % 64 of word x / 64 tells whether bytes[x] is at least `least` (1 and more). Writes whole words.
   void (*bits_at_least)(const std::uint8_t* bytes, std::uint8_t least, std::size_t count,
                         std::uint64_t* words);

@@ -234,6 +234,133 @@ void screen_packed(const std::uint8_t* base, const std::uint8_t* threshold, cons
 }
 
 template <class V>
+void add_packed(const std::uint8_t* base, const std::uint8_t* threshold, const std::uint8_t* mask,
+                const std::uint64_t* kept, const std::uint64_t* not_kept, std::size_t count,
+                std::uint8_t* out) {
+  constexpr std::size_t kDots = kDotsOfRound<V>;
+  for (std::size_t x = 0; x < count; x += kDots) {
+    std::uint64_t bits[kDots / 64], any = 0;
+    for (std::size_t i = 0; i < kDots / 64; ++i) {
+      const std::size_t dot = x + 64 * i;
+      any |= bits[i] = dot < count ? kept[dot / 64] & ~not_kept[dot / 64] : 0;
+    }
+    if (any == 0) continue;
+    const auto bytes = screen_round<V>(base + x, threshold + x, mask + x, bits);
+    if (count - x >= kDots) {
+      V::store(out + x / 4, V::either(V::load(out + x / 4), bytes));
+    } else {
+      std::uint8_t last[V::kBytes];
+      V::store(last, bytes);
+      for (std::size_t i = 0; i < (count - x + 3) / 4; ++i) out[x / 4 + i] |= last[i];
+    }
+  }
+}
+
+template <class V>
+void count_rows(const std::uint64_t* outline, const OutlineDistances& from, const OutlineDistances& to,
+                std::uint8_t reach, std::size_t words) {
+  for (std::size_t i = 0; i < words; ++i) {
+    const bool is_far = from.life[i] == 0;
+    if (is_far && outline[i] == 0) {
+      to.life[i] = 0;
+      continue;
+    }
+    to.life[i] = static_cast<std::uint8_t>(outline[i] != 0 ? reach + 1 : from.life[i] - 1);
+    if (to.life[i] == 0) continue;
+    for (std::size_t bit = 0; bit < 64; bit += V::kBytes) {
+      const std::size_t x = i * 64 + bit;
+      const auto next = is_far ? V::all_8(255) : V::add_saturated(V::load(from.rows + x), V::all_8(1));
+      V::store(to.rows + x, V::without(next, V::bytes_of_bits(outline[i] >> bit)));
+    }
+  }
+}
+
+template <class V>
+void nearest_keys(const OutlineDistances& above, const OutlineDistances& below, std::size_t words,
+                  std::uint8_t* keys, std::uint8_t* live) {
+  for (std::size_t i = 0; i < words; ++i) {
+    const bool has_above = above.life[i] != 0, has_below = below.life[i] != 0;
+    if (!has_above && !has_below && live[i] == 0) continue;
+    live[i] = has_above || has_below;
+    for (std::size_t x = i * 64; x < i * 64 + 64; x += V::kBytes) {
+      auto key = V::all_8(255);
+      if (has_above) {
+        const auto rows = V::load(above.rows + x);
+        key = V::add_saturated(rows, rows);
+      }
+      if (has_below) {
+        const auto rows = V::load(below.rows + x);
+        key = V::least_8(key, V::add_saturated(V::add_saturated(rows, rows), V::all_8(1)));
+      }
+      V::store(keys + x, key);
+    }
+  }
+}
+
+/// Entries of a table at `keys`, of which only the first `sixteens` x 16 are looked at; 0 for keys behind
+/// them.
+template <class V>
+typename V::Bytes look_up(const std::uint8_t* table, std::uint8_t sixteens, typename V::Bytes keys) {
+  auto found = V::all_8(0);
+  for (int i = 0; i < sixteens; ++i) {
+    // Keys of this sixteen lose their upper half; a shuffle gives 0 where an index has its high bit.
+    const auto index = V::add_saturated(V::exclusive(keys, V::all_8(16 * i)), V::all_8(0x70));
+    found = V::either(found, V::shuffle(V::load_sixteen_repeated(table + 16 * i), index));
+  }
+  return found;
+}
+
+/// A register of dots from dot `x` on, of which `wanted` look for an outline dot: returns those that have
+/// one, and in `changed` those of them whose answer is not that of the row before.
+template <class V>
+std::uint64_t find_in_register(const RingMetric& metric, const RingRow& row, std::size_t x,
+                               std::uint64_t wanted, std::uint64_t& changed) {
+  auto best = V::all_8(0), best_key = V::all_8(0), best_column = V::all_8(0);
+  for (std::uint32_t k = 0; k <= metric.columns; ++k) {
+    // No dot of this column or one further away is nearer than the one right beside. Asked of every second
+    // column only, as the processor can't foresee the answer.
+    if (k >= 3 && k % 2 == 1) {
+      const auto highest = V::all_8(metric.nearness[k][0]);
+      if ((wanted & ~V::bits_where_equal(V::greatest_8(best, highest), best)) == 0) break;
+    }
+    const auto left = V::load(row.keys + x - k), right = V::load(row.keys + x + k);
+    const auto key = V::least_8(left, right);
+    const auto nearness = look_up<V>(metric.nearness[k], metric.sixteens[k], key);
+    const auto stays = V::equal_8(V::greatest_8(nearness, best), best);
+    const auto column =
+        V::select(V::all_8(static_cast<int>(k)), V::all_8(-static_cast<int>(k)), V::equal_8(key, left));
+    best = V::greatest_8(nearness, best);
+    best_key = V::select(key, best_key, stays);
+    best_column = V::select(column, best_column, stays);
+  }
+  const auto code_row = look_up<V>(row.code_row_of_key, RingMetric::kKeys / 16, best_key);
+  const std::uint64_t found = wanted & ~V::bits_where_equal(best, V::all_8(0));
+  changed =
+      found & ~(row.held[x / 64] >> (x % 64) & V::bits_where_equal(V::load(row.column + x), best_column) &
+                V::bits_where_equal(V::load(row.code_row + x), code_row));
+  V::store(row.column + x, best_column);
+  V::store(row.key + x, best_key);
+  V::store(row.code_row + x, code_row);
+  return found;
+}
+
+template <class V>
+void find_nearest(const RingMetric& metric, const RingRow& row, std::size_t words) {
+  constexpr std::uint64_t kAll = ~std::uint64_t{0} >> (64 - V::kBytes);
+  for (std::size_t i = 0; i < words; ++i) {
+    row.found[i] = row.changed[i] = 0;
+    if (row.wanted[i] == 0) continue;
+    for (std::size_t bit = 0; bit < 64; bit += V::kBytes) {
+      const std::uint64_t wanted = row.wanted[i] >> bit & kAll;
+      if (wanted == 0) continue;
+      std::uint64_t changed = 0;
+      row.found[i] |= find_in_register<V>(metric, row, i * 64 + bit, wanted, changed) << bit;
+      row.changed[i] |= changed << bit;
+    }
+  }
+}
+
+template <class V>
 void bits_at_least(const std::uint8_t* bytes, std::uint8_t least, std::size_t count, std::uint64_t* words) {
   const auto limit = V::all_8(least);
   std::size_t x = 0;
@@ -265,8 +392,9 @@ template <class V>
 constexpr InstructionSet simd_instruction_set(const char* name) {
   return {name,
           {filter_columns<V>, add_scaled_row<V>, encode_row<V>, encode_pairs<V>, mix_pairs<V>, gather_codes,
-           screen_row<V>, keep_dots<V>, screen_packed<V>, bits_at_least<V>},
+           screen_row<V>, keep_dots<V>, screen_packed<V>, add_packed<V>, bits_at_least<V>},
           bit_row_steps::kKernels,
+          {count_rows<V>, nearest_keys<V>, find_nearest<V>},
           coverage_steps::kKernels,
           {pack_row<V>}};
 }
