@@ -175,8 +175,6 @@ void ring_strip(benchmark::State& state) {
                                  .choke = &choke,
                                  .scratch = &scratch});
   state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * drops.data.size()));
-  state.counters["ring_share"] =
-      static_cast<double>(choke.ring.size()) / static_cast<double>(drops.data.size());
 }
 
 void plain_strip(benchmark::State& state) {
