@@ -112,6 +112,10 @@ void ItemComposer::require_workers(std::size_t count) {
   while (worker_icc_.size() < count) worker_icc_.push_back(std::make_unique<WorkerIcc>());
 }
 
+void ItemComposer::warn_of_inert_switches() const {
+  for (const char* name : inert_switches_) warn_ignored_override(name);
+}
+
 ItemOutcome ItemComposer::compose_item(const LayoutItem& item, StripBuffer& strip, WorkerIcc* worker,
                                        const IndexRange& next) {
   ItemOutcome outcome;
@@ -127,7 +131,7 @@ ItemOutcome ItemComposer::compose_item(const LayoutItem& item, StripBuffer& stri
     return outcome;
   }
   if (auto source = open_source(job)) {
-    for (const char* name : inert_switches_) warn_ignored_override(name);
+    warn_of_inert_switches();
     if (compose_from_source(job, *source)) return outcome;
     // A whole image and a row source are never both kept for one file.
     caches_.forget_source(job.signature, source);

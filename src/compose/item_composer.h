@@ -87,6 +87,7 @@ class ItemComposer {
 
   void compose_in_order(const Job& job, const IndexRange& next_rows);
   void open_in_order(const Job& job);
+  void warn_of_inert_switches() const;
   std::shared_ptr<SharedSource> open_source(const Job& job);
   bool compose_from_source(const Job& job, SharedSource& source);
   bool read_source_rows(const Job& job, RasterSource& source, const IndexRange& rows,
