@@ -315,6 +315,11 @@ void HosonWriter::write_dropmaps(const std::vector<DropMap>& dropmaps, const std
   }
 }
 
+void HosonWriter::reset_counters() {
+  const std::lock_guard lock(counters_mutex_);
+  counters_ = {};
+}
+
 HosonWriterCounters HosonWriter::counters() const {
   const std::lock_guard lock(counters_mutex_);
   HosonWriterCounters totals = counters_;

@@ -91,6 +91,7 @@ class HosonWriter {
 
   void set_timing(bool enabled) { timing_ = enabled; }
   HosonWriterCounters counters() const;
+  void reset_counters();
 
  private:
   void begin_file(const std::string& path);

@@ -35,12 +35,17 @@ TEST(BulkFile, HoldsWhatWasWrittenInAnyOrder) {
           memory.get() + (random() % 2 == 0 ? expected.size() % kBulkBlock : random() % kBulkBlock);
       for (std::size_t i = 0; i < size; ++i) data[i] = static_cast<std::uint8_t>(i * 7 + piece + i / 251);
       pieces.push_back({expected.size(), std::string(reinterpret_cast<const char*>(data), size)});
-      if (round % 2 == 0) ASSERT_EQ(file.append(data, size), 0);
+      if (round % 2 == 0) {
+        ASSERT_EQ(file.append(data, size), 0);
+      }
       expected.append(reinterpret_cast<const char*>(data), size);
     }
     if (round % 4 == 1) std::ranges::shuffle(pieces, random);
-    for (const auto& [offset, bytes] : pieces | std::views::reverse)
-      if (round % 2 != 0) ASSERT_EQ(file.write_at(offset, bytes.data(), bytes.size()), 0);
+    for (const auto& [offset, bytes] : pieces | std::views::reverse) {
+      if (round % 2 != 0) {
+        ASSERT_EQ(file.write_at(offset, bytes.data(), bytes.size()), 0);
+      }
+    }
     ASSERT_EQ(file.flush(), 0);
     ASSERT_EQ(file.close(), 0);
     EXPECT_TRUE(test::read_all(dir.file("bulk")) == expected) << round;
