@@ -9,6 +9,7 @@
 #include "image/raster_files.h"
 #include "support/child_process.h"
 #include "support/temp_dir.h"
+#include "support/tiff_file.h"
 
 namespace nvo::test {
 namespace {
@@ -17,6 +18,8 @@ using ::testing::ContainsRegex;
 
 constexpr int kErrorOfDisk = 5;
 constexpr int kDone = 0, kFailed = 2;
+const std::string kCmykProfile = "/usr/share/color/icc/ghostscript/default_cmyk.icc";
+const std::string kRgbProfile = "/usr/share/color/icc/colord/AdobeRGB1998.icc";
 
 /// The real program in a folder of the test's own. Masks are made once for all tests.
 class MachineFailureTest : public ImageTest {
@@ -29,7 +32,9 @@ class MachineFailureTest : public ImageTest {
   /// A run in which a call fails; `plan` is that of the preloaded library.
   Outcome rip(const std::string& art, const std::string& plan, const std::string& path_part = {}) const {
     std::filesystem::remove(print_path());
-    std::map<std::string, std::string> environment = {{"XDG_CONFIG_HOME", config_->path()}};
+    std::map<std::string, std::string> environment = {{"XDG_CONFIG_HOME", config_->path()},
+                                                      {"NVO_RIP_PARALLEL_COMPOSE_ITEMS", "1"},
+                                                      {"NVO_RIP_COMPOSE_THREADS", "2"}};
     if (!plan.empty()) {
       environment.insert(
           {{"LD_PRELOAD", NVO_FAULT_PRELOAD}, {"NVO_FAULT", plan}, {"NVO_FAULT_COUNT", count_path()}});
@@ -48,9 +53,26 @@ class MachineFailureTest : public ImageTest {
   static inline std::unique_ptr<TempDir> config_;
 };
 
+std::string tiff_bytes(std::uint16_t compression, bool rgb = false, std::uint32_t tile = 0) {
+  TiffFile file = cmykw_tiff(200, 150, [=](std::uint32_t x, std::uint32_t y, std::uint8_t* ink) {
+    for (std::uint32_t i = 0; i < 3; ++i)
+      ink[i] = static_cast<std::uint8_t>((x * (i + 3) + y * (7 - i)) % 251);
+    if (!rgb) ink[3] = 0, ink[4] = x > 100 ? 0 : 255;
+  });
+  file.compression = compression;
+  file.tile_width = file.tile_length = tile;
+  if (tile != 0) file.predictor = PREDICTOR_HORIZONTAL;
+  if (rgb) file.samples = 3, file.photometric = PHOTOMETRIC_RGB, file.extra_samples = {};
+  const TempDir dir;
+  write_tiff(dir.file("a"), file);
+  return read_all(dir.file("a"));
+}
+
 /// Small art of each format; a further format is a row.
 struct Art {
   std::string name, bytes;
+  long tries = 1;         ///< times the positions of each fault
+  bool profiles = false;  ///< converted by profiles
 };
 
 std::vector<Art> all_arts() {
@@ -69,6 +91,10 @@ std::vector<Art> all_arts() {
                                .resources = "/ColorSpace << /S [/Separation /White /DeviceCMYK << "
                                             "/FunctionType 2 /Domain [0 1] /C0 [0 0 0 0] /C1 [0 0 0 0.1] "
                                             "/N 1 >>] >>"})},
+      {"plain.tif", tiff_bytes(COMPRESSION_NONE), 4},
+      {"lzw.tif", tiff_bytes(COMPRESSION_LZW), 3},
+      {"tiles.tif", tiff_bytes(COMPRESSION_ADOBE_DEFLATE, false, 64), 3},
+      {"jpeg.tif", tiff_bytes(COMPRESSION_JPEG, true), 4, true},
   };
 }
 
@@ -76,7 +102,7 @@ std::vector<Art> all_arts() {
 struct Fault {
   std::string kind;
   int error;
-  bool of_the_art;  ///< only calls on the art file
+  std::string of;   ///< only calls on files of this name; "" for all, "art" for the art
   long last, most;  ///< so many of the last calls, or all for 0, and of them so many positions
   std::string text;
 };
@@ -84,26 +110,34 @@ struct Fault {
 TEST_F(MachineFailureTest, EndsTheJobOrChangesNothing) {
   // The last allocations are those from the art's first byte on. Before them lies the update check, of whose
   // thousands in C libraries a few will do.
+  const std::string no_memory = "out of memory", no_disk = "Input/output error";
   const Fault faults[] = {
-      {"memory", 12, false, 0, 3, "out of memory"},
-      {"memory", 12, false, 700, 5, "out of memory"},
-      {"object", 12, false, 0, 9, "out of memory"},
-      {"open", kErrorOfDisk, true, 0, 3, "Input/output error"},
-      {"read", kErrorOfDisk, true, 0, 3, "Input/output error"},
-      {"stat", kErrorOfDisk, true, 0, 2, "Input/output error"},
+      {"memory", 12, "", 0, 3, no_memory},           {"memory", 12, "", 700, 5, no_memory},
+      {"object", 12, "", 0, 9, no_memory},           {"open", kErrorOfDisk, "art", 0, 3, no_disk},
+      {"read", kErrorOfDisk, "art", 0, 3, no_disk},  {"stat", kErrorOfDisk, "art", 0, 2, no_disk},
+      {"memory", 12, ".icc", 2900, 8, no_memory},    {"open", kErrorOfDisk, ".icc", 0, 3, no_disk},
+      {"read", kErrorOfDisk, ".icc", 0, 3, no_disk}, {"stat", kErrorOfDisk, ".icc", 0, 3, no_disk},
   };
+  const bool have_profiles = std::filesystem::exists(kCmykProfile) && std::filesystem::exists(kRgbProfile);
   long shift = 0;
-  for (const auto& [name, bytes] : all_arts()) {
+  for (const auto& [name, bytes, tries, profiles] : all_arts()) {
+    if (profiles && !have_profiles) continue;
+    std::filesystem::create_directories(config_->file("NVO_RIP"));
+    write_all(config_->file("NVO_RIP/icc_settings.json"),
+              profiles ? R"({"enabled": true, "input_rgb_profile": ")" + kRgbProfile +
+                             R"(", "output_profile": ")" + kCmykProfile + "\"}"
+                       : "{}");
     const std::string art = write(name, bytes);
     std::string whole;
     long failed = 0;
     for (const Fault& fault : faults) {
-      const std::string path_part = fault.of_the_art ? name : "";
+      if (fault.of == ".icc" && !profiles) continue;
+      const std::string path_part = fault.kind == "memory" ? "" : fault.of == "art" ? name : fault.of;
       const long count = calls(art, fault.kind, path_part),
                  first = fault.last == 0 ? 1 : std::max(1L, count - fault.last + 1);
       if (whole.empty()) whole = read_all(print_path());
-      const long step = std::max(1L, (count - first + 1) / fault.most);
-      for (long n = first + shift++ % step; n <= count; n += step) {
+      const long step = std::max(1L, (count - first + 1) / (fault.most * tries)), failed_before = failed;
+      for (long n = first + (tries == 1 ? shift++ % step : 0); n <= count; n += step) {
         const std::string plan = fault.kind + ":" + std::to_string(n) + ":" + std::to_string(fault.error);
         SCOPED_TRACE(name + " " + plan);
         const Outcome outcome = rip(art, plan, path_part);
@@ -116,6 +150,7 @@ TEST_F(MachineFailureTest, EndsTheJobOrChangesNothing) {
         EXPECT_FALSE(std::filesystem::exists(print_path()));
         EXPECT_THAT(outcome.out + outcome.err, ContainsRegex("Fatal: .*(" + fault.text + ")"));
       }
+      EXPECT_TRUE(failed > failed_before || tries == 1) << name << ": no " << fault.kind << " mattered";
     }
     EXPECT_GE(failed, 3) << name << ": no fault has hit";
   }

@@ -12,6 +12,7 @@
 #include "compose/plain_item.h"
 #include "image/image_loader.h"
 #include "screen/choke/device_choke.h"
+#include "screen/plain_coverage.h"
 #include "screen/plain_rip_engine.h"
 
 namespace nvo::test {
@@ -98,8 +99,8 @@ class PlainRoad {
 
   std::size_t pixels() const { return std::size_t{strip_.width} * strip_.height; }
   std::uint8_t ink(std::size_t channel, std::size_t i) const { return strip_.planes[channel][i]; }
-  std::uint8_t most_ink(std::size_t i) const {
-    return std::max({ink(0, i), ink(1, i), ink(2, i), ink(3, i)});
+  std::array<std::uint8_t, 4> inks(std::size_t i) const {
+    return {ink(0, i), ink(1, i), ink(2, i), ink(3, i)};
   }
 
   void limit_white() {
@@ -107,7 +108,7 @@ class PlainRoad {
     const bool any_partial = std::ranges::any_of(white, [](std::uint8_t w) { return w != 255; });
     for (std::size_t i = 0; i < pixels(); ++i) {
       if (strip_.explicit_white[i] != 0) continue;
-      const bool printed = most_ink(i) >= 3 || (any_partial && white[i] != 0);
+      const bool printed = plain_coverage(inks(i).data()) >= 3 || (any_partial && white[i] != 0);
       white[i] = printed ? limited(i) : 0;
     }
   }
@@ -122,21 +123,11 @@ class PlainRoad {
     return static_cast<std::uint8_t>(std::clamp(value / knobs_.max_white * 255.0f + 0.5f, 0.0f, 255.0f));
   }
 
-  /// The lightness of the inks on paper, CIE L*.
-  float lightness(std::size_t i) const {
-    constexpr float u = 1.0f / 255.0f;
-    const auto light = [&](std::size_t channel) { return 1.0f - static_cast<float>(ink(channel, i)) * u; };
-    const float k = light(3);
-    const float x = light(0) * k * 0.2126f + light(1) * k * 0.7152f + light(2) * k * 0.0722f;
-    const float f = x > 0.008856f ? std::cbrt(x) : 7.787f * x + 0.13793103f;
-    return std::clamp(116.0f * f - 16.0f, 0.0f, 100.0f);
-  }
-
   ChokeContext prepare_choke() const {
     std::vector<std::uint8_t> coverage(pixels()), light(pixels());
     for (std::size_t i = 0; i < pixels(); ++i) {
-      coverage[i] = most_ink(i);
-      light[i] = lightness(i) >= knobs_.lightness ? 255 : 0;
+      coverage[i] = plain_coverage(inks(i).data());
+      light[i] = plain_light(inks(i).data(), knobs_.lightness);
     }
     const bool protects = knobs_.adaptive && knobs_.protect_light;
     const auto view = [&](const auto& plane) { return PlaneView(plane.data(), strip_.width, strip_.height); };
