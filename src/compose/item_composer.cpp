@@ -167,7 +167,7 @@ void ItemComposer::finish_in_order() {
 /// warn of, `RowStreamBroken` is thrown instead.
 void ItemComposer::compose_in_order(const Job& job, const IndexRange& next_rows) {
   if (!in_order_->stream) open_in_order(job);
-  InOrder& art = *in_order_;
+  ArtInOrder& art = *in_order_;
   if (!job.signature.valid || job.signature.key != art.key) throw RowStreamBroken("the file has changed");
   const ImageMeta& meta = art.stream->metadata();
   const ItemGrid grid = make_item_grid(meta, false, job.placement);

@@ -19,6 +19,14 @@
 
 namespace nvo {
 
+/// An image that is composed while it is decoded.
+struct ArtInOrder {
+  std::unique_ptr<RowStream> stream;
+  std::string key;          ///< of the file's signature
+  bool is_large = false;    ///< so that bottom-up its rows would be read, not the whole of it
+  bool classified = false;  ///< its coverage was
+};
+
 /// Paints one placed image into a strip, in one of three ways with equal results: from the few source rows
 /// that the strip needs (large files), from a raster of the whole item that all strips and copies share, or
 /// straight from the loaded image. Any thread may compose; items that run at the same time must not overlap
@@ -65,13 +73,6 @@ class ItemComposer {
     ContentSignature signature;
     ItemOutcome& outcome;
   };
-  /// An image that is composed while it is decoded.
-  struct InOrder {
-    std::unique_ptr<RowStream> stream;
-    std::string key;          ///< of the file's signature
-    bool is_large = false;    ///< so that bottom-up its rows would be read, not the whole of it
-    bool classified = false;  ///< its coverage was
-  };
   /// What all three ways compute from an item's metadata before the first pixel.
   struct Plan {
     ItemGrid grid;
@@ -109,7 +110,7 @@ class ItemComposer {
 
   const StripCompositorConfig config_;
   const std::vector<const char*> inert_switches_;  ///< of the environment, that are set
-  std::optional<InOrder> in_order_;
+  std::optional<ArtInOrder> in_order_;
   ColorConversion conversion_;
   ItemCaches caches_;
   CounterBook counters_;
