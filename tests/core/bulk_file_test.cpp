@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <random>
-#include <ranges>
 #include <utility>
 #include <vector>
 
@@ -41,7 +40,8 @@ TEST(BulkFile, HoldsWhatWasWrittenInAnyOrder) {
       expected.append(reinterpret_cast<const char*>(data), size);
     }
     if (round % 4 == 1) std::ranges::shuffle(pieces, random);
-    for (const auto& [offset, bytes] : pieces | std::views::reverse) {
+    std::ranges::reverse(pieces);
+    for (const auto& [offset, bytes] : pieces) {
       if (round % 2 != 0) {
         ASSERT_EQ(file.write_at(offset, bytes.data(), bytes.size()), 0);
       }

@@ -113,9 +113,9 @@ TEST_F(RasterDecoderTest, PngAndWebp) {
 struct NoisyPng {
   std::uint32_t width = 300, height = 700;
   std::size_t samples = 4, chunk_bytes = 1 << 30;
-  int extra_bytes = 0;        ///< unpacked, behind the last row
-  std::size_t bad_row = -1u;  ///< has a filter that there isn't
-  std::string behind = {};    ///< the packed pixels, in the last chunk
+  int extra_bytes = 0;                ///< unpacked, behind the last row
+  std::size_t bad_row = 0xFFFF'FFFF;  ///< has a filter that there isn't
+  std::string behind = {};            ///< the packed pixels, in the last chunk
 
   std::string bytes() const {
     constexpr char kColorTypes[] = {0, 4, 2, 6};
