@@ -42,8 +42,9 @@ bool OutlineRows::compute(std::size_t y, Word* row) {
 
   std::fill_n(row, words(), 0);
   Word* out = row + margin_;
+  const Word* before = gaps - 1;
   for (std::size_t i = 0; i < count; ++i) {
-    const Word left = gaps[i] << 1 | gaps[i - 1] >> 63, right = gaps[i] >> 1 | gaps[i + 1] << 63;
+    const Word left = gaps[i] << 1 | before[i] >> 63, right = gaps[i] >> 1 | gaps[i + 1] << 63;
     out[i] = core[i] & (gaps[i] | left | right);
   }
   if (!context_.exempt.empty())
